@@ -1,0 +1,109 @@
+#pragma once
+
+#include "replication/common/values/Ids.h"
+#include "replication/repository/store/DirKey.h"
+#include "replication/repository/store/FileNode.h"
+#include "replication/repository/store/Version.h"
+
+#include <QHash>
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+
+namespace Replication {
+
+class Store;
+class StreamHandle;
+
+/// The open, writable state of one file in the live tree. All changes that replay brings to a file
+/// go through it. When a change made a copy of the node, `commit` enters the copy in the id's
+/// chain; the end of the handle retires the version that it describes.
+///
+/// Not thread-safe: used by the one writer of the store's live tree.
+class ActiveHandle {
+public:
+    using Pointer = std::shared_ptr<ActiveHandle>;
+
+    /// For `ActiveHandles` alone.
+    ActiveHandle(Store& store, FileId id, FileNode::Pointer node);
+    ~ActiveHandle();
+    ActiveHandle(ActiveHandle const&) = delete;
+    ActiveHandle& operator=(ActiveHandle const&) = delete;
+
+    [[nodiscard]] FileId id() const { return id_; }
+    [[nodiscard]] FileNode::Pointer const& fileNode() const { return fileNode_; }
+    [[nodiscard]] Version& version() { return version_; }
+
+    // Each ends with `commit`. False or null when there is no node.
+    [[nodiscard]] std::shared_ptr<StreamHandle> createStream(Instance instance, QString const& name,
+                                                             bool dedup);
+    [[nodiscard]] std::shared_ptr<StreamHandle> openStream(Instance instance, QString const& name,
+                                                           bool dedup);
+    /// `stream` is replaced when the write had to go to a copy of it.
+    [[nodiscard]] bool write(Instance instance, std::shared_ptr<StreamHandle>& stream,
+                             std::uint64_t offset, void const* data, std::uint32_t count,
+                             std::uint32_t sourceTime);
+    [[nodiscard]] bool truncate(Instance instance, std::shared_ptr<StreamHandle>& stream,
+                                std::uint64_t size, std::uint32_t flags, std::uint32_t sourceTime);
+    [[nodiscard]] bool zeroData(Instance instance, std::shared_ptr<StreamHandle>& stream,
+                                std::uint64_t start, std::uint64_t end, std::uint32_t sourceTime);
+    [[nodiscard]] bool dirty(Instance instance, StreamHandle const& stream);
+    [[nodiscard]] bool sparse(Instance instance, StreamHandle const& stream);
+    [[nodiscard]] bool removeStream(Instance instance, QString const& name);
+    [[nodiscard]] bool renameStream(Instance instance, QString const& from, QString const& to);
+    [[nodiscard]] bool renameStream(Instance instance, StreamHandle const& stream,
+                                    QString const& to);
+    [[nodiscard]] bool replaceStream(Instance instance, StreamHandle const& from,
+                                     std::shared_ptr<StreamHandle> const& to);
+    std::uint32_t removeLink(Instance instance);
+    [[nodiscard]] LinkId addLink(Instance instance, bool keepLiveOnly);
+    /// True when a copy was made.
+    bool owner(Instance instance, QString const& text);
+    bool attributes(Instance instance, std::uint32_t value);
+    void liveOnly(Instance instance, bool value);
+    bool attr(Instance instance, bool setModified, std::uint32_t modified, bool setCreated,
+              std::uint32_t created, bool setAttributes, std::uint32_t attributes);
+
+    void closeStream(QString const& name);
+    [[nodiscard]] std::uint32_t linkCount() const;
+    [[nodiscard]] bool notLinked() const;
+    [[nodiscard]] NodeTimes times() const;
+    [[nodiscard]] std::uint64_t size(QString const& stream) const;
+    [[nodiscard]] std::vector<StreamRecord> streamList() const;
+    [[nodiscard]] QStringList namedAttributes() const;
+    [[nodiscard]] QString owner() const;
+    [[nodiscard]] QString sourceMachine() const;
+
+    void setVersion(DirKey const& key, QStringList const& path, QString const& user,
+                    QString const& process, std::uint32_t ruleSet,
+                    std::vector<std::uint32_t> const& rules);
+    void rename(FileId directory, QStringList const& path, QString const& user,
+                QString const& process, std::uint32_t ruleSet,
+                std::vector<std::uint32_t> const& rules);
+    void retiredVersion(bool final);
+
+    /// The names under which the file is open, by link number.
+    struct Link {
+        DirKey key;
+        QString name;
+    };
+    [[nodiscard]] QHash<LinkId, Link>& links() { return links_; }
+
+    void print(int traceLevel) const;
+    void saveHandle(Morva::PackBuffer& record) const;
+
+private:
+    void commit(Instance instance);
+
+    Store& store_;
+    FileId id_;
+    Version version_;
+    FileNode::Pointer fileNode_;
+    FileNode::Pointer copy_;
+    QHash<LinkId, Link> links_;
+    /// Open streams by name, so that all holders see the handle that a copy brought.
+    QHash<QString, std::weak_ptr<StreamHandle>> openStreams_;
+};
+
+} // namespace Replication

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "replication/repository/store/ActiveHandle.h"
+
+#include <QHash>
+
+namespace Replication {
+
+class Store;
+
+/// How a directory entry's live-only mark is treated when its file is opened. The numbers are the
+/// contract's: below 2 clears the mark, 2 sets it.
+enum class LiveMode : std::uint32_t { Keep = 0, Clear = 1, LiveOnly = 2 };
+
+/// The open handles of a store's live tree: file id to weak pointer. For the one writer thread.
+class ActiveHandles {
+public:
+    explicit ActiveHandles(Store& store);
+
+    /// The handle of a file; null for id 0 and for an id that no longer resolves.
+    [[nodiscard]] ActiveHandle::Pointer get(FileId id);
+    /// The handle of a directory entry; its link is noted in the handle, and the entry's
+    /// live-only mark follows `mode`.
+    [[nodiscard]] ActiveHandle::Pointer get(DirKey& key, LiveMode mode);
+    /// Makes a file: node, id, directory entry, event. `key` has the parent, the name and the
+    /// type, and gets the new id and its position. Null on failure.
+    [[nodiscard]] ActiveHandle::Pointer create(DirKey& key, QStringList const& path, LiveMode mode,
+                                               std::uint32_t sourceTime, NodeInfo info);
+    /// For saved state: the handle of an existing id with the given node.
+    [[nodiscard]] ActiveHandle::Pointer restore(FileId id, NodeNumber node);
+    void release(FileId id);
+
+    /// Reads a saved handle into the pending records; state versions 1 to 3.
+    [[nodiscard]] bool loadHandle(std::uint32_t stateVersion, Morva::UnpackBuffer& record);
+    [[nodiscard]] std::size_t size() const { return static_cast<std::size_t>(handles_.size()); }
+    /// All living handles, for saving.
+    [[nodiscard]] std::vector<ActiveHandle::Pointer> all() const;
+
+private:
+    Store& store_;
+    QHash<FileId, std::weak_ptr<ActiveHandle>> handles_;
+    QHash<FileId, Version> pending_;
+};
+
+} // namespace Replication

@@ -1,0 +1,140 @@
+#pragma once
+
+#include "base/trace/TracedLock.h"
+#include "replication/common/values/Ids.h"
+#include "replication/repository/store/NodeBlock.h"
+#include "replication/repository/store/NodeInfo.h"
+
+#include <QString>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace Replication {
+
+class RepMetadata;
+class Store;
+class StreamHandle;
+struct DedupStatistics;
+
+/// One stored version of a file or directory: it pins the version's block in "files" and holds
+/// the unpacked `NodeInfo`.
+///
+/// Every mutating operation first decides whether this version may be changed in place or must be
+/// copied, because a snapshot or a retained version still sees it. When it was copied, `copy` is
+/// set on return, the change is on the copy, and the caller must treat the copy as the current
+/// node from then on (`ActiveHandle::commit` enters it in the id's chain).
+///
+/// Held by shared pointers; one FileNode exists per node in memory (`PassiveHandles`). When the
+/// last pointer goes and nothing claims the version any more, its streams and its block are freed.
+///
+/// Thread-safe: each operation holds the node's lock through decision and change. Lock order: the
+/// node's lock, then `PassiveHandles`, then `NodeFile`.
+class FileNode {
+public:
+    using Pointer = std::shared_ptr<FileNode>;
+
+    /// For `PassiveHandles` alone, which enters the object in its table. Takes over the pin.
+    FileNode(Store& store, NodePin pin, NodeInfo info);
+    /// Frees the streams and the block of a version that nothing claims, else gives the pin back.
+    ~FileNode();
+    FileNode(FileNode const&) = delete;
+    FileNode& operator=(FileNode const&) = delete;
+
+    // Without lock: constant, or changed only by the one writer of the live tree.
+    [[nodiscard]] std::uint32_t type() const { return type_; }
+    [[nodiscard]] bool isDirectory() const { return type_ == directoryType; }
+    [[nodiscard]] std::uint32_t attributes() const;
+    [[nodiscard]] bool placeHolder() const;
+    [[nodiscard]] QString owner() const;
+    [[nodiscard]] bool liveOnly() const;
+    [[nodiscard]] QString sourceMachine() const;
+    [[nodiscard]] QString name() const;
+    [[nodiscard]] NodeNumber id() const { return number_; }
+
+    // Under the lock.
+    [[nodiscard]] std::uint32_t linkCount() const;
+    /// True when no link was ever added.
+    [[nodiscard]] bool notLinked() const;
+    /// The five words from offset 36: access (never set), created here, modified here, created
+    /// and modified at the source; seconds since 1970.
+    [[nodiscard]] NodeTimes times() const;
+    [[nodiscard]] std::uint64_t size(QString const& stream) const;
+    [[nodiscard]] std::uint64_t size() const;
+    [[nodiscard]] bool versioned() const;
+    [[nodiscard]] Instance instance() const;
+    [[nodiscard]] std::uint32_t referenceCount() const;
+    [[nodiscard]] std::uint32_t versionCount() const;
+    [[nodiscard]] bool exists(QString const& stream) const;
+    [[nodiscard]] std::vector<StreamRecord> streamList() const;
+    struct FilterInfo {
+        std::uint64_t size;
+        std::uint32_t linkCount, createdSource, modifiedSource;
+    };
+    [[nodiscard]] FilterInfo filterInfo() const;
+    /// The open stream of that name for reading; null when there is none or it is lost.
+    [[nodiscard]] std::shared_ptr<StreamHandle> openStream(QString const& name);
+
+    bool attr(Pointer& copy, bool setModified, std::uint32_t modified, bool setCreated,
+              std::uint32_t created, bool setAttributes, std::uint32_t attributes);
+    /// True when a copy was made.
+    bool owner(Pointer& copy, QString const& text);
+    bool attributes(Pointer& copy, std::uint32_t value);
+    void liveOnly(Pointer& copy, bool value);
+    bool removeStream(Pointer& copy, QString const& name);
+    bool renameStream(Pointer& copy, QString const& from, QString const& to);
+    bool renameStream(Pointer& copy, StreamHandle const& stream, QString const& to);
+    [[nodiscard]] std::shared_ptr<StreamHandle> createActiveStream(Pointer& copy,
+                                                                   QString const& name, bool dedup);
+    [[nodiscard]] std::shared_ptr<StreamHandle> openActiveStream(Pointer& copy, QString const& name,
+                                                                 bool dedup);
+    /// Writes to the stream: takes the copy decision, then `copyOnWrite` of the stream on the
+    /// current node, then writes, then sets the modification time. `stream` is replaced by the
+    /// handle that was written to when either copy gave a new one.
+    bool write(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t offset,
+               void const* data, std::uint32_t count, std::uint32_t sourceTime);
+    bool truncate(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t size,
+                  std::uint32_t flags, std::uint32_t sourceTime);
+    bool zeroData(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t start,
+                  std::uint64_t end, std::uint32_t sourceTime);
+    bool dirty(Pointer& copy, StreamHandle const& stream);
+    bool sparse(Pointer& copy, StreamHandle const& stream);
+    /// Moves the file over to another stream: the entry of `from` names `to` from now on.
+    bool replaceStream(Pointer& copy, StreamHandle const& from,
+                       std::shared_ptr<StreamHandle> const& to);
+    [[nodiscard]] LinkId addLink(Pointer& copy, bool keepLiveOnly);
+    /// The remaining link count.
+    std::uint32_t removeLink(Pointer& copy);
+    bool freeStreams(Pointer& copy);
+
+    /// The copy decision; true when a copy was made.
+    bool takeCopy(Pointer& copy);
+    void takeReference();
+    void takeVersion();
+    void releaseVersion();
+    void releaseWeakVersion();
+    /// The block isn't to be freed or touched on release.
+    void discard();
+    /// Erase: drops all claims at once, so that the end of this object frees everything.
+    void dropClaims();
+    /// 0, or 22 for a level other than 1 or 2.
+    [[nodiscard]] std::uint32_t metadata(std::uint32_t level, RepMetadata& result) const;
+    void print(int traceLevel) const;
+    /// The ids of all streams, a fresh copy.
+    [[nodiscard]] std::vector<StreamId> streamIds() const;
+
+private:
+    friend class PassiveHandles;
+
+    Store& store_;
+    NodeNumber number_;
+    std::uint32_t type_;
+    mutable Morva::TracedMutex lock_;
+    NodeInfo info_ MORVA_GUARDED_BY(lock_);
+    NodePin node_;
+    bool discarded_ = false;
+    bool dedupOn_ = true;
+};
+
+} // namespace Replication

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "base/trace/TracedLock.h"
+#include "replication/common/values/Ids.h"
+#include "replication/repository/store/FileNode.h"
+
+#include <memory>
+#include <unordered_map>
+
+namespace Replication {
+
+class Store;
+
+enum class MustExist : bool { No, Yes };
+
+/// The one `FileNode` of each node in memory: a table from node number to weak pointer.
+///
+/// Thread-safe, under `passiveLock`, which comes before the lock of `NodeFile`. The lock is not
+/// held while a weak pointer is locked, since a FileNode dying on another thread needs it.
+class PassiveHandles {
+public:
+    explicit PassiveHandles(Store& store);
+
+    /// The FileNode of a node; null for 0, for a block that is no node, and for a node that
+    /// nothing claims (with `MustExist::Yes` that is reported at level 0).
+    [[nodiscard]] FileNode::Pointer get(NodeNumber number, MustExist mustExist = MustExist::No);
+    /// As `get` without lock or retry, while a state file is loaded.
+    [[nodiscard]] FileNode::Pointer restore(NodeNumber number);
+    /// A node of a new file with one link and one reference, entered in the table.
+    [[nodiscard]] FileNode::Pointer create(std::uint32_t type, bool liveOnly,
+                                           std::uint32_t sourceTime, NodeInfo info);
+    /// A new version with the same contents. The caller holds the old node's lock.
+    [[nodiscard]] FileNode::Pointer copyOf(FileNode const& node);
+    /// From FileNode's destructor: takes the entry out, frees or returns the block.
+    void release(FileNode& node, bool keep);
+    [[nodiscard]] std::size_t size() const;
+
+private:
+    Store& store_;
+    mutable Morva::TracedMutex lock_;
+    std::unordered_map<NodeNumber, std::weak_ptr<FileNode>> nodes_ MORVA_GUARDED_BY(lock_);
+};
+
+} // namespace Replication

@@ -1,0 +1,88 @@
+#pragma once
+
+#include "replication/common/rules/NotToBackup.h"
+#include "replication/repository/store/ActiveHandles.h"
+#include "replication/repository/store/SinkHandle.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace Replication {
+
+class Store;
+
+/// What replay and resynchronisation know of a logged operation besides its path.
+struct FileContext {
+    std::vector<std::uint32_t> rules; ///< rules that version the path; empty means none does
+    std::uint32_t ruleSet = 0;
+    QString user;
+    QString process;
+    std::uint32_t sourceTime = 0; ///< seconds since 1970 at the source
+    NotToBackup::OpType opType = NotToBackup::eNothing; ///< eLiveOnly: stored without versions
+    bool dedup = true;
+};
+
+/// File operations by path, through which replay and resynchronisation reach a store. A null
+/// handle or false means failure, traced at its site. For the one writer of the live tree.
+class PathOperations {
+public:
+    explicit PathOperations(Store& store);
+
+    [[nodiscard]] std::shared_ptr<SinkHandle> openStream(FileContext const& context,
+                                                         QStringList const& path,
+                                                         QString const& stream);
+    /// Opens "Data", deletes every other stream but "Security", truncates "Data" to 0.
+    [[nodiscard]] std::shared_ptr<SinkHandle> supersede(FileContext const& context,
+                                                        QStringList const& path);
+    [[nodiscard]] std::shared_ptr<SinkHandle> addStream(FileContext const& context,
+                                                        QStringList const& path,
+                                                        QString const& stream);
+    struct NewFile {
+        std::uint32_t nodeType = fileType;
+        std::uint32_t attributes = 0;
+        QString owner;
+        QByteArray security; ///< empty: no "Security" stream is made
+    };
+    /// Makes the file (and missing parents), then opens or makes the stream.
+    [[nodiscard]] std::shared_ptr<SinkHandle> createStream(FileContext const& context,
+                                                           QStringList const& path,
+                                                           QString const& stream,
+                                                           NewFile const& file);
+    [[nodiscard]] std::shared_ptr<SinkHandle> createObject(FileContext const& context,
+                                                           QStringList const& path,
+                                                           NewFile const& file);
+    [[nodiscard]] std::shared_ptr<SinkHandle> openFileRestore(FileContext const& context,
+                                                              QStringList const& path,
+                                                              NewFile const& file);
+    [[nodiscard]] bool link(FileContext const& context, QStringList const& from,
+                            QStringList const& to);
+    [[nodiscard]] bool unlink(FileContext const& context, QStringList const& path);
+    [[nodiscard]] bool rename(FileContext const& context, NotToBackup const& exclusions,
+                              QStringList const& from, QStringList const& to);
+    [[nodiscard]] bool write(FileContext const& context, QStringList const& path,
+                             QString const& stream, std::uint64_t offset, void const* data,
+                             std::uint32_t count, std::optional<std::uint32_t> attributes = {});
+    [[nodiscard]] bool truncate(FileContext const& context, QStringList const& path,
+                                std::uint64_t size, std::uint32_t flags);
+
+    // Through a handle. False on failure.
+    [[nodiscard]] bool write(FileContext const& context, SinkHandle& handle, std::uint64_t offset,
+                             void const* data, std::uint32_t count);
+    [[nodiscard]] bool truncate(FileContext const& context, SinkHandle& handle, std::uint64_t size,
+                                std::uint32_t flags);
+    /// Replaces a whole stream of the object (as "Security", "Link", "Ea") by these bytes; an
+    /// empty array removes the stream.
+    [[nodiscard]] bool replaceContent(FileContext const& context, SinkHandle& handle,
+                                      QString const& stream, QByteArray const& content);
+
+private:
+    Store& store_;
+};
+
+} // namespace Replication

@@ -1,0 +1,188 @@
+#pragma once
+
+#include "base/messages/XmlList.h"
+#include "replication/common/values/FileHandle.h"
+#include "replication/common/values/Ids.h"
+#include "replication/repository/store/ControlBlock.h"
+#include "replication/repository/store/StoreTable.h"
+
+#include <QString>
+#include <QStringList>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace Morva {
+class PagedList;
+}
+
+namespace Replication {
+
+class ActiveHandles;
+class Directories;
+class Event;
+class EventChannel;
+class NodeFile;
+class NodePointer;
+class PassiveHandles;
+class PathOperations;
+class RepositoryStream;
+class RetireList;
+class SnapshotDirectories;
+class SnapshotList;
+class Streams;
+
+/// One versioned file tree: all that the repository keeps of one source under one policy, apart
+/// from file contents, which live in the shared `Streams` pool.
+///
+/// The store is a face: its work is done by collaborators that own their data and their lock,
+/// reached by the accessors below. It has one writer of its live tree (the thread of its sink);
+/// readers, statistics and background work share only what locks itself.
+///
+/// Lock order, outermost first: store table; FileNode; SnapshotList or PassiveHandles; NodeFile;
+/// the locks inside NodePointer and the block files.
+class Store {
+public:
+    struct Configuration {
+        std::uint32_t directoryCacheSize = 1024;    ///< pages, "DirectoryCacheSize"
+        std::uint32_t fileNodeCacheSize = 1024;     ///< blocks, "FileNodeCacheSize"
+        std::uint64_t fileNodeGrowSize = 0;         ///< bytes, "FileNodeGrowSize"
+        bool fileNodeRandomAccess = false;          ///< "FileNodeRandomAccess"
+        std::uint32_t filePointerCacheSize = 131072; ///< entries, "FilePointerCacheSize"
+    };
+
+    /// Keeps the pool and the channel (which may be null: no events) and reads the configuration
+    /// list "StoreConfiguration"; absent keys keep their defaults. Called once, before any store.
+    static void configure(Morva::XmlList const& configuration, std::shared_ptr<Streams> streams,
+                          std::shared_ptr<EventChannel> channel);
+    /// See StoreTable.
+    [[nodiscard]] static StorePointer create(StoreId id, RepositoryStream const& stream,
+                                             bool caseSensitive) {
+        return StoreTable::create(id, stream, caseSensitive);
+    }
+    [[nodiscard]] static StorePointer open(StoreId id, bool forDeletion) {
+        return StoreTable::open(id, forDeletion);
+    }
+    [[nodiscard]] static StorePointer open(StoreId id, RepositoryStream const& stream) {
+        return StoreTable::open(id, stream);
+    }
+    static void closeAll();
+    [[nodiscard]] static QList<StoreId> list() { return StoreTable::list(); }
+    /// FixedPath::repositoryStores() + "/" + 16 hexadecimal digits.
+    [[nodiscard]] static QString directoryOf(StoreId id);
+
+    ~Store();
+    Store(Store const&) = delete;
+    Store& operator=(Store const&) = delete;
+
+    // --- the collaborators
+    [[nodiscard]] NodeFile& nodes() const { return *nodes_; }
+    [[nodiscard]] NodePointer& pointers() const { return *pointers_; }
+    [[nodiscard]] PassiveHandles& passiveHandles() const { return *passive_; }
+    [[nodiscard]] ActiveHandles& activeHandles() const { return *active_; }
+    [[nodiscard]] Directories& directories() const { return *directories_; }
+    [[nodiscard]] SnapshotDirectories& snapshotDirectories() const { return *snapshotDirectories_; }
+    [[nodiscard]] SnapshotList& snapshots() const { return *snapshots_; }
+    [[nodiscard]] RetireList& retired() const { return *retired_; }
+    [[nodiscard]] PathOperations& paths() const { return *paths_; }
+    [[nodiscard]] Streams& streams() const { return *streams_; }
+    /// Null when no metadata store is told of changes.
+    [[nodiscard]] Event* event() const { return event_.get(); }
+
+    // --- identity and flags
+    [[nodiscard]] StoreId id() const;
+    [[nodiscard]] ReplayId replayId() const;
+    [[nodiscard]] bool valid() const { return valid_; }
+    [[nodiscard]] bool caseSensitive() const { return caseSensitive_; }
+    [[nodiscard]] Qt::CaseSensitivity caseSensitivity() const {
+        return caseSensitive_ ? Qt::CaseSensitive : Qt::CaseInsensitive;
+    }
+    [[nodiscard]] QString type() const;
+    [[nodiscard]] std::uint32_t filterType() const;
+    [[nodiscard]] QString const& name() const { return name_; }
+    [[nodiscard]] QString const& sourceMachine() const { return sourceMachine_; }
+    [[nodiscard]] bool active() const;
+    void active(bool value);
+    [[nodiscard]] bool markedForDeletion() const;
+    [[nodiscard]] FileId rootId() const { return rootId_; }
+    [[nodiscard]] FileHandle const& rootHandle() const { return rootHandle_; }
+    [[nodiscard]] QString const& path() const { return storePath_; }
+    [[nodiscard]] QString const& snapshotPath() const { return snapshotPath_; }
+    [[nodiscard]] Instance currentInstance() const {
+        return Instance{currentInstance_.load(std::memory_order_acquire)};
+    }
+
+    /// The three settings and the exclusions of the rule set; no effect on store 0.
+    void settings(bool indexSnapshots, bool dedupSnapshots, bool dedupVersions,
+                  QStringList const& dedupExclude);
+    [[nodiscard]] bool indexSnapshots() const { return indexSnapshots_; }
+    [[nodiscard]] bool dedupSnapshots() const { return dedupSnapshots_; }
+    [[nodiscard]] bool dedupVersions() const { return dedupVersions_; }
+    [[nodiscard]] QStringList const& dedupExclude() const { return dedupExclude_; }
+
+    // --- file handles (see FileHandles.cpp)
+    [[nodiscard]] NodeNumber fileNode(FileId id, Instance instance) const;
+    [[nodiscard]] std::shared_ptr<class FileNode> passiveHandle(FileId id, Instance instance) const;
+    [[nodiscard]] std::shared_ptr<class FileNode> passiveHandle(QStringList const& path,
+                                                                Instance instance) const;
+    [[nodiscard]] std::shared_ptr<class FileNode> passiveHandle(FileHandle const& handle) const;
+    /// 0, or 22 or 18.
+    [[nodiscard]] std::uint32_t mungeFh(FileHandle& handle, FileHandle const& mount) const;
+    [[nodiscard]] FileHandle fileHandle(FileId id, Instance instance, FileHandle::Kind kind) const;
+    [[nodiscard]] bool lookup(FileHandle& result, FileHandle const& directory,
+                              QString const& name) const;
+    [[nodiscard]] std::uint32_t lookupParent(FileHandle& result, FileHandle const& object) const;
+
+    // --- versions
+    /// Enters a new node in the id's chain; the old node's fate follows from who saw it.
+    void updateFileId(std::uint32_t time, FileId id, FileNode& oldNode, FileNode& newNode);
+    /// Drops one link of a file and, with the last one, the file.
+    void removeFileId(DirKey const& key, bool retire);
+    /// A retained version's time is over; by node number.
+    void releaseFileNode(NodeNumber node, bool version);
+
+    // --- state
+    [[nodiscard]] bool flush();
+    [[nodiscard]] bool flushForFreeze();
+    void markOpen();
+    bool close();
+    /// As the last reference goes.
+    void closed();
+
+private:
+    friend class StoreTable;
+    friend class StorePointer;
+    friend class SnapshotList;
+    friend class ControlBlockWriter;
+
+    Store();
+    [[nodiscard]] bool createFiles(StoreId id, RepositoryStream const& stream, bool caseSensitive);
+    [[nodiscard]] bool openFiles(StoreId id);
+
+    std::atomic<bool> valid_{false};
+    bool caseSensitive_ = true;
+    std::atomic<std::uint32_t> currentInstance_{0};
+    QString storePath_, snapshotPath_, statePath_;
+    QString name_, sourceMachine_;
+    FileId rootId_;
+    FileHandle rootHandle_;
+    bool indexSnapshots_ = true, dedupSnapshots_ = true, dedupVersions_ = true;
+    QStringList dedupExclude_;
+    std::atomic<int> referenceCount_{0};
+
+    std::shared_ptr<Streams> streams_;
+    std::unique_ptr<Event> event_;
+    std::unique_ptr<NodeFile> nodes_;
+    std::unique_ptr<NodePointer> pointers_;
+    std::unique_ptr<PassiveHandles> passive_;
+    std::unique_ptr<Directories> directories_;
+    std::unique_ptr<SnapshotDirectories> snapshotDirectories_;
+    std::unique_ptr<SnapshotList> snapshots_;
+    std::unique_ptr<RetireList> retired_;
+    std::unique_ptr<ActiveHandles> active_;
+    std::unique_ptr<PathOperations> paths_;
+};
+
+} // namespace Replication
