@@ -20,10 +20,11 @@ namespace Morva {
 class RawFile {
 public:
     /// 2 is the normal read and write mode; 4 the same with the hint that access is random.
-    /// 1 behaves as 2.
-    enum class Mode : std::uint32_t { Create = 1, ReadWrite = 2, Random = 4 };
+    /// 1 behaves as 2. 8 opens for reading alone, for those who must not change a file.
+    enum class Mode : std::uint32_t { Create = 1, ReadWrite = 2, Random = 4, ReadOnly = 8 };
     enum class Where : std::uint32_t { Start = 1 };
 
+    /// Makes a closed file.
     using Maker = std::function<std::unique_ptr<RawFile>()>;
 
     /// A closed file of the kind in force.
@@ -45,7 +46,9 @@ public:
     [[nodiscard]] virtual std::uint32_t read(void* buffer, std::uint32_t count) = 0;
     /// Bytes written at the position; anything but `count` is an error.
     [[nodiscard]] virtual std::uint32_t write(void const* buffer, std::uint32_t count) = 0;
-    [[nodiscard]] bool write(Extent const& range) { return write(range.data, range.size) == range.size; }
+    [[nodiscard]] bool write(Extent const& range) {
+        return write(range.data, range.size) == range.size;
+    }
     [[nodiscard]] virtual bool setPosition(std::int64_t offset, Where from) = 0;
     [[nodiscard]] virtual std::int64_t position() const = 0;
 

@@ -17,7 +17,13 @@
 
 namespace Morva {
 
-enum class TraceLevel : std::uint8_t { Always = 0, Testing = 1, Normal = 2, Verbose = 3, Debug = 4 };
+enum class TraceLevel : std::uint8_t {
+    Always = 0,
+    Testing = 1,
+    Normal = 2,
+    Verbose = 3,
+    Debug = 4
+};
 
 /// Streamed into a trace line: the text of an operating system error code.
 struct TraceErrorCode {
@@ -67,7 +73,8 @@ private:
 /// One line under construction; written when it goes out of scope. Made by the macros.
 class TraceLine {
 public:
-    TraceLine(TraceLevel level, char const* file, int line) : level_(level), file_(file), line_(line) {}
+    TraceLine(TraceLevel level, char const* file, int line)
+        : level_(level), file_(file), line_(line) {}
     ~TraceLine();
     TraceLine(TraceLine const&) = delete;
     TraceLine& operator=(TraceLine const&) = delete;
@@ -81,8 +88,7 @@ public:
     TraceLine& operator<<(TraceErrorCode error);
     TraceLine& operator<<(TraceLine& (*manipulator)(TraceLine&)) { return manipulator(*this); }
     template <class T>
-        requires(std::is_arithmetic_v<T> && !std::is_same_v<T, bool>)
-    TraceLine& operator<<(T value) {
+    requires(std::is_arithmetic_v<T> && !std::is_same_v<T, bool>) TraceLine& operator<<(T value) {
         separate();
         if constexpr (sizeof(T) == 1)
             text_ << static_cast<int>(value);
@@ -91,7 +97,10 @@ public:
         return *this;
     }
     template <class T>
-        requires requires(T id) { typename T::Value; id.value; }
+    requires requires(T id) {
+        typename T::Value;
+        id.value;
+    }
     TraceLine& operator<<(T id) { return *this << id.value; }
 
 private:
@@ -144,7 +153,10 @@ private:
             text << (value ? "true" : "false");
         else if constexpr (std::is_arithmetic_v<T>)
             text << value;
-        else if constexpr (requires { typename T::Value; value.value; })
+        else if constexpr (requires {
+                               typename T::Value;
+                               value.value;
+                           })
             text << value.value;
         else if constexpr (requires { static_cast<bool>(value); })
             text << (static_cast<bool>(value) ? "set" : "null");

@@ -17,7 +17,8 @@ struct Extent {
     std::uint32_t available = 0;
 
     constexpr Extent() = default;
-    constexpr Extent(void* bytes, std::uint32_t count) : data(bytes), size(count), available(count) {}
+    constexpr Extent(void* bytes, std::uint32_t count)
+        : data(bytes), size(count), available(count) {}
     /// A read-only view: callers that take an `Extent const&` only read through it.
     Extent(void const* bytes, std::uint32_t count)
         : data(const_cast<void*>(bytes)), size(count), available(count) {}
@@ -25,7 +26,9 @@ struct Extent {
         : Extent(static_cast<void const*>(bytes.constData()),
                  static_cast<std::uint32_t>(bytes.size())) {}
 
-    [[nodiscard]] std::uint8_t const* bytes() const { return static_cast<std::uint8_t const*>(data); }
+    [[nodiscard]] std::uint8_t const* bytes() const {
+        return static_cast<std::uint8_t const*>(data);
+    }
     [[nodiscard]] std::uint8_t* bytes() { return static_cast<std::uint8_t*>(data); }
     /// An independent copy of the range.
     [[nodiscard]] QByteArray toByteArray() const {

@@ -1,0 +1,87 @@
+#pragma once
+
+#include "base/files/RawFile.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+
+namespace Morva {
+
+/// Files that fail on order, for tests. While an object lives, every `RawFile::make()` gives a
+/// wrapper of the real file that obeys it; at its end the real maker is back. One at a time, and
+/// it must outlive the files made under it.
+///
+/// A *write* is here each call that changes a file: `create`, `write`, `writeAt`, `setLength`.
+/// All counts are from the construction, all orders count from the moment they are given: 1 is
+/// the next. A test sweeps a fault over a run like this:
+///
+///     for (n = 1;; ++n) {
+///         FaultyFiles files;
+///         files.crashAtWrite(n);
+///         run();
+///         bool const crashed = files.crashed();
+///         files.restart(FaultyFiles::Unsynced::Lost);
+///         check();
+///         if (!crashed) break;
+///     }
+///
+/// Names appear and disappear at once and for good (creating, removing, renaming); what a crash
+/// can take back is contents and lengths, in pages of 4096 bytes. All calls are thread-safe.
+class FaultyFiles {
+public:
+    /// What becomes of writes that were not synced when the power went.
+    enum class Unsynced { Lost, Kept, Random };
+
+    FaultyFiles();
+    ~FaultyFiles();
+    FaultyFiles(FaultyFiles const&) = delete;
+    FaultyFiles& operator=(FaultyFiles const&) = delete;
+
+    /// Restricts faults and counters to files whose name ends so; empty is all. The budget and
+    /// the crash are of the whole disk.
+    void onlyNamesEndingWith(QString const& suffix);
+
+    /// The nth write fails, once.
+    void failWrite(std::uint64_t n, int error = EIO);
+    /// `n` more writes succeed, all behind them fail.
+    void failWritesAfter(std::uint64_t n, int error = EIO);
+    /// The nth write, if it is a `write` or `writeAt`, puts down the first half of its bytes only.
+    void shortWrite(std::uint64_t n);
+    /// `n` more reads succeed, all behind them fail.
+    void failReadsAfter(std::uint64_t n, int error = EIO);
+    /// `n` more syncs succeed, all behind them fail.
+    void failSyncsAfter(std::uint64_t n, int error = EIO);
+    /// Files may grow by this many bytes in all, then the disk is full (ENOSPC): a write puts down
+    /// what fits, a growing `setLength` fails and changes nothing. What is below a file's length
+    /// has its space already. Shrinking gives space back.
+    void diskBudget(std::uint64_t bytes);
+    /// Withdraws every order above and of `crashAtWrite`. Doesn't restart.
+    void heal();
+
+    /// The power goes: nothing reaches the disk any more, and every call on every file fails with
+    /// EIO, until `restart`.
+    void crash();
+    /// The power goes at the nth write, which is the first that isn't made.
+    void crashAtWrite(std::uint64_t n);
+    [[nodiscard]] bool crashed() const;
+    /// The next start: decides over what was not synced, withdraws all orders, and lets new files
+    /// work. Files opened before stay dead. Also does its work without a crash before. `seed` is
+    /// for `Random`, which decides for each page and each length.
+    void restart(Unsynced unsynced, std::uint64_t seed = 0);
+
+    [[nodiscard]] std::uint64_t writes() const;
+    [[nodiscard]] std::uint64_t reads() const;
+    [[nodiscard]] std::uint64_t syncs() const;
+    [[nodiscard]] std::uint64_t bytesWritten() const;
+    /// Calls that failed by order.
+    [[nodiscard]] std::uint64_t faults() const;
+
+    /// State that files and orders share; for FaultyFiles.cpp only.
+    class Disk;
+
+private:
+    std::shared_ptr<Disk> disk_;
+};
+
+} // namespace Morva
