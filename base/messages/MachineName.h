@@ -3,9 +3,11 @@
 #include <QString>
 
 #include <cstdint>
+#include <utility>
 
 namespace Morva {
 
+class Log;
 class TraceLine;
 class XmlList;
 
@@ -33,5 +35,7 @@ private:
 
 [[nodiscard]] size_t qHash(MachineName const& machine, size_t seed = 0);
 TraceLine& operator<<(TraceLine& line, MachineName const& machine);
+/// The insert of a machine: its name.
+Log& operator<<(Log& log, MachineName const& machine);
 
 } // namespace Morva

@@ -29,8 +29,6 @@ public:
 
     /// The log for the user; null if there is none, and every caller must bear that.
     [[nodiscard]] static Log* logging();
-    /// The log isn't owned and must outlive its use.
-    static void logging(Log* log);
 
     /// From MORVA_CONTEXT_NAME, MORVA_CONTEXT_GROUP and MORVA_CONTEXT_TITLE; else the given text.
     [[nodiscard]] static QString name(QString const& otherwise = {});
