@@ -1,0 +1,147 @@
+#pragma once
+
+#include "replication/repository/streams/TreeParameters.h"
+#include "replication/repository/streams/TreeRecord.h"
+
+#include <array>
+#include <cstdint>
+
+namespace Replication {
+
+/// Works on the tree of one record: maps byte offsets of a stream to data blocks.
+///
+/// At depth 0 the bytes stand in the record. At depth d the record's entries lead through d - 1
+/// levels of indirect blocks to data blocks of 4096 bytes. An entry of 0 is a hole and reads as
+/// zeros. Blocks can be shared between trees: whatever a write touches is made private first.
+///
+/// What holds between two calls:
+/// - the depth is the smallest that holds the length, or more where content stood before;
+/// - no indirect block in a tree is all holes;
+/// - a data block is whole in the file before an entry names it;
+/// - bytes behind the length are zero;
+/// - no block is pinned.
+///
+/// Failures of the block stores have no result here: they are traced, counted in
+/// `TreeParameters::failed`, and leave a whole tree. What can't be read gives zeros. What can't be
+/// written keeps its old block (or hole), and the write ends there; the length then covers what
+/// was written before it.
+///
+/// Not thread-safe: whoever owns the record locks. No operation allocates.
+class Info {
+public:
+    /// An offset that stands for the end of the stream.
+    static constexpr std::uint64_t append = ~std::uint64_t{0};
+
+    /// The parameters and the record must outlive the object.
+    Info(TreeParameters const* parameters, TreeRecord record)
+        : parameters_(parameters), record_(record) {}
+    Info(Info const&) = delete;
+    Info& operator=(Info const&) = delete;
+
+    /// Re-aims the object at another record of the same width; `dirty` is cleared.
+    void attach(TreeRecord record) {
+        record_ = record;
+        dirty_ = false;
+    }
+    [[nodiscard]] TreeRecord record() const { return record_; }
+
+    /// Writes at `offset` (`append`: at the end). With `noExtend` only what lies below the length
+    /// is written. False, with nothing written and the failure counted, when the end would pass
+    /// what the deepest tree holds; else true.
+    bool write(std::uint64_t offset, void const* data, std::uint32_t count, bool noExtend);
+    /// Bytes delivered: `count`, or what there is up to the length.
+    [[nodiscard]] std::uint32_t read(std::uint64_t offset, void* data, std::uint32_t count);
+    /// Cuts or extends; what is added is a hole. False as for `write`, else true.
+    bool truncate(std::uint64_t length);
+    /// Makes the range zeros and, as far as it can, holes. A start within a block of depth 1 or
+    /// more clears that block to its end, also when `end` lies before. Extends the length to
+    /// `end`. False as for `write`, else true.
+    bool zeroData(std::uint64_t start, std::uint64_t end);
+    /// Whether the range lies below the length and holds nothing but zeros.
+    [[nodiscard]] bool isZero(std::uint64_t start, std::uint64_t end);
+    /// Drops the record's references to its whole tree and leaves a record without entries.
+    void release();
+    /// Does at most about `budget` blocks of `release`; true when all is done. A state between two
+    /// calls is whole: called again for the same record, also after a restart, it goes on with
+    /// what is left. The last call alone drops the record's own entries.
+    [[nodiscard]] bool releaseSlice(std::uint32_t budget);
+
+    [[nodiscard]] std::uint64_t length() const { return record_.length(); }
+    /// Stores the length.
+    void length(std::uint64_t value) {
+        record_.length(value);
+        dirty_ = true;
+    }
+
+    /// The record has changed and its owner must write it. The owner clears it.
+    [[nodiscard]] bool dirty() const { return dirty_; }
+    void clearDirty() { dirty_ = false; }
+    void setDirty() { dirty_ = true; }
+
+private:
+    /// One step of the path to a data block. Level 0 is the record.
+    struct Level {
+        std::uint32_t index = 0;
+        bool dirty = false;
+        std::uint64_t block = 0;
+        std::uint8_t* buffer = nullptr;
+    };
+    /// The part of a write or read that is still to be done.
+    struct Span {
+        std::uint64_t offset;
+        std::uint8_t* data;
+        std::uint32_t count;
+    };
+    enum class Round { Done, Failed };
+
+    [[nodiscard]] std::uint32_t depth() const { return record_.depth(); }
+    [[nodiscard]] bool damaged() const { return depth() > TreeParameters::maximumDepth; }
+    [[nodiscard]] std::uint32_t entriesOf(std::uint32_t level) const {
+        return level == 0 ? parameters_->levelZeroEntries() : TreeParameters::fanOut;
+    }
+
+    void setOffset(std::uint64_t offset);
+    [[nodiscard]] bool next(std::uint32_t level);
+    [[nodiscard]] std::uint64_t entry(std::uint32_t level) const;
+    void setEntry(std::uint32_t level, std::uint64_t block);
+    /// Pins the block of a level; false when it is there and can't be had.
+    [[nodiscard]] bool load(std::uint32_t level);
+    /// Loads levels downwards as far as there are blocks. `last` gets the level whose entry was
+    /// used last; the entry is 0 when the offset lies in a hole above the data.
+    [[nodiscard]] bool loadPath(std::uint32_t& last);
+    void giveBack(std::uint32_t lowest);
+    /// As giveBack, and frees the blocks that hold nothing any more, from the lowest up.
+    void giveBackPruned(std::uint32_t lowest);
+
+    [[nodiscard]] bool increaseDepth();
+    [[nodiscard]] bool decreaseDepth();
+    [[nodiscard]] bool pullUpData(std::uint64_t block);
+    [[nodiscard]] bool pullUpEntries(std::uint64_t block);
+    [[nodiscard]] bool makeUnique(std::uint32_t level);
+    [[nodiscard]] bool copyIndirect(Level& level, std::uint32_t number, std::uint8_t* fresh);
+
+    [[nodiscard]] bool doWrite(Span& span);
+    [[nodiscard]] bool writeWhole(Span& span, std::uint32_t blocks);
+    [[nodiscard]] bool writePartial(Span& span, std::uint32_t chunk);
+    [[nodiscard]] std::uint64_t doRead(std::uint64_t offset, std::uint64_t end,
+                                       std::uint8_t* buffer);
+    void clear();
+    /// `zeroData` for a range that the tree can hold, without a look at the length.
+    [[nodiscard]] bool zeroRange(std::uint64_t start, std::uint64_t end);
+    [[nodiscard]] bool zeroEntries(std::uint32_t level, std::uint64_t& start, std::uint64_t end);
+    [[nodiscard]] bool zeroPart(std::uint32_t level, std::uint32_t offset, std::uint32_t count);
+    [[nodiscard]] std::uint64_t holeEnd(std::uint64_t offset, std::uint32_t last) const;
+
+    [[nodiscard]] bool emptyBlock(std::uint32_t height, std::uint64_t block, std::uint32_t& budget);
+    [[nodiscard]] bool emptyEntries(std::uint32_t height, std::uint8_t* entries,
+                                    std::uint32_t& budget);
+    void dropChild(std::uint32_t height, std::uint64_t block);
+
+    TreeParameters const* parameters_;
+    TreeRecord record_;
+    bool dirty_ = false;
+    std::array<Level, TreeParameters::maximumDepth + 1> levels_;
+    alignas(8) std::uint8_t scratch_[TreeParameters::blockSize];
+};
+
+} // namespace Replication
