@@ -36,33 +36,32 @@ public:
     [[nodiscard]] Version& version() { return version_; }
 
     // Each ends with `commit`. False or null when there is no node.
-    [[nodiscard]] std::shared_ptr<StreamHandle> createStream(Instance instance, QString const& name,
+    [[nodiscard]] std::shared_ptr<StreamHandle> createStream(LinkId link, QString const& name,
                                                              bool dedup);
-    [[nodiscard]] std::shared_ptr<StreamHandle> openStream(Instance instance, QString const& name,
+    [[nodiscard]] std::shared_ptr<StreamHandle> openStream(LinkId link, QString const& name,
                                                            bool dedup);
     /// `stream` is replaced when the write had to go to a copy of it.
-    [[nodiscard]] bool write(Instance instance, std::shared_ptr<StreamHandle>& stream,
+    [[nodiscard]] bool write(LinkId link, std::shared_ptr<StreamHandle>& stream,
                              std::uint64_t offset, void const* data, std::uint32_t count,
                              std::uint32_t sourceTime);
-    [[nodiscard]] bool truncate(Instance instance, std::shared_ptr<StreamHandle>& stream,
+    [[nodiscard]] bool truncate(LinkId link, std::shared_ptr<StreamHandle>& stream,
                                 std::uint64_t size, std::uint32_t flags, std::uint32_t sourceTime);
-    [[nodiscard]] bool zeroData(Instance instance, std::shared_ptr<StreamHandle>& stream,
+    [[nodiscard]] bool zeroData(LinkId link, std::shared_ptr<StreamHandle>& stream,
                                 std::uint64_t start, std::uint64_t end, std::uint32_t sourceTime);
-    [[nodiscard]] bool dirty(Instance instance, StreamHandle const& stream);
-    [[nodiscard]] bool sparse(Instance instance, StreamHandle const& stream);
-    [[nodiscard]] bool removeStream(Instance instance, QString const& name);
-    [[nodiscard]] bool renameStream(Instance instance, QString const& from, QString const& to);
-    [[nodiscard]] bool renameStream(Instance instance, StreamHandle const& stream,
-                                    QString const& to);
-    [[nodiscard]] bool replaceStream(Instance instance, StreamHandle const& from,
+    [[nodiscard]] bool dirty(LinkId link, StreamHandle const& stream);
+    [[nodiscard]] bool sparse(LinkId link, StreamHandle const& stream);
+    [[nodiscard]] bool removeStream(LinkId link, QString const& name);
+    [[nodiscard]] bool renameStream(LinkId link, QString const& from, QString const& to);
+    [[nodiscard]] bool renameStream(LinkId link, StreamHandle const& stream, QString const& to);
+    [[nodiscard]] bool replaceStream(LinkId link, StreamHandle const& from,
                                      std::shared_ptr<StreamHandle> const& to);
-    std::uint32_t removeLink(Instance instance);
-    [[nodiscard]] LinkId addLink(Instance instance, bool keepLiveOnly);
+    std::uint32_t removeLink(LinkId link);
+    [[nodiscard]] LinkId addLink(LinkId link, bool keepLiveOnly);
     /// True when a copy was made.
-    bool owner(Instance instance, QString const& text);
-    bool attributes(Instance instance, std::uint32_t value);
-    void liveOnly(Instance instance, bool value);
-    bool attr(Instance instance, bool setModified, std::uint32_t modified, bool setCreated,
+    bool owner(LinkId link, QString const& text);
+    bool attributes(LinkId link, std::uint32_t value);
+    void liveOnly(LinkId link, bool value);
+    bool attr(LinkId link, bool setModified, std::uint32_t modified, bool setCreated,
               std::uint32_t created, bool setAttributes, std::uint32_t attributes);
 
     void closeStream(QString const& name);
@@ -94,7 +93,7 @@ public:
     void saveHandle(Morva::PackBuffer& record) const;
 
 private:
-    void commit(Instance instance);
+    void commit(LinkId link);
 
     Store& store_;
     FileId id_;

@@ -1,0 +1,133 @@
+#pragma once
+
+#include "base/values/Extent.h"
+#include "base/values/PackBuffer.h"
+#include "replication/common/values/Ids.h"
+#include "replication/repository/store/NodeBlock.h"
+
+#include <QString>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace Replication {
+
+class RepMetadata;
+class Streams;
+class StreamHandle;
+
+/// The name under which a file keeps its main content, and a directory its pages.
+inline QString const dataStreamName = QStringLiteral("Data");
+/// The name of the stream of the security descriptor.
+inline QString const securityStreamName = QStringLiteral("Security");
+
+/// One named stream of a file version.
+struct NodeStream {
+    QString name;
+    StreamId id;        ///< in the pool; never 0 for a live stream
+    bool dirty = false; ///< the data isn't known to match the source
+    bool dedup = true;  ///< may be deduplicated
+    bool sparse = false;
+    /// The open stream, so that two users share one handle. Not stored.
+    mutable std::weak_ptr<StreamHandle> handle;
+};
+
+/// The variable part of a file version: placeholder mark, attributes, owner and streams.
+///
+/// Packed form (`PackBuffer` alignment; strings as a u32 byte length and UTF-16):
+///
+///  root record (type 1)            file record (type 2 or 3)
+///  type u32 = 1                    type u32 = 2 or 3
+///  placeHolder bool                placeHolder bool
+///  sourceMachine string            attributes u32
+///  name string                     owner string
+///  stream count u32                stream count u32
+///  each: name string, id u64,      each: name string, id u64, dirty bool, dedup bool,
+///        dirty bool, dedup bool          sparse bool (type 3 only)
+///
+/// Not thread-safe: used under the lock of its `FileNode`.
+class NodeInfo {
+public:
+    enum Type : std::uint32_t { Empty = 0, Root = 1, OldFile = 2, File = 3 };
+
+    /// Empty, of the given type: 3 for a file, 1 for the root.
+    explicit NodeInfo(Qt::CaseSensitivity caseSensitivity, std::uint32_t type = File);
+    /// Reads a record. One that can't be read leaves `type` 0 and the streams read so far. A record
+    /// of type 2 is 3 from then on.
+    NodeInfo(Qt::CaseSensitivity caseSensitivity, Morva::Extent const& record);
+
+    /// Writes the record into the buffer, which is cleared first.
+    void pack(Morva::PackBuffer& buffer) const;
+
+    [[nodiscard]] std::uint32_t type() const { return type_; }
+    [[nodiscard]] Qt::CaseSensitivity caseSensitivity() const { return caseSensitivity_; }
+
+    bool placeHolder = false;
+    std::uint32_t attributes = 0; ///< as the source sent them
+    QString owner;
+    QString sourceMachine; ///< root only
+    QString name;          ///< root only
+
+    // Streams, in the order of their making.
+    [[nodiscard]] std::vector<NodeStream> const& streams() const { return streams_; }
+    void addStream(QString const& streamName, StreamId id, bool dirty, bool dedup, bool sparse);
+    /// Null when there is none. Valid until the list changes.
+    [[nodiscard]] NodeStream* find(QString const& streamName);
+    [[nodiscard]] NodeStream const* find(QString const& streamName) const;
+    [[nodiscard]] NodeStream* find(StreamId id);
+    [[nodiscard]] NodeStream const* find(StreamId id) const;
+    [[nodiscard]] bool exists(QString const& streamName) const { return find(streamName); }
+    [[nodiscard]] bool exists(StreamId id) const { return find(id); }
+    [[nodiscard]] bool dirty(StreamId id) const;
+    [[nodiscard]] bool sparse(StreamId id) const;
+    /// Whether the id was found; the flag is never cleared.
+    bool setDirty(StreamId id);
+    bool setSparse(StreamId id);
+    /// Empty when there is no such stream.
+    [[nodiscard]] QString streamName(StreamId id) const;
+    [[nodiscard]] std::vector<StreamId> idList() const;
+
+    // With the pool. A stream that the pool doesn't have is a lost stream: reported to trace and
+    // log, and treated as one without contents.
+    [[nodiscard]] std::uint64_t size(Streams& pool, QString const& streamName) const;
+    [[nodiscard]] std::uint64_t size(Streams& pool, StreamId id) const;
+    /// All streams with their sizes; of a directory (type 2) without "Data".
+    [[nodiscard]] std::vector<StreamRecord> streamList(Streams& pool, std::uint32_t fileType) const;
+    /// Null when there is no such stream or it is lost.
+    [[nodiscard]] std::shared_ptr<StreamHandle> streamHandle(Streams& pool,
+                                                             QString const& streamName) const;
+    [[nodiscard]] std::shared_ptr<StreamHandle> streamHandle(Streams& pool, StreamId id) const;
+    /// The entry names another stream from now on and keeps its place; false when it did already.
+    /// References are the caller's business.
+    bool replace(NodeStream& entry, std::shared_ptr<StreamHandle> const& to);
+    /// Takes one reference more on every stream, for a second node with the same contents.
+    void duplicateStreamList(Streams& pool) const;
+    /// False when the names are equal or there is no such stream. A stream that has the new name is
+    /// deleted first.
+    bool rename(Streams& pool, QString const& from, QString const& to);
+    /// Drops the reference of one stream and its entry; false when there is none.
+    bool remove(Streams& pool, QString const& streamName);
+    /// Drops the references and entries of all streams, without `all` of all but "Data". Whether
+    /// anything changed.
+    bool freeStreams(Streams& pool, bool all);
+    /// Fills in what the streams contribute to a description: level 1 the figures of "Data",
+    /// level 2 the list of all.
+    void metadata(Streams& pool, RepMetadata& result, std::uint32_t level) const;
+
+    void print(int traceLevel) const;
+
+private:
+    [[nodiscard]] bool unpackRoot(Morva::UnpackBuffer& record);
+    [[nodiscard]] bool unpackFile(Morva::UnpackBuffer& record, std::uint32_t type);
+    [[nodiscard]] bool unpackStreams(Morva::UnpackBuffer& record, bool withSparse);
+    [[nodiscard]] std::shared_ptr<StreamHandle> streamHandle(Streams& pool,
+                                                             NodeStream const& entry) const;
+    void release(Streams& pool, NodeStream const& entry) const;
+
+    std::uint32_t type_;
+    Qt::CaseSensitivity caseSensitivity_;
+    std::vector<NodeStream> streams_;
+};
+
+} // namespace Replication
