@@ -1,0 +1,201 @@
+#pragma once
+
+#include "base/files/BufferedFile.h"
+#include "base/files/RawFile.h"
+#include "base/trace/TracedLock.h"
+#include "replication/common/values/FileHandle.h"
+#include "replication/common/values/Ids.h"
+
+#include <QString>
+
+#include <array>
+#include <cstdint>
+#include <memory>
+
+namespace Morva {
+class XmlList;
+}
+
+namespace Replication {
+
+struct DedupStatistics;
+
+enum class SnapshotType : std::uint32_t {
+    Old = 0, ///< not taken yet, or of the old layout
+    Initial = 1,
+    Policy = 2,
+    User = 3,
+    Synchronization = 4,
+    Validate = 5
+};
+
+enum class DedupState : std::uint32_t { None = 0, Pending = 1, Processing = 2, Deduplicated = 3 };
+
+/// An ended version: `instance` is the one in which the version was entered in its file's chain.
+///
+///  off  size  field
+///    0     4  reserved  zero
+///    4     4  instance
+///    8     8  file id
+struct SnapshotEntry {
+    static constexpr std::uint32_t packedSize = 16;
+    Instance instance;
+    FileId id;
+    bool operator==(SnapshotEntry const&) const = default;
+};
+
+/// The one file of a snapshot: a header that says what the snapshot is, and behind it the list of
+/// the versions that ended while it was the active one. Little-endian.
+///
+///  off  size  field               meaning
+///    0     8  Length              carried through
+///    8     4  Version             1; 0 in a file converted from the old layout
+///   16    64  counters            the control block's at the moment of the snapshot:
+///                                 DirectoryCount, FileCount and six more
+///   80     8  (dedup, reserved)   carried through
+///   88     8  DedupedStreams      cumulative over runs, as the three below
+///   96     8  UniqueStreams
+///  104     8  DedupedSize         bytes
+///  112     8  UniqueSize          bytes
+///  120     4  Type                SnapshotType
+///  124     4  Generation          1
+///  128     4  PreviousInstance
+///  132     4  SourceTime          seconds since 1970 at the source
+///  136     4  RepositoryTime      seconds since 1970 here
+///  140     4  Policy
+///  144     4  OpId
+///  148     4  RuleSet
+///  152     4  DedupState
+///  156     1  Retire              retirement was requested
+///  157     1  Retired             retirement was handed over
+///  158     1  NeedResync
+///  160     8  DedupOffset         where deduplication goes on in the dedup file
+///  168     8  DeleteOffset        offset of the first entry: 4096; 512 in a converted file
+///  176     8  LogicalSize         bytes, as counted by an analysis
+///  184     4  LabelSize           UTF-16 units, at most 1023
+///  188     1  Analyzed
+///  189     1  MarkedForDeletion   the user asked for it
+///  190     1  Indexed             the changes went to the metadata store
+///  320  2048  Label               UTF-16 units, not terminated
+/// 4096  16*n  SnapshotEntry       to the end of the file; a torn last one doesn't count
+///
+/// Setters without another word change the copy in memory; `writeHeader` brings all that changed to
+/// the file in one write. Thread-safe: the object's lock is held for one operation, a leaf.
+class SnapshotFile {
+public:
+    using Counters = std::array<std::uint64_t, 8>;
+    static constexpr std::uint32_t headerSize = 320;
+    static constexpr std::uint32_t maximumLabel = 1023;
+
+    /// Opens the file of an instance below `directory`, or makes it where there is none. On failure
+    /// `instance()` is 0, and every operation does nothing and returns false.
+    SnapshotFile(QString const& directory, Instance instance);
+    ~SnapshotFile();
+    SnapshotFile(SnapshotFile const&) = delete;
+    SnapshotFile& operator=(SnapshotFile const&) = delete;
+
+    /// "snapshot" and the instance as ten decimal digits.
+    [[nodiscard]] static QString fileName(Instance instance);
+    /// The instance of such a name; 0 if it is none.
+    [[nodiscard]] static Instance fromFileName(QString const& name);
+
+    [[nodiscard]] Instance instance() const;
+    [[nodiscard]] Instance previousInstance() const;
+    [[nodiscard]] SnapshotType type() const;
+    [[nodiscard]] bool retire() const;
+    [[nodiscard]] bool retired() const;
+    [[nodiscard]] bool needResync() const;
+    [[nodiscard]] Counters counters() const;
+    [[nodiscard]] DedupStatistics dedupStatistics() const;
+    [[nodiscard]] DedupState dedupState() const;
+    [[nodiscard]] std::uint64_t dedupOffset() const;
+    [[nodiscard]] std::uint64_t deleteOffset() const;
+    [[nodiscard]] std::uint64_t logicalSize() const;
+    [[nodiscard]] std::uint64_t directoryCount() const;
+    [[nodiscard]] std::uint64_t fileCount() const;
+    [[nodiscard]] std::uint32_t sourceTime() const;
+    [[nodiscard]] std::uint32_t repositoryTime() const;
+    [[nodiscard]] std::uint32_t version() const;
+    [[nodiscard]] QString label() const;
+    [[nodiscard]] bool analyzed() const;
+    [[nodiscard]] bool markedForDeletion() const;
+    [[nodiscard]] bool indexed() const;
+
+    void setPreviousInstance(Instance instance);
+    void setDedupState(DedupState state);
+    void setDedupOffset(std::uint64_t offset);
+    void setDeleteOffset(std::uint64_t offset);
+    void setLength(std::uint64_t length);
+    void setCounters(Counters const& counters);
+    void setDedupStatistics(DedupStatistics const& statistics);
+    void setIndexed(bool value);
+    /// Cuts the text to 1023 units.
+    void setLabel(QString const& text);
+    void setType(SnapshotType type, bool needResync);
+    void setPolicy(std::uint32_t policy, std::uint32_t opId, std::uint32_t ruleSet,
+                   bool needResync);
+    /// Makes a policy snapshot of a synchronization snapshot. False, and nothing changed, for any
+    /// other type.
+    bool updateResyncSnapshot(std::uint32_t policy, std::uint32_t opId, std::uint32_t ruleSet,
+                              bool indexed, QString const& label);
+    /// Requests retirement: LogicalSize and DirectoryCount become 0, Retire and Analyzed 1.
+    void setRetire();
+    /// As `setRetire`, and Retired becomes 1.
+    void setRetired();
+    void markForDeletion();
+    /// The first analysis stands: nothing changes when Analyzed is set already.
+    void setAnalyzed(std::uint64_t logicalSize, std::uint64_t directories, std::uint64_t files);
+    /// The three values together, if the snapshot was analysed.
+    [[nodiscard]] bool analysis(std::uint64_t& logicalSize, std::uint64_t& directories,
+                                std::uint64_t& files) const;
+    /// The snapshot is taken: counters, times, previous instance and the dedup state (Pending or
+    /// None), and `writeHeader`.
+    [[nodiscard]] bool snapshot(Counters const& counters, std::uint32_t sourceTime,
+                                Instance previous, bool dedup);
+    /// Writes header and label to the file. False when that failed.
+    bool writeHeader();
+
+    /// Ready for `addEntry`, at the end of the file (a torn last entry is overwritten). False when
+    /// the file is open in either way already, or can't be opened.
+    [[nodiscard]] bool openForAppend();
+    /// Ready for `readEntry`, from the first entry.
+    [[nodiscard]] bool openForRead();
+    /// False when the file is open in neither way.
+    bool close();
+    /// False when the file isn't open for appending or the write failed; the list then ends with
+    /// the entry before.
+    bool addEntry(FileId id, Instance instance);
+    bool addEntry(SnapshotEntry const& entry);
+    /// False at the end of the list.
+    [[nodiscard]] bool readEntry(SnapshotEntry& entry);
+    bool rewind();
+    /// Deletes the file.
+    bool remove();
+
+    /// Adds the snapshot to a list under "SnapShotEntry". Nothing for an Initial or Validate
+    /// snapshot, and for one that is to be retired. `root` is the handle of the store's root.
+    void statistics(Morva::XmlList& list, FileHandle const& root) const;
+    /// Text of a type in `statistics`.
+    [[nodiscard]] static QString typeText(SnapshotType type);
+
+private:
+    struct Header;
+    class Fields;
+
+    bool open();
+    bool create();
+    void convertOldLayout();
+    void loadLabel(std::uint8_t const* file, std::uint32_t count);
+    bool writeHeaderLocked() MORVA_REQUIRES(lock_);
+
+    mutable Morva::TracedMutex lock_{{"Lock SnapshotFile", "Unlock SnapshotFile"}};
+    QString path_;
+    Instance instance_ MORVA_GUARDED_BY(lock_);
+    std::array<std::uint8_t, headerSize> header_ MORVA_GUARDED_BY(lock_){};
+    QString label_ MORVA_GUARDED_BY(lock_);
+    Morva::BufferedFile reader_ MORVA_GUARDED_BY(lock_);
+    std::unique_ptr<Morva::RawFile> writer_ MORVA_GUARDED_BY(lock_);
+    std::uint64_t appendOffset_ MORVA_GUARDED_BY(lock_) = 0;
+};
+
+} // namespace Replication
