@@ -1,0 +1,75 @@
+#pragma once
+
+#include "base/blocks/PageCache.h"
+
+#include <QString>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace Morva {
+
+/// A persistent set of free block numbers, kept as a stack of runs in a file of its own.
+///
+/// `get` takes from the run on top, ascending, so that blocks taken one after another lie side by
+/// side; `put` adds to the top. Both cost the same however many numbers there are. The set can't
+/// tell whether a number is in it already: putting one twice gives it out twice.
+/// Format: docs/formats/free-list.md. Failures are traced. Not thread-safe.
+class FreeList {
+public:
+    /// `pages` is the cache size in pages of 4096 bytes.
+    explicit FreeList(std::uint32_t pages);
+    /// Closes the file.
+    ~FreeList();
+
+    /// Makes an empty set, replacing a file that is there. `limit` is the largest number.
+    [[nodiscard]] bool create(QString const& name, std::uint64_t limit);
+    /// False when the file isn't there or isn't a sound set with this limit.
+    [[nodiscard]] bool open(QString const& name, std::uint64_t limit);
+    /// Flushes and closes; false when something could not be written. Harmless when closed.
+    bool close();
+    /// Writes what changed to the file. What fails is tried again at the next flush.
+    bool flush();
+    bool sync();
+    [[nodiscard]] explicit operator bool() const { return header_ != nullptr; }
+
+    /// Removes and gives one number; false, with `number` unchanged, when the set is empty or
+    /// can't be read.
+    [[nodiscard]] bool get(std::uint64_t& number);
+    /// Adds a number. False for 0, for one above the limit, and when the disk is full; then
+    /// nothing has changed.
+    [[nodiscard]] bool put(std::uint64_t number);
+    /// Adds `count` numbers from `first` on, in one step. Fails as `put`; 0 numbers are no failure.
+    [[nodiscard]] bool grow(std::uint64_t first, std::uint64_t count);
+    /// Numbers in the set.
+    [[nodiscard]] std::uint64_t count() const { return count_; }
+
+    /// Calls back for each run, the next to be used first, until the callback returns false. False
+    /// when a run can't be read or lies outside 1 to the limit. Changes nothing.
+    bool
+    forEach(std::function<bool(std::uint64_t first, std::uint64_t count)> const& callback) const;
+
+private:
+    [[nodiscard]] bool readHeader(std::uint64_t limit);
+    void storeHeader();
+    [[nodiscard]] bool valid(std::uint64_t first, std::uint64_t count) const;
+    [[nodiscard]] std::uint8_t* top(std::uint64_t run) const;
+    void popTop();
+    void mergeDown();
+    [[nodiscard]] bool push(std::uint64_t first, std::uint64_t count);
+    void giveUp();
+
+    std::unique_ptr<RawFile> file_;
+    mutable PageCache cache_;
+    std::uint8_t* header_ = nullptr;       // pinned while the file is open
+    mutable std::uint8_t* page_ = nullptr; // pinned page of the top run, if pageNumber_ isn't 0
+    mutable std::uint64_t pageNumber_ = 0;
+    std::uint64_t limit_ = 0;
+    std::uint64_t runs_ = 0;
+    std::uint64_t count_ = 0;
+    std::uint64_t reservedPages_ = 0;
+    bool changed_ = false;
+};
+
+} // namespace Morva

@@ -1,0 +1,126 @@
+#pragma once
+
+#include "base/files/RawFile.h"
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace Morva {
+
+/// The write-back cache of one file of numbered pages. Page `n` lies at byte `n * pageSize`.
+///
+/// Everything that reaches a block file leaves through this class, in `writeRun`.
+///
+/// A pinned page keeps its address until its last pin is given back. The size is a target for
+/// the pages that nobody pins; pins come on top. The page that was used longest ago goes first,
+/// and takes its dirty neighbours to the file with it. A page that could not be written stays
+/// dirty and in the cache, which then grows; the next flush or eviction tries it again.
+///
+/// Not thread-safe. Operations that take a buffer want one that this cache gave out and that is
+/// still pinned; a null pointer and one that has no pin left are refused with an assertion text.
+class PageCache {
+public:
+    /// `target` 0 counts as 1.
+    explicit PageCache(std::uint32_t target);
+    ~PageCache();
+    PageCache(PageCache const&) = delete;
+    PageCache& operator=(PageCache const&) = delete;
+
+    /// Starts work on a file, which must be open and outlive the work.
+    void attach(RawFile& file, std::uint32_t pageSize);
+    /// Forgets all pages, written or not. Pins that are still out become invalid.
+    void detach();
+
+    /// The page's buffer, read from the file if it isn't here; null when that fails.
+    [[nodiscard]] void* pin(std::uint64_t page);
+    /// The page as zero bytes, whatever the file holds, and already dirty. Null when somebody has
+    /// a pin on it.
+    [[nodiscard]] void* pinZero(std::uint64_t page);
+    /// One more pin on a page that is pinned already.
+    void pinAgain(void const* buffer);
+    /// Gives one pin back.
+    bool unpin(void const* buffer, bool dirty);
+    /// Marks a pinned page as changed.
+    bool markDirty(void const* buffer);
+    /// Gives one pin back and drops the page's changes; if others hold a pin on it the buffer
+    /// stays as it is, but for being clean.
+    bool discard(void const* buffer);
+    [[nodiscard]] static std::uint64_t number(void const* buffer);
+    [[nodiscard]] static std::uint32_t pins(void const* buffer);
+
+    /// Writes one pinned page now, if it is dirty.
+    [[nodiscard]] bool writeNow(void const* buffer);
+    /// Writes all dirty pages in ascending order; false when one could not be written. Those that
+    /// could are clean then.
+    [[nodiscard]] bool flush();
+    /// Brings what was written to the disk itself. Doesn't flush.
+    [[nodiscard]] bool sync();
+    [[nodiscard]] bool dirty() const { return dirtyHead_ != nullptr; }
+
+    /// Pins that found the page here, and pins that didn't, since construction.
+    [[nodiscard]] std::uint64_t hits() const { return hits_; }
+    [[nodiscard]] std::uint64_t misses() const { return misses_; }
+    /// Pages now held.
+    [[nodiscard]] std::uint32_t size() const { return used_; }
+
+private:
+    /// Stands directly before the bytes of its page.
+    struct alignas(64) Frame {
+        std::uint64_t number;
+        Frame* newer; // in the chain of unpinned pages, and `newer` also in that of free frames
+        Frame* older;
+        Frame* dirtyNext;
+        Frame* dirtyPrevious;
+        std::uint32_t pins;
+        std::uint32_t mark;
+        bool dirty;
+
+        std::uint8_t* bytes() { return reinterpret_cast<std::uint8_t*>(this + 1); }
+    };
+    struct Slot {
+        std::uint64_t number;
+        Frame* frame;
+    };
+
+    static Frame* frameOf(void const* buffer);
+    [[nodiscard]] std::size_t slotOf(std::uint64_t page) const;
+    [[nodiscard]] Frame* lookup(std::uint64_t page) const;
+    void enter(Frame* frame);
+    void leave(std::uint64_t page);
+    void growTable();
+
+    void touch(Frame* frame);
+    void park(Frame* frame);
+    void unlink(Frame* frame);
+    void setDirty(Frame* frame);
+    void setClean(Frame* frame);
+
+    Frame* takeFrame();
+    Frame* newFrame();
+    void dropFrame(Frame* frame);
+    void freeFrame(Frame* frame);
+    Frame* victim();
+    bool writeAround(Frame* frame);
+    bool writeRun(Frame* const* frames, std::size_t count);
+
+    RawFile* file_ = nullptr;
+    std::uint32_t pageSize_ = 0;
+    std::uint32_t const target_;
+    std::uint32_t used_ = 0;
+    std::uint32_t unpinned_ = 0;
+    std::uint32_t freeCount_ = 0;
+    std::uint64_t hits_ = 0;
+    std::uint64_t misses_ = 0;
+
+    std::vector<Slot> table_; // open addressing, power of two
+    unsigned shift_ = 0;
+    Frame* newest_ = nullptr;
+    Frame* oldest_ = nullptr;
+    Frame* dirtyHead_ = nullptr;
+    Frame* free_ = nullptr;
+    std::vector<std::uint8_t> runBytes_;
+    std::vector<Frame*> work_;
+};
+
+} // namespace Morva

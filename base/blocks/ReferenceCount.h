@@ -1,0 +1,73 @@
+#pragma once
+
+#include "base/blocks/PageCache.h"
+
+#include <QString>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace Morva {
+
+/// A persistent table from block number to an unsigned 32-bit count, in a file of its own.
+///
+/// A count of 0 and no count are the same. The table grows in steps whose disk space is reserved
+/// at once, so a full disk is a false from `newId`, with nothing changed.
+/// Format: docs/formats/reference-count.md. Failures are traced. Not thread-safe.
+class ReferenceCount {
+public:
+    /// `cacheSize` is in pages of 4096 bytes, 1024 counts each.
+    explicit ReferenceCount(std::uint32_t cacheSize);
+    /// Closes the file.
+    ~ReferenceCount();
+
+    /// Makes an empty table, replacing a file that is there. `limit` is the largest number; `grow`
+    /// the growth step in numbers, 0 for a default step.
+    [[nodiscard]] bool create(QString const& name, std::uint64_t limit, std::uint64_t grow);
+    /// False when the file isn't there or isn't a sound table with this limit.
+    [[nodiscard]] bool open(QString const& name, std::uint64_t limit, std::uint64_t grow);
+    /// Flushes and closes; false when something could not be written. Harmless when closed.
+    bool close();
+    /// Writes what changed to the file. What fails is tried again at the next flush.
+    bool flush();
+    bool sync();
+    [[nodiscard]] explicit operator bool() const { return header_ != nullptr; }
+
+    /// Starts the count of `number` at 1. False when it has one already, above the limit, and when
+    /// the disk is full.
+    [[nodiscard]] bool newId(std::uint64_t number);
+    /// Changes the count and stores the new value in `count`. False, with nothing changed, when
+    /// the number has no count, and for an increment of the largest count.
+    [[nodiscard]] bool increment(std::uint32_t& count, std::uint64_t number);
+    [[nodiscard]] bool decrement(std::uint32_t& count, std::uint64_t number);
+    /// The count, 0 for a number that has none. False above the limit and when reading fails.
+    [[nodiscard]] bool count(std::uint32_t& count, std::uint64_t number) const;
+    /// Takes the count away, whatever it is.
+    [[nodiscard]] bool releaseId(std::uint64_t number);
+
+    /// Calls back for each number that has a count, ascending, until the callback returns false.
+    /// False when a page can't be read. Changes nothing and leaves the cache as it is.
+    bool
+    forEach(std::function<bool(std::uint64_t number, std::uint32_t count)> const& callback) const;
+
+    [[nodiscard]] std::uint64_t cacheHits() const { return cache_.hits(); }
+    [[nodiscard]] std::uint64_t cacheMisses() const { return cache_.misses(); }
+    [[nodiscard]] std::uint32_t cacheSize() const { return cache_.size(); }
+
+private:
+    [[nodiscard]] bool readHeader(std::uint64_t limit);
+    void setGrow(std::uint64_t grow);
+    [[nodiscard]] bool reserve(std::uint64_t number);
+    [[nodiscard]] std::uint8_t* pinCount(std::uint64_t number, void*& page) const;
+    void giveUp();
+
+    std::unique_ptr<RawFile> file_;
+    mutable PageCache cache_;
+    std::uint8_t* header_ = nullptr; // pinned while the file is open
+    std::uint64_t limit_ = 0;
+    std::uint64_t pages_ = 0; // pages of counts
+    std::uint64_t growPages_ = 0;
+};
+
+} // namespace Morva

@@ -1,0 +1,140 @@
+#pragma once
+
+#include "base/blocks/Blocks.h"
+#include "base/values/Extent.h"
+
+#include <QString>
+#include <QStringList>
+
+#include <compare>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace Morva {
+
+class TraceLine;
+class TreePath;
+
+/// A persistent set of variable-size stored keys, found by a hash. What a caller wants to keep
+/// with a key is part of the key's stored form.
+///
+/// Stored keys are ordered by their `KeyHash`, of which the tree chooses the second word. The
+/// tree never looks into a stored form. Pages that run empty are used again.
+/// Format: docs/formats/tree.md. Failures are traced; a damaged page fails the operation that
+/// meets it and nothing else. Not thread-safe, also not for `find`.
+class BPlusTree {
+public:
+    /// The largest stored form. Forms above about a quarter of a page go to pages of their own.
+    static constexpr std::uint32_t maximumStoredSize = 65536;
+
+    struct KeyHash {
+        /// What the key computes from its content.
+        std::uint32_t first = 0;
+        /// Tells stored keys with the same first word apart; 0 in a key that isn't stored yet.
+        std::uint32_t second = 0;
+
+        auto operator<=>(KeyHash const&) const = default;
+    };
+
+    class Key {
+    public:
+        virtual ~Key() = default;
+        /// The tree stores the hash value that it chose in the key.
+        virtual void hash(KeyHash const& value) = 0;
+        [[nodiscard]] virtual KeyHash const& hash() const = 0;
+        /// Bytes of the stored form.
+        [[nodiscard]] virtual std::uint32_t size() const = 0;
+        /// Copies the stored form, `size()` bytes, to the start of the range.
+        [[nodiscard]] virtual bool save(Extent& range) const = 0;
+        /// Takes over a stored form; false when it can't be this key's.
+        [[nodiscard]] virtual bool restore(Extent const& stored) = 0;
+        /// Whether a stored form is this key.
+        [[nodiscard]] virtual bool equal(Extent const& stored) const = 0;
+        /// Writes the key to the trace.
+        virtual void dump() const {}
+    };
+
+    /// The cache size is in pages.
+    explicit BPlusTree(std::uint32_t cachePages);
+    /// Closes the file.
+    ~BPlusTree();
+
+    /// Makes an empty tree, replacing a file that is there. The page size is a power of two from
+    /// 512 to 32768.
+    [[nodiscard]] bool create(QString const& name, std::uint32_t pageSize);
+    /// False when the file isn't there or isn't a sound tree.
+    [[nodiscard]] bool open(QString const& name);
+    /// Flushes and closes; false when something could not be written. Harmless when closed.
+    bool close();
+    /// Writes what changed to the file. What fails is tried again at the next flush.
+    bool flush();
+    bool sync();
+    [[nodiscard]] explicit operator bool() const { return control_ != nullptr; }
+
+    /// Looks for this key. On a match the key has taken over the stored form; otherwise it is
+    /// unchanged.
+    [[nodiscard]] bool find(Key& key) const;
+    /// Stores a new key, for which `find` has given false, and sets the second word of its hash.
+    /// False, with nothing changed, when the disk is full or the form is too large.
+    [[nodiscard]] bool insert(Key& key);
+    /// Replaces the stored form of this very key, found by both words of its hash, by one of the
+    /// same size. False when there is none.
+    [[nodiscard]] bool update(Key const& key);
+    /// Removes this very key. False when there is none.
+    [[nodiscard]] bool remove(Key const& key);
+
+    /// Stored keys, and pages of the file in use for them.
+    [[nodiscard]] std::uint64_t keyCount() const;
+    [[nodiscard]] std::uint64_t pageCount() const;
+    /// For `hits`, `misses` and `size`; null while the tree is closed.
+    [[nodiscard]] BlockCache const* cache() const { return control_ ? &blocks_ : nullptr; }
+
+    /// Calls back for each stored form in the order of the hashes until the callback returns
+    /// false; the range is valid for the call. False when a damaged page was met; what can still
+    /// be reached is given all the same. The tree must not be changed meanwhile.
+    bool forEach(std::function<bool(Extent const& stored)> const& callback) const;
+    /// Checks all there is to check in the file: structure, order, sizes, the chain of free pages,
+    /// and that each page is in use or free exactly once. Adds a line for each fault; true when
+    /// there was none. Changes nothing.
+    bool verify(QStringList& faults) const;
+
+private:
+    class Checker;
+
+    [[nodiscard]] bool readControl();
+    void storeControl();
+    void giveUp();
+    [[nodiscard]] bool descend(TreePath& path, KeyHash const& hash) const;
+    [[nodiscard]] bool nextLeaf(TreePath& path) const;
+    [[nodiscard]] bool locate(TreePath& path, Key const& key) const;
+    [[nodiscard]] bool storedForm(TreePath const& path, Extent& stored) const;
+    [[nodiscard]] bool readChain(std::uint8_t const* cell, Extent& stored) const;
+    [[nodiscard]] bool writeChain(std::uint8_t const* cell, Extent const& form);
+    [[nodiscard]] bool makeChain(Extent const& form, std::uint8_t* cell);
+    void freeChain(std::uint64_t first, std::uint32_t size);
+    [[nodiscard]] bool chooseSecond(TreePath& path, KeyHash& hash) const;
+    [[nodiscard]] bool place(TreePath& path, KeyHash const& hash, Extent const& cell, bool chained);
+    [[nodiscard]] bool splitAndPlace(TreePath& path, KeyHash const& hash, Extent const& cell,
+                                     bool chained);
+    void raise(TreePath& path, std::size_t level, KeyHash hash, std::uint64_t child,
+               std::vector<BlockPin>& spare);
+    void shrink(TreePath& path);
+    [[nodiscard]] bool joinLeaves(TreePath& path);
+    [[nodiscard]] bool joinInner(TreePath& path, std::size_t depth);
+    void collapseRoot();
+
+    mutable Blocks blocks_;
+    std::uint8_t* control_ = nullptr; // pinned while the tree is open
+    std::uint64_t root_ = 0;
+    std::uint32_t height_ = 0; // levels; the leaves are level 0
+    std::uint64_t keys_ = 0;
+    mutable std::vector<std::uint8_t> form_;    // a stored form that lies in a chain of pages
+    mutable std::vector<std::uint8_t> scratch_; // a page under reconstruction
+};
+
+/// Prints the two words in hexadecimal.
+TraceLine& operator<<(TraceLine& line, BPlusTree::KeyHash const& hash);
+
+} // namespace Morva
