@@ -9,8 +9,8 @@
 namespace Morva {
 
 /// Files that fail on order, for tests. While an object lives, every `RawFile::make()` gives a
-/// wrapper of the real file that obeys it; at its end the real maker is back. One at a time, and
-/// it must outlive the files made under it.
+/// wrapper of the real file that obeys it; at its end the real maker is back. One at a time. A file
+/// made under it may outlive it, under its last orders.
 ///
 /// A *write* is here each call that changes a file: `create`, `write`, `writeAt`, `setLength`.
 /// All counts are from the construction, all orders count from the moment they are given: 1 is
@@ -27,7 +27,8 @@ namespace Morva {
 ///     }
 ///
 /// Names appear and disappear at once and for good (creating, removing, renaming); what a crash
-/// can take back is contents and lengths, in pages of 4096 bytes. All calls are thread-safe.
+/// can take back is contents and lengths, in pages of 4096 bytes. A sync is only entered in the
+/// book, and costs no disk access. All calls are thread-safe.
 class FaultyFiles {
 public:
     /// What becomes of writes that were not synced when the power went.
@@ -38,8 +39,8 @@ public:
     FaultyFiles(FaultyFiles const&) = delete;
     FaultyFiles& operator=(FaultyFiles const&) = delete;
 
-    /// Restricts faults and counters to files whose name ends so; empty is all. The budget and
-    /// the crash are of the whole disk.
+    /// Restricts the counters, and with them the orders, to files whose name ends so; empty is
+    /// all. A full disk and a crash still hit every file.
     void onlyNamesEndingWith(QString const& suffix);
 
     /// The nth write fails, once.

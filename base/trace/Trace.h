@@ -122,6 +122,11 @@ TraceLine& hex(TraceLine&);
 TraceLine& dec(TraceLine&);
 TraceLine& pack(TraceLine&);
 
+/// Makes a whole streamed line one void expression, which fits behind a bare `if`.
+struct TraceLineEnd {
+    void operator&(TraceLine const&) const {}
+};
+
 /// Traces "IN:name" on construction and "OUT:name", with the result if one was noted, at its end,
 /// both at level Debug. Made by MORVA_METHOD.
 class MethodScope {
@@ -173,9 +178,10 @@ private:
 
 /// MORVA_TRACE(Always) << "Failed to open file" << path;   Values are parted by blanks.
 #define MORVA_TRACE(level)                                                                         \
-    if (!::Morva::Trace::enabled(::Morva::TraceLevel::level)) {                                    \
-    } else                                                                                         \
-        ::Morva::TraceLine(::Morva::TraceLevel::level, __FILE__, __LINE__)
+    !::Morva::Trace::enabled(::Morva::TraceLevel::level)                                           \
+        ? static_cast<void>(0)                                                                     \
+        : ::Morva::TraceLineEnd() &                                                                \
+              ::Morva::TraceLine(::Morva::TraceLevel::level, __FILE__, __LINE__)
 
 /// At the top of a method of note. The object is called `scope`.
 #define MORVA_METHOD(name) [[maybe_unused]] ::Morva::MethodScope scope(name, __FILE__, __LINE__)
