@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -20,10 +21,13 @@ class PagedList;
 
 namespace Replication {
 
+class ActiveHandle;
 class ActiveHandles;
+class DirKey;
 class Directories;
 class Event;
 class EventChannel;
+class FileNode;
 class NodeFile;
 class NodePointer;
 class PassiveHandles;
@@ -33,6 +37,7 @@ class RetireList;
 class SnapshotDirectories;
 class SnapshotList;
 class Streams;
+struct DedupStatistics;
 
 /// One versioned file tree: all that the repository keeps of one source under one policy, apart
 /// from file contents, which live in the shared `Streams` pool.
@@ -46,10 +51,10 @@ class Streams;
 class Store {
 public:
     struct Configuration {
-        std::uint32_t directoryCacheSize = 1024;    ///< pages, "DirectoryCacheSize"
-        std::uint32_t fileNodeCacheSize = 1024;     ///< blocks, "FileNodeCacheSize"
-        std::uint64_t fileNodeGrowSize = 0;         ///< bytes, "FileNodeGrowSize"
-        bool fileNodeRandomAccess = false;          ///< "FileNodeRandomAccess"
+        std::uint32_t directoryCacheSize = 1024;     ///< pages, "DirectoryCacheSize"
+        std::uint32_t fileNodeCacheSize = 1024;      ///< blocks, "FileNodeCacheSize"
+        std::uint64_t fileNodeGrowSize = 0;          ///< bytes, "FileNodeGrowSize"
+        bool fileNodeRandomAccess = false;           ///< "FileNodeRandomAccess"
         std::uint32_t filePointerCacheSize = 131072; ///< entries, "FilePointerCacheSize"
     };
 
@@ -58,16 +63,17 @@ public:
     static void configure(Morva::XmlList const& configuration, std::shared_ptr<Streams> streams,
                           std::shared_ptr<EventChannel> channel);
     /// See StoreTable.
-    [[nodiscard]] static StorePointer create(StoreId id, RepositoryStream const& stream,
+    [[nodiscard]] static StorePointer create(StoreId id, StoreIdentity const& identity,
                                              bool caseSensitive) {
-        return StoreTable::create(id, stream, caseSensitive);
+        return StoreTable::create(id, identity, caseSensitive);
     }
     [[nodiscard]] static StorePointer open(StoreId id, bool forDeletion) {
         return StoreTable::open(id, forDeletion);
     }
-    [[nodiscard]] static StorePointer open(StoreId id, RepositoryStream const& stream) {
-        return StoreTable::open(id, stream);
+    [[nodiscard]] static StorePointer open(StoreId id, StoreIdentity const& identity) {
+        return StoreTable::open(id, identity);
     }
+    /// Traces the stores that are still open and drops the pool and the channel.
     static void closeAll();
     [[nodiscard]] static QList<StoreId> list() { return StoreTable::list(); }
     /// FixedPath::repositoryStores() + "/" + 16 hexadecimal digits.
@@ -78,6 +84,7 @@ public:
     Store& operator=(Store const&) = delete;
 
     // --- the collaborators
+    [[nodiscard]] ControlBlock& control() const { return *control_; }
     [[nodiscard]] NodeFile& nodes() const { return *nodes_; }
     [[nodiscard]] NodePointer& pointers() const { return *pointers_; }
     [[nodiscard]] PassiveHandles& passiveHandles() const { return *passive_; }
@@ -92,7 +99,7 @@ public:
     [[nodiscard]] Event* event() const { return event_.get(); }
 
     // --- identity and flags
-    [[nodiscard]] StoreId id() const;
+    [[nodiscard]] StoreId id() const { return id_; }
     [[nodiscard]] ReplayId replayId() const;
     [[nodiscard]] bool valid() const { return valid_; }
     [[nodiscard]] bool caseSensitive() const { return caseSensitive_; }
@@ -105,7 +112,9 @@ public:
     [[nodiscard]] QString const& sourceMachine() const { return sourceMachine_; }
     [[nodiscard]] bool active() const;
     void active(bool value);
-    [[nodiscard]] bool markedForDeletion() const;
+    [[nodiscard]] bool markedForDeletion() const { return control_->markedForDeletion(); }
+    /// Marks the store as one to be erased. False for an active store.
+    bool markForDeletion();
     [[nodiscard]] FileId rootId() const { return rootId_; }
     [[nodiscard]] FileHandle const& rootHandle() const { return rootHandle_; }
     [[nodiscard]] QString const& path() const { return storePath_; }
@@ -117,6 +126,7 @@ public:
     /// The three settings and the exclusions of the rule set; no effect on store 0.
     void settings(bool indexSnapshots, bool dedupSnapshots, bool dedupVersions,
                   QStringList const& dedupExclude);
+    /// The first is what tells the metadata store of single files.
     [[nodiscard]] bool indexSnapshots() const { return indexSnapshots_; }
     [[nodiscard]] bool dedupSnapshots() const { return dedupSnapshots_; }
     [[nodiscard]] bool dedupVersions() const { return dedupVersions_; }
@@ -124,10 +134,10 @@ public:
 
     // --- file handles (see FileHandles.cpp)
     [[nodiscard]] NodeNumber fileNode(FileId id, Instance instance) const;
-    [[nodiscard]] std::shared_ptr<class FileNode> passiveHandle(FileId id, Instance instance) const;
-    [[nodiscard]] std::shared_ptr<class FileNode> passiveHandle(QStringList const& path,
-                                                                Instance instance) const;
-    [[nodiscard]] std::shared_ptr<class FileNode> passiveHandle(FileHandle const& handle) const;
+    [[nodiscard]] std::shared_ptr<FileNode> passiveHandle(FileId id, Instance instance) const;
+    [[nodiscard]] std::shared_ptr<FileNode> passiveHandle(QStringList const& path,
+                                                          Instance instance) const;
+    [[nodiscard]] std::shared_ptr<FileNode> passiveHandle(FileHandle const& handle) const;
     /// 0, or 22 or 18.
     [[nodiscard]] std::uint32_t mungeFh(FileHandle& handle, FileHandle const& mount) const;
     [[nodiscard]] FileHandle fileHandle(FileId id, Instance instance, FileHandle::Kind kind) const;
@@ -135,46 +145,78 @@ public:
                               QString const& name) const;
     [[nodiscard]] std::uint32_t lookupParent(FileHandle& result, FileHandle const& object) const;
 
-    // --- versions
-    /// Enters a new node in the id's chain; the old node's fate follows from who saw it.
+    // --- versions (see Versions.cpp)
+
+    /// Enters a new node in the id's chain; the old node's fate follows from who saw it: nobody,
+    /// and it loses its reference, or a snapshot, and the active snapshot notes that it ended.
     void updateFileId(std::uint32_t time, FileId id, FileNode& oldNode, FileNode& newNode);
-    /// Drops one link of a file and, with the last one, the file.
+    /// Drops one link of the file that `key` names (its name has been taken out of the directory
+    /// already) and, with the last one, the file. With `retire` the version goes to the metadata
+    /// store. Takes the name off the counters.
     void removeFileId(DirKey const& key, bool retire);
-    /// A retained version's time is over; by node number.
+    /// A claim on a version is over: with `version` that of a retained version, else a reference.
     void releaseFileNode(NodeNumber node, bool version);
+    /// Deduplicates the streams of one node; false only when the pool is stopping or the store is
+    /// to go. `checkForFreeze` and `buffer` as for `Streams::dedupStream`.
+    bool dedupVersion(std::function<void()> const& checkForFreeze, NodeNumber node,
+                      Morva::Extent& buffer);
 
     // --- state
+
+    /// Writes all that changed to the files and the disk. The pool goes first, since nodes point
+    /// to streams; then "files", the pointer file, whose entries point to nodes, and the tree,
+    /// whose keys name ids. So what is on the disk never points to what isn't there. `OpenMark`
+    /// stays set. False when any of it failed; the rest has been tried all the same. The caller
+    /// holds the operation gate alone.
     [[nodiscard]] bool flush();
+    /// As `flush` without the pool, which the caller has flushed; then clears `OpenMark`, which
+    /// stays set if anything failed. Until `markOpen` nothing may change the store.
     [[nodiscard]] bool flushForFreeze();
     void markOpen();
+    /// Flushes, clears `OpenMark` if that worked, and closes the files. Harmless when closed.
     bool close();
     /// As the last reference goes.
     void closed();
+    /// The binary form: the figures of the store and one "SnapShotEntry" for each snapshot. What
+    /// isn't open counts as 0.
+    void statistics(Morva::XmlList& result) const;
 
 private:
     friend class StoreTable;
     friend class StorePointer;
     friend class SnapshotList;
-    friend class ControlBlockWriter;
 
-    Store();
-    [[nodiscard]] bool createFiles(StoreId id, RepositoryStream const& stream, bool caseSensitive);
-    [[nodiscard]] bool openFiles(StoreId id);
+    explicit Store(StoreId id);
+    [[nodiscard]] bool createFiles(StoreIdentity const& identity, bool caseSensitive);
+    [[nodiscard]] bool createRoot();
+    [[nodiscard]] bool createSnapshots();
+    [[nodiscard]] bool openFiles();
+    [[nodiscard]] bool openControl();
+    [[nodiscard]] bool openTree();
+    [[nodiscard]] bool openRoot();
+    [[nodiscard]] bool flushFiles();
+    void closeFiles();
+    void removeLastLink(DirKey const& key, std::shared_ptr<ActiveHandle> const& handle,
+                        bool retire);
 
     std::atomic<bool> valid_{false};
     bool caseSensitive_ = true;
     std::atomic<std::uint32_t> currentInstance_{0};
+    StoreId id_;
     QString storePath_, snapshotPath_, statePath_;
     QString name_, sourceMachine_;
     FileId rootId_;
     FileHandle rootHandle_;
-    bool indexSnapshots_ = true, dedupSnapshots_ = true, dedupVersions_ = true;
+    std::atomic<bool> indexSnapshots_{true}, dedupSnapshots_{true}, dedupVersions_{true};
     QStringList dedupExclude_;
+    bool upgraded_ = false;
+    bool open_ = false;
     std::atomic<int> referenceCount_{0};
 
     std::shared_ptr<Streams> streams_;
     std::unique_ptr<Event> event_;
     std::unique_ptr<NodeFile> nodes_;
+    std::unique_ptr<ControlBlock> control_;
     std::unique_ptr<NodePointer> pointers_;
     std::unique_ptr<PassiveHandles> passive_;
     std::unique_ptr<Directories> directories_;

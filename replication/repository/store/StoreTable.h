@@ -3,7 +3,9 @@
 #include "replication/common/values/Ids.h"
 
 #include <QList>
+#include <QString>
 
+#include <cstdint>
 #include <memory>
 #include <utility>
 
@@ -11,6 +13,21 @@ namespace Replication {
 
 class Store;
 class RepositoryStream;
+
+/// What a store is made for, as its stream of the rule set says.
+struct StoreIdentity {
+    ReplayId replayId;
+    std::uint32_t filterType = 1; ///< 1 file system, 2 Exchange
+    bool batch = false;
+    QString sourceMachine;
+    QString name; ///< "repository-" and the store's name
+
+    StoreIdentity() = default;
+    StoreIdentity(ReplayId replay, QString machine, QString storeName)
+        : replayId(replay), sourceMachine(std::move(machine)), name(std::move(storeName)) {}
+    /// Of a stream, which can stand wherever an identity is wanted.
+    StoreIdentity(RepositoryStream const& stream); // NOLINT: a conversion
+};
 
 /// A counted pointer to an open store. The last release closes and destroys the store.
 class StorePointer {
@@ -38,16 +55,24 @@ private:
 
 /// The open stores of the process by id. It doesn't count references itself. One process-wide
 /// lock ("Lock Store Hash") guards the table; a store that is being opened or closed is marked in
-/// it, so that opening one store doesn't hold up another.
+/// it, and whoever wants that one waits, so that one store doesn't hold up another.
 class StoreTable {
 public:
-    [[nodiscard]] static StorePointer create(StoreId id, RepositoryStream const& stream,
+    /// A new store, its files replacing any that are there. Null when the id is open already, with
+    /// nothing changed, and when the files can't be made.
+    [[nodiscard]] static StorePointer create(StoreId id, StoreIdentity const& identity,
                                              bool caseSensitive);
+    /// Null when the store can't be opened. A store that is marked for deletion isn't valid; it is
+    /// given out with `forDeletion` alone.
     [[nodiscard]] static StorePointer open(StoreId id, bool forDeletion);
-    [[nodiscard]] static StorePointer open(StoreId id, RepositoryStream const& stream);
+    /// As `open(id, false)`; null also when the store is fed by another replay id. Brings the
+    /// store's batch mark up to date.
+    [[nodiscard]] static StorePointer open(StoreId id, StoreIdentity const& identity);
     static void closeAll();
+    /// The ids of the open stores.
     [[nodiscard]] static QList<StoreId> list();
-    /// By the last release; looks at the count again under the lock.
+    /// Gives back a reference that may be the last: looks at the count again under the lock, and
+    /// closes and destroys the store if nobody has opened it meanwhile.
     static void removeStore(Store* store);
 };
 
