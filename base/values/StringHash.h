@@ -18,7 +18,7 @@ namespace Morva {
 }
 
 /// The stored hash of a text, over its 16-bit units.
-[[nodiscard]] constexpr std::uint32_t stringHash(QStringView text) {
+[[nodiscard]] inline std::uint32_t stringHash(QStringView text) {
     std::uint32_t hash = 0;
     for (QChar unit : text)
         hash = hashStep(hash, unit.unicode());
