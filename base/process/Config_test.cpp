@@ -1,0 +1,146 @@
+#include "base/process/Config.h"
+#include "base/process/Context.h"
+#include "base/process/FixedPath.h"
+
+#include "base/files/RawFile.h"
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <set>
+#include <thread>
+
+namespace Morva {
+namespace {
+
+class ConfigFiles : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(FixedPath::setRoot(root_.path())); }
+    void TearDown() override {
+        (void)FixedPath::setRoot({});
+        Context::machineName(MachineName());
+    }
+    QString path(char const* below) const {
+        return root_.path() + "/" + QString::fromLatin1(below);
+    }
+    static void write(QString const& path, QByteArray const& text) {
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        ASSERT_EQ(file.write(text), text.size());
+    }
+
+    QTemporaryDir root_;
+};
+
+TEST_F(ConfigFiles, PathsLieBelowTheRootAndNoneIsSetWithoutIt) {
+    EXPECT_EQ(FixedPath::repositoryStreamData(), path("repository/streamdata"));
+    EXPECT_EQ(FixedPath::rules(12), path("rules/12"));
+    EXPECT_TRUE(QDir(root_.path()).isEmpty()) << "asking makes no directory";
+    EXPECT_TRUE(FixedPath::setRoot({}));
+    EXPECT_EQ(FixedPath::repository(), QString());
+    EXPECT_EQ(FixedPath::rules(1), QString());
+}
+
+TEST_F(ConfigFiles, PathsFileSetsEachPathOnItsOwn) {
+    XmlList list;
+    list.set("RepositoryStreams", "/elsewhere/streams");
+    list.set("RepositoryStreamData", "data");
+    list.set("Runtime", "");
+    list.set("Rules", "");
+    ASSERT_TRUE(Config::save(path("paths.cfg"), list));
+    ASSERT_TRUE(FixedPath::setRoot(root_.path()));
+    EXPECT_EQ(FixedPath::repository(), path("repository"));
+    EXPECT_EQ(FixedPath::repositoryStreams(), QStringLiteral("/elsewhere/streams"));
+    EXPECT_EQ(FixedPath::repositoryStreamData(), path("data"));
+    EXPECT_EQ(FixedPath::runtime(), QString());
+    EXPECT_EQ(FixedPath::rules(3), QString());
+}
+
+TEST_F(ConfigFiles, DamagedPathsFileLeavesNothingSet) {
+    write(path("paths.cfg"), "<XmlList>");
+    EXPECT_FALSE(FixedPath::setRoot(root_.path()));
+    EXPECT_EQ(FixedPath::repository(), QString());
+}
+
+TEST_F(ConfigFiles, AbsentMalformedAndGoodFilesAreToldApart) {
+    auto const absent = Config::load(path("none.cfg"));
+    EXPECT_FALSE(absent.usable());
+    EXPECT_TRUE(absent.absent());
+    EXPECT_TRUE(absent.empty());
+    write(path("bad.cfg"), "<XmlList><Item/>");
+    auto const bad = Config::load(path("bad.cfg"));
+    EXPECT_FALSE(bad.usable());
+    EXPECT_FALSE(bad.absent());
+    write(path("empty.cfg"), "<XmlList/>");
+    EXPECT_TRUE(Config::load(path("empty.cfg")).usable());
+    EXPECT_FALSE(Config::load(root_.path()).usable()) << "a directory is no file";
+}
+
+TEST_F(ConfigFiles, LocalNamesAreFoundInTheConfigurationDirectory) {
+    XmlList list;
+    list.set("Key", 5U);
+    EXPECT_FALSE(Config::save(FixedPath::configuration() + "/a.cfg", list)) << "no directory yet";
+    ASSERT_TRUE(QDir().mkpath(FixedPath::configuration()));
+    ASSERT_TRUE(Config::save(FixedPath::configuration() + "/a.cfg", list));
+    EXPECT_EQ(ConfigLocal("a.cfg"), list);
+    EXPECT_EQ(ConfigLocal(path("config/a.cfg")), list);
+    list.set("Key", 6U);
+    ASSERT_TRUE(Config::save(FixedPath::configuration() + "/a.cfg", list));
+    EXPECT_EQ(ConfigLocal("a.cfg").get("Key", 0U), 6U);
+    EXPECT_EQ(QDir(FixedPath::configuration()).entryList(QDir::Files), QStringList("a.cfg"));
+}
+
+TEST_F(ConfigFiles, TraceKeysAreRead) {
+    XmlList list;
+    list.set("DefaultTraceLevel", 2U);
+    list.set("TraceDebug", "Repository", XmlList::SetTypeE::Add);
+    list.set("BoolTraceToFile", true);
+    list.set("DefaultTraceFilesToKeep", 3U);
+    auto const settings = TraceSettings::read(list);
+    EXPECT_EQ(settings.level, TraceLevel::Normal);
+    ASSERT_EQ(settings.modules.size(), 1U);
+    EXPECT_EQ(settings.modules[0].second, TraceLevel::Debug);
+    EXPECT_TRUE(settings.toFile);
+    EXPECT_EQ(settings.filesToKeep, 3U);
+    list.set("DefaultTraceLevel", 9U);
+    EXPECT_EQ(TraceSettings::read(list).level, TraceLevel::Always);
+}
+
+TEST_F(ConfigFiles, PinnedMachineNameOutlivesTheHostsName) {
+    Context::machineName(MachineName());
+    EXPECT_TRUE(Context::machineName()) << "there is always a name";
+    Context::machineName(MachineName(QStringLiteral("pinned")));
+    ASSERT_TRUE(Context::pinMachineName());
+    Context::machineName(MachineName());
+    EXPECT_EQ(Context::machineName().name(), QStringLiteral("pinned"));
+}
+
+TEST(Context, NamesComeFromTheEnvironment) {
+    qputenv("MORVA_CONTEXT_TITLE", "A title");
+    EXPECT_EQ(Context::title(QStringLiteral("other")), QStringLiteral("A title"));
+    qunsetenv("MORVA_CONTEXT_TITLE");
+    EXPECT_EQ(Context::title(QStringLiteral("other")), QStringLiteral("other"));
+}
+
+TEST(Context, IdsAreUniqueAcrossThreadsAndNeverZero) {
+    std::vector<std::uint32_t> ids[4];
+    {
+        std::vector<std::jthread> threads;
+        for (auto& mine : ids)
+            threads.emplace_back([&mine] {
+                for (int i = 0; i < 1000; ++i)
+                    mine.push_back(Context::uniqueId());
+            });
+    }
+    std::set<std::uint32_t> all;
+    for (auto const& mine : ids)
+        all.insert(mine.begin(), mine.end());
+    EXPECT_EQ(all.size(), 4000U);
+    EXPECT_FALSE(all.contains(0));
+}
+
+} // namespace
+} // namespace Morva
