@@ -22,9 +22,13 @@ constexpr std::uint32_t maximumDetails = 64 * 1024 * 1024;
 
 StateFile::StateFile(QString name) : name_(std::move(name)), file_(RawFile::make()) {}
 
-StateFile::~StateFile() { close(); }
+StateFile::~StateFile() {
+    close();
+}
 
-void StateFile::close() { file_->close(); }
+void StateFile::close() {
+    file_->close();
+}
 
 void StateFile::clear() {
     valid_ = false;

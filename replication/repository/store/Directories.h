@@ -11,6 +11,10 @@
 
 #include <memory>
 
+namespace Morva {
+class PagedList;
+}
+
 namespace Replication {
 
 class Store;
@@ -67,7 +71,7 @@ public:
 
     // Scans of the live tree.
     [[nodiscard]] bool findName(DirKey& key);
-    [[nodiscard]] bool dirscan(std::uint32_t& count, class Morva::PagedList& list, FileNode& node,
+    [[nodiscard]] bool dirscan(std::uint32_t& count, Morva::PagedList& list, FileNode& node,
                                FileId directory);
     [[nodiscard]] bool validDirectory(FileNode& node, FileId directory);
 

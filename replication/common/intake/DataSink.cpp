@@ -1,0 +1,378 @@
+#include "replication/common/intake/DataSink.h"
+
+#include "base/messages/XmlList.h"
+#include "base/trace/Log.h"
+#include "base/trace/Trace.h"
+
+#include <algorithm>
+#include <mutex>
+
+namespace Replication {
+
+using Morva::LogLevelE;
+using Morva::LogLine;
+using Morva::XmlList;
+
+namespace {
+
+auto const logSource = QStringLiteral("Replication");
+
+bool isMessage(LogEntry const& log, DataSink::MessageType type) {
+    return log.type() == LogType::Message && log.number(LogField::MessageType) == type;
+}
+
+} // namespace
+
+DataSink::DataSink(Identity identity)
+    : identity_(std::move(identity)), stateFile_(identity_.stateFile) {
+    stateFile_.readHeader();
+    if (!stateFile_.valid() && !stateFile_.create()) {
+        MORVA_TRACE(Always) << "Fatal error, unable to create state file" << identity_.stateFile;
+        LogLine(logSource, LogLevelE::Error) << "Fatal error, unable to create state file";
+        return;
+    }
+    valid_ = true;
+    ackSequence_ = stateFile_.sequenceNumber();
+    needsResync_ = stateFile_.flags() & StateFile::resyncFlag;
+}
+
+DataSink::~DataSink() = default;
+
+bool DataSink::start() {
+    MORVA_METHOD("start");
+    setupThread();
+    if (!valid_ || !stateFile_.open(Morva::RawFile::Mode::ReadWrite)) {
+        MORVA_TRACE(Always) << "Failed to open state file for update" << identity_.stateFile;
+        LogLine(logSource, LogLevelE::Error)
+            << "Failed to open state file '%1s' for update" << identity_.stateFile;
+        valid_ = false;
+        return scope.result(false);
+    }
+    auto const loaded = ackSequence_ != 0 ? startWithState() : startWithoutState();
+    if (!loaded)
+        valid_ = false;
+    else
+        loadState();
+    forceAck();
+    return scope.result(loaded);
+}
+
+bool DataSink::startWithState() {
+    auto const saved = stateFile_.ruleSet();
+    if (saved == identity_.ruleSet) {
+        MORVA_TRACE(Normal) << "Ruleset from the state file matches current ruleset" << saved;
+        if (loadRules(saved))
+            return true;
+        LogLine(logSource, LogLevelE::Error) << "Failed to load current ruleset %1i" << saved;
+        return false;
+    }
+    MORVA_TRACE(Normal) << "load ruleset from state file" << saved;
+    if (!loadRules(saved)) {
+        MORVA_TRACE(Always) << "Failed to load rule set from state file" << saved;
+        LogLine(logSource, LogLevelE::Error) << "Failed to load current rules";
+        LogLine(logSource, LogLevelE::Error) << "Failed to load ruleset %1i" << saved;
+        needsResync(true);
+        if (!loadRules(identity_.ruleSet)) {
+            MORVA_TRACE(Always) << "Failed to load rule set" << identity_.ruleSet;
+            LogLine(logSource, LogLevelE::Error)
+                << "Failed to current ruleset %1i" << identity_.ruleSet;
+            return false;
+        }
+    }
+    return true;
+}
+
+bool DataSink::startWithoutState() {
+    MORVA_TRACE(Normal) << "Don't have valid state information, perform initial synchronization";
+    if (!loadRules(identity_.ruleSet)) {
+        MORVA_TRACE(Always) << "Failed to load rule set" << identity_.ruleSet;
+        return false;
+    }
+    needsResync(true);
+    requestResync(QStringLiteral("Initial"), {});
+    return true;
+}
+
+void DataSink::handleShutdown() {
+    MORVA_TRACE(Normal) << "shutdown datasink" << identity_.name;
+    saveState();
+    closeAllFiles();
+    stateFile_.close();
+}
+
+bool DataSink::takeLogs(LogList& logs) {
+    if (inLogLoop_ || paused_ || state_ == eResyncNeedCompletedMsg)
+        return false;
+    inLogLoop_ = true;
+    auto left = budget;
+    auto log = logs.peek();
+    while (log && left > 0 && !paused_) {
+        if (takeLog(log) == Outcome::Waiting)
+            break;
+        (void)logs.take();
+        --left;
+        log = logs.peek();
+    }
+    inLogLoop_ = false;
+    if (state_ == eRunning && !resyncPaths_.isEmpty())
+        requestResync(QStringLiteral("Partial"), {});
+    return log != nullptr;
+}
+
+DataSink::Outcome DataSink::takeLog(LogPointer const& log) {
+    MORVA_TRACE(Debug) << "Received a binary log message sequence number" << log->sequenceNumber()
+                       << "using rule set" << log->ruleSet() << "timestamp" << log->time();
+    if (log->ruleSet() > stateFile_.ruleSet()) {
+        if (!changeRules(log->ruleSet()))
+            return Outcome::Waiting;
+        return handleLog(log);
+    }
+    if (log->sequenceNumber() > ackSequence_)
+        return handleLog(log);
+    MORVA_TRACE(Normal) << "Already replicated sequence id" << log->sequenceNumber();
+    return Outcome::AlreadyReplicated;
+}
+
+bool DataSink::changeRules(std::uint32_t ruleSet) {
+    MORVA_TRACE(Normal) << "Need to change from rule set" << stateFile_.ruleSet() << "to"
+                        << ruleSet;
+    forceAck();
+    if (!loadRules(ruleSet)) {
+        MORVA_TRACE(Always) << "Failed to load rule set" << ruleSet;
+        return false;
+    }
+    MORVA_TRACE(Normal) << moveOpenToClosed() << "Closed handle(s)"
+                        << "Changed Rules";
+    return true;
+}
+
+std::size_t DataSink::moveOpenToClosed() {
+    auto const moved = static_cast<std::size_t>(openHandles_.size());
+    closedHandles_.insert(openHandles_);
+    openHandles_.clear();
+    return moved;
+}
+
+void DataSink::dropHandles() {
+    openHandles_.clear();
+    closedHandles_.clear();
+    closedGraceLimit_ = 0;
+}
+
+void DataSink::dropExpiredHandles(std::uint32_t time) {
+    if (closedHandles_.isEmpty() || closedGraceLimit_ == 0 || time <= closedGraceLimit_)
+        return;
+    MORVA_TRACE(Testing) << "ClosedGracePeriod expired with" << closedHandles_.size()
+                         << "closed handle(s)";
+    closedHandles_.clear();
+    closedGraceLimit_ = 0;
+}
+
+DataSink::Outcome DataSink::handleLog(LogPointer const& log) {
+    if (!valid_)
+        return Outcome::Waiting;
+    dropExpiredHandles(log->time());
+    if (log->type() == LogType::Message)
+        messageLog(*log);
+    else if (log->type() == LogType::PolicyEvent && state_ == eRunning && !resyncPaths_.isEmpty())
+        requestResync(QStringLiteral("Partial"), {});
+    currentLog_ = log;
+    if (state_ == eRunningDuringSnapshot && isMessage(*log, EndOfSnapshot) &&
+        log->sequenceNumber() == endSnapshotSequence_) {
+        MORVA_TRACE(Normal) << "Got the end snapshot log we are looking for";
+        endSnapshotSequence_ = 0;
+        state(eRunning);
+    }
+    auto const outcome = replayLog(log);
+    currentLog_.reset();
+    return outcome;
+}
+
+void DataSink::messageLog(LogEntry const& log) {
+    if (isMessage(log, PingTest)) {
+        MORVA_TRACE(Normal) << "Got BINARY_LOG_PING_TEST";
+    } else if (isMessage(log, SourceStarted)) {
+        closeAllFiles();
+        dropHandles();
+    } else if (isMessage(log, StartOfSnapshot)) {
+        closeAllFiles();
+        if (auto const moved = moveOpenToClosed(); moved != 0) {
+            MORVA_TRACE(Normal) << "Start Snapshot" << moved << "Closed handle(s)";
+            closedGraceLimit_ = log.time() + closedGracePeriod();
+        }
+    }
+    auto const exclusions = isMessage(log, SourceStarted) || isMessage(log, NotToBackupDetails);
+    if (exclusions && (state_ == eRunning || state_ == eValidate))
+        takeExclusions(log);
+}
+
+void DataSink::takeExclusions(LogEntry const& log) {
+    if (log.data().size == 0)
+        return;
+    auto const details = XmlList::fromBinary(log.data());
+    if (!details)
+        return;
+    MORVA_TRACE(Normal) << "NotToBackup details" << log.data().size;
+    exclusions_ = log.data().toByteArray();
+    notToBackup_ = NotToBackup(*details, caseSensitive_);
+    saveState();
+}
+
+void DataSink::loadState() {
+    auto const bytes = stateFile_.details();
+    if (bytes.isEmpty())
+        return;
+    if (auto const details = XmlList::fromBinary(bytes)) {
+        exclusions_ = bytes;
+        notToBackup_ = NotToBackup(*details, caseSensitive_);
+    }
+}
+
+void DataSink::saveState() {
+    if (!exclusions_.isEmpty() && !stateFile_.details(exclusions_))
+        MORVA_TRACE(Always) << "Failed to save exclusions in" << identity_.stateFile;
+}
+
+DataSink::Outcome DataSink::replayLog(LogPointer const& log) {
+    if (replay(log)) {
+        ackLog(log->sequenceNumber(), log->body().size);
+        return Outcome::Applied;
+    }
+    if (state_ == eRunningDuringSnapshot) {
+        MORVA_TRACE(Normal) << "A file operation failed during a snapshot, ignore failure";
+        ackLog(log->sequenceNumber(), log->body().size);
+        return Outcome::Forgiven;
+    }
+    if (ackMode_ == AckToSource)
+        sendNak(log->sequenceNumber());
+    else
+        setAck(log->sequenceNumber());
+    MORVA_TRACE(Always) << "A file operation failed, ask to perform a resync";
+    sendResyncRequired(QStringLiteral("File operation failed"), true, 4);
+    return Outcome::Failed;
+}
+
+void DataSink::ackLog(std::uint64_t sequence, std::uint64_t size) {
+    if (sequence <= ackSequence_)
+        return;
+    bool written = false;
+    {
+        std::unique_lock lock(stateLock_);
+        ackSequence_ = sequence;
+        written = stateFile_.sequenceNumber(sequence, stateFile_.bytesProcessed() + size);
+    }
+    if (!written)
+        LogLine(logSource, LogLevelE::Error) << "Failed to write to state file";
+    if (ackMode_ == AckToSource)
+        sendAck(sequence);
+}
+
+void DataSink::setAck(std::uint64_t sequence) {
+    MORVA_TRACE(Normal) << "Ack set to" << sequence;
+    if (sequence <= ackSequence_)
+        return;
+    std::unique_lock lock(stateLock_);
+    ackSequence_ = sequence;
+    if (!stateFile_.sequenceNumber(sequence))
+        LogLine(logSource, LogLevelE::Error) << "Failed to write to state file";
+}
+
+void DataSink::forceAck() {
+    if (ackSequence_ == 0)
+        return;
+    MORVA_TRACE(Normal) << "Force Ack" << ackSequence_;
+    sendAck(ackSequence_);
+}
+
+DataSink::State DataSink::state() const {
+    std::shared_lock lock(stateLock_);
+    return state_;
+}
+
+std::uint64_t DataSink::ackSequence() const {
+    std::shared_lock lock(stateLock_);
+    return ackSequence_;
+}
+
+void DataSink::state(State next) {
+    auto const before = state_;
+    if (next == eResyncNeedCompletedMsg)
+        startResync();
+    if (next == eRunning && (before == eRunningDuringSnapshot || before == eResyncNeedCompletedMsg))
+        endResync();
+    if (next == eRunning && before >= eRunningDuringSnapshot && before <= eResyncNeedEndLog)
+        resyncPaths_.clear();
+    std::unique_lock lock(stateLock_);
+    state_ = next;
+}
+
+void DataSink::needsResync(bool value) {
+    needsResync_ = value;
+    if (!stateFile_.flag(StateFile::resyncFlag, value))
+        MORVA_TRACE(Always) << "Failed to update flags" << identity_.stateFile;
+}
+
+void DataSink::sendResyncRequired(QString const& reason, bool flag, std::uint32_t level) {
+    if (flag)
+        needsResync(true);
+    if (level == 0)
+        return;
+    LogLine(logSource, static_cast<LogLevelE>(level))
+        << "A resynchronization of %1m to %2s is required, %3s" << identity_.sourceMachine
+        << identity_.target << reason;
+}
+
+void DataSink::requestResync(QString const& type, Morva::MsgAddress const&) {
+    if (type == QLatin1String("Full") && !needsResync_) {
+        MORVA_TRACE(Normal) << "Ignore full resync request, we do not require it";
+        return;
+    }
+    if (state_ != eRunning) {
+        MORVA_TRACE(Normal) << "Already performing a resync";
+        return;
+    }
+    resyncType_ = type;
+    MORVA_TRACE(Normal) << (startResyncProcess(type) ? "Requested initial sync"
+                                                     : "Failed to request initial sync")
+                        << type;
+}
+
+bool DataSink::idle() const {
+    return state_ == eRunning && resyncPaths_.isEmpty();
+}
+
+void DataSink::startResync() {
+    MORVA_TRACE(Normal) << "startResync" << identity_.name;
+}
+
+void DataSink::endResync() {
+    MORVA_TRACE(Normal) << "endResync" << identity_.name;
+}
+
+void DataSink::setupThread() {}
+
+bool DataSink::addResyncPath(QString const& path, bool first) {
+    switch (state_) {
+    case eRunning:
+    case eResyncNeedEndLog:
+    case eValidate:
+        break;
+    case eRunningDuringSnapshot:
+        if (!first)
+            return false;
+        break;
+    case eResyncNeedSnapshotCompleteMsg:
+    case eResyncNeedStartLog:
+        if (resyncType_ == QLatin1String("Full"))
+            return false;
+        break;
+    case eResyncNeedCompletedMsg:
+        if (resyncType_ != QLatin1String("Full") && resyncType_ != QLatin1String("Initial"))
+            return false;
+        break;
+    }
+    resyncPaths_.insert(path);
+    return true;
+}
+
+} // namespace Replication

@@ -1,0 +1,320 @@
+#include "replication/repository/replay/RepositoryPosix.h"
+
+#include "base/trace/Log.h"
+#include "base/trace/Trace.h"
+#include "replication/repository/store/Directories.h"
+#include "replication/repository/store/Store.h"
+#include "replication/repository/streams/StreamHandle.h"
+
+#include <sys/stat.h>
+
+namespace Replication {
+
+using Morva::LogLevelE;
+using Morva::LogLine;
+
+namespace {
+
+/// A larger "Ea" or "Security" stream is damage: Linux bounds what one file can have.
+constexpr std::uint64_t maximumSmallStream = 16 * 1024 * 1024;
+
+QString streamName(char16_t const* name) {
+    return QString::fromUtf16(name);
+}
+
+} // namespace
+
+QByteArray RepositoryPosix::readWhole(SinkHandle const& handle, char16_t const* name) {
+    auto const stream = handle.activeHandle->fileNode()->openStream(streamName(name));
+    if (!stream)
+        return {};
+    auto const length = stream->length();
+    if (length > maximumSmallStream)
+        return {};
+    QByteArray bytes(static_cast<qsizetype>(length), '\0');
+    auto const count = stream->read(0, bytes.data(), static_cast<std::uint32_t>(length));
+    bytes.truncate(static_cast<qsizetype>(count));
+    return bytes;
+}
+
+bool RepositoryPosix::replayBody(LogEntry const& log) {
+    MORVA_TRACE(Debug) << "Process packet" << static_cast<std::uint32_t>(log.type());
+    switch (log.type()) {
+    case LogType::Close:
+        return CloseOp(log);
+    case LogType::Write:
+        return writeOp(log);
+    case LogType::PosixCreate:
+        return opCreatePosix(log);
+    case LogType::PosixOpen:
+    case LogType::PosixReopen:
+        return opOopenPosix(log);
+    case LogType::PosixMkdir:
+        return opMkdirPosix(log);
+    case LogType::PosixMknod:
+        return opMknodPosix(log);
+    case LogType::PosixRename:
+        return opRename(log);
+    case LogType::PosixSymlink:
+        return opSymlinkPosix(log);
+    case LogType::PosixRmdir:
+        return opRmdirPosix(log);
+    case LogType::PosixSetEa:
+        return opEaSetPosix(log);
+    case LogType::PosixRemoveEa:
+        return opEaRemovePosix(log);
+    case LogType::PosixSetAttr:
+        return opAttrSet(log);
+    case LogType::PosixLink:
+        return opLinkPosix(log);
+    case LogType::PosixUnlink:
+        return opUnlinkPosix(log);
+    case LogType::PosixWritePath:
+        return opWritePath(log);
+    case LogType::PosixTruncate:
+        return opTruncatePosix(log);
+    default:
+        break;
+    }
+    if (log.type() >= LogType::ExchangeCreateObject)
+        MORVA_TRACE(Normal) << "Do not handle Exchange logs";
+    else if (log.type() >= LogType::WinCreate)
+        MORVA_TRACE(Normal) << "Do not handle Windows logs";
+    return true;
+}
+
+bool RepositoryPosix::translate(QStringList& parts, std::string_view path) const {
+    auto const text = posixText(path);
+    MORVA_TRACE(Debug) << "source" << sourceRoot() << "translate" << text;
+    QStringView rest(text);
+    QStringView root(sourceRoot());
+    while (root.endsWith(u'/'))
+        root.chop(1);
+    if (!rest.startsWith(root))
+        return false;
+    rest = rest.mid(root.size());
+    if (!rest.isEmpty() && rest.front() != u'/')
+        return false;
+    parts.clear();
+    for (auto const part : rest.split(u'/', Qt::SkipEmptyParts))
+        parts += part.toString();
+    return true;
+}
+
+RepositoryPosix::Place RepositoryPosix::place(std::string_view path, bool isDirectory) const {
+    Place result;
+    if (!translate(result.path, path))
+        return result;
+    result.opType = operation(result.path, isDirectory);
+    result.space = result.opType == NotToBackup::eExcluded ? Space::Excluded : Space::Inside;
+    return result;
+}
+
+RepositoryPosix::SinkHandlePointer RepositoryPosix::makeObject(LogEntry const& log,
+                                                               Place const& place,
+                                                               PosixSecurity const& security) {
+    auto& paths = store().paths();
+    auto const context = this->context(log, place.path, place.opType);
+    auto const wantsDirectory = S_ISDIR(security.mode);
+    auto const located = store().directories().locate(place.path, PathMode::DoNotBuildPath);
+    auto const isThere = located.found;
+    if (isThere && !(wantsDirectory && located.key.isDirectory()) &&
+        !paths.unlink(context, place.path))
+        return nullptr;
+
+    PathOperations::NewFile file;
+    file.nodeType = wantsDirectory ? directoryType : fileType;
+    file.attributes = security.mode;
+    file.owner = QString::number(security.uid);
+    file.security = security.encode();
+    if (!wantsDirectory)
+        return paths.createStream(context, place.path, streamName(PosixStream::data), file);
+    auto handle = paths.createObject(context, place.path, file);
+    if (handle && isThere) {
+        auto const link = handle->link;
+        handle->activeHandle->attributes(link, file.attributes);
+        handle->activeHandle->owner(link, file.owner);
+        if (!paths.replaceContent(context, *handle, streamName(PosixStream::security),
+                                  file.security))
+            return nullptr;
+    }
+    return handle;
+}
+
+bool RepositoryPosix::opCreatePosix(LogEntry const& log) {
+    auto const where = place(log.file(), false);
+    if (where.space != Space::Inside) {
+        insertHandle(log.fileId(), SinkHandle::Excluded);
+        return true;
+    }
+    // A logged mode without type bits is that of a regular file.
+    auto const mode = (log.mode() & S_IFMT) ? log.mode() : log.mode() | S_IFREG;
+    auto handle = makeObject(log, where, {mode, log.uid(), log.gid(), 0});
+    if (!handle) {
+        MORVA_TRACE(Always) << "Failed to create file" << where.path.join(u'/');
+        return false;
+    }
+    insertHandle(log.fileId(), std::move(handle));
+    return true;
+}
+
+bool RepositoryPosix::opOopenPosix(LogEntry const& log) {
+    if (log.type() == LogType::PosixReopen) {
+        [[maybe_unused]] auto const known = handle(log.fileId());
+        return true;
+    }
+    auto const where = place(log.file(), false);
+    if (where.space != Space::Inside) {
+        insertHandle(log.fileId(), SinkHandle::Excluded);
+        return true;
+    }
+    auto handle = store().paths().openStream(context(log, where.path, where.opType), where.path,
+                                             streamName(PosixStream::data));
+    if (handle) {
+        insertHandle(log.fileId(), std::move(handle));
+        return true;
+    }
+    MORVA_TRACE(Always) << "Failed to open file" << where.path.join(u'/');
+    addResyncPath(where.path.join(u'/'), false);
+    insertHandle(log.fileId(), SinkHandle::Unknown);
+    return true;
+}
+
+bool RepositoryPosix::opMkdirPosix(LogEntry const& log) {
+    auto const where = place(log.file(), true);
+    if (where.space != Space::Inside)
+        return true;
+    auto const mode = (log.mode() & ~static_cast<std::uint32_t>(S_IFMT)) | S_IFDIR;
+    if (makeObject(log, where, {mode, log.uid(), log.gid(), 0}))
+        return true;
+    MORVA_TRACE(Always) << "Failed to mkdir" << where.path.join(u'/');
+    return false;
+}
+
+bool RepositoryPosix::opMknodPosix(LogEntry const& log) {
+    auto const where = place(log.file(), false);
+    if (where.space != Space::Inside)
+        return true;
+    if (!S_ISDIR(log.mode()) &&
+        makeObject(log, where, {log.mode(), log.uid(), log.gid(), log.device()}))
+        return true;
+    MORVA_TRACE(Always) << "Failed to mknod" << where.path.join(u'/');
+    return false;
+}
+
+bool RepositoryPosix::opSymlinkPosix(LogEntry const& log) {
+    auto const where = place(log.to(), false);
+    if (where.space != Space::Inside)
+        return true;
+    auto const handle = makeObject(log, where, {S_IFLNK | 0777, log.uid(), log.gid(), 0});
+    auto const target = log.from();
+    if (handle &&
+        store().paths().replaceContent(
+            context(log, where.path, where.opType), *handle, streamName(PosixStream::link),
+            QByteArray(target.data(), static_cast<qsizetype>(target.size()))))
+        return true;
+    MORVA_TRACE(Always) << "in opSymlinkPosix"
+                        << "Failed to create symlink" << where.path.join(u'/');
+    return false;
+}
+
+bool RepositoryPosix::opLinkPosix(LogEntry const& log) {
+    auto const from = place(log.from(), false);
+    auto const to = place(log.to(), false);
+    if (to.space != Space::Inside)
+        return true;
+    if (from.space != Space::Inside) {
+        // Its contents were never logged here, so they must be asked for.
+        addResyncPath(to.path.join(u'/'), false);
+        return true;
+    }
+    auto const context = this->context(log, to.path, to.opType);
+    auto const source = store().directories().locate(from.path, PathMode::DoNotBuildPath);
+    auto const there = store().directories().locate(to.path, PathMode::DoNotBuildPath);
+    if (source.found && there.found && source.key.fileId() == there.key.fileId())
+        return true;
+    if ((!there.found || store().paths().unlink(context, to.path)) &&
+        store().paths().link(context, from.path, to.path))
+        return true;
+    MORVA_TRACE(Always) << "Failed to link" << from.path.join(u'/') << to.path.join(u'/');
+    return false;
+}
+
+bool RepositoryPosix::opUnlinkPosix(LogEntry const& log) {
+    auto const where = place(log.file(), false);
+    if (where.space != Space::Inside ||
+        store().paths().unlink(context(log, where.path, where.opType), where.path))
+        return true;
+    MORVA_TRACE(Always) << "Failed to unlink" << where.path.join(u'/');
+    return false;
+}
+
+bool RepositoryPosix::opRmdirPosix(LogEntry const& log) {
+    auto const where = place(log.file(), true);
+    if (where.space != Space::Inside ||
+        store().paths().unlink(context(log, where.path, where.opType), where.path))
+        return true;
+    MORVA_TRACE(Always) << "Failed to rmdir" << where.path.join(u'/');
+    return false;
+}
+
+bool RepositoryPosix::opTruncatePosix(LogEntry const& log) {
+    auto const known = log.file().empty() ? handle(log.fileId()) : nullptr;
+    if (known) {
+        if (known->type != SinkHandle::Valid)
+            return true;
+        FileContext through;
+        through.sourceTime = log.time();
+        return store().paths().truncate(through, *known, log.size(), log.bodyFlags());
+    }
+    auto const where = place(log.file(), false);
+    return where.space != Space::Inside ||
+           store().paths().truncate(context(log, where.path, where.opType), where.path, log.size(),
+                                    log.bodyFlags());
+}
+
+bool RepositoryPosix::opWritePath(LogEntry const& log) {
+    if (log.length() != log.data().size) {
+        MORVA_TRACE(Always) << "mismatching write lengths" << log.length() << log.data().size;
+        return true;
+    }
+    auto const where = place(log.file(), false);
+    if (where.space == Space::Outside)
+        MORVA_TRACE(Normal) << "Failed to translate name" << posixText(log.file());
+    if (where.space != Space::Inside)
+        return true;
+    return store().paths().write(context(log, where.path, where.opType), where.path,
+                                 streamName(PosixStream::data), log.offset(), log.data().data,
+                                 log.data().size);
+}
+
+bool RepositoryPosix::writeOp(LogEntry const& log) {
+    auto const data = log.data();
+    if (log.length() != data.size) {
+        MORVA_TRACE(Always) << "mismatching write lengths" << log.length() << data.size
+                            << "Failed to write to OpenSeqNo" << log.fileId();
+        LogLine(QStringLiteral("Replication"), LogLevelE::Error)
+            << "Filter on source node '%1m' logged an invalid write operation"
+            << identity().sourceMachine;
+        return true;
+    }
+    auto const known = handle(log.fileId());
+    if (known->type != SinkHandle::Valid)
+        return true;
+    FileContext through;
+    through.sourceTime = log.time();
+    if (store().paths().write(through, *known, log.offset(), data.data, data.size))
+        return true;
+    MORVA_TRACE(Always) << "Failed to write to OpenSeqNo" << log.fileId();
+    return false;
+}
+
+bool RepositoryPosix::CloseOp(LogEntry const& log) {
+    if (auto const closed = removeHandle(log.fileId()))
+        MORVA_TRACE(Debug) << "Close OpenSeqNo" << log.fileId() << "Writes" << closed->id;
+    else
+        MORVA_TRACE(Normal) << "Failed to close OpenSeqNo, but ignore" << log.fileId();
+    return true;
+}
+
+} // namespace Replication

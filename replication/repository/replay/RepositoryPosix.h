@@ -1,0 +1,66 @@
+#pragma once
+
+#include "replication/common/values/PosixObject.h"
+#include "replication/repository/replay/Sink.h"
+
+#include <functional>
+#include <string_view>
+
+namespace Replication {
+
+/// The sink of POSIX sources. Logs name files by their whole paths, and most need no open handle.
+///
+/// A log tells what succeeded at the source, so the store follows it: an object that stands where
+/// one is made, linked or renamed to gives way to it.
+class RepositoryPosix : public Sink {
+public:
+    using Sink::Sink;
+
+private:
+    /// Where a logged path lies.
+    enum class Space { Outside, Excluded, Inside };
+    struct Place {
+        Space space = Space::Outside;
+        NotToBackup::OpType opType = NotToBackup::eNothing;
+        QStringList path;
+    };
+
+    [[nodiscard]] bool replayBody(LogEntry const& log) override;
+
+    /// False for a path that doesn't start with the source root.
+    [[nodiscard]] bool translate(QStringList& parts, std::string_view path) const;
+    [[nodiscard]] Place place(std::string_view path, bool isDirectory) const;
+
+    [[nodiscard]] bool opCreatePosix(LogEntry const& log);
+    [[nodiscard]] bool opOopenPosix(LogEntry const& log);
+    [[nodiscard]] bool opMkdirPosix(LogEntry const& log);
+    [[nodiscard]] bool opMknodPosix(LogEntry const& log);
+    [[nodiscard]] bool opSymlinkPosix(LogEntry const& log);
+    [[nodiscard]] bool opLinkPosix(LogEntry const& log);
+    [[nodiscard]] bool opUnlinkPosix(LogEntry const& log);
+    [[nodiscard]] bool opRmdirPosix(LogEntry const& log);
+    [[nodiscard]] bool opTruncatePosix(LogEntry const& log);
+    [[nodiscard]] bool opAttrSet(LogEntry const& log);
+    [[nodiscard]] bool opEaSetPosix(LogEntry const& log);
+    [[nodiscard]] bool opEaRemovePosix(LogEntry const& log);
+    [[nodiscard]] bool opWritePath(LogEntry const& log);
+    [[nodiscard]] bool opRename(LogEntry const& log);
+    [[nodiscard]] bool renameInside(LogEntry const& log, Place const& from, Place const& to);
+    [[nodiscard]] bool writeOp(LogEntry const& log);
+    [[nodiscard]] bool CloseOp(LogEntry const& log);
+
+    /// Makes an object of the kind that `security.mode` tells, in place of one that is there.
+    [[nodiscard]] SinkHandlePointer makeObject(LogEntry const& log, Place const& place,
+                                               PosixSecurity const& security);
+    /// The object at a path, without a stream; null, traced, when there is none.
+    [[nodiscard]] SinkHandlePointer openObject(QStringList const& path);
+    /// A small stream of an object; empty when there is none.
+    [[nodiscard]] static QByteArray readWhole(SinkHandle const& handle, char16_t const* name);
+    [[nodiscard]] static PosixSecurity readSecurity(SinkHandle const& handle);
+    [[nodiscard]] bool changeAttributes(LogEntry const& log,
+                                        std::function<void(PosixAttributes&)> const& change);
+    [[nodiscard]] bool setAttributes(LogEntry const& log, FileContext const& context,
+                                     SinkHandle& handle);
+};
+
+} // namespace Replication

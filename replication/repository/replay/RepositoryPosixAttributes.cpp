@@ -1,0 +1,176 @@
+// Attributes, extended attributes and renames of POSIX objects.
+
+#include "replication/repository/replay/RepositoryPosix.h"
+
+#include "base/trace/Trace.h"
+#include "replication/repository/store/Directories.h"
+#include "replication/repository/store/Store.h"
+#include "replication/repository/streams/StreamHandle.h"
+
+#include <sys/stat.h>
+
+namespace Replication {
+
+namespace {
+
+constexpr std::uint32_t securityFlags = posixAttrMode | posixAttrUid | posixAttrGid;
+constexpr std::uint32_t handledFlags =
+    securityFlags | posixAttrModificationTime | posixAttrChangeTime;
+
+} // namespace
+
+bool RepositoryPosix::opAttrSet(LogEntry const& log) {
+    MORVA_TRACE(Debug) << "Flags are" << log.bodyFlags();
+    if ((log.bodyFlags() & handledFlags) == 0) {
+        MORVA_TRACE(Debug) << "Nothing to do";
+        return true;
+    }
+    auto const where = place(log.file(), false);
+    if (where.space != Space::Inside)
+        return true;
+    auto const handle = openObject(where.path);
+    if (!handle)
+        return true;
+    return setAttributes(log, context(log, where.path, where.opType), *handle);
+}
+
+bool RepositoryPosix::setAttributes(LogEntry const& log, FileContext const& context,
+                                    SinkHandle& handle) {
+    auto const flags = log.bodyFlags();
+    auto const link = handle.link;
+    auto& active = *handle.activeHandle;
+    if (flags & securityFlags) {
+        auto security = readSecurity(handle);
+        auto const before = security;
+        if (flags & posixAttrMode)
+            security.mode =
+                (security.mode & S_IFMT) | (log.mode() & ~static_cast<std::uint32_t>(S_IFMT));
+        if (flags & posixAttrUid)
+            security.uid = log.uid();
+        if (flags & posixAttrGid)
+            security.gid = log.gid();
+        if (security != before) {
+            if (!store().paths().replaceContent(
+                    context, handle, QString::fromUtf16(PosixStream::security), security.encode()))
+                return false;
+            active.owner(link, QString::number(security.uid));
+            active.attributes(link, security.mode);
+        }
+    }
+    auto const setModified = (flags & posixAttrModificationTime) != 0;
+    auto const setChanged = (flags & posixAttrChangeTime) != 0;
+    if (setModified || setChanged)
+        active.attr(link, setModified, log.modificationTime(), setChanged, log.changeTime(), false,
+                    0);
+    return true;
+}
+
+RepositoryPosix::SinkHandlePointer RepositoryPosix::openObject(QStringList const& path) {
+    auto located = store().directories().locate(path, PathMode::DoNotBuildPath);
+    if (!located.found) {
+        MORVA_TRACE(Normal) << "Failed to find file, ignore" << path.join(u'/');
+        return nullptr;
+    }
+    auto handle = std::make_shared<SinkHandle>(SinkHandle::Valid);
+    handle->activeHandle =
+        located.key.isRoot()
+            ? store().activeHandles().get(store().rootId())
+            : store().activeHandles().get(located.key, located.key.liveOnly() ? LiveMode::LiveOnly
+                                                                              : LiveMode::Clear);
+    handle->link = located.key.link();
+    return handle->activeHandle ? handle : nullptr;
+}
+
+PosixSecurity RepositoryPosix::readSecurity(SinkHandle const& handle) {
+    auto const record = readWhole(handle, PosixStream::security);
+    if (auto const security = PosixSecurity::decode(Morva::Extent(record)))
+        return *security;
+    // Only a directory that was made because a path needed it has none.
+    return {handle.activeHandle->fileNode()->isDirectory() ? S_IFDIR | 0755u : S_IFREG | 0644u, 0,
+            0, 0};
+}
+
+bool RepositoryPosix::changeAttributes(LogEntry const& log,
+                                       std::function<void(PosixAttributes&)> const& change) {
+    auto const where = place(log.file(), false);
+    if (where.space != Space::Inside)
+        return true;
+    auto const handle = openObject(where.path);
+    if (!handle)
+        return true;
+    auto const record = readWhole(*handle, PosixStream::attributes);
+    auto attributes = PosixAttributes::decode(Morva::Extent(record));
+    if (!attributes) {
+        MORVA_TRACE(Always) << "Damaged extended attributes of" << where.path.join(u'/');
+        attributes.emplace();
+    }
+    change(*attributes);
+    auto const encoded = attributes->encode();
+    return encoded == record ||
+           store().paths().replaceContent(context(log, where.path, where.opType), *handle,
+                                          QString::fromUtf16(PosixStream::attributes), encoded);
+}
+
+bool RepositoryPosix::opEaSetPosix(LogEntry const& log) {
+    MORVA_TRACE(Debug) << "Data" << log.data().size << "Flags" << log.bodyFlags();
+    auto const name = log.eaName();
+    return changeAttributes(log, [&](PosixAttributes& attributes) {
+        attributes.set(QByteArray(name.data(), static_cast<qsizetype>(name.size())),
+                       log.data().toByteArray());
+    });
+}
+
+bool RepositoryPosix::opEaRemovePosix(LogEntry const& log) {
+    auto const name = log.eaName();
+    return changeAttributes(log, [&](PosixAttributes& attributes) {
+        attributes.remove(QByteArray(name.data(), static_cast<qsizetype>(name.size())));
+    });
+}
+
+bool RepositoryPosix::opRename(LogEntry const& log) {
+    QStringList parts;
+    auto const fromSpace = translate(parts, log.from());
+    auto const located = fromSpace ? store().directories().locate(parts, PathMode::DoNotBuildPath)
+                                   : Directories::Located{};
+    auto const isDirectory = located.found && located.key.isDirectory();
+    auto const from = place(log.from(), isDirectory);
+    auto const to = place(log.to(), isDirectory);
+    if (from.space == Space::Outside && to.space == Space::Outside)
+        return false;
+    if (from.space == Space::Inside && to.space == Space::Inside) {
+        MORVA_TRACE(Normal) << "Rename - from and to both in replication space";
+        if (renameInside(log, from, to))
+            return true;
+        MORVA_TRACE(Always) << "Failed to rename" << from.path.join(u'/') << to.path.join(u'/');
+        return false;
+    }
+    if (from.space == Space::Inside) {
+        MORVA_TRACE(Normal) << "Rename - only from in replication space, remove it";
+        if (store().paths().unlink(context(log, from.path, from.opType), from.path))
+            return true;
+        MORVA_TRACE(Always) << "Failed to delete file" << from.path.join(u'/');
+        return false;
+    }
+    if (to.space == Space::Inside) {
+        MORVA_TRACE(Normal) << "Rename - only to in replication space";
+        // Its contents were never logged here, so they must be asked for.
+        addResyncPath(to.path.join(u'/'), false);
+    }
+    return true;
+}
+
+bool RepositoryPosix::renameInside(LogEntry const& log, Place const& from, Place const& to) {
+    auto const context = this->context(log, to.path, to.opType);
+    auto const source = store().directories().locate(from.path, PathMode::DoNotBuildPath);
+    auto const there = store().directories().locate(to.path, PathMode::DoNotBuildPath);
+    if (source.found && there.found) {
+        // Two names of one file: rename(2) leaves both.
+        if (source.key.fileId() == there.key.fileId())
+            return true;
+        if (!store().paths().unlink(context, to.path))
+            return false;
+    }
+    return store().paths().rename(context, notToBackup(), from.path, to.path);
+}
+
+} // namespace Replication

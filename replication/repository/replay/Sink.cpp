@@ -1,0 +1,317 @@
+#include "replication/repository/replay/Sink.h"
+
+#include "base/process/Config.h"
+#include "base/trace/Log.h"
+#include "base/trace/Trace.h"
+#include "replication/repository/store/Directories.h"
+#include "replication/repository/store/RetireList.h"
+#include "replication/repository/store/SnapshotList.h"
+#include "replication/repository/store/Store.h"
+#include "replication/repository/streams/OperationGate.h"
+
+namespace Replication {
+
+using Morva::ConfigLocal;
+using Morva::LogLevelE;
+using Morva::LogLine;
+using Morva::XmlListIterator;
+
+namespace {
+
+constexpr std::uint32_t invalidFileId = 0xFFFFFFFF;
+
+} // namespace
+
+Sink::Sink(Identity identity, ReplayId replayId, StorePointer store,
+           std::shared_ptr<Streams> streams)
+    : DataSink(std::move(identity)),
+      replayId_(replayId),
+      store_(std::move(store)),
+      streams_(std::move(streams)) {
+    caseSensitive(store_->caseSensitive());
+}
+
+Sink::~Sink() {
+    dropHandles();
+    streams_->endThread();
+}
+
+bool Sink::loadRules(std::uint32_t ruleSet) {
+    MORVA_TRACE(Debug) << "IN:load rules. Source Machine" << identity().sourceMachine << "Source"
+                       << sourceRoot_ << "Target" << identity().target << "RuleSet" << ruleSet;
+    auto const loaded = std::make_shared<DisRules const>(ruleSet);
+    if (!loaded->valid()) {
+        MORVA_TRACE(Always) << "Rules file not valid" << ruleSet;
+        return false;
+    }
+    auto const stream =
+        std::dynamic_pointer_cast<RepositoryStream const>(loaded->replayStream(replayId_.value));
+    if (!stream) {
+        MORVA_TRACE(Always) << "Failed to find translation" << replayId_;
+        return false;
+    }
+    if (!stateFile().ruleSet(ruleSet)) {
+        MORVA_TRACE(Always) << "Failed to update ruleset data" << ruleSet;
+        return false;
+    }
+    if (stateFile().target() != stream->target() && !stateFile().target(stream->target())) {
+        MORVA_TRACE(Always) << "Failed to update target data" << stream->target();
+        return false;
+    }
+    sourceRoot_ = stream->source();
+    gracePeriod_ = stream->closedGracePeriod();
+    noDedupSuffixes_ = stream->dedupExclude();
+    MORVA_TRACE(Normal) << "Do not dedup files ending in" << noDedupSuffixes_.join(u' ');
+    store_->settings(stream->indexSnapshots(), stream->dedupSnapshots(), stream->dedupVersions(),
+                     noDedupSuffixes_);
+    loadSuppressedFiles();
+    rules(loaded);
+    loadPolicies(*stream);
+    if (stream->needResync())
+        sendResyncRequired(QStringLiteral("Rules change requires resynchronization"), true, 3);
+    return true;
+}
+
+void Sink::loadSuppressedFiles() {
+    suppressedFiles_.clear();
+    bool found = false;
+    auto const list = ConfigLocal(QStringLiteral("version-suppression.cfg"))
+                          .getXmlList(&found, QStringLiteral("SuppressedFiles"));
+    if (!found)
+        return;
+    for (XmlListIterator file(list, QStringLiteral("File")); file; ++file) {
+        if (auto const text = file.getString(); !text.isEmpty()) {
+            MORVA_TRACE(Normal) << "To suppress list" << text;
+            suppressedFiles_ += text;
+        }
+    }
+}
+
+void Sink::loadPolicies(RepositoryStream const& stream) {
+    versionedRules_.clear();
+    backupPolicies_.clear();
+    cdpPolicies_.clear();
+    for (auto const& [policyId, operations] : stream.policyOps()) {
+        auto const policy = rules()->policy(policyId);
+        if (!policy)
+            continue;
+        MORVA_TRACE(Verbose) << operations.size() << "operations for policy" << policy->name();
+        for (auto const& operation : operations) {
+            MORVA_TRACE(Verbose) << "Check DataOp type" << operation->type();
+            for (auto rule = policy->firstRule(); rule <= policy->lastRule(); ++rule) {
+                if (operation->type() == DisDataOp::eVersion)
+                    versionedRules_ += rule;
+                else if (operation->type() == DisDataOp::eBackup)
+                    backupPolicies_[rule] += operation->operationId();
+                else if (operation->type() == DisDataOp::eCdp)
+                    cdpPolicies_[rule] += operation->operationId();
+            }
+        }
+    }
+    auto const dump = [](auto const& policies, char const* begin, char const* end) {
+        MORVA_TRACE(Verbose) << begin;
+        for (auto entry = policies.cbegin(); entry != policies.cend(); ++entry)
+            MORVA_TRACE(Verbose) << "Rule" << entry.key() << "DataOps" << entry->size();
+        MORVA_TRACE(Verbose) << end;
+    };
+    dump(backupPolicies_, "Begin Backup Policy", "End Backup Policy");
+    dump(cdpPolicies_, "Begin CDP Policy", "End CDP Policy");
+    MORVA_TRACE(Verbose) << versionedRules_.size() << "rules are versioned";
+}
+
+std::uint32_t Sink::closedGracePeriod() const {
+    return gracePeriod_;
+}
+
+bool Sink::replay(LogPointer const& log) {
+    OperationGate::Enter const entered;
+    auto const failuresBefore = streams_->failures();
+    store_->retired().timeStamp(log->time());
+    if (log->type() == LogType::PolicyEvent) {
+        policyEvent(*log);
+    } else if (log->type() >= LogType::Close) {
+        if (!replayBody(*log))
+            return false;
+    }
+    // The data path itself reports success; a log counts as applied only if all its blocks did.
+    if (streams_->failures() == failuresBefore)
+        return true;
+    MORVA_TRACE(Always) << "The stream pool failed while a log was applied, sequence number"
+                        << log->sequenceNumber();
+    return false;
+}
+
+void Sink::sendAck(std::uint64_t sequence) {
+    MORVA_TRACE(Debug) << "AckLog" << sequence;
+}
+
+void Sink::sendNak(std::uint64_t sequence) {
+    MORVA_TRACE(Normal) << "NakLog" << sequence;
+}
+
+void Sink::closeAllFiles() {
+    MORVA_TRACE(Debug) << "IN:closeAllFiles ##################################";
+    MORVA_TRACE(Debug) << "OUT:closeAllFiles ##################################";
+}
+
+void Sink::requestResync(QString const& type, Morva::MsgAddress const& sender) {
+    if (type != QLatin1String("Initial")) {
+        DataSink::requestResync(type, sender);
+        return;
+    }
+    needsResync(true);
+    DataSink::requestResync(destinationEmpty() ? type : QStringLiteral("Full"), sender);
+}
+
+bool Sink::startResyncProcess(QString const& type) {
+    MORVA_TRACE(Normal) << "No resynchronization sender for" << type;
+    return false;
+}
+
+bool Sink::destinationEmpty() {
+    return store_->directories().emptyDirectory(DirKey::root(store_->rootId()));
+}
+
+bool Sink::snapshotPossible() const {
+    return state() == eRunning && store_->valid();
+}
+
+void Sink::handleShutdown() {
+    dropHandles();
+    DataSink::handleShutdown();
+}
+
+void Sink::policyEvent(LogEntry const& log) {
+    auto const rule = log.number(LogField::Rule);
+    auto const operation = log.number(LogField::OperationId);
+    if (backupPolicies_.value(rule).contains(operation))
+        backup(log);
+    else if (cdpPolicies_.value(rule).contains(operation))
+        MORVA_TRACE(Normal) << "Cdp Policy" << rule << "OpId" << operation;
+    else
+        MORVA_TRACE(Normal) << (cdpPolicies_.contains(rule)
+                                    ? "Am not doing CDP for that policy"
+                                    : "Am not doing backups for that policy")
+                            << rule;
+}
+
+void Sink::backup(LogEntry const& log) {
+    auto const policyName = posixText(log.text(LogField::Policy));
+    auto const operation = log.number(LogField::OperationId);
+    auto const policy = rules()->lookupPolicy(log.number(LogField::Rule));
+    MORVA_TRACE(Normal) << "Policy" << policyName << "OpId" << operation << "Utf8"
+                        << posixText(log.text(LogField::Tag));
+    auto const done = store_->snapshots().snapshot(log.time(), needsResync(), policy, operation,
+                                                   stateFile().ruleSet(), identity().sourceMachine,
+                                                   posixText(log.text(LogField::Tag)));
+    auto const source = QStringLiteral("Repository");
+    if (!done) {
+        LogLine(source, LogLevelE::Error) << "Failed to perform a backup of %1m for policy %2s"
+                                          << identity().sourceMachine << policyName;
+        return;
+    }
+    auto text = QStringLiteral("Successfully performed a backup of %1m for policy %2s to %3s");
+    if (needsResync())
+        text += QStringLiteral(", but a resynchronization is required");
+    else if (!resyncPaths().isEmpty())
+        text += QStringLiteral(", but a partial resynchronization is required");
+    LogLine(source, LogLevelE::Information)
+        << text << identity().sourceMachine << policyName << identity().target;
+}
+
+NotToBackup::OpType Sink::operation(QStringList const& path, bool isDirectory) const {
+    auto const answer =
+        isDirectory ? notToBackup().directoryOpType(path) : notToBackup().fileOpType(path);
+    MORVA_TRACE(Debug) << "OUT:operation ," << answer;
+    if (answer != NotToBackup::eInvalid)
+        return answer;
+    MORVA_TRACE(Always) << "Should not get here, treat as eNothing";
+    return NotToBackup::eNothing;
+}
+
+Sink::SinkHandlePointer Sink::handle(std::uint32_t fileId) {
+    MORVA_METHOD("handle");
+    if (auto const open = openHandles().constFind(fileId); open != openHandles().constEnd())
+        return std::static_pointer_cast<SinkHandle>(*open);
+    if (auto closed = closedHandles().take(fileId)) {
+        MORVA_TRACE(Normal) << "LFB: used a reopened closed handle" << fileId;
+        if (closedHandles().isEmpty())
+            MORVA_TRACE(Normal) << "All Closed handled released";
+        openHandles().insert(fileId, closed);
+        return std::static_pointer_cast<SinkHandle>(closed);
+    }
+    auto unknown = std::make_shared<SinkHandle>(SinkHandle::Unknown);
+    insertHandle(fileId, unknown);
+    return unknown;
+}
+
+Sink::SinkHandlePointer Sink::removeHandle(std::uint32_t fileId) {
+    MORVA_METHOD("removeHandle");
+    auto removed = openHandles().take(fileId);
+    if (!removed)
+        removed = closedHandles().take(fileId);
+    return std::static_pointer_cast<SinkHandle>(removed);
+}
+
+bool Sink::insertHandle(std::uint32_t fileId, SinkHandlePointer handle) {
+    if (fileId == invalidFileId || !handle)
+        return false;
+    MORVA_TRACE(Debug) << "Insert" << fileId << "handle" << handle->type;
+    openHandles().insert(fileId, std::move(handle));
+    return true;
+}
+
+bool Sink::insertHandle(std::uint32_t fileId, SinkHandle::Type type) {
+    return type != SinkHandle::Valid && insertHandle(fileId, std::make_shared<SinkHandle>(type));
+}
+
+bool Sink::filterRules(std::vector<std::uint32_t>& rules, QStringList const& path) const {
+    if (path.isEmpty()) {
+        MORVA_TRACE(Debug) << "Suppress root directory";
+        rules.clear();
+        return false;
+    }
+    for (auto const& suppressed : suppressedFiles_) {
+        if (path.last().contains(suppressed)) {
+            MORVA_TRACE(Normal) << "Suppressed version" << path.last() << "Matched" << suppressed;
+            rules.clear();
+            return false;
+        }
+    }
+    auto const before = rules.size();
+    std::erase_if(rules, [this](auto rule) { return !versionedRules_.contains(rule); });
+    MORVA_TRACE(Debug) << "versioned rules" << before << rules.size();
+    return !rules.empty();
+}
+
+bool Sink::dedupAllowed(QStringList const& path) const {
+    if (path.isEmpty())
+        return true;
+    auto const sensitivity = caseSensitive() ? Qt::CaseSensitive : Qt::CaseInsensitive;
+    return std::none_of(
+        noDedupSuffixes_.cbegin(), noDedupSuffixes_.cend(),
+        [&](auto const& suffix) { return path.last().endsWith(suffix, sensitivity); });
+}
+
+FileContext Sink::context(LogEntry const& log, QStringList const& path,
+                          NotToBackup::OpType opType) const {
+    FileContext result;
+    result.sourceTime = log.time();
+    result.opType = opType;
+    if (opType == NotToBackup::eLiveOnly) {
+        result.dedup = false;
+        return result;
+    }
+    result.dedup = dedupAllowed(path);
+    auto const ids = log.rules();
+    if (ids.empty())
+        return result;
+    result.rules.assign(ids.begin(), ids.end());
+    if (filterRules(result.rules, path)) {
+        result.ruleSet = log.ruleSet();
+        result.process = posixText(log.process());
+    }
+    return result;
+}
+
+} // namespace Replication
