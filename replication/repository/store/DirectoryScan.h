@@ -1,0 +1,73 @@
+#pragma once
+
+#include "replication/repository/store/DirectoryPage.h"
+#include "replication/repository/store/FileNode.h"
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace Replication {
+
+class StreamHandle;
+
+/// Reads the entries of one version of a directory in the order of its pages, a few pages at a
+/// time, for the live tree (the node of an `ActiveHandle`) and for snapshots alike:
+///
+///     for (DirectoryScan scan(*node, id, "ls"); scan.nextName();)
+///         use(scan.entry().name(), scan.entry().fileId(), scan.entry().link(),
+///         scan.entry().type());
+///
+/// A failed read or an invalid entry is reported under the operation's name and ends the scan.
+/// Belongs to one thread. The stream stays open as long as the object.
+class DirectoryScan {
+public:
+    /// `instance` is 0 in the live tree; it and the id are for the reports alone. The node must be
+    /// a directory. The operation must be a literal.
+    DirectoryScan(FileNode& node, FileId directory, char const* operation, Instance instance = {},
+                  std::uint64_t firstPage = 0);
+    ~DirectoryScan();
+    DirectoryScan(DirectoryScan const&) = delete;
+    DirectoryScan& operator=(DirectoryScan const&) = delete;
+
+    /// False when the directory has no data stream; there is nothing to scan then.
+    [[nodiscard]] bool hasData() const { return stream_ != nullptr; }
+    /// The next entry of any kind; false at the end.
+    [[nodiscard]] bool next();
+    /// The next entry that names an object.
+    [[nodiscard]] bool nextName();
+    /// Valid until the next step.
+    [[nodiscard]] DirectoryEntry entry() const { return walk_.entry(); }
+    /// The entry's byte offset in the directory's stream.
+    [[nodiscard]] std::uint64_t position() const {
+        return page_ * DirectoryPage::size + walk_.offset();
+    }
+    [[nodiscard]] std::uint64_t page() const { return page_; }
+    [[nodiscard]] std::uint64_t pages() const { return pages_; }
+    /// Whether the scan ended before the end of the directory.
+    [[nodiscard]] bool failed() const { return failed_; }
+
+private:
+    [[nodiscard]] bool loadPage(std::uint64_t page);
+    [[nodiscard]] PageContext context() const;
+
+    static constexpr std::uint32_t pagesPerRead = 16;
+
+    char const* operation_;
+    FileId directory_;
+    Instance instance_;
+    std::shared_ptr<StreamHandle> stream_;
+    std::uint64_t pages_ = 0;
+    std::uint64_t page_ = 0;
+    std::uint64_t windowPage_ = 0;
+    std::uint32_t windowBytes_ = 0;
+    std::vector<std::uint8_t> window_;
+    PageWalk walk_{nullptr};
+    bool started_ = false;
+    bool failed_ = false;
+};
+
+/// The parent of a directory, by the first entry of its pages; 0 when that can't be read.
+[[nodiscard]] FileId parentOf(FileNode& directory);
+
+} // namespace Replication
