@@ -284,9 +284,7 @@ std::uint32_t FaultyFile::writeAt(std::uint64_t offset, void const* buffer, std:
         fail(isFull ? ENOSPC : EIO);
     if (allowed == 0)
         return 0;
-    // Between the old end and the write a hole of zeros comes to be.
-    std::uint64_t const first = std::min(offset, before);
-    pages_->beforeChange(first, offset + allowed - first);
+    pages_->beforeChange(offset, allowed);
     std::uint32_t const done = real_->writeAt(offset, buffer, allowed);
     disk_->lengthChanged(before, real_->length());
     disk_->bytesWritten += done;
@@ -301,8 +299,7 @@ bool FaultyFile::setLength(std::uint64_t bytes) {
     std::uint64_t const before = real_->length();
     if (disk_->reachable(before, bytes) < bytes)
         return fail(ENOSPC);
-    std::uint64_t const first = std::min(bytes, before);
-    pages_->beforeChange(first, std::max(bytes, before) - first);
+    pages_->beforeChange(bytes, bytes < before ? before - bytes : 0);
     bool const done = real_->setLength(bytes);
     disk_->lengthChanged(before, real_->length());
     return done;

@@ -26,7 +26,8 @@ public:
     UnsyncedPages& operator=(UnsyncedPages const&) = delete;
 
     [[nodiscard]] Identity identity() const { return identity_; }
-    /// To be called before bytes change, are cut off or are added.
+    /// To be called before bytes are written or cut off. Bytes that only come to be as zeros
+    /// (growth, holes) need not be named: a count of 0 will do for them.
     void beforeChange(std::uint64_t offset, std::uint64_t count);
     /// What the file holds now is safe.
     void synced();
