@@ -72,7 +72,8 @@ public:
     bool returnBlock(void const* block) const;
     /// Says that a pinned buffer was changed; the pin stays.
     bool updateBlock(void const* block);
-    /// Gives the pin back and forgets the buffer's changes.
+    /// Gives the pin back and forgets the buffer. Changes that were told of before, by any pin,
+    /// still reach the file.
     bool discardBlock(void const* block);
     /// Gives the pin back and the block to the free ones. False, with only the pin given back, for
     /// a block that is free already.
@@ -88,12 +89,14 @@ public:
     bool forEachFree(std::function<bool(std::uint64_t number)> const& callback) const;
 
 private:
-    [[nodiscard]] bool setUp(std::uint32_t blockSize, std::uint64_t growSize);
-    [[nodiscard]] bool readHeader();
+    void setUp(std::uint32_t blockSize, std::uint64_t growSize);
+    [[nodiscard]] bool readHeader(std::uint64_t growSize);
     void storeHeader();
+    [[nodiscard]] bool writeHeader();
     [[nodiscard]] bool markChanged();
     void recoverCount();
     [[nodiscard]] bool reserve();
+    [[nodiscard]] bool growTo(std::uint64_t blocks);
     [[nodiscard]] void* takeFree(std::uint64_t& number);
     void giveUp();
 
@@ -106,6 +109,7 @@ private:
     std::uint64_t reservedCount_ = 0; // blocks that the disk has space for
     std::uint64_t freeCount_ = 0;
     std::uint64_t freeHead_ = 0;
+    std::uint32_t reservedBits_ = 0;
     bool headerChanged_ = false;
     bool marked_ = false; // the header on disk says that the file is in use
 };

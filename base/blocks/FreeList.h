@@ -55,8 +55,8 @@ private:
     void storeHeader();
     [[nodiscard]] bool valid(std::uint64_t first, std::uint64_t count) const;
     [[nodiscard]] std::uint8_t* top(std::uint64_t run) const;
-    void popTop();
     void mergeDown();
+    [[nodiscard]] bool nextPage();
     [[nodiscard]] bool push(std::uint64_t first, std::uint64_t count);
     void giveUp();
 

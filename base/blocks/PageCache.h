@@ -43,8 +43,8 @@ public:
     bool unpin(void const* buffer, bool dirty);
     /// Marks a pinned page as changed.
     bool markDirty(void const* buffer);
-    /// Gives one pin back and drops the page's changes; if others hold a pin on it the buffer
-    /// stays as it is, but for being clean.
+    /// Gives one pin back and forgets the buffer, so that changes which nobody told of are gone. A
+    /// page that is dirty, or that others hold, stays as it is: its changes aren't this caller's.
     bool discard(void const* buffer);
     [[nodiscard]] static std::uint64_t number(void const* buffer);
     [[nodiscard]] static std::uint32_t pins(void const* buffer);

@@ -47,7 +47,7 @@ public:
     [[nodiscard]] bool releaseId(std::uint64_t number);
 
     /// Calls back for each number that has a count, ascending, until the callback returns false.
-    /// False when a page can't be read. Changes nothing and leaves the cache as it is.
+    /// False when a page can't be read. Changes nothing.
     bool
     forEach(std::function<bool(std::uint64_t number, std::uint32_t count)> const& callback) const;
 
@@ -58,8 +58,10 @@ public:
 private:
     [[nodiscard]] bool readHeader(std::uint64_t limit);
     void setGrow(std::uint64_t grow);
+    [[nodiscard]] bool storeHeader();
     [[nodiscard]] bool reserve(std::uint64_t number);
-    [[nodiscard]] std::uint8_t* pinCount(std::uint64_t number, void*& page) const;
+    [[nodiscard]] bool growTo(std::uint64_t pages);
+    [[nodiscard]] bool inTable(std::uint64_t number) const;
     void giveUp();
 
     std::unique_ptr<RawFile> file_;
