@@ -71,7 +71,8 @@ public:
     }
 
 private:
-    [[nodiscard]] std::uint32_t slot(LogField field) const;
+    [[nodiscard]] LogSlot slot(LogField field) const;
+    [[nodiscard]] bool trailingIsBuffer() const;
 
     LogFrame frame_;
     LogShape const* shape_ = nullptr;

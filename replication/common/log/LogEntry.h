@@ -55,7 +55,8 @@ public:
     /// Reads and decodes one body, straight into this object's memory. `bodySize` is what the
     /// header says; a body of any other size is broken. False on failure, which has been traced
     /// and is told by `error`; the log is then empty. Nothing is allocated for sizes that the
-    /// header doesn't bear out or that are beyond `LogLayout::maximumBodySize`.
+    /// header doesn't bear out or that are beyond `LogLayout::maximumBodySize`. After a body that
+    /// could be read but is damaged, the source stands behind that body.
     [[nodiscard]] bool receive(LogIoRead const& source, std::uint32_t bodySize,
                                LogDecode mode = LogDecode::Whole);
     [[nodiscard]] bool receive(LogIoRead const& source, LogHeader const& header,
@@ -102,9 +103,10 @@ public:
     [[nodiscard]] std::span<std::uint32_t const> rules() const;
     [[nodiscard]] std::string_view process() const { return frame_->process.text(); }
 
-    // The body's values. A value that the type hasn't got is 0 or empty.
-    [[nodiscard]] bool has(LogField field) const { return slot(field) != noSlot; }
+    // The body's values. A value that the type hasn't got, or has as another kind, is 0 or empty.
+    [[nodiscard]] bool has(LogField field) const { return slot(field).present(); }
     [[nodiscard]] std::uint32_t number(LogField field) const;
+    /// Values of 32 bits too.
     [[nodiscard]] std::uint64_t wide(LogField field) const;
     /// Raw bytes without the terminating zero; they hold no other zero byte.
     [[nodiscard]] std::string_view text(LogField field) const;
@@ -154,16 +156,21 @@ public:
     void release();
 
 private:
-    [[nodiscard]] std::uint8_t slot(LogField field) const { return logSlot(frame_->type, field); }
+    [[nodiscard]] LogSlot slot(LogField field) const { return logSlot(frame_->type, field); }
 
     static LogFrame const emptyFrame;
 
-    bool fail(std::uint32_t error, char const* text);
-    bool reserve(std::uint64_t size);
-    bool readBody(LogIoRead const& source, std::uint32_t bodySize);
-    bool readStreams(LogIoRead const& source, std::uint32_t const* lengths, std::uint32_t count);
-    bool decodeCommon();
-    bool decodeValues();
+    struct Table;
+
+    [[nodiscard]] bool fail(std::uint32_t error, char const* text);
+    void clear();
+    void reserve(std::uint64_t size);
+    void place(std::uint32_t rulesSize, std::uint32_t bodySize);
+    [[nodiscard]] bool readTable(LogIoRead const& source, std::uint32_t bodySize, Table& table,
+                                 std::uint32_t& consumed);
+    [[nodiscard]] bool readStreams(LogIoRead const& source, Table const& table);
+    [[nodiscard]] bool decodeCommon(LogFrame& frame);
+    [[nodiscard]] bool decodeValues(LogFrame& frame);
 
     /// At the start of the memory, or the empty frame.
     LogFrame const* frame_ = &emptyFrame;
@@ -173,10 +180,7 @@ private:
     std::uint32_t capacity_ = 0;
     std::uint32_t used_ = 0;
     std::uint32_t error_ = 0;
+    bool valuesRead_ = false;
 };
-
-/// POSIX names as text: bytes that are not UTF-8 become U+DC80 to U+DCFF, and back.
-[[nodiscard]] QString logText(std::string_view bytes);
-[[nodiscard]] QByteArray logBytes(QString const& text);
 
 } // namespace Replication

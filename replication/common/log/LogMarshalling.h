@@ -79,7 +79,7 @@ enum class LogPrint : std::uint8_t {
     Hidden,
     Number,             ///< one %u or %llu
     Text,               ///< one %s
-    SecurityDescriptor, ///< one %s, then the descriptor's length as %u
+    SecurityDescriptor, ///< one %s; its length follows as SECLEN
     Sid                 ///< one %s
 };
 
@@ -102,9 +102,19 @@ struct LogShape {
 [[nodiscard]] std::span<LogShape const> logShapes();
 /// Null for a type that isn't listed: such a log has the common part only.
 [[nodiscard]] LogShape const* logShape(std::uint32_t type);
-/// Which of its kind a field is in its type's frame rows; `noSlot` when the type hasn't got it.
-inline constexpr std::uint8_t noSlot = 0xFF;
-[[nodiscard]] std::uint8_t logSlot(std::uint32_t type, LogField field);
+/// Where a value stands in a decoded frame: its kind, and which of the kind it is.
+struct LogSlot {
+    static constexpr std::uint8_t none = 0xFF;
+    std::uint8_t code = none;
+
+    [[nodiscard]] constexpr bool present() const { return code != none; }
+    [[nodiscard]] constexpr bool is(LogKind kind) const {
+        return code >> 4 == static_cast<std::uint8_t>(kind);
+    }
+    [[nodiscard]] constexpr std::uint8_t index() const { return code & 0x0F; }
+};
+/// Not present when the type hasn't got the field.
+[[nodiscard]] LogSlot logSlot(std::uint32_t type, LogField field);
 
 /// The layout of stream 1's common part, 32 bytes, and of the stream table.
 ///

@@ -16,6 +16,9 @@ public:
     static constexpr std::uint64_t defaultIdleBytes = 32U << 20;
 
     explicit LogPool(std::uint64_t maximumIdleBytes = defaultIdleBytes);
+    ~LogPool();
+    LogPool(LogPool const&) = delete;
+    LogPool& operator=(LogPool const&) = delete;
 
     /// An unused log. Its old content is undefined: receive or build into it.
     [[nodiscard]] LogPointer acquire();
@@ -27,7 +30,8 @@ private:
     struct Node;
     template <class T> struct ControlAllocator;
 
-    std::shared_ptr<State> state_;
+    /// Freed by whoever is last: the pool or a log in use.
+    State* state_;
 };
 
 } // namespace Replication

@@ -25,7 +25,7 @@ public:
     /// out.
     explicit ResyncRequiredBody(Morva::XmlList const& body);
 
-    /// Writes the three values behind what `body` holds.
+    /// Sets the three values in `body`; its other values stay.
     void append(Morva::XmlList& body) const;
 
     /// Adds the other's rules that are not there yet; takes its reason only if there is none yet.
