@@ -109,6 +109,24 @@ TEST_F(ConfigFiles, TraceKeysAreRead) {
     EXPECT_EQ(TraceSettings::read(list).level, TraceLevel::Always);
 }
 
+TEST_F(ConfigFiles, TraceStartsAsConfiguredUnlessTheEnvironmentNamesAFile) {
+    XmlList list;
+    list.set("DefaultTraceLevel", 2U);
+    list.set("BoolTraceToFile", true);
+    ASSERT_TRUE(QDir().mkpath(FixedPath::configuration()));
+    ASSERT_TRUE(Config::save(FixedPath::configuration() + "/runtime.cfg", list));
+    Context::startTrace();
+    EXPECT_TRUE(Trace::enabled(TraceLevel::Normal));
+    EXPECT_FALSE(Trace::enabled(TraceLevel::Verbose));
+    Trace::remove();
+    EXPECT_TRUE(QFile::exists(path("run/morva.trace")));
+    qputenv("MORVA_CONTEXT_TRACE_FILE", QFile::encodeName(path("other.trace")));
+    Context::startTrace();
+    Trace::remove();
+    qunsetenv("MORVA_CONTEXT_TRACE_FILE");
+    EXPECT_TRUE(QFile::exists(path("other.trace")));
+}
+
 TEST_F(ConfigFiles, PinnedMachineNameOutlivesTheHostsName) {
     Context::machineName(MachineName());
     EXPECT_TRUE(Context::machineName()) << "there is always a name";

@@ -36,7 +36,7 @@ struct RuleFiles {
 
     /// Nothing, with a trace, if there is a source that rules can't be made for: an empty store
     /// name, a root that is not an absolute path, a number that is 0, or the same replay id or
-    /// first rule twice.
+    /// first rule twice, or the same name.
     [[nodiscard]] static std::optional<RuleFiles> posix(QList<PosixSource> const& sources);
     /// Writes the files into `FixedPath::rules(ruleSetId)`, which is made if need be. False, with
     /// a trace, if that is not set or can't be written. 0 is no id to write.
