@@ -1,0 +1,79 @@
+#pragma once
+
+#include "peers/source/OperationLogger.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Replication {
+
+/// What a walk has done so far. Other threads may read it while the walk goes on.
+struct TreeCounts {
+    std::atomic<std::uint64_t> directories{0};
+    std::atomic<std::uint64_t> files{0}; ///< regular files, each once however many names it has
+    std::atomic<std::uint64_t> links{0}; ///< further names of files
+    std::atomic<std::uint64_t> symlinks{0};
+    std::atomic<std::uint64_t> specials{0}; ///< devices, fifos, sockets
+    std::atomic<std::uint64_t> bytes{0};    ///< of file contents logged, without holes
+    std::atomic<std::uint64_t> logs{0};
+    std::atomic<std::uint64_t> problems{0}; ///< what could not be read
+    std::atomic<std::uint64_t> skipped{0};  ///< left out as asked for
+};
+
+struct TreeOptions {
+    /// Absolute paths that are left out with all that is below them.
+    std::vector<std::string> leaveOut;
+    /// Called for everything that can't be read (path, errno, what failed); the walk goes on.
+    std::function<void(std::string_view path, int error, std::string_view what)> problem;
+    /// Asked between two objects; true ends the walk.
+    std::function<bool()> stop;
+};
+
+/// Walks a directory tree, or one file, and logs it in an order that builds it from nothing:
+///
+///   the root      SETATTR (mode, owner, times)
+///   directory     MKDIR, SETEA, what is in it, SETATTR (times)
+///   file          CREATE, WRITE..., TRUNCATE if it doesn't end in data, CLOSE, SETEA, SETATTR
+///   symlink       SYMLINK, SETEA, SETATTR
+///   other         MKNOD, SETEA, SETATTR
+///   second name   LINK to the first one seen
+///
+/// Names are taken in the order of their bytes. File systems mounted below are walked too; symbolic
+/// links are not followed. A file is logged with its size at the time it was opened; one that
+/// shrinks while it is read is cut to what was read. Writes hold at most 1 MiB and leave out holes.
+class TreeLogger {
+public:
+    static constexpr std::uint32_t writeSize = 1 << 20;
+
+    enum class Result {
+        Done,   ///< all that could be read was logged; see `problems`
+        NoRoot, ///< the root itself can't be opened, `rootError` tells why
+        SinkFailed,
+        Stopped
+    };
+
+    /// The logger must outlive the walker.
+    TreeLogger(TreeOptions options, OperationLogger& logger);
+    ~TreeLogger();
+
+    /// `root` may be relative; the logs bear absolute paths. A symbolic link as root is followed.
+    [[nodiscard]] Result run(std::string_view root);
+
+    [[nodiscard]] TreeCounts const& counts() const { return counts_; }
+    [[nodiscard]] int rootError() const { return rootError_; }
+
+private:
+    class Walk;
+
+    TreeOptions options_;
+    OperationLogger& logger_;
+    TreeCounts counts_;
+    int rootError_ = 0;
+};
+
+} // namespace Replication
