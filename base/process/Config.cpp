@@ -2,9 +2,9 @@
 
 #include "base/files/RawFile.h"
 #include "base/process/FixedPath.h"
+#include "base/values/PosixText.h"
 
-#include <QDir>
-#include <QFile>
+#include <QFileInfo>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -29,7 +29,7 @@ bool writeWhole(QString const& path, QByteArray const& text) {
 
 /// Brings a rename to the disk; a failure only means that a power cut can undo it.
 void syncDirectory(QString const& path) {
-    int const directory = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_DIRECTORY);
+    int const directory = ::open(encodePosixText(path).constData(), O_RDONLY | O_DIRECTORY);
     if (directory >= 0) {
         (void)::fsync(directory);
         ::close(directory);
@@ -66,7 +66,7 @@ QString localPath(QString const& fileName) {
 
 Config Config::load(QString const& path) {
     Config result;
-    if (path.isEmpty() || !QFile::exists(path))
+    if (path.isEmpty() || ::access(encodePosixText(path).constData(), F_OK) != 0)
         return result;
     result.absent_ = false;
     QString error;
@@ -84,9 +84,9 @@ Config Config::load(QString const& path) {
 bool Config::save(QString const& path, XmlList const& list) {
     auto const text = list.toXml();
     auto const fresh = path + QStringLiteral(".new");
-    auto const freshName = QFile::encodeName(fresh);
+    auto const freshName = encodePosixText(fresh);
     if (text.isEmpty() || !writeWhole(fresh, text) ||
-        std::rename(freshName.constData(), QFile::encodeName(path).constData()) != 0) {
+        std::rename(freshName.constData(), encodePosixText(path).constData()) != 0) {
         MORVA_TRACE(Always) << "Failed to write configuration file" << path;
         (void)std::remove(freshName.constData());
         return false;

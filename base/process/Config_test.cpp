@@ -10,6 +10,8 @@
 #include <QFile>
 #include <QTemporaryDir>
 
+#include <unistd.h>
+
 #include <set>
 #include <thread>
 
@@ -91,6 +93,18 @@ TEST_F(ConfigFiles, LocalNamesAreFoundInTheConfigurationDirectory) {
     ASSERT_TRUE(Config::save(FixedPath::configuration() + "/a.cfg", list));
     EXPECT_EQ(ConfigLocal("a.cfg").get("Key", 0U), 6U);
     EXPECT_EQ(QDir(FixedPath::configuration()).entryList(QDir::Files), QStringList("a.cfg"));
+}
+
+TEST_F(ConfigFiles, RootNeedNotBeUtf8) {
+    QString const root = path("odd-") + QChar(0xDC80 + 0x7F);
+    ASSERT_TRUE(FixedPath::setRoot(root));
+    ASSERT_TRUE(FixedPath::make(FixedPath::configuration()));
+    XmlList list;
+    list.set("Key", 5U);
+    ASSERT_TRUE(Config::save(FixedPath::configuration() + "/a.cfg", list));
+    EXPECT_EQ(ConfigLocal("a.cfg"), list);
+    EXPECT_EQ(::access((QFile::encodeName(path("odd-")) + "\xFF/config/a.cfg").constData(), F_OK),
+              0);
 }
 
 TEST_F(ConfigFiles, TraceKeysAreRead) {

@@ -4,9 +4,8 @@
 #include "base/process/FixedPath.h"
 #include "base/trace/Log.h"
 #include "base/trace/Trace.h"
+#include "base/values/PosixText.h"
 
-#include <QDir>
-#include <QFile>
 #include <QSysInfo>
 
 #include <atomic>
@@ -24,7 +23,7 @@ MachineName machine;
 
 QString environment(char const* variable, QString const& otherwise) {
     auto const value = qgetenv(variable);
-    return value.isEmpty() ? otherwise : QFile::decodeName(value);
+    return value.isEmpty() ? otherwise : decodePosixText(value);
 }
 
 } // namespace
@@ -65,7 +64,7 @@ bool Context::pinMachineName() {
     auto const directory = FixedPath::configuration();
     auto const name = QString::fromLatin1(TraceSettings::fileName);
     Config list = ConfigLocal(name);
-    if (directory.isEmpty() || (!list.usable() && !list.absent()) || !QDir().mkpath(directory)) {
+    if (directory.isEmpty() || (!list.usable() && !list.absent()) || !FixedPath::make(directory)) {
         MORVA_TRACE(Always) << "Failed to keep the machine's name in" << directory;
         return false;
     }
@@ -95,7 +94,7 @@ void Context::startTrace() {
         TraceSettings::read(ConfigLocal(QString::fromLatin1(TraceSettings::fileName)));
     auto file = traceFile();
     auto const directory = FixedPath::runtime();
-    if (file.isEmpty() && settings.toFile && !directory.isEmpty() && QDir().mkpath(directory))
+    if (file.isEmpty() && settings.toFile && !directory.isEmpty() && FixedPath::make(directory))
         file =
             directory + QLatin1Char('/') + name(QStringLiteral("morva")) + QStringLiteral(".trace");
     Trace::install(file);

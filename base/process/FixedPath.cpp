@@ -1,11 +1,11 @@
 #include "base/process/FixedPath.h"
 
 #include "base/process/Config.h"
-#include "base/trace/Trace.h"
+#include "base/values/PosixText.h"
 
 #include <QDir>
-#include <QFile>
 
+#include <filesystem>
 #include <mutex>
 
 namespace Morva {
@@ -64,7 +64,7 @@ QString get(QString Paths::*path) {
     std::scoped_lock const guard(lock);
     if (!current) {
         current.emplace();
-        (void)load(QFile::decodeName(qgetenv("MORVA_ROOT")), *current);
+        (void)load(decodePosixText(qgetenv("MORVA_ROOT")), *current);
     }
     return (*current).*path;
 }
@@ -101,6 +101,14 @@ QString FixedPath::configuration() {
 QString FixedPath::rules(std::uint32_t number) {
     auto const path = get(&Paths::rules);
     return path.isEmpty() ? path : path + QLatin1Char('/') + QString::number(number);
+}
+
+bool FixedPath::make(QString const& path) {
+    // Not by QDir, which can't name what is not UTF-8.
+    std::filesystem::path const native = encodePosixText(path).toStdString();
+    std::error_code error;
+    std::filesystem::create_directories(native, error);
+    return std::filesystem::is_directory(native, error);
 }
 
 } // namespace Morva

@@ -36,6 +36,9 @@ public:
     [[nodiscard]] static QString runtime();
     [[nodiscard]] static QString configuration();
     [[nodiscard]] static QString rules(std::uint32_t number);
+
+    /// Makes a directory and those above it. False if it is not there then.
+    [[nodiscard]] static bool make(QString const& path);
 };
 
 } // namespace Morva

@@ -4,12 +4,14 @@
 #include "base/process/Context.h"
 #include "base/process/FixedPath.h"
 #include "base/trace/Trace.h"
+#include "base/values/PosixText.h"
 #include "replication/common/rules/DisDataOp.h"
 
-#include <QDir>
+#include <QFileInfo>
 #include <QSet>
 
 #include <algorithm>
+#include <filesystem>
 
 namespace Replication {
 
@@ -125,7 +127,7 @@ std::optional<RuleFiles> RuleFiles::posix(QList<PosixSource> const& sources) {
 
 bool RuleFiles::write(std::uint32_t ruleSetId) const {
     auto const directory = FixedPath::rules(ruleSetId);
-    if (ruleSetId == 0 || directory.isEmpty() || !QDir().mkpath(directory)) {
+    if (ruleSetId == 0 || directory.isEmpty() || !FixedPath::make(directory)) {
         MORVA_TRACE(Always) << "Failed to make directory for rule set" << ruleSetId << directory;
         return false;
     }
@@ -139,10 +141,17 @@ std::uint32_t latestRuleSetId() {
     auto const zero = FixedPath::rules(0);
     if (zero.isEmpty())
         return 0;
-    QDir const directory(QFileInfo(zero).path());
+    namespace fs = std::filesystem;
+    fs::path const directory = Morva::encodePosixText(QFileInfo(zero).path()).toStdString();
+    std::error_code error;
     std::uint32_t latest = 0;
-    for (auto const& name : directory.entryList(QDir::Dirs | QDir::NoDotAndDotDot))
-        latest = std::max(latest, name.toUInt());
+    for (fs::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::error_code unreadable;
+        auto const name = QString::fromStdString(entry->path().filename().string());
+        if (entry->is_directory(unreadable))
+            latest = std::max(latest, name.toUInt());
+    }
     return latest;
 }
 
