@@ -20,6 +20,11 @@ class StreamHandle;
 /// go through it. When a change made a copy of the node, `commit` enters the copy in the id's
 /// chain; the end of the handle retires the version that it describes.
 ///
+/// `link` is the link of the file whose name was used; 0 is read as 1.
+///
+/// A stream handle that was got here stays good while others change the file: when a change had to
+/// go to a copy of the stream, every operation that is given the old handle goes to the copy.
+///
 /// Not thread-safe: used by the one writer of the store's live tree.
 class ActiveHandle {
 public:
@@ -35,7 +40,7 @@ public:
     [[nodiscard]] FileNode::Pointer const& fileNode() const { return fileNode_; }
     [[nodiscard]] Version& version() { return version_; }
 
-    // Each ends with `commit`. False or null when there is no node.
+    // Each ends with `commit`. False or null when there is no node, and on a failure of the disk.
     [[nodiscard]] std::shared_ptr<StreamHandle> createStream(LinkId link, QString const& name,
                                                              bool dedup);
     [[nodiscard]] std::shared_ptr<StreamHandle> openStream(LinkId link, QString const& name,
@@ -64,19 +69,24 @@ public:
     bool attr(LinkId link, bool setModified, std::uint32_t modified, bool setCreated,
               std::uint32_t created, bool setAttributes, std::uint32_t attributes);
 
+    /// Forgets the replaced handles of a stream that nobody holds any more.
     void closeStream(QString const& name);
     [[nodiscard]] std::uint32_t linkCount() const;
     [[nodiscard]] bool notLinked() const;
     [[nodiscard]] NodeTimes times() const;
     [[nodiscard]] std::uint64_t size(QString const& stream) const;
     [[nodiscard]] std::vector<StreamRecord> streamList() const;
+    /// The names of all streams but "Data".
     [[nodiscard]] QStringList namedAttributes() const;
     [[nodiscard]] QString owner() const;
     [[nodiscard]] QString sourceMachine() const;
 
+    /// Notes how the rules version the file: once, and not for directories.
     void setVersion(DirKey const& key, QStringList const& path, QString const& user,
                     QString const& process, std::uint32_t ruleSet,
                     std::vector<std::uint32_t> const& rules);
+    /// The file has moved: what was retained under the old name goes out weakly, and the new place
+    /// is versioned from now on; without rules the version ends.
     void rename(FileId directory, QStringList const& path, QString const& user,
                 QString const& process, std::uint32_t ruleSet,
                 std::vector<std::uint32_t> const& rules);
@@ -93,7 +103,20 @@ public:
     void saveHandle(Morva::PackBuffer& record) const;
 
 private:
+    friend class ActiveHandles;
+
     void commit(LinkId link);
+    /// The handle that stands for `stream` now; itself when nothing replaced it.
+    [[nodiscard]] std::shared_ptr<StreamHandle>
+    current(std::shared_ptr<StreamHandle> const& stream) const;
+    [[nodiscard]] StreamHandle const& current(StreamHandle const& stream,
+                                              std::shared_ptr<StreamHandle>& keep) const;
+    /// Notes that holders of `before` now mean the stream of that name.
+    void replaced(std::shared_ptr<StreamHandle> const& before, QString const& name);
+    [[nodiscard]] bool sameStream(QString const& a, QString const& b) const;
+    /// Runs a change of a stream's content and notes the handle that a copy brought.
+    template <class Change>
+    [[nodiscard]] bool change(LinkId link, std::shared_ptr<StreamHandle>& stream, Change&& change);
 
     Store& store_;
     FileId id_;
@@ -101,8 +124,13 @@ private:
     FileNode::Pointer fileNode_;
     FileNode::Pointer copy_;
     QHash<LinkId, Link> links_;
-    /// Open streams by name, so that all holders see the handle that a copy brought.
-    QHash<QString, std::weak_ptr<StreamHandle>> openStreams_;
+    /// Handles that were replaced while somebody else held them, with the stream's name.
+    struct Replaced {
+        std::weak_ptr<StreamHandle> handle;
+        StreamId id;
+        QString name;
+    };
+    std::vector<Replaced> replaced_;
 };
 
 } // namespace Replication

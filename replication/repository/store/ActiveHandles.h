@@ -37,6 +37,11 @@ public:
     [[nodiscard]] std::vector<ActiveHandle::Pointer> all() const;
 
 private:
+    [[nodiscard]] ActiveHandle::Pointer enter(FileId id, FileNode::Pointer node);
+    [[nodiscard]] ActiveHandle::Pointer createRoot(DirKey const& key, FileNode::Pointer node);
+    [[nodiscard]] bool enterInDirectory(DirKey& key, ActiveHandle& handle, QStringList const& path,
+                                        bool liveOnly);
+
     Store& store_;
     QHash<FileId, std::weak_ptr<ActiveHandle>> handles_;
     QHash<FileId, Version> pending_;

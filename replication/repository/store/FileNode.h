@@ -16,7 +16,6 @@ namespace Replication {
 class RepMetadata;
 class Store;
 class StreamHandle;
-struct DedupStatistics;
 
 /// One stored version of a file or directory: it pins the version's block in "files" and holds
 /// the unpacked `NodeInfo`.
@@ -42,18 +41,17 @@ public:
     FileNode(FileNode const&) = delete;
     FileNode& operator=(FileNode const&) = delete;
 
-    // Without lock: constant, or changed only by the one writer of the live tree.
+    // Without lock, since they never change.
     [[nodiscard]] std::uint32_t type() const { return type_; }
     [[nodiscard]] bool isDirectory() const { return type_ == directoryType; }
+    [[nodiscard]] NodeNumber id() const { return number_; }
+
     [[nodiscard]] std::uint32_t attributes() const;
     [[nodiscard]] bool placeHolder() const;
     [[nodiscard]] QString owner() const;
     [[nodiscard]] bool liveOnly() const;
     [[nodiscard]] QString sourceMachine() const;
     [[nodiscard]] QString name() const;
-    [[nodiscard]] NodeNumber id() const { return number_; }
-
-    // Under the lock.
     [[nodiscard]] std::uint32_t linkCount() const;
     /// True when no link was ever added.
     [[nodiscard]] bool notLinked() const;
@@ -68,6 +66,8 @@ public:
     [[nodiscard]] std::uint32_t versionCount() const;
     [[nodiscard]] bool exists(QString const& stream) const;
     [[nodiscard]] std::vector<StreamRecord> streamList() const;
+    /// Empty when the file has no such stream.
+    [[nodiscard]] QString streamName(StreamId id) const;
     struct FilterInfo {
         std::uint64_t size;
         std::uint32_t linkCount, createdSource, modifiedSource;
@@ -91,7 +91,8 @@ public:
                                                                  bool dedup);
     /// Writes to the stream: takes the copy decision, then `copyOnWrite` of the stream on the
     /// current node, then writes, then sets the modification time. `stream` is replaced by the
-    /// handle that was written to when either copy gave a new one.
+    /// handle that was written to when either copy gave a new one, and the new one is noted for
+    /// deduplication. False, also when the pool failed, means that the content can't be relied on.
     bool write(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t offset,
                void const* data, std::uint32_t count, std::uint32_t sourceTime);
     bool truncate(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t size,
@@ -126,6 +127,23 @@ public:
 
 private:
     friend class PassiveHandles;
+    enum class Fate { InPlace, Copied, Failed };
+
+    // Under the lock. What they change is this node or the fresh copy, which nobody else knows.
+
+    [[nodiscard]] Fate decide(Pointer& copy);
+    /// The node to change: this one or its copy. Null when a copy is needed and can't be made.
+    [[nodiscard]] FileNode* writable(Pointer& copy);
+    [[nodiscard]] bool makeWritable(Pointer& copy, std::shared_ptr<StreamHandle>& stream,
+                                    FileNode*& target);
+    [[nodiscard]] bool writeInfo();
+    bool writeBlock();
+    void touch(std::uint32_t sourceTime);
+    [[nodiscard]] std::shared_ptr<StreamHandle> createStream(QString const& name, bool dedup);
+    void askForDedup(QString const& name, StreamId id, bool dedup);
+    void endLiveOnly();
+    void printCounts(char const* which) const;
+    [[nodiscard]] bool renameEntry(Pointer& copy, QString const& from, QString const& to);
 
     Store& store_;
     NodeNumber number_;

@@ -12,10 +12,6 @@
 #include <memory>
 #include <vector>
 
-namespace Morva {
-class Blocks;
-}
-
 namespace Replication {
 
 class Streams;
@@ -45,7 +41,8 @@ public:
     [[nodiscard]] bool open(QString const& path, std::uint64_t growSize, Morva::RawFile::Mode);
     /// Gives the control block back and closes. All other pins have ended by then.
     bool close();
-    [[nodiscard]] bool flush();
+    /// Writes what has changed; with `sync` it is on the disk itself afterwards.
+    [[nodiscard]] bool flush(bool sync = true);
     [[nodiscard]] bool isOpen() const { return control_ != nullptr; }
 
     // The control block, 1024 bytes, pinned for as long as the file is open.
@@ -78,9 +75,9 @@ public:
     /// packed record, all in one go. Empty, and nothing left behind, on failure.
     [[nodiscard]] NodePin newNode(Instance instance, std::uint32_t typeWord, NodeTimes const& times,
                                   Morva::Extent const& record);
-    /// A node and its packed record. Empty for a block that is no node, which is then forgotten by
-    /// the cache. With `allowStale` the comparison ignores the reserved high bits of the stored
-    /// number. A record that can't be read is given as empty.
+    /// A node and its packed record. Empty for a block that is no node. With `allowStale` the
+    /// comparison ignores the reserved high bits of the stored number. A record that can't be read
+    /// is given as empty.
     [[nodiscard]] NodePin getNode(NodeNumber number, std::vector<std::uint8_t>& record,
                                   bool allowStale = false) const;
     /// The pinned node has changed. False when the file didn't take it.
@@ -105,17 +102,17 @@ public:
 
 private:
     friend class NodePin;
+    class File;
 
     [[nodiscard]] bool writeControl() MORVA_REQUIRES(lock_);
     void markControl() MORVA_REQUIRES(lock_);
     [[nodiscard]] void* allocate(Instance instance) MORVA_REQUIRES(lock_);
     [[nodiscard]] bool putRecord(void* block, Morva::Extent const& record) MORVA_REQUIRES(lock_);
-    void clearRecord(void* block) MORVA_REQUIRES(lock_);
     void giveBack(void* block);
 
     Streams& pool_;
     mutable Morva::TracedMutex lock_;
-    std::unique_ptr<Morva::Blocks> blocks_ MORVA_GUARDED_BY(lock_);
+    std::unique_ptr<File> blocks_ MORVA_GUARDED_BY(lock_);
     void* control_ = nullptr;
 };
 

@@ -22,6 +22,9 @@ inline QString const dataStreamName = QStringLiteral("Data");
 /// The name of the stream of the security descriptor.
 inline QString const securityStreamName = QStringLiteral("Security");
 
+/// Reports that the pool doesn't have a stream that a file names: trace and log.
+void reportLostStream(StreamId id);
+
 /// One named stream of a file version.
 struct NodeStream {
     QString name;
@@ -121,9 +124,8 @@ private:
     [[nodiscard]] bool unpackRoot(Morva::UnpackBuffer& record);
     [[nodiscard]] bool unpackFile(Morva::UnpackBuffer& record, std::uint32_t type);
     [[nodiscard]] bool unpackStreams(Morva::UnpackBuffer& record, bool withSparse);
-    [[nodiscard]] std::shared_ptr<StreamHandle> streamHandle(Streams& pool,
-                                                             NodeStream const& entry) const;
-    void release(Streams& pool, NodeStream const& entry) const;
+    [[nodiscard]] static std::shared_ptr<StreamHandle> open(Streams& pool, NodeStream const& entry);
+    static void release(Streams& pool, NodeStream const& entry);
 
     std::uint32_t type_;
     Qt::CaseSensitivity caseSensitivity_;

@@ -84,7 +84,8 @@ public:
     [[nodiscard]] bool create(QString const& path);
     [[nodiscard]] bool open(QString const& path);
     bool close();
-    [[nodiscard]] bool flush();
+    /// Writes what has changed; with `sync` it is on the disk itself afterwards.
+    [[nodiscard]] bool flush(bool sync = true);
     [[nodiscard]] bool valid() const { return valid_; }
 
     [[nodiscard]] FileId rootId() const;
@@ -141,13 +142,17 @@ private:
     [[nodiscard]] bool setControl();
     [[nodiscard]] bool getControl();
     [[nodiscard]] bool extend();
-    [[nodiscard]] FileId takeFree(Pin& taken);
-    void putFree(FileId id, PointerEntry entry);
-    void release(FileId id, Pin& entry);
+    void setFreeHead(FileId id);
+    /// The head of the free list, taken out and cleared; its generation stays.
+    [[nodiscard]] Pin takeFree();
+    void putFree(Pin& entry);
+    /// Frees one entry of a chain.
+    void release(Pin& entry);
+    [[nodiscard]] bool freeVersion(FileId id, Instance instance, NodeNumber& node,
+                                   Instance& lastInstance);
 
     bool valid_ = false;
     mutable Morva::TracedMutex lock_;
-    std::uint64_t firstBlock_ = 0;
     void* control_ MORVA_GUARDED_BY(lock_) = nullptr;
     std::unique_ptr<Morva::Blocks> blocks_ MORVA_GUARDED_BY(lock_);
 };

@@ -36,6 +36,10 @@ public:
     [[nodiscard]] std::size_t size() const;
 
 private:
+    /// Makes the object of a node and enters it; both under the lock.
+    [[nodiscard]] FileNode::Pointer enter(NodePin pin, NodeInfo info) MORVA_REQUIRES(lock_);
+    [[nodiscard]] FileNode::Pointer load(NodeNumber number) MORVA_REQUIRES(lock_);
+
     Store& store_;
     mutable Morva::TracedMutex lock_;
     std::unordered_map<NodeNumber, std::weak_ptr<FileNode>> nodes_ MORVA_GUARDED_BY(lock_);

@@ -23,7 +23,7 @@ struct FileContext {
     std::uint32_t ruleSet = 0;
     QString user;
     QString process;
-    std::uint32_t sourceTime = 0; ///< seconds since 1970 at the source
+    std::uint32_t sourceTime = 0;                       ///< seconds since 1970 at the source
     NotToBackup::OpType opType = NotToBackup::eNothing; ///< eLiveOnly: stored without versions
     bool dedup = true;
 };
@@ -34,15 +34,13 @@ class PathOperations {
 public:
     explicit PathOperations(Store& store);
 
-    [[nodiscard]] std::shared_ptr<SinkHandle> openStream(FileContext const& context,
-                                                         QStringList const& path,
-                                                         QString const& stream);
+    [[nodiscard]] std::shared_ptr<SinkHandle>
+    openStream(FileContext const& context, QStringList const& path, QString const& stream);
     /// Opens "Data", deletes every other stream but "Security", truncates "Data" to 0.
     [[nodiscard]] std::shared_ptr<SinkHandle> supersede(FileContext const& context,
                                                         QStringList const& path);
-    [[nodiscard]] std::shared_ptr<SinkHandle> addStream(FileContext const& context,
-                                                        QStringList const& path,
-                                                        QString const& stream);
+    [[nodiscard]] std::shared_ptr<SinkHandle>
+    addStream(FileContext const& context, QStringList const& path, QString const& stream);
     struct NewFile {
         std::uint32_t nodeType = fileType;
         std::uint32_t attributes = 0;
@@ -54,15 +52,15 @@ public:
                                                            QStringList const& path,
                                                            QString const& stream,
                                                            NewFile const& file);
-    [[nodiscard]] std::shared_ptr<SinkHandle> createObject(FileContext const& context,
-                                                           QStringList const& path,
-                                                           NewFile const& file);
-    [[nodiscard]] std::shared_ptr<SinkHandle> openFileRestore(FileContext const& context,
-                                                              QStringList const& path,
-                                                              NewFile const& file);
+    [[nodiscard]] std::shared_ptr<SinkHandle>
+    createObject(FileContext const& context, QStringList const& path, NewFile const& file);
+    [[nodiscard]] std::shared_ptr<SinkHandle>
+    openFileRestore(FileContext const& context, QStringList const& path, NewFile const& file);
     [[nodiscard]] bool link(FileContext const& context, QStringList const& from,
                             QStringList const& to);
+    /// A name that is gone already is no failure.
     [[nodiscard]] bool unlink(FileContext const& context, QStringList const& path);
+    /// What has the new name is deleted first; two names of one file stay both.
     [[nodiscard]] bool rename(FileContext const& context, NotToBackup const& exclusions,
                               QStringList const& from, QStringList const& to);
     [[nodiscard]] bool write(FileContext const& context, QStringList const& path,
@@ -71,7 +69,8 @@ public:
     [[nodiscard]] bool truncate(FileContext const& context, QStringList const& path,
                                 std::uint64_t size, std::uint32_t flags);
 
-    // Through a handle. False on failure.
+    // Through a handle. False on failure. On "Data" of a directory (whose handle has no stream)
+    // they do nothing and are true.
     [[nodiscard]] bool write(FileContext const& context, SinkHandle& handle, std::uint64_t offset,
                              void const* data, std::uint32_t count);
     [[nodiscard]] bool truncate(FileContext const& context, SinkHandle& handle, std::uint64_t size,
@@ -82,6 +81,32 @@ public:
                                       QString const& stream, QByteArray const& content);
 
 private:
+    struct Found {
+        bool exists = false; ///< the path names an object
+        DirKey key;
+        ActiveHandle::Pointer handle; ///< null on failure
+    };
+
+    [[nodiscard]] bool isData(QString const& stream) const;
+    [[nodiscard]] ActiveHandle::Pointer handleOf(FileContext const& context,
+                                                 QStringList const& path, DirKey& key);
+    [[nodiscard]] Found find(FileContext const& context, QStringList const& path);
+    [[nodiscard]] Found openOrCreate(FileContext const& context, QStringList const& path,
+                                     NewFile const& file);
+    [[nodiscard]] bool fillNew(FileContext const& context, Found const& found, NewFile const& file);
+    [[nodiscard]] static std::shared_ptr<StreamHandle> openOrMake(FileContext const& context,
+                                                                  ActiveHandle& handle, LinkId link,
+                                                                  QString const& stream);
+    [[nodiscard]] static std::shared_ptr<SinkHandle>
+    wrap(FileContext const& context, Found const& found, QStringList const& path,
+         QString const& stream, std::shared_ptr<StreamHandle> streamHandle);
+    [[nodiscard]] bool unlinkKey(FileContext const& context, QStringList const& path, DirKey& key);
+    /// True for a directory, whose pages aren't written to by the source.
+    [[nodiscard]] bool ignoreDirectory(SinkHandle const& handle) const;
+    [[nodiscard]] bool replaceContent(FileContext const& context, ActiveHandle& handle, LinkId link,
+                                      QString const& stream, QByteArray const& content);
+    [[nodiscard]] static bool sameContent(StreamHandle& stream, QByteArray const& content);
+
     Store& store_;
 };
 

@@ -1,0 +1,644 @@
+#include "replication/repository/store/FileNode.h"
+
+#include "base/trace/Log.h"
+#include "base/trace/Trace.h"
+#include "replication/common/values/RepMetadata.h"
+#include "replication/repository/store/NodeFile.h"
+#include "replication/repository/store/PassiveHandles.h"
+#include "replication/repository/store/SnapshotList.h"
+#include "replication/repository/store/Store.h"
+#include "replication/repository/streams/StreamHandle.h"
+#include "replication/repository/streams/Streams.h"
+
+#include <algorithm>
+#include <ctime>
+
+namespace Replication {
+
+using Morva::Extent;
+using Morva::TracedLock;
+
+namespace {
+
+std::uint32_t now() {
+    return static_cast<std::uint32_t>(std::time(nullptr));
+}
+
+} // namespace
+
+FileNode::FileNode(Store& store, NodePin pin, NodeInfo info)
+    : store_(store),
+      number_(pin.node().number()),
+      type_(pin.node().type()),
+      lock_({"============== Lock FileNode ==============",
+             "============= Unlock FileNode ============="},
+            number_.value),
+      info_(std::move(info)),
+      node_(std::move(pin)) {}
+
+FileNode::~FileNode() {
+    // The record isn't rewritten without the streams: the block goes with it.
+    if (!discarded_ && node_.node().claims() == 0)
+        (void)info_.freeStreams(store_.streams(), true);
+    store_.passiveHandles().release(*this, discarded_);
+}
+
+std::uint32_t FileNode::attributes() const {
+    TracedLock guard(lock_);
+    return info_.attributes;
+}
+
+bool FileNode::placeHolder() const {
+    TracedLock guard(lock_);
+    return info_.placeHolder;
+}
+
+QString FileNode::owner() const {
+    TracedLock guard(lock_);
+    return info_.owner;
+}
+
+bool FileNode::liveOnly() const {
+    TracedLock guard(lock_);
+    return node_.node().liveOnly();
+}
+
+QString FileNode::sourceMachine() const {
+    TracedLock guard(lock_);
+    return info_.sourceMachine;
+}
+
+QString FileNode::name() const {
+    TracedLock guard(lock_);
+    return info_.name;
+}
+
+std::uint32_t FileNode::linkCount() const {
+    TracedLock guard(lock_);
+    return node_.node().linkCount();
+}
+
+bool FileNode::notLinked() const {
+    TracedLock guard(lock_);
+    return node_.node().nextLink() == NodeBlock::firstLink;
+}
+
+NodeTimes FileNode::times() const {
+    TracedLock guard(lock_);
+    return node_.node().times();
+}
+
+std::uint64_t FileNode::size(QString const& stream) const {
+    TracedLock guard(lock_);
+    return info_.size(store_.streams(), stream);
+}
+
+std::uint64_t FileNode::size() const {
+    return size(dataStreamName);
+}
+
+bool FileNode::versioned() const {
+    TracedLock guard(lock_);
+    return node_.node().versioned();
+}
+
+Instance FileNode::instance() const {
+    TracedLock guard(lock_);
+    return node_.node().instance();
+}
+
+std::uint32_t FileNode::referenceCount() const {
+    TracedLock guard(lock_);
+    return node_.node().referenceCount();
+}
+
+std::uint32_t FileNode::versionCount() const {
+    TracedLock guard(lock_);
+    return node_.node().versionCount();
+}
+
+bool FileNode::exists(QString const& stream) const {
+    TracedLock guard(lock_);
+    return info_.exists(stream);
+}
+
+std::vector<StreamRecord> FileNode::streamList() const {
+    TracedLock guard(lock_);
+    return info_.streamList(store_.streams(), type_);
+}
+
+QString FileNode::streamName(StreamId id) const {
+    TracedLock guard(lock_);
+    return info_.streamName(id);
+}
+
+FileNode::FilterInfo FileNode::filterInfo() const {
+    TracedLock guard(lock_);
+    NodeTimes const times = node_.node().times();
+    return {info_.size(store_.streams(), dataStreamName), node_.node().linkCount(),
+            times.createdSource, times.modifiedSource};
+}
+
+std::shared_ptr<StreamHandle> FileNode::openStream(QString const& name) {
+    TracedLock guard(lock_);
+    return info_.streamHandle(store_.streams(), name);
+}
+
+std::vector<StreamId> FileNode::streamIds() const {
+    TracedLock guard(lock_);
+    return info_.idList();
+}
+
+std::uint32_t FileNode::metadata(std::uint32_t level, RepMetadata& result) const {
+    if (level != RepMetadata::eSnapshot && level != RepMetadata::eBackup)
+        return 22;
+    TracedLock guard(lock_);
+    NodeTimes const times = node_.node().times();
+    result = RepMetadata();
+    result.kind = level;
+    result.type = type_;
+    result.placeHolder = info_.placeHolder;
+    result.attributes = info_.attributes;
+    result.createdHere = times.created;
+    result.modifiedHere = times.modified;
+    result.createdSource = times.createdSource;
+    result.modifiedSource = times.modifiedSource;
+    result.owner = info_.owner;
+    result.linkCount = node_.node().linkCount();
+    info_.metadata(store_.streams(), result, level);
+    return 0;
+}
+
+void FileNode::print(int traceLevel) const {
+    auto const level = static_cast<Morva::TraceLevel>(traceLevel);
+    if (!Morva::Trace::enabled(level))
+        return;
+    TracedLock guard(lock_);
+    NodeBlock const node = node_.node();
+    Morva::TraceLine(level, __FILE__, __LINE__)
+        << "Node" << number_ << "Type" << type_ << "LiveOnly" << node.liveOnly() << "LinkCount"
+        << node.linkCount() << "ReferenceCount" << node.referenceCount() << "VersionCount"
+        << node.versionCount() << "Instance" << node.instance() << "NextLink" << node.nextLink();
+    info_.print(traceLevel);
+}
+
+void FileNode::printCounts(char const* which) const {
+    NodeBlock const node = node_.node();
+    MORVA_TRACE(Verbose) << which << number_ << "LinkCount" << node.linkCount() << "ReferenceCount"
+                         << node.referenceCount() << "VersionCount" << node.versionCount()
+                         << "Instance" << node.instance();
+}
+
+// --- the copy decision
+
+FileNode::Fate FileNode::decide(Pointer& copy) {
+    NodeBlock const node = node_.node();
+    bool const shared = node.claims() >= 2;
+    if (!shared && (node.liveOnly() || store_.currentInstance() <= node.instance()))
+        return Fate::InPlace;
+    copy = store_.passiveHandles().copyOf(*this);
+    if (!copy)
+        return Fate::Failed;
+    printCounts("Old Node");
+    copy->printCounts("New Node");
+    return Fate::Copied;
+}
+
+FileNode* FileNode::writable(Pointer& copy) {
+    switch (decide(copy)) {
+    case Fate::InPlace:
+        return this;
+    case Fate::Copied:
+        return copy.get();
+    case Fate::Failed:
+        break;
+    }
+    return nullptr;
+}
+
+bool FileNode::takeCopy(Pointer& copy) {
+    TracedLock guard(lock_);
+    return decide(copy) == Fate::Copied;
+}
+
+bool FileNode::writeInfo() {
+    MORVA_METHOD("updateNodeInfo");
+    if (info_.type() == NodeInfo::Empty) {
+        MORVA_TRACE(Always) << "Record of node" << number_ << "is damaged, leave it";
+        return scope.result(false);
+    }
+    thread_local Morva::PackBuffer buffer(1024);
+    info_.pack(buffer);
+    return scope.result(store_.nodes().writeRecord(node_, buffer.extentWithoutSize()));
+}
+
+bool FileNode::writeBlock() {
+    return store_.nodes().update(node_);
+}
+
+void FileNode::touch(std::uint32_t sourceTime) {
+    NodeTimes times = node_.node().times();
+    if (sourceTime == 0 || times.modifiedSource == sourceTime)
+        return;
+    times.modifiedSource = sourceTime;
+    times.modified = now();
+    node_.node().times(times);
+    writeBlock();
+}
+
+// --- attributes
+
+bool FileNode::attr(Pointer& copy, bool setModified, std::uint32_t modified, bool setCreated,
+                    std::uint32_t created, bool setAttributes, std::uint32_t attributes) {
+    MORVA_METHOD("attr");
+    TracedLock guard(lock_);
+    NodeTimes times = node_.node().times();
+    setModified = setModified && times.modifiedSource != modified;
+    setCreated = setCreated && times.createdSource != created;
+    setAttributes = setAttributes && info_.attributes != attributes;
+    if (!setModified && !setCreated && !setAttributes)
+        return scope.result(true);
+    FileNode* const target = writable(copy);
+    if (!target)
+        return scope.result(false);
+    if (setModified) {
+        MORVA_TRACE(Verbose) << "Set Modified Source to " << modified;
+        times.modifiedSource = modified;
+    }
+    if (setCreated) {
+        MORVA_TRACE(Verbose) << "Set Created Source to " << created;
+        times.createdSource = created;
+    }
+    target->node_.node().times(times);
+    if (!setAttributes)
+        return scope.result(target->writeBlock());
+    MORVA_TRACE(Verbose) << "Set Attribute to " << attributes;
+    target->info_.attributes = attributes;
+    return scope.result(target->writeInfo());
+}
+
+bool FileNode::owner(Pointer& copy, QString const& text) {
+    MORVA_METHOD("owner");
+    TracedLock guard(lock_);
+    FileNode* const target = info_.owner == text ? nullptr : writable(copy);
+    if (!target)
+        return scope.result(false);
+    target->info_.owner = text;
+    (void)target->writeInfo();
+    return scope.result(copy != nullptr);
+}
+
+bool FileNode::attributes(Pointer& copy, std::uint32_t value) {
+    MORVA_METHOD("attributes");
+    TracedLock guard(lock_);
+    FileNode* const target = info_.attributes == value ? nullptr : writable(copy);
+    if (!target)
+        return scope.result(false);
+    target->info_.attributes = value;
+    (void)target->writeInfo();
+    return scope.result(copy != nullptr);
+}
+
+void FileNode::endLiveOnly() {
+    MORVA_TRACE(Verbose) << "No longer live only" << number_;
+    NodeBlock node = node_.node();
+    node.typeWord(node.type());
+    node.instance(store_.currentInstance());
+}
+
+void FileNode::liveOnly(Pointer& copy, bool value) {
+    MORVA_METHOD("liveOnly");
+    TracedLock guard(lock_);
+    NodeBlock node = node_.node();
+    if (node.liveOnly() && !value) {
+        endLiveOnly();
+        writeBlock();
+    } else if (!node.liveOnly() && value && node.linkCount() == 1) {
+        MORVA_TRACE(Verbose) << "Now live only" << number_;
+        if (FileNode* const target = writable(copy)) {
+            NodeBlock changed = target->node_.node();
+            changed.typeWord(changed.typeWord() | NodeBlock::liveOnlyBit);
+            target->writeBlock();
+        }
+    }
+}
+
+// --- the list of streams
+
+void FileNode::askForDedup(QString const& name, StreamId id, bool dedup) {
+    if (!dedupOn_) {
+        MORVA_TRACE(Debug) << "FileNode flagged for no dedup";
+    } else if (!dedup) {
+        MORVA_TRACE(Debug) << "Stream" << name << "flagged for no dedup";
+    } else if (store_.dedupSnapshots()) {
+        MORVA_TRACE(Debug) << ">>>> Ask for stream" << id
+                           << "to be deduped after the next snapshot";
+        store_.snapshots().addToDedup(id);
+    }
+}
+
+std::shared_ptr<StreamHandle> FileNode::createStream(QString const& name, bool dedup) {
+    Streams& pool = store_.streams();
+    StreamId const id = pool.newStream();
+    std::shared_ptr<StreamHandle> result = id ? pool.handle(id, false) : nullptr;
+    if (!result) {
+        MORVA_TRACE(Always) << "Failed to make stream" << name << "of node" << number_;
+        return nullptr;
+    }
+    info_.addStream(name, id, false, dedup, false);
+    info_.find(id)->handle = result;
+    if (!writeInfo()) {
+        (void)info_.remove(pool, name);
+        return nullptr;
+    }
+    askForDedup(name, id, dedup);
+    return result;
+}
+
+std::shared_ptr<StreamHandle> FileNode::createActiveStream(Pointer& copy, QString const& name,
+                                                           bool dedup) {
+    MORVA_METHOD("createActiveStream");
+    if (name.isEmpty())
+        return nullptr;
+    TracedLock guard(lock_);
+    if (info_.exists(name)) {
+        MORVA_TRACE(Always) << "Stream already exits" << name;
+        return nullptr;
+    }
+    FileNode* const target = writable(copy);
+    return target ? target->createStream(name, dedup) : nullptr;
+}
+
+std::shared_ptr<StreamHandle> FileNode::openActiveStream(Pointer& copy, QString const& name,
+                                                         bool dedup) {
+    MORVA_METHOD("openActiveStream");
+    if (name.isEmpty())
+        return nullptr;
+    TracedLock guard(lock_);
+    if (info_.exists(name))
+        return info_.streamHandle(store_.streams(), name);
+    if (QString::compare(name, dataStreamName, info_.caseSensitivity()) == 0) {
+        MORVA_TRACE(Always) << "Data stream does not exit" << number_;
+        return nullptr;
+    }
+    FileNode* const target = writable(copy);
+    return target ? target->createStream(name, dedup) : nullptr;
+}
+
+bool FileNode::removeStream(Pointer& copy, QString const& name) {
+    MORVA_METHOD("removeStream");
+    TracedLock guard(lock_);
+    if (name.isEmpty() || !info_.exists(name))
+        return scope.result(false);
+    FileNode* const target = writable(copy);
+    if (!target)
+        return scope.result(false);
+    (void)target->info_.remove(store_.streams(), name);
+    return scope.result(target->writeInfo());
+}
+
+bool FileNode::renameEntry(Pointer& copy, QString const& from, QString const& to) {
+    if (QString::compare(from, to, info_.caseSensitivity()) == 0)
+        return false;
+    FileNode* const target = writable(copy);
+    return target && target->info_.rename(store_.streams(), from, to) && target->writeInfo();
+}
+
+bool FileNode::renameStream(Pointer& copy, QString const& from, QString const& to) {
+    MORVA_METHOD("renameStream");
+    if (from.isEmpty() || to.isEmpty())
+        return scope.result(false);
+    TracedLock guard(lock_);
+    if (!info_.exists(from)) {
+        MORVA_TRACE(Always) << "Stream" << from << "not found";
+        return scope.result(false);
+    }
+    return scope.result(renameEntry(copy, from, to));
+}
+
+bool FileNode::renameStream(Pointer& copy, StreamHandle const& stream, QString const& to) {
+    MORVA_METHOD("renameStream");
+    if (to.isEmpty())
+        return scope.result(false);
+    TracedLock guard(lock_);
+    NodeStream const* entry = info_.find(stream.id());
+    if (!entry) {
+        MORVA_TRACE(Always) << "Stream not found" << stream.id();
+        return scope.result(false);
+    }
+    return scope.result(renameEntry(copy, QString(entry->name), to));
+}
+
+bool FileNode::replaceStream(Pointer& copy, StreamHandle const& from,
+                             std::shared_ptr<StreamHandle> const& to) {
+    MORVA_METHOD("replaceStream");
+    TracedLock guard(lock_);
+    if (!to || to->id() == from.id())
+        return scope.result(false);
+    if (!info_.exists(from.id())) {
+        reportLostStream(from.id());
+        return scope.result(false);
+    }
+    FileNode* const target = writable(copy);
+    if (!target)
+        return scope.result(false);
+    (void)target->info_.replace(*target->info_.find(from.id()), to);
+    return scope.result(target->writeInfo());
+}
+
+bool FileNode::freeStreams(Pointer& copy) {
+    TracedLock guard(lock_);
+    bool const all = !isDirectory();
+    bool const any = std::ranges::any_of(info_.streams(), [&](NodeStream const& entry) {
+        return all || QString::compare(entry.name, dataStreamName, info_.caseSensitivity()) != 0;
+    });
+    if (!any)
+        return true;
+    FileNode* const target = writable(copy);
+    return target && target->info_.freeStreams(store_.streams(), all) && target->writeInfo();
+}
+
+// --- contents
+
+bool FileNode::makeWritable(Pointer& copy, std::shared_ptr<StreamHandle>& stream,
+                            FileNode*& target) {
+    if (!stream || !info_.exists(stream->id())) {
+        reportLostStream(stream ? stream->id() : StreamId{});
+        return false;
+    }
+    target = writable(copy);
+    if (!target)
+        return false;
+    std::shared_ptr<StreamHandle> fresh;
+    if (!stream->copyOnWrite(fresh))
+        return false;
+    if (!fresh)
+        return true;
+    NodeStream* const entry = target->info_.find(stream->id());
+    (void)target->info_.replace(*entry, fresh);
+    stream = fresh;
+    target->askForDedup(entry->name, entry->id, entry->dedup);
+    return target->writeInfo();
+}
+
+bool FileNode::write(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t offset,
+                     void const* data, std::uint32_t count, std::uint32_t sourceTime) {
+    TracedLock guard(lock_);
+    if (count == 0)
+        return true;
+    std::uint64_t const failures = store_.streams().failures();
+    FileNode* target = nullptr;
+    if (!makeWritable(copy, stream, target) || !stream->write(offset, data, count))
+        return false;
+    target->touch(sourceTime);
+    return store_.streams().failures() == failures;
+}
+
+bool FileNode::truncate(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t size,
+                        std::uint32_t flags, std::uint32_t sourceTime) {
+    MORVA_METHOD("truncate");
+    TracedLock guard(lock_);
+    if (stream && info_.exists(stream->id())) {
+        std::uint64_t const length = stream->length();
+        if (length == size || ((flags & StreamHandle::growOnly) != 0 && length > size))
+            return scope.result(true);
+    }
+    std::uint64_t const failures = store_.streams().failures();
+    FileNode* target = nullptr;
+    if (!makeWritable(copy, stream, target) || !stream->truncate(size, flags))
+        return scope.result(false);
+    target->touch(sourceTime);
+    return scope.result(store_.streams().failures() == failures);
+}
+
+bool FileNode::zeroData(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t start,
+                        std::uint64_t end, std::uint32_t sourceTime) {
+    MORVA_METHOD("zeroData");
+    TracedLock guard(lock_);
+    if (start == end)
+        return scope.result(true);
+    std::uint64_t const failures = store_.streams().failures();
+    FileNode* target = nullptr;
+    if (!makeWritable(copy, stream, target) || !stream->zeroData(start, end))
+        return scope.result(false);
+    target->touch(sourceTime);
+    return scope.result(store_.streams().failures() == failures);
+}
+
+bool FileNode::dirty(Pointer& copy, StreamHandle const& stream) {
+    MORVA_METHOD("dirty");
+    TracedLock guard(lock_);
+    if (!info_.exists(stream.id())) {
+        reportLostStream(stream.id());
+        return scope.result(false);
+    }
+    if (info_.dirty(stream.id()))
+        return scope.result(true);
+    FileNode* const target = writable(copy);
+    if (!target || !target->info_.setDirty(stream.id()) || !target->writeInfo())
+        return scope.result(false);
+    store_.control().countDirty();
+    return scope.result(true);
+}
+
+bool FileNode::sparse(Pointer& copy, StreamHandle const& stream) {
+    MORVA_METHOD("sparse");
+    TracedLock guard(lock_);
+    if (!info_.exists(stream.id())) {
+        reportLostStream(stream.id());
+        return scope.result(false);
+    }
+    if (info_.sparse(stream.id()))
+        return scope.result(true);
+    FileNode* const target = writable(copy);
+    return scope.result(target && target->info_.setSparse(stream.id()) && target->writeInfo());
+}
+
+// --- links and claims
+
+LinkId FileNode::addLink(Pointer& copy, bool keepLiveOnly) {
+    MORVA_METHOD("addLink");
+    TracedLock guard(lock_);
+    bool const first = node_.node().nextLink() == NodeBlock::firstLink;
+    FileNode* const target = first ? writable(copy) : this;
+    if (!target)
+        return {};
+    NodeBlock node = target->node_.node();
+    if (node.liveOnly() && !keepLiveOnly)
+        target->endLiveOnly();
+    std::uint32_t const link = node.nextLink();
+    node.linkCount(node.linkCount() + 1);
+    node.nextLink(link + 1);
+    target->writeBlock();
+    return scope.result(LinkId{link});
+}
+
+std::uint32_t FileNode::removeLink(Pointer& copy) {
+    MORVA_METHOD("removeLink");
+    TracedLock guard(lock_);
+    std::uint32_t const count = node_.node().linkCount();
+    if (count == 0)
+        return 0;
+    FileNode* const target = count >= 2 ? writable(copy) : this;
+    if (!target)
+        return count;
+    target->node_.node().linkCount(count - 1);
+    target->writeBlock();
+    return scope.result(count - 1);
+}
+
+void FileNode::takeReference() {
+    TracedLock guard(lock_);
+    NodeBlock node = node_.node();
+    node.referenceCount(node.referenceCount() + 1);
+    writeBlock();
+}
+
+void FileNode::takeVersion() {
+    TracedLock guard(lock_);
+    NodeBlock node = node_.node();
+    node.versionCount(node.versionCount() + 1);
+    node.versioned(true);
+    writeBlock();
+}
+
+void FileNode::releaseVersion() {
+    TracedLock guard(lock_);
+    NodeBlock node = node_.node();
+    if (node.referenceCount() == 0) {
+        Morva::LogLine("Repository", Morva::LogLevelE::Error)
+            << "Request to release a version that nolonger exists";
+        return;
+    }
+    node.referenceCount(node.referenceCount() - 1);
+    writeBlock();
+}
+
+void FileNode::releaseWeakVersion() {
+    TracedLock guard(lock_);
+    NodeBlock node = node_.node();
+    if (node.versionCount() == 0) {
+        Morva::LogLine("Repository", Morva::LogLevelE::Error)
+            << "Request to release a version that nolonger exists";
+        return;
+    }
+    node.versionCount(node.versionCount() - 1);
+    if (node.versionCount() == 0)
+        node.versioned(true);
+    writeBlock();
+}
+
+void FileNode::discard() {
+    TracedLock guard(lock_);
+    discarded_ = true;
+}
+
+void FileNode::dropClaims() {
+    TracedLock guard(lock_);
+    NodeBlock node = node_.node();
+    node.referenceCount(0);
+    node.versionCount(0);
+    writeBlock();
+}
+
+} // namespace Replication

@@ -1,0 +1,126 @@
+#include "replication/repository/store/PassiveHandles.h"
+
+#include "base/trace/Trace.h"
+#include "replication/repository/store/NodeFile.h"
+#include "replication/repository/store/Store.h"
+#include "replication/repository/streams/Streams.h"
+
+#include <ctime>
+#include <thread>
+
+namespace Replication {
+
+using Morva::Extent;
+using Morva::TracedLock;
+
+PassiveHandles::PassiveHandles(Store& store)
+    : store_(store),
+      lock_({"============== Lock Passive ==============",
+             "============= Unlock Passive ============="}) {}
+
+FileNode::Pointer PassiveHandles::enter(NodePin pin, NodeInfo info) {
+    NodeNumber const number = pin.node().number();
+    auto result = std::make_shared<FileNode>(store_, std::move(pin), std::move(info));
+    nodes_[number] = result;
+    return result;
+}
+
+FileNode::Pointer PassiveHandles::load(NodeNumber number) {
+    MORVA_TRACE(Debug) << "Create FileNode" << number;
+    thread_local std::vector<std::uint8_t> record;
+    NodePin pin = store_.nodes().getNode(number, record);
+    if (!pin || pin.node().claims() == 0)
+        return nullptr;
+    NodeInfo info(store_.caseSensitivity(), Extent(static_cast<void const*>(record.data()),
+                                                   static_cast<std::uint32_t>(record.size())));
+    return enter(std::move(pin), std::move(info));
+}
+
+FileNode::Pointer PassiveHandles::get(NodeNumber number, MustExist mustExist) {
+    if (!number)
+        return nullptr;
+    for (;;) {
+        std::weak_ptr<FileNode> known;
+        {
+            TracedLock guard(lock_);
+            auto const found = nodes_.find(number);
+            if (found == nodes_.end()) {
+                FileNode::Pointer result = load(number);
+                MORVA_CHECK(result || mustExist == MustExist::No, "NeedNotExist == eExistance");
+                return result;
+            }
+            MORVA_TRACE(Debug) << "Try to reuse FileNode" << number;
+            known = found->second;
+        }
+        // Outside the lock: the node may be dying on a thread that needs it.
+        if (FileNode::Pointer result = known.lock())
+            return result;
+        std::this_thread::yield();
+    }
+}
+
+FileNode::Pointer PassiveHandles::restore(NodeNumber number) {
+    if (!number)
+        return nullptr;
+    std::weak_ptr<FileNode> known;
+    {
+        TracedLock guard(lock_);
+        auto const found = nodes_.find(number);
+        if (found == nodes_.end())
+            return load(number);
+        known = found->second;
+    }
+    MORVA_TRACE(Debug) << "Use exiting  FileNode" << number;
+    return known.lock();
+}
+
+FileNode::Pointer PassiveHandles::create(std::uint32_t type, bool liveOnly,
+                                         std::uint32_t sourceTime, NodeInfo info) {
+    thread_local Morva::PackBuffer buffer(1024);
+    info.pack(buffer);
+    auto const now = static_cast<std::uint32_t>(std::time(nullptr));
+    std::uint32_t const word = (type & 0xFFFF) | (liveOnly ? NodeBlock::liveOnlyBit : 0);
+    TracedLock guard(lock_);
+    NodePin pin = store_.nodes().newNode(store_.currentInstance(), word,
+                                         NodeTimes{0, now, now, sourceTime, sourceTime},
+                                         buffer.extentWithoutSize());
+    return pin ? enter(std::move(pin), std::move(info)) : nullptr;
+}
+
+FileNode::Pointer PassiveHandles::copyOf(FileNode const& node) {
+    NodeFile& nodes = store_.nodes();
+    TracedLock guard(lock_);
+    NodePin pin = nodes.newNode(store_.currentInstance());
+    if (!pin)
+        return nullptr;
+    NodeBlock const from = node.node_.node();
+    NodeBlock to = pin.node();
+    to.linkCount(from.linkCount());
+    to.referenceCount(1);
+    to.typeWord(from.typeWord());
+    to.nextLink(from.nextLink());
+    to.times(from.times());
+    if (!nodes.copyRecord(pin, node.node_)) {
+        MORVA_TRACE(Always) << "Failed to copy record of node" << node.id();
+        nodes.freeNode(std::move(pin));
+        return nullptr;
+    }
+    node.info_.duplicateStreamList(store_.streams());
+    return enter(std::move(pin), node.info_);
+}
+
+void PassiveHandles::release(FileNode& node, bool keep) {
+    TracedLock guard(lock_);
+    nodes_.erase(node.id());
+    if (node.node_.node().claims() == 0 && !keep)
+        store_.nodes().freeNode(std::move(node.node_));
+    else
+        store_.nodes().returnNode(std::move(node.node_));
+}
+
+std::size_t PassiveHandles::size() const {
+    TracedLock guard(lock_);
+    return nodes_.size();
+}
+
+} // namespace Replication
