@@ -1,15 +1,20 @@
 #pragma once
 
-#include "base/trees/BPlusTree.h"
 #include "base/trace/TracedLock.h"
+#include "base/trees/BPlusTree.h"
 #include "replication/common/rules/NotToBackup.h"
 #include "replication/repository/store/ActiveHandle.h"
 #include "replication/repository/store/DirKey.h"
+#include "replication/repository/store/OpenDirectories.h"
 
 #include <QString>
 #include <QStringList>
 
+#include <atomic>
+#include <cstdint>
+#include <functional>
 #include <memory>
+#include <thread>
 
 namespace Morva {
 class PagedList;
@@ -22,68 +27,153 @@ class Store;
 enum class PathMode : std::uint32_t { DoNotBuildPath = 0, BuildPath = 1 };
 
 /// The directories of a store's live tree: the page streams and the tree that indexes them, kept
-/// in step. Every change goes to the page first, then to the tree.
+/// in step. Every change goes to the page first, then to the tree, so that an entry without a key
+/// is the damage that a crash in between leaves; `validDirectory` finds it. A failure in the page
+/// half leaves the tree as it was.
+///
+/// The counts of files and directories in the control block are kept here and nowhere else:
+/// `insert` counts a name, every removal of a name takes one off. liveOnly names aren't counted.
 ///
 /// For the one writer thread of the live tree; the tree itself stands behind a leaf lock, so that
 /// statistics may read its figures from any thread. Reading directories of snapshots is in
-/// `SnapshotDirectories`.
+/// `SnapshotDirectories`. All results false mean failure, traced at its site.
 class Directories {
 public:
     Directories(Store& store, std::uint32_t cachePages);
     ~Directories();
+    Directories(Directories const&) = delete;
+    Directories& operator=(Directories const&) = delete;
 
+    /// Makes or opens the tree; the path is the file's, with its suffix.
     [[nodiscard]] bool create(QString const& path);
     [[nodiscard]] bool open(QString const& path);
     [[nodiscard]] bool flush();
+    /// Forgets, then closes the tree. The store's other parts must still be there.
     bool close();
 
     /// A key for a name in a directory, the name in the store's normal form.
     [[nodiscard]] DirKey key(FileId directory, QString const& name, std::uint32_t type = 0) const;
-    /// The name in the store's normal form.
+    /// The name in the store's normal form: lower case unless the store is case-sensitive.
     [[nodiscard]] QString normal(QString const& name) const;
+    /// Fills the key from the tree; false, with the key unchanged, when there is no such name.
     [[nodiscard]] bool find(DirKey& key);
-    /// Walks a path in the live tree. `result` is the object's key, or has file id 0; `parent`,
-    /// if not null, receives the key of the last directory that was reached.
     struct Located {
-        bool found = false;      ///< `key` names the object
+        bool found = false;       ///< `key` names the object
         bool parentFound = false; ///< `parent` names the directory that would hold it
         DirKey key;
         DirKey parent;
     };
+    /// Walks a path; an empty one is the root. With `BuildPath` missing directories on the way
+    /// (never the last element) are made.
     [[nodiscard]] Located locate(QStringList const& path, PathMode mode);
 
+    /// Makes an entry and its key, the name in the spelling given. `key` has directory, name, file
+    /// id, link and type, and gets its position and the liveOnly bit by `opType`. False: no
+    /// directory, no data, "Name too long", a damaged page before the first that has room.
     [[nodiscard]] bool insert(NotToBackup::OpType opType, ActiveHandle& directory, DirKey& key,
                               QString const& name);
+    /// Takes the entry and the key of a name away that `find` has filled in. Without `force` a
+    /// directory must be empty.
     [[nodiscard]] bool remove(DirKey& key, bool force);
+    /// Writes the key's liveOnly bit and type to its entry and the tree, and counts the change.
     [[nodiscard]] bool liveOnly(DirKey& key);
+    /// Whether the directory that the key names holds no names; false for a file.
     [[nodiscard]] bool emptyDirectory(DirKey const& key);
+    /// Removes all that is in a directory, at any depth, with constant stack. What can't be
+    /// removed, since the tree doesn't match, stays, and the result is false.
     [[nodiscard]] bool discardDirectory(ActiveHandle& directory);
+    /// `remove` without force, then drops the link from the file.
     [[nodiscard]] bool removeLink(DirKey& key);
-    /// Deletes the object of a located key (the handle form checks open counts).
+    /// Deletes what `key` names, whole or, with another stream than "Data", that stream alone. The
+    /// caller has seen to it that the handle is the last on the object. True when the name is gone
+    /// already.
     [[nodiscard]] bool unlink(DirKey& key, ActiveHandle& handle, QString const& stream);
+    /// A further name for the file of `from`; directories on the way are made.
     [[nodiscard]] bool link(NotToBackup::OpType opType, DirKey& from, QStringList const& path);
+    /// Moves a name. What has the new name is removed first, unless it is a directory with names.
+    /// A directory can't be moved into itself or below itself.
     [[nodiscard]] bool rename(NotToBackup::OpType opType, ActiveHandle& handle, DirKey& from,
                               DirKey& to, QString const& toName);
+    /// Moves a name to a path that must be free; directories on the way are made. Then applies the
+    /// rules to what was moved.
     [[nodiscard]] bool rename(NotToBackup::OpType opType, NotToBackup const& rules,
                               ActiveHandle& handle, DirKey& from, QStringList const& path);
+    /// Applies exclusion rules to all that is stored below a directory: removes what is excluded
+    /// and sets or clears liveOnly. `path` is the directory's, and is the same on return.
     void checkOperations(NotToBackup const& rules, ActiveHandle& directory, QStringList& path);
+    /// Writes the parent entry; makes the data stream and the first page if they are missing.
     [[nodiscard]] bool setParent(ActiveHandle& directory, FileId parent);
 
-    // Scans of the live tree.
+    // Scans of the live tree, by its pages.
+    /// Fills the key from the directory's pages, not from the tree.
     [[nodiscard]] bool findName(DirKey& key);
+    /// See `SnapshotDirectories::dirscan`.
     [[nodiscard]] bool dirscan(std::uint32_t& count, Morva::PagedList& list, FileNode& node,
                                FileId directory);
+    /// Checks each entry of a directory against the tree.
     [[nodiscard]] bool validDirectory(FileNode& node, FileId directory);
 
     [[nodiscard]] std::uint64_t cacheHits() const;
     [[nodiscard]] std::uint64_t cacheMisses() const;
     [[nodiscard]] std::uint32_t cacheSize() const;
-    /// Forgets cached handles and slot indexes, as before a snapshot, a save of state or a close.
-    void forget();
+    [[nodiscard]] std::uint64_t keyCount() const;
+    /// Calls back for each key in the order of the hashes, for checks; false when a damaged page
+    /// was met. The tree must not be changed meanwhile.
+    bool forEachKey(std::function<bool(Morva::Extent const& stored)> const& callback) const;
+    /// Checks the tree's file; see `BPlusTree::verify`.
+    bool verify(QStringList& faults) const;
+    /// Forgets open directories and their indexes, and gives up their handles: to be called before
+    /// a snapshot, a save of state or a close.
+    void forget() { open_.clear(); }
 
 private:
-    struct Private;
-    std::unique_ptr<Private> p_;
+    struct DiscardFrame;
+    struct CheckFrame;
+    enum class Step { Done, Descend, Failed };
+    /// One pass over a page by `checkOperations`.
+    struct Check {
+        NotToBackup const& rules;
+        CheckFrame& frame;
+        QStringList& path;
+        bool dirty = false;
+        bool descend = false;
+    };
+
+    [[nodiscard]] bool treeInsert(DirKey& key);
+    [[nodiscard]] bool treeRemove(DirKey const& key);
+    [[nodiscard]] bool treeUpdate(DirKey const& key);
+    void count(DirKey const& key, bool added);
+
+    [[nodiscard]] DirKey buildElement(DirKey const& parent, QStringList const& path);
+    [[nodiscard]] std::uint8_t* findSpace(OpenDirectory& directory, std::uint32_t needed,
+                                          std::uint64_t& position);
+    /// The entry of a key, in the directory's page; nothing when page and key don't match.
+    [[nodiscard]] std::uint8_t* entryOf(OpenDirectory& directory, DirKey const& key);
+    [[nodiscard]] bool sameEntryName(QStringView entry, QString const& wanted) const;
+    [[nodiscard]] bool matches(DirKey const& key, DirectoryEntry const& entry,
+                               std::uint64_t position) const;
+
+    [[nodiscard]] Step discardPages(DiscardFrame& frame);
+    [[nodiscard]] bool discardEntry(DiscardFrame& frame, DirectoryEntry const& entry,
+                                    std::uint32_t offset, bool& descend);
+    void dropObject(DirKey const& key);
+
+    [[nodiscard]] bool moveName(NotToBackup::OpType opType, ActiveHandle& handle, DirKey& from,
+                                DirKey& to, QString const& toName);
+    [[nodiscard]] bool isBelow(FileId directory, FileId ancestor);
+    void tellRenamed(DirKey const& to, QString const& toName);
+
+    [[nodiscard]] Step checkPages(NotToBackup const& rules, CheckFrame& frame, QStringList& path);
+    [[nodiscard]] bool checkEntry(Check& check, OpenDirectory& open, DirectoryEntry& entry);
+    [[nodiscard]] bool checkRemove(DirKey& key);
+    [[nodiscard]] bool checkLiveOnly(DirKey& key, QString const& name, bool value);
+
+    Store& store_;
+    mutable Morva::TracedMutex lock_{{"Lock Directory", "Unlock Directory"}};
+    Morva::BPlusTree tree_ MORVA_GUARDED_BY(lock_);
+    OpenDirectories open_;
+    /// The thread that is in a changing operation, to notice a second one.
+    std::atomic<std::thread::id> writer_{};
 };
 
 } // namespace Replication

@@ -52,6 +52,31 @@ bool PageWalk::next() {
     return true;
 }
 
+bool PageEdit::next() {
+    if (invalid_ || offset_ + length_ == DirectoryPage::size)
+        return false;
+    if (length_ != 0 && !removed_)
+        before_ = offset_;
+    offset_ += length_;
+    removed_ = false;
+    if (!entry().valid(DirectoryPage::size - offset_)) {
+        invalid_ = true;
+        return false;
+    }
+    length_ = entry().entryLength();
+    return true;
+}
+
+void PageEdit::remove() {
+    if (!before_) {
+        entry().clear();
+        return;
+    }
+    DirectoryEntry previous(page_ + *before_);
+    previous.entryLength(previous.entryLength() + length_);
+    removed_ = true;
+}
+
 namespace DirectoryPage {
 
 void clear(std::uint8_t* page) {
@@ -95,22 +120,16 @@ std::uint32_t largestSlot(std::uint8_t* page) {
 }
 
 bool removeEntry(std::uint8_t* page, std::uint32_t offset) {
-    std::optional<std::uint32_t> before;
-    PageWalk walk(page);
-    while (walk.next() && walk.offset() < offset)
-        before = walk.offset();
-    if (walk.invalid() || walk.offset() != offset) {
-        MORVA_TRACE(Always) << "desired" << offset << "next" << walk.offset() << "Name length"
-                            << walk.entry().nameLength() << "Length" << walk.entry().entryLength();
+    PageEdit edit(page);
+    bool more = edit.next();
+    while (more && edit.offset() < offset)
+        more = edit.next();
+    if (!more || edit.offset() != offset) {
+        MORVA_TRACE(Always) << "desired" << offset << "next" << edit.offset() << "Name length"
+                            << edit.entry().nameLength() << "Length" << edit.entry().entryLength();
         return false;
     }
-    DirectoryEntry entry = walk.entry();
-    if (!before) {
-        entry.clear();
-        return true;
-    }
-    DirectoryEntry previous(page + *before);
-    previous.entryLength(previous.entryLength() + entry.entryLength());
+    edit.remove();
     return true;
 }
 

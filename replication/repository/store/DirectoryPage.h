@@ -103,6 +103,30 @@ private:
     bool invalid_ = false;
 };
 
+/// Walks a page and can take entries out on the way: the space of one that is taken out goes to the
+/// entry before it; the first of the page becomes free instead.
+class PageEdit {
+public:
+    explicit PageEdit(std::uint8_t* page) : page_(page) {}
+
+    [[nodiscard]] bool next();
+    [[nodiscard]] bool invalid() const { return invalid_; }
+    [[nodiscard]] DirectoryEntry entry() const { return DirectoryEntry(page_ + offset_); }
+    [[nodiscard]] std::uint32_t offset() const { return offset_; }
+    /// Whether an entry stands before this one, which could take its space.
+    [[nodiscard]] bool hasBefore() const { return before_.has_value(); }
+    /// Takes the current entry out; to be called once for an entry.
+    void remove();
+
+private:
+    std::uint8_t* page_;
+    std::optional<std::uint32_t> before_;
+    std::uint32_t offset_ = 0;
+    std::uint32_t length_ = 0; // 0 before the first step
+    bool removed_ = false;
+    bool invalid_ = false;
+};
+
 /// What an operation says about itself when a page is damaged.
 struct PageContext {
     char const* operation;

@@ -9,7 +9,7 @@
 namespace Replication {
 
 DirectoryScan::DirectoryScan(FileNode& node, FileId directory, char const* operation,
-                             Instance instance, std::uint64_t firstPage)
+                             Instance instance, std::uint64_t firstPage, std::uint64_t pageLimit)
     : operation_(operation),
       directory_(directory),
       instance_(instance),
@@ -18,9 +18,7 @@ DirectoryScan::DirectoryScan(FileNode& node, FileId directory, char const* opera
     if (!stream_)
         return;
     pages_ = (stream_->length() + DirectoryPage::size - 1) >> DirectoryPage::shift;
-    if (firstPage < pages_)
-        window_.resize(std::min<std::uint64_t>(pages_ - firstPage, pagesPerRead) *
-                       DirectoryPage::size);
+    end_ = firstPage >= pages_ ? firstPage : firstPage + std::min(pages_ - firstPage, pageLimit);
 }
 
 DirectoryScan::~DirectoryScan() = default;
@@ -34,6 +32,7 @@ bool DirectoryScan::loadPage(std::uint64_t page) {
     std::uint64_t const inWindow = (page - windowPage_) * DirectoryPage::size;
     std::uint64_t at = inWindow;
     if (!started_ || inWindow >= windowBytes_) {
+        window_.resize(std::min<std::uint64_t>(end_ - page, pagesPerRead) * DirectoryPage::size);
         windowPage_ = page;
         windowBytes_ = stream_->read(page * DirectoryPage::size, window_.data(),
                                      static_cast<std::uint32_t>(window_.size()));
@@ -49,7 +48,7 @@ bool DirectoryScan::loadPage(std::uint64_t page) {
 }
 
 bool DirectoryScan::next() {
-    if (!stream_ || failed_ || page_ >= pages_)
+    if (!stream_ || failed_ || page_ >= end_)
         return false;
     if (!started_ && !loadPage(page_)) {
         failed_ = true;
@@ -63,7 +62,7 @@ bool DirectoryScan::next() {
             failed_ = true;
             return false;
         }
-        if (page_ + 1 >= pages_) {
+        if (page_ + 1 >= end_) {
             ++page_;
             return false;
         }

@@ -22,10 +22,11 @@ class StreamHandle;
 /// Belongs to one thread. The stream stays open as long as the object.
 class DirectoryScan {
 public:
+    /// Reads from `firstPage` on, at most `pageLimit` pages.
     /// `instance` is 0 in the live tree; it and the id are for the reports alone. The node must be
     /// a directory. The operation must be a literal.
     DirectoryScan(FileNode& node, FileId directory, char const* operation, Instance instance = {},
-                  std::uint64_t firstPage = 0);
+                  std::uint64_t firstPage = 0, std::uint64_t pageLimit = UINT64_MAX);
     ~DirectoryScan();
     DirectoryScan(DirectoryScan const&) = delete;
     DirectoryScan& operator=(DirectoryScan const&) = delete;
@@ -58,6 +59,7 @@ private:
     Instance instance_;
     std::shared_ptr<StreamHandle> stream_;
     std::uint64_t pages_ = 0;
+    std::uint64_t end_ = 0;
     std::uint64_t page_ = 0;
     std::uint64_t windowPage_ = 0;
     std::uint32_t windowBytes_ = 0;

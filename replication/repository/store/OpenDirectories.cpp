@@ -30,7 +30,7 @@ std::uint8_t* OpenDirectory::readPage(std::uint64_t page) {
 
 bool OpenDirectory::writePage() {
     // The times of a directory are set by the source; a change of a name doesn't move them.
-    if (!handle_->write(Instance{1}, stream_, *page_ * DirectoryPage::size, buffer_.data(),
+    if (!handle_->write(LinkId{1}, stream_, *page_ * DirectoryPage::size, buffer_.data(),
                         DirectoryPage::size, 0)) {
         MORVA_TRACE(Always) << "Failed to write page" << *page_ << "of" << pages_ << "in directory"
                             << Morva::hex << id();
@@ -93,7 +93,7 @@ OpenDirectories::Pointer OpenDirectories::get(FileId id, char const* operation) 
         return nullptr;
     }
     // Opening "Data" never makes it, so that asking for it changes nothing.
-    std::shared_ptr<StreamHandle> stream = handle->openStream(Instance{1}, dataStreamName, false);
+    std::shared_ptr<StreamHandle> stream = handle->openStream(LinkId{1}, dataStreamName, false);
     if (!stream) {
         MORVA_TRACE(Always) << operation << "No directory data" << Morva::hex << id;
         return nullptr;
