@@ -67,12 +67,13 @@ public:
 
 private:
     void run();
-    /// False when it must stay in the queue.
+    /// False when it stays in the queue.
     [[nodiscard]] bool work(Morva::Extent const& entry);
 
     std::shared_ptr<Streams> streams_;
     std::thread thread_;
     std::atomic<bool> stop_ = false;
+    int wake_ = -1; // becomes readable to end the thread's wait
 };
 
 } // namespace Replication

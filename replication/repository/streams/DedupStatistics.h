@@ -2,10 +2,6 @@
 
 #include <cstdint>
 
-namespace Morva {
-class TraceLine;
-}
-
 namespace Replication {
 
 /// Counters of one pass of deduplication, 40 bytes where they are stored:

@@ -89,10 +89,9 @@ private:
     /// The part of a write or read that is still to be done.
     struct Span {
         std::uint64_t offset;
-        std::uint8_t* data;
+        std::uint8_t const* data;
         std::uint32_t count;
     };
-    enum class Round { Done, Failed };
 
     [[nodiscard]] std::uint32_t depth() const { return record_.depth(); }
     [[nodiscard]] bool damaged() const { return depth() > TreeParameters::maximumDepth; }
@@ -100,6 +99,7 @@ private:
         return level == 0 ? parameters_->levelZeroEntries() : TreeParameters::fanOut;
     }
 
+    // The path to an offset (Info.cpp).
     void setOffset(std::uint64_t offset);
     [[nodiscard]] bool next(std::uint32_t level);
     [[nodiscard]] std::uint64_t entry(std::uint32_t level) const;
@@ -107,35 +107,46 @@ private:
     /// Pins the block of a level; false when it is there and can't be had.
     [[nodiscard]] bool load(std::uint32_t level);
     /// Loads levels downwards as far as there are blocks. `last` gets the level whose entry was
-    /// used last; the entry is 0 when the offset lies in a hole above the data.
+    /// used last. False when a block is there and can't be had.
     [[nodiscard]] bool loadPath(std::uint32_t& last);
     void giveBack(std::uint32_t lowest);
-    /// As giveBack, and frees the blocks that hold nothing any more, from the lowest up.
+    /// As giveBack, and frees the private blocks that hold nothing any more, from the lowest up.
     void giveBackPruned(std::uint32_t lowest);
+    [[nodiscard]] std::uint64_t holeEnd(std::uint64_t offset, std::uint32_t last) const;
+    void failed() const { parameters_->failed(); }
 
     [[nodiscard]] bool increaseDepth();
     [[nodiscard]] bool decreaseDepth();
     [[nodiscard]] bool pullUpData(std::uint64_t block);
     [[nodiscard]] bool pullUpEntries(std::uint64_t block);
     [[nodiscard]] bool makeUnique(std::uint32_t level);
-    [[nodiscard]] bool copyIndirect(Level& level, std::uint32_t number, std::uint8_t* fresh);
 
+    // Writing and reading (InfoData.cpp).
+    [[nodiscard]] bool extendTo(std::uint64_t end);
     [[nodiscard]] bool doWrite(Span& span);
     [[nodiscard]] bool writeWhole(Span& span, std::uint32_t blocks);
     [[nodiscard]] bool writePartial(Span& span, std::uint32_t chunk);
+    /// Gives the entry of a leaf level the whole block in `scratch_`.
+    [[nodiscard]] bool replaceBlock(std::uint32_t leaf, std::uint64_t old);
     [[nodiscard]] std::uint64_t doRead(std::uint64_t offset, std::uint64_t end,
                                        std::uint8_t* buffer);
+    void readBlocks(std::uint64_t const* blocks, std::uint32_t blockCount, std::uint8_t* buffer,
+                    std::uint32_t offset, std::uint32_t count);
+
+    // Zeros and ends (InfoZero.cpp).
     void clear();
     /// `zeroData` for a range that the tree can hold, without a look at the length.
     [[nodiscard]] bool zeroRange(std::uint64_t start, std::uint64_t end);
-    [[nodiscard]] bool zeroEntries(std::uint32_t level, std::uint64_t& start, std::uint64_t end);
-    [[nodiscard]] bool zeroPart(std::uint32_t level, std::uint32_t offset, std::uint32_t count);
-    [[nodiscard]] std::uint64_t holeEnd(std::uint64_t offset, std::uint32_t last) const;
+    [[nodiscard]] bool zeroEntries(std::uint32_t leaf, std::uint64_t start, std::uint64_t end);
+    [[nodiscard]] bool zeroPart(std::uint32_t leaf, std::uint32_t offset, std::uint32_t count);
+    [[nodiscard]] bool leafIsHole(std::uint32_t leaf, std::uint64_t start, std::uint64_t end) const;
+    [[nodiscard]] bool blocksAreZero(std::uint32_t leaf, std::uint64_t start, std::uint64_t end);
 
-    [[nodiscard]] bool emptyBlock(std::uint32_t height, std::uint64_t block, std::uint32_t& budget);
+    // Release (InfoRelease.cpp). The height of an indirect block is 1 when it names data.
+    [[nodiscard]] bool emptyTop(std::uint32_t height, std::uint64_t block, std::uint32_t& budget);
     [[nodiscard]] bool emptyEntries(std::uint32_t height, std::uint8_t* entries,
                                     std::uint32_t& budget);
-    void dropChild(std::uint32_t height, std::uint64_t block);
+    [[nodiscard]] bool dropTree(std::uint32_t height, std::uint64_t block, std::uint32_t& budget);
 
     TreeParameters const* parameters_;
     TreeRecord record_;

@@ -15,7 +15,6 @@ namespace Replication {
 /// exclusive entry keeps new shared ones out, so that a busy process can't starve a flush.
 class OperationGate {
 public:
-    OperationGate() = default;
     OperationGate(OperationGate const&) = delete;
     OperationGate& operator=(OperationGate const&) = delete;
 
@@ -48,6 +47,8 @@ public:
     };
 
 private:
+    OperationGate() = default;
+
     void enter();
     void leave();
     void enterAlone();

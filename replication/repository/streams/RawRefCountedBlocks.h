@@ -54,6 +54,8 @@ public:
                               bool randomAccess);
     /// False, with all three closed, when one is missing or damaged. None is made.
     [[nodiscard]] bool open(QString const& path, std::uint64_t growSize, bool randomAccess);
+    /// Whether there is no ".blocks", or one that a `create` left before it was done.
+    [[nodiscard]] static bool unfinished(QString const& path);
     /// Writes what is in memory and closes; false if anything could not be written.
     bool close();
     [[nodiscard]] bool isOpen() const { return file_ != nullptr; }
@@ -88,8 +90,9 @@ public:
     /// Drops one reference. True when it was the last: the block is free then. 0 gives false. The
     /// content stays as it is.
     bool freeBlock(std::uint64_t block);
-    /// False when the block has no count or the table can't be read.
+    /// The count, 0 for a block that has none; false when the table can't be read.
     [[nodiscard]] bool count(std::uint32_t& count, std::uint64_t block) const;
+    /// Adds one reference; `count` gets the new count. False for a block that has none.
     [[nodiscard]] bool increment(std::uint32_t& count, std::uint64_t block);
     /// The count could be read and is exactly 1.
     [[nodiscard]] bool unique(std::uint64_t block) const;
@@ -109,11 +112,13 @@ public:
     [[nodiscard]] std::uint64_t cacheMisses() const;
     [[nodiscard]] std::uint32_t cacheSize() const;
 
-    /// For a checker: every block with a count, and every free number. Under the lock: the
-    /// function must not call back. False when a table can't be read to its end.
+    /// For a checker: every block with a count, ascending; every run of free numbers. They end
+    /// when the function gives false. Under the lock: it must not call back. False when a table
+    /// can't be read to its end.
     [[nodiscard]] bool
-    forEachCount(std::function<void(std::uint64_t block, std::uint32_t count)> const& visit) const;
-    [[nodiscard]] bool forEachFree(std::function<void(std::uint64_t block)> const& visit) const;
+    forEachCount(std::function<bool(std::uint64_t block, std::uint32_t count)> const& visit) const;
+    [[nodiscard]] bool
+    forEachFree(std::function<bool(std::uint64_t first, std::uint64_t count)> const& visit) const;
 
 private:
     [[nodiscard]] bool getControl();
@@ -124,7 +129,13 @@ private:
     [[nodiscard]] bool extend(std::uint64_t first);
     /// One number with one reference, 0 if there is none now.
     [[nodiscard]] std::uint64_t takeBlock(bool& exhausted);
-    [[nodiscard]] Morva::RawFile* threadFile();
+    /// The calling thread's handle, opened if it has none; null when that fails.
+    [[nodiscard]] Morva::RawFile* ownFile(Morva::RawFile::Mode mode);
+    [[nodiscard]] bool inFile(std::uint64_t first, std::uint64_t count) const;
+    [[nodiscard]] bool readRun(std::uint64_t first, std::uint64_t blocks, void* buffer,
+                               std::uint32_t offset, std::uint32_t count);
+    [[nodiscard]] bool writeRun(std::uint64_t first, std::uint64_t blocks, void const* buffer,
+                                std::uint32_t offset, std::uint32_t count);
     [[nodiscard]] std::uint32_t runLength(std::uint64_t const* blocks,
                                           std::uint32_t blockCount) const;
 
@@ -139,10 +150,9 @@ private:
     QString name_;
     std::uint64_t growBlocks_ = 0;
     Morva::RawFile::Mode mode_ = Morva::RawFile::Mode::ReadWrite;
-    bool stopping_ = false;     // guarded by lock_
-    std::uint32_t waiting_ = 0; // guarded by lock_
-    /// Names this object among all that ever were; its life tells the threads' slots of its end.
-    std::shared_ptr<char> identity_;
+    bool stopping_ = false;          // guarded by lock_
+    std::uint32_t waiting_ = 0;      // guarded by lock_
+    std::shared_ptr<char> identity_; // see ThreadFiles; set while open
 };
 
 } // namespace Replication

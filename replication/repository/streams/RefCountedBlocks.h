@@ -40,10 +40,15 @@ public:
     /// Ends a pin and drops one reference. True when that was the last: the block is free then. A
     /// changed buffer is lost; false says that somebody still shares the block.
     bool freeBlock(void const* block);
-    /// Drops one reference and ends the pin if another one remains. False, with the pin kept and
-    /// nothing changed, when the caller holds the only one or the count can't be read.
-    [[nodiscard]] bool dropShared(void const* block);
+    enum class Drop {
+        Done,  ///< one reference dropped, another one remains; the pin is ended
+        Sole,  ///< the caller holds the only one; nothing changed
+        Failed ///< the count can't be read or written; nothing changed
+    };
+    /// Drops one reference only if another one remains, in one step.
+    [[nodiscard]] Drop dropShared(void const* block);
 
+    /// The count, 0 for a block that has none; false when the table can't be read.
     [[nodiscard]] bool count(std::uint32_t& count, std::uint64_t number) const;
     /// The count could be read and is exactly 1.
     [[nodiscard]] bool unique(std::uint64_t number) const;
@@ -65,11 +70,12 @@ public:
     [[nodiscard]] std::uint64_t refCacheMisses() const;
     [[nodiscard]] std::uint32_t refCacheSize() const;
 
-    /// For a checker: every block with a count, and every free number. Under the lock: the
-    /// function must not call back. False when a table can't be read to its end.
+    /// For a checker: every block with a count, ascending; every free number. They end when the
+    /// function gives false. Under the lock: it must not call back. False when a table or the
+    /// chain of free blocks can't be read to its end.
     [[nodiscard]] bool
-    forEachCount(std::function<void(std::uint64_t block, std::uint32_t count)> const& visit) const;
-    [[nodiscard]] bool forEachFree(std::function<void(std::uint64_t block)> const& visit) const;
+    forEachCount(std::function<bool(std::uint64_t block, std::uint32_t count)> const& visit) const;
+    [[nodiscard]] bool forEachFree(std::function<bool(std::uint64_t block)> const& visit) const;
 
 private:
     mutable Morva::TracedMutex lock_;

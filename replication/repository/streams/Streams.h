@@ -154,8 +154,14 @@ public:
     /// when a node couldn't be read; the rest is visited all the same. Under the nodes lock: the
     /// function must not call the pool's operations on streams.
     [[nodiscard]] bool forEachStream(std::function<void(StreamNode const&)> const& visit) const;
+    /// Every free block of "nodes", until the function gives false. False when their chain is
+    /// damaged.
+    [[nodiscard]] bool
+    forEachFreeNode(std::function<bool(std::uint64_t number)> const& visit) const;
     /// Every key of the index. Under the dedup lock. False when the tree is damaged.
     [[nodiscard]] bool forEachKey(std::function<void(DedupKey&)> const& visit) const;
+    /// Checks the structure of the index's file; adds a line for each fault.
+    [[nodiscard]] bool verifyIndex(QStringList& faults) const;
     /// The pool's control record; a copy of its 256 bytes.
     [[nodiscard]] QByteArray controlRecord() const;
     /// Streams whose handle is open now.
@@ -166,7 +172,7 @@ private:
     struct Statistic;
 
     [[nodiscard]] bool start(QString const& streamsDirectory, QString const& dataDirectory);
-    [[nodiscard]] bool openFiles(QString const& streamsDirectory);
+    [[nodiscard]] bool openFiles(QString const& streamsDirectory, QString const& dataPath);
     [[nodiscard]] bool createFiles(QString const& streamsDirectory, QString const& dataPath);
     [[nodiscard]] std::vector<Statistic> collectStatistics();
 
@@ -188,11 +194,11 @@ private:
     bool addDedup(StreamNode node, DedupStatistics& statistics);
     [[nodiscard]] bool joinKey(DedupKey& key, StreamNode node);
     [[nodiscard]] bool useDedup(StreamNode node, std::uint64_t length, Digest const& digest);
-    /// Takes a stream out of the index. Under the dedup lock.
-    void leaveKey(StreamNode node);
+    /// Takes a stream of this content out of the index. Under the dedup lock.
+    void leaveKey(std::uint64_t length, Digest const& digest);
     void updateKey(DedupKey const& key);
     [[nodiscard]] bool claimForDeletion(StreamId id, StreamNode& node);
-    void endDeletion(StreamId id);
+    void endDeletion(StreamId id, StreamNode node, bool done);
 
     /// Spreads stream ids over the table of open streams.
     struct IdHash {

@@ -58,6 +58,13 @@ public:
     [[nodiscard]] bool takeCopy(TreeRecord to, TreeRecord from) const;
     /// Adds the references alone. False with nothing counted, as above.
     [[nodiscard]] bool incrementEntry(TreeRecord record) const;
+    /// The same for `count` entries that stand in a record or block; `dataEntries` tells that they
+    /// name data blocks and not indirect ones.
+    [[nodiscard]] bool addReferences(std::uint8_t const* entries, std::uint32_t count,
+                                     bool dataEntries) const;
+    /// Takes back what `addReferences` added, while the blocks have other references.
+    void takeBackReferences(std::uint8_t const* entries, std::uint32_t count,
+                            bool dataEntries) const;
     /// Hands the record's references to the cleanup queue and returns at once. A record of depth
     /// 0 has none. False, and the failure counted, when the queue doesn't take it: the blocks stay
     /// counted then.
@@ -77,8 +84,6 @@ public:
     [[nodiscard]] bool walk(TreeRecord record, Visitor const& visit) const;
 
 private:
-    [[nodiscard]] bool addReference(std::uint32_t depth, std::uint64_t block) const;
-    void takeBack(std::uint32_t depth, std::uint64_t block) const;
     [[nodiscard]] bool walkBlock(std::uint32_t level, std::uint64_t block,
                                  Visitor const& visit) const;
 

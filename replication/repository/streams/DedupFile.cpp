@@ -1,0 +1,121 @@
+#include "replication/repository/streams/DedupFile.h"
+
+#include "base/trace/Trace.h"
+#include "base/values/LittleEndian.h"
+
+#include <QFile>
+
+#include <array>
+
+namespace Replication {
+
+using Morva::BufferedFile;
+using Morva::RawFile;
+
+DedupFile::DedupFile(QString const& directory, Instance instance)
+    : directory_(directory), instance_(instance) {}
+
+DedupFile::~DedupFile() {
+    close();
+}
+
+QString DedupFile::nameOf(QString const& directory, Instance instance) {
+    QString name = directory + "/dedup";
+    if (instance)
+        name += QString::number(instance.value).rightJustified(10, u'0');
+    return name;
+}
+
+QString DedupFile::name() const {
+    return nameOf(directory_, instance_);
+}
+
+bool DedupFile::openForAppend() {
+    close();
+    appender_ = RawFile::make();
+    if (!appender_->open(name(), RawFile::Mode::ReadWrite) &&
+        !appender_->create(name(), RawFile::Mode::ReadWrite)) {
+        MORVA_TRACE(Always) << "Failed to create file" << name();
+        appender_.reset();
+        return false;
+    }
+    position_ = appender_->length() / entrySize * entrySize;
+    return true;
+}
+
+bool DedupFile::append(StreamId id) {
+    std::array<std::uint8_t, entrySize> bytes;
+    Morva::storeLittle(bytes.data(), id.value);
+    if (!appender_ || appender_->writeAt(position_, bytes.data(), entrySize) != entrySize) {
+        MORVA_TRACE(Always) << "Failed to write" << name();
+        return false;
+    }
+    position_ += entrySize;
+    return true;
+}
+
+bool DedupFile::empty() {
+    if (!appender_ && !openForAppend())
+        return false;
+    position_ = 0;
+    return appender_->setLength(0);
+}
+
+bool DedupFile::rename(Instance instance) {
+    if (!instance || instance_)
+        return false;
+    close();
+    QString const closed = nameOf(directory_, instance);
+    // A list of the same instance can only be left from a snapshot that was never made.
+    if (QFile::exists(closed))
+        QFile::remove(closed);
+    bool const renamed = !QFile::exists(name()) || QFile::rename(name(), closed);
+    if (!renamed)
+        MORVA_TRACE(Always) << "Failed to rename" << name() << "to" << closed;
+    return openForAppend() && renamed;
+}
+
+bool DedupFile::openForRead() {
+    close();
+    if (!instance_) {
+        MORVA_TRACE(Always) << "Invalid instance number";
+        return false;
+    }
+    reader_ = std::make_unique<BufferedFile>(bufferSize);
+    if (reader_->open(name()))
+        return true;
+    reader_.reset();
+    return false;
+}
+
+bool DedupFile::read(StreamId& id) {
+    std::array<std::uint8_t, entrySize> bytes;
+    if (!reader_ || reader_->read(bytes.data(), entrySize) != entrySize)
+        return false;
+    id.value = Morva::loadLittle<std::uint64_t>(bytes.data());
+    position_ += entrySize;
+    return true;
+}
+
+bool DedupFile::setPosition(std::uint64_t position) {
+    if (!reader_ || position % entrySize != 0 ||
+        !reader_->setPosition(static_cast<std::int64_t>(position)))
+        return false;
+    position_ = position;
+    return true;
+}
+
+void DedupFile::close() {
+    reader_.reset();
+    if (appender_)
+        appender_->close();
+    appender_.reset();
+    position_ = 0;
+}
+
+bool DedupFile::remove() {
+    close();
+    return !QFile::exists(name()) || QFile::remove(name());
+}
+
+} // namespace Replication

@@ -1,0 +1,242 @@
+#include "replication/repository/streams/Streams.h"
+
+#include "base/blocks/Blocks.h"
+#include "base/trace/Trace.h"
+#include "base/trees/BPlusTree.h"
+#include "base/trees/PagedQueue.h"
+#include "base/values/Sha1.h"
+#include "replication/repository/streams/Cleanup.h"
+#include "replication/repository/streams/DedupKey.h"
+#include "replication/repository/streams/Info.h"
+#include "replication/repository/streams/StreamHandle.h"
+
+#include <cstring>
+
+namespace Replication {
+
+using Morva::TracedLock;
+
+namespace {
+
+/// Blocks that one slice of a deletion frees before others get the gate.
+constexpr std::uint32_t sliceBlocks = 4096;
+
+} // namespace
+
+bool Streams::dedupStream(std::function<void()> const& checkForFreeze, StreamId id,
+                          DedupStatistics& statistics, Morva::Extent& buffer) {
+    MORVA_METHOD("dedupStream");
+    std::shared_ptr<StreamHandle> stream = handle(id, true);
+    if (!stream)
+        return scope.result(!stopping());
+    bool hash = false;
+    {
+        OperationGate::Enter gate;
+        hash = stream->prepareDedup(statistics) && buffer.size != 0;
+    }
+    std::uint64_t const failuresBefore = failures();
+    Morva::Sha1 sha;
+    std::uint64_t offset = 0;
+    while (hash && !stopping()) {
+        if (freezing() && checkForFreeze)
+            checkForFreeze();
+        std::uint32_t const count = stream->read(offset, buffer.data, buffer.size);
+        sha.addData(buffer.data, count);
+        offset += count;
+        if (count == buffer.size)
+            continue;
+        // What could not be read came as zeros, and its digest would be that of another content.
+        if (offset == stream->length() && failures() == failuresBefore) {
+            OperationGate::Enter gate;
+            stream->setDigest(Digest::eRepDigestSha1, sha.result().data, statistics);
+        }
+        break;
+    }
+    OperationGate::Enter gate;
+    stream.reset();
+    return scope.result(!stopping());
+}
+
+bool Streams::findDedup(std::uint64_t length, Digest const& digest) {
+    DedupKey key(length, digest);
+    TracedLock lock(dedupLock_);
+    return dedup_->find(key);
+}
+
+bool Streams::addDedup(StreamNode node, DedupStatistics& statistics) {
+    if (node.digestType() == Digest::eRepDigestInvalid || node.record().depth() == 0)
+        return false;
+    std::uint64_t const length = node.record().length();
+    TracedLock lock(dedupLock_);
+    DedupKey key(length, node.digest());
+    if (dedup_->find(key)) {
+        if (!joinKey(key, node))
+            return false;
+    } else {
+        key.referenceCount(1);
+        std::memcpy(key.record().bytes(), node.record().bytes(), TreeRecord::streamSize);
+        if (!dedup_->insert(key)) {
+            streamTree_->failed();
+            return false;
+        }
+        control_.addUnique(length);
+        statistics.uniqueStreams += 1;
+        statistics.uniqueSize += length;
+    }
+    control_.addIndexed(length);
+    statistics.streams += 1;
+    statistics.dedupedSize += length;
+    updateControl();
+    node.indexed(true);
+    return true;
+}
+
+// The references come before the old tree goes: both can be the same tree.
+bool Streams::joinKey(DedupKey& key, StreamNode node) {
+    if (!streamTree_->incrementEntry(key.record()))
+        return false;
+    streamTree_->decrementEntry(node.record());
+    std::memcpy(node.record().bytes(), key.record().bytes(), TreeRecord::streamSize);
+    key.referenceCount(key.referenceCount() + 1);
+    updateKey(key);
+    return true;
+}
+
+void Streams::updateKey(DedupKey const& key) {
+    if (!dedup_->update(key))
+        streamTree_->failed();
+}
+
+bool Streams::useDedup(StreamNode node, std::uint64_t length, Digest const& digest) {
+    MORVA_METHOD("useDedup");
+    TracedLock lock(dedupLock_);
+    DedupKey key(length, digest);
+    if (!dedup_->find(key))
+        return scope.result(false);
+    if (node.indexed() && node.record().length() == length && node.digest() == key.digest())
+        return scope.result(true);
+    bool const wasIndexed = node.indexed();
+    std::uint64_t const oldLength = node.record().length();
+    Digest const oldDigest = node.digest();
+    if (!joinKey(key, node))
+        return scope.result(false);
+    // The old tree may be going already, but nobody can find its key meanwhile.
+    if (wasIndexed)
+        leaveKey(oldLength, oldDigest);
+    control_.addIndexed(length);
+    node.digest(key.digest());
+    node.indexed(true);
+    node.frozen(true);
+    updateControl();
+    update(node);
+    return scope.result(true);
+}
+
+void Streams::leaveKey(std::uint64_t length, Digest const& digest) {
+    DedupKey key(length, digest);
+    if (dedup_->find(key)) {
+        std::uint32_t const left = key.referenceCount() == 0 ? 0 : key.referenceCount() - 1;
+        key.referenceCount(left);
+        if (left != 0) {
+            updateKey(key);
+        } else {
+            if (!dedup_->remove(key))
+                streamTree_->failed();
+            control_.removeUnique(length);
+        }
+    } else {
+        MORVA_CHECK(false, "bKeyFound");
+        MORVA_TRACE(Always) << "Dedup Key not found";
+    }
+    control_.removeIndexed(length);
+    updateControl();
+}
+
+bool Streams::requestDeleteStream(StreamId id) {
+    if (CleanupRequest::deleteStream(*cleanupQueue_, id))
+        return true;
+    failures_->fetch_add(1, std::memory_order_relaxed);
+    return false;
+}
+
+bool Streams::claimForDeletion(StreamId id, StreamNode& node) {
+    TracedLock open(openLock_);
+    if (open_.contains(id) || deleting_.contains(id))
+        return false;
+    node = loadNode(id);
+    if (!node)
+        return false;
+    if (node.referenceCount() != 0) {
+        TracedLock nodes(nodesLock_);
+        nodes_->returnBlock(node.block(), false);
+        return false;
+    }
+    deleting_.insert(id);
+    return true;
+}
+
+void Streams::endDeletion(StreamId id, StreamNode node, bool done) {
+    TracedLock open(openLock_);
+    deleting_.erase(id);
+    TracedLock nodes(nodesLock_);
+    if (!done)
+        nodes_->returnBlock(node.block(), false);
+    else if (!nodes_->freeBlock(node.block()))
+        streamTree_->failed();
+}
+
+bool Streams::deleteStream(StreamId id, std::function<void()> const& done) {
+    MORVA_METHOD("deleteStream");
+    if (stopping())
+        return scope.result(false);
+    StreamNode node;
+    for (bool finished = false; !finished;) {
+        OperationGate::Enter gate;
+        if (!node) {
+            finished = !claimForDeletion(id, node);
+            if (!finished && node.indexed()) {
+                // Before its tree goes, so that nobody joins a key whose blocks are gone.
+                TracedLock lock(dedupLock_);
+                leaveKey(node.record().length(), node.digest());
+                node.indexed(false);
+                update(node);
+            }
+        }
+        if (node && !finished) {
+            Info info(streamTree_.get(), node.record());
+            finished = info.releaseSlice(sliceBlocks);
+            if (finished || stopping())
+                endDeletion(id, node, finished);
+        }
+        if (finished && done)
+            done();
+        if (!finished && stopping())
+            return scope.result(false);
+    }
+    return scope.result(true);
+}
+
+bool Streams::deleteInfo(Morva::Extent const& record, std::function<void()> const& done) {
+    MORVA_METHOD("deleteInfo");
+    if (stopping())
+        return scope.result(false);
+    alignas(8) std::array<std::uint8_t, TreeRecord::nodeSize> copy;
+    bool const known = record.size == TreeRecord::streamSize || record.size == TreeRecord::nodeSize;
+    if (known)
+        std::memcpy(copy.data(), record.data, record.size);
+    TreeParameters const& tree = record.size == TreeRecord::nodeSize ? *nodeTree_ : *streamTree_;
+    Info info(&tree, TreeRecord(copy.data()));
+    for (bool finished = !known;;) {
+        OperationGate::Enter gate;
+        finished = finished || info.releaseSlice(sliceBlocks);
+        if (finished) {
+            if (done)
+                done();
+            return scope.result(true);
+        }
+        if (stopping())
+            return scope.result(false);
+    }
+}
+
+} // namespace Replication
