@@ -6,10 +6,6 @@
 #include <list>
 #include <memory>
 
-namespace Morva {
-class PagedList;
-}
-
 namespace Replication {
 
 class Store;
@@ -23,27 +19,40 @@ public:
     explicit RetireList(Store& store);
     ~RetireList();
 
+    /// A version has ended. `final`: the node will not change any more, and goes with the event;
+    /// otherwise the entry is there only to be joined by `previousFileNode`. In a resynchronisation
+    /// and after `stateSaved` a final one is sent at once and any other disappears. Clears
+    /// `version`.
     void retiredVersion(Version& version, FileNode::Pointer const& node, bool final);
+    /// The version under an old name has ended; the file goes on. `version` stays in use, with its
+    /// weak flag set.
     void retiredWeakVersion(Version& version, FileNode::Pointer const& node);
+    /// Joins a new version to the chain of the one that has just ended under its name: takes over
+    /// that one's previous version and weak flag. False when none waits.
     [[nodiscard]] bool previousFileNode(Version& version);
 
     /// The store's clock, seconds since 1970 at the source; it never goes back.
     [[nodiscard]] std::uint32_t timeStamp() const;
+    /// Moves the clock and sends what has waited long enough. A time of 0, or not above the
+    /// clock's, does nothing.
     void timeStamp(std::uint32_t time);
     /// For loading saved state: sets the clock without a run.
     void restoreClock(std::uint32_t time);
 
+    /// Whether a run is due by the machine's clock; if so the list is busy until one of the next
+    /// two. `retireRun` takes the source's time; `retireIdle` is for when there is none, and tries
+    /// again in five seconds. All three do nothing in a resynchronisation.
     [[nodiscard]] bool retireDue();
     void retireRun(std::uint32_t time);
     void retireIdle();
     void startResync();
     void endResync();
     [[nodiscard]] bool resyncRunning() const;
+    /// A stop has begun: nothing is queued from now on.
     void stateSaved();
 
-    [[nodiscard]] bool save(Morva::PagedList& list);
-    [[nodiscard]] bool load(std::uint32_t stateVersion, Morva::PagedList& list);
     [[nodiscard]] std::size_t size() const;
+    /// Drops all entries unsent.
     void clear();
 
 private:

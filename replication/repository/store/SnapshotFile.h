@@ -116,6 +116,9 @@ public:
     [[nodiscard]] std::uint32_t sourceTime() const;
     [[nodiscard]] std::uint32_t repositoryTime() const;
     [[nodiscard]] std::uint32_t version() const;
+    [[nodiscard]] std::uint32_t policy() const;
+    [[nodiscard]] std::uint32_t opId() const;
+    [[nodiscard]] std::uint32_t ruleSet() const;
     [[nodiscard]] QString label() const;
     [[nodiscard]] bool analyzed() const;
     [[nodiscard]] bool markedForDeletion() const;
@@ -142,6 +145,8 @@ public:
     void setRetire();
     /// As `setRetire`, and Retired becomes 1.
     void setRetired();
+    /// Back to requested, when the retirement could not be carried out.
+    void clearRetired();
     void markForDeletion();
     /// The first analysis stands: nothing changes when Analyzed is set already.
     void setAnalyzed(std::uint64_t logicalSize, std::uint64_t directories, std::uint64_t files);
@@ -179,14 +184,16 @@ public:
     [[nodiscard]] static QString typeText(SnapshotType type);
 
 private:
-    struct Header;
-    class Fields;
-
-    bool open();
-    bool create();
-    void convertOldLayout();
-    void loadLabel(std::uint8_t const* file, std::uint32_t count);
-    bool writeHeaderLocked() MORVA_REQUIRES(lock_);
+    [[nodiscard]] bool load(Morva::RawFile& file);
+    void loadLabel(std::uint8_t const* bytes, std::uint32_t count);
+    [[nodiscard]] bool convert(Morva::RawFile& file);
+    [[nodiscard]] bool create(Morva::RawFile& file);
+    template <class T> [[nodiscard]] T read(T (*get)(std::uint8_t const* header)) const;
+    void labelLocked(QString const& text) MORVA_REQUIRES(lock_);
+    void policyLocked(std::uint32_t policy, std::uint32_t opId, std::uint32_t ruleSet)
+        MORVA_REQUIRES(lock_);
+    void retireLocked() MORVA_REQUIRES(lock_);
+    [[nodiscard]] bool writeHeaderLocked() MORVA_REQUIRES(lock_);
 
     mutable Morva::TracedMutex lock_{{"Lock SnapshotFile", "Unlock SnapshotFile"}};
     QString path_;

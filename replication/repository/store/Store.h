@@ -62,6 +62,8 @@ public:
     /// list "StoreConfiguration"; absent keys keep their defaults. Called once, before any store.
     static void configure(Morva::XmlList const& configuration, std::shared_ptr<Streams> streams,
                           std::shared_ptr<EventChannel> channel);
+    /// Whether there is a pool; without one no store can be made or opened.
+    [[nodiscard]] static bool configured();
     /// See StoreTable.
     [[nodiscard]] static StorePointer create(StoreId id, StoreIdentity const& identity,
                                              bool caseSensitive) {
@@ -188,14 +190,14 @@ private:
 
     explicit Store(StoreId id);
     [[nodiscard]] bool createFiles(StoreIdentity const& identity, bool caseSensitive);
+    void makeEvent(std::uint32_t opening);
+    void takeRoot(FileId root);
     [[nodiscard]] bool createRoot();
     [[nodiscard]] bool createSnapshots();
     [[nodiscard]] bool openFiles();
     [[nodiscard]] bool openControl();
     [[nodiscard]] bool openTree();
-    [[nodiscard]] bool openRoot();
     [[nodiscard]] bool flushFiles();
-    void closeFiles();
     void removeLastLink(DirKey const& key, std::shared_ptr<ActiveHandle> const& handle,
                         bool retire);
 
@@ -210,7 +212,8 @@ private:
     std::atomic<bool> indexSnapshots_{true}, dedupSnapshots_{true}, dedupVersions_{true};
     QStringList dedupExclude_;
     bool upgraded_ = false;
-    bool open_ = false;
+    bool unclean_ = false; // found with OpenMark set
+    bool open_ = false;    // "files" is open
     std::atomic<int> referenceCount_{0};
 
     std::shared_ptr<Streams> streams_;

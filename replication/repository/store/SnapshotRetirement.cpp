@@ -1,0 +1,288 @@
+// What becomes of snapshots that have been taken: changes, deletion, retirement, deduplication.
+
+#include "base/trace/Trace.h"
+#include "replication/repository/store/Event.h"
+#include "replication/repository/store/FileNode.h"
+#include "replication/repository/store/NodePointer.h"
+#include "replication/repository/store/PassiveHandles.h"
+#include "replication/repository/store/SnapshotList.h"
+#include "replication/repository/store/SnapshotListState.h"
+#include "replication/repository/store/Store.h"
+#include "replication/repository/streams/DedupStatistics.h"
+#include "replication/repository/streams/OperationGate.h"
+#include "replication/repository/streams/Streams.h"
+
+#include <algorithm>
+
+namespace Replication {
+
+using Morva::TracedLock;
+
+namespace {
+
+/// Entries handled in one hold of the operation gate.
+constexpr int entriesInSlice = 64;
+
+} // namespace
+
+// --- changes and wishes
+
+bool SnapshotList::updateSnapshot(Instance instance, std::uint32_t policy, std::uint32_t opId,
+                                  std::uint32_t ruleSet, bool indexed, QString const& label) {
+    MORVA_METHOD("updateSnapshot");
+    if (!p_->store.id())
+        return scope.result(true);
+    auto const file = find(instance);
+    if (!file)
+        MORVA_TRACE(Always) << "Invalid snapshot number" << instance;
+    else if (!file->updateResyncSnapshot(policy, opId, ruleSet, indexed, label))
+        MORVA_TRACE(Always) << "Not a resync snapshot" << instance;
+    else
+        (void)file->writeHeader();
+    return scope.result(true);
+}
+
+bool SnapshotList::deleteSnapshot(Instance instance) {
+    MORVA_METHOD("deleteSnapshot");
+    if (!p_->store.id())
+        return scope.result(true);
+    TracedLock guard(p_->lock);
+    if (p_->active && p_->active->instance() == instance) {
+        p_->active->setRetire();
+        (void)p_->active->writeHeader();
+        (void)p_->store.control().update(
+            [](ControlFields& fields) { fields.deleteLastInstance(true); });
+        return scope.result(true);
+    }
+    auto const file = p_->findOlder(instance);
+    if (!file)
+        MORVA_TRACE(Always) << "Invalid snapshot number" << instance;
+    else if (!file->retired())
+        p_->queueDeletion(*file);
+    return scope.result(true);
+}
+
+void SnapshotList::deleteValidateSnapshot() {
+    MORVA_METHOD("deleteValidateSnapshot");
+    if (!p_->store.id())
+        return;
+    TracedLock guard(p_->lock);
+    if (!p_->active)
+        return;
+    bool const active = p_->active->type() == SnapshotType::Validate;
+    if (active) {
+        p_->active->setRetire();
+        (void)p_->active->writeHeader();
+    } else {
+        for (std::size_t i = 0; i + 1 < p_->snapshots.size(); ++i)
+            if (p_->snapshots[i]->type() == SnapshotType::Validate && !p_->snapshots[i]->retired())
+                p_->queueDeletion(*p_->snapshots[i]);
+    }
+    (void)p_->store.control().update([active](ControlFields& fields) {
+        fields.deleteValidateInstance(active);
+        if (!active)
+            fields.validateInstance({});
+    });
+}
+
+bool SnapshotList::markSnapshot(QString& reason, Instance instance) {
+    MORVA_METHOD("markSnapshot");
+    static QString const inUse = QStringLiteral(
+        "The snapshot is in use.\n Note, it is not possible to delete the latest snapshot");
+    if (!p_->store.id()) {
+        MORVA_TRACE(Always) << "No snapshots in store 0";
+        reason = QStringLiteral("Invalid Id");
+        return scope.result(false);
+    }
+    TracedLock guard(p_->lock);
+    if (p_->active && p_->active->instance() == instance) {
+        MORVA_TRACE(Always) << "Cannot delete active snapshot";
+        reason = inUse;
+        return scope.result(false);
+    }
+    auto const file = p_->findOlder(instance);
+    if (!file) {
+        MORVA_TRACE(Always) << "Cannot find the snapshot, ignore";
+        reason = QStringLiteral("The snapshot is unavailable, it may have already been retied");
+        return scope.result(false);
+    }
+    bool const laterIndexed =
+        std::any_of(p_->snapshots.begin(), p_->snapshots.end(), [instance](auto const& other) {
+            return other->instance() > instance && other->indexed() &&
+                   other->type() != SnapshotType::Synchronization;
+        });
+    if (file->indexed() && !laterIndexed) {
+        MORVA_TRACE(Always) << "Cannot delete last indexed snapshot";
+        reason = inUse;
+        return scope.result(false);
+    }
+    if (file->markedForDeletion() || file->retired())
+        return scope.result(true);
+    Event* const event = p_->store.event();
+    if (!event || !event->deleteSnapshot(instance)) {
+        reason = QStringLiteral("Invalid Id");
+        return scope.result(false);
+    }
+    file->markForDeletion();
+    (void)file->writeHeader();
+    return scope.result(true);
+}
+
+bool SnapshotList::snapshotAnalyzed(Instance instance, std::uint64_t logicalSize,
+                                    std::uint64_t directories, std::uint64_t files) {
+    MORVA_METHOD("snapshotAnalyzed");
+    if (!p_->store.id())
+        return scope.result(true);
+    TracedLock guard(p_->lock);
+    if (p_->snapshots.empty()) {
+        MORVA_TRACE(Always) << "No snapshots";
+        return scope.result(false);
+    }
+    for (auto const& file : p_->snapshots)
+        if (file->instance() == instance) {
+            file->setAnalyzed(logicalSize, directories, files);
+            return scope.result(file->writeHeader());
+        }
+    MORVA_TRACE(Always) << "Did not find instance" << instance;
+    return scope.result(false);
+}
+
+bool SnapshotList::isSnapshotAnalyzed(std::uint64_t& logicalSize, std::uint64_t& directories,
+                                      std::uint64_t& files, Instance instance) const {
+    MORVA_METHOD("isSnapshotAnalyzed");
+    auto const file = find(instance);
+    return scope.result(file && file->analysis(logicalSize, directories, files));
+}
+
+bool SnapshotList::retireRequested(Instance instance) const {
+    auto const file = find(instance);
+    return !file || file->retire();
+}
+
+// --- retirement
+
+bool SnapshotList::retireSnapshot(Instance instance) {
+    MORVA_METHOD("retireSnapshot");
+    std::shared_ptr<SnapshotFile> file, previous;
+    {
+        TracedLock guard(p_->lock);
+        file = p_->findOlder(instance);
+        if (!file) {
+            MORVA_TRACE(Always) << "Eeek cannot find the snapshot, ignore";
+            return scope.result(true);
+        }
+        if (p_->snapshots.front() != file)
+            previous = *(std::find(p_->snapshots.begin(), p_->snapshots.end(), file) - 1);
+    }
+    bool const opened = file->openForRead() && (!previous || previous->openForAppend());
+    bool const done = opened && p_->freeEntries(*file, previous.get());
+    if (previous)
+        previous->close();
+    if (!done) {
+        // Asked for again at the next snapshot.
+        file->close();
+        file->clearRetired();
+        (void)file->writeHeader();
+        return scope.result(false);
+    }
+    if (p_->store.markedForDeletion()) {
+        file->close();
+        return scope.result(true);
+    }
+    if (!file->remove())
+        MORVA_TRACE(Always) << "Failed to remove snapshot" << instance;
+    // A dedup list of this instance stays: its streams can live on in later snapshots.
+    TracedLock guard(p_->lock);
+    std::erase(p_->snapshots, file);
+    return scope.result(true);
+}
+
+bool SnapshotList::Private::freeEntries(SnapshotFile& file, SnapshotFile* previous) {
+    Instance const before = previous ? previous->instance() : Instance{};
+    SnapshotEntry entry;
+    for (bool more = true; more;) {
+        OperationGate::Enter const gate;
+        for (int i = 0; i < entriesInSlice; ++i) {
+            more = !store.markedForDeletion() && file.readEntry(entry);
+            if (!more)
+                break;
+            MORVA_TRACE(Debug) << "Read SnapshotEntry" << entry.id << entry.instance;
+            if (entry.instance < before) {
+                // Seen by the snapshot before as well: it dies with that one.
+                if (!previous->addEntry(entry))
+                    return false;
+                continue;
+            }
+            MORVA_TRACE(Debug) << "Free instance" << entry.instance << "of" << entry.id;
+            NodeNumber node;
+            if (!store.pointers().freeInstance(entry.id, entry.instance, node))
+                continue;
+            if (auto const handle = store.passiveHandles().get(node, MustExist::Yes))
+                handle->releaseVersion();
+        }
+    }
+    return true;
+}
+
+// --- deduplication
+
+bool SnapshotList::dedupSnapshot(std::function<void()> const& checkForFreeze, Instance instance,
+                                 Morva::Extent& buffer) {
+    MORVA_METHOD("dedupSnapshot");
+    if (!p_->store.id() || instance > p_->store.currentInstance())
+        return scope.result(true);
+    DedupFile list(p_->path, instance);
+    if (!list.openForRead())
+        return scope.result(true);
+    {
+        TracedLock guard(p_->lock);
+        for (auto const& file : p_->snapshots)
+            if (file->instance() == instance && file->type() != SnapshotType::Old) {
+                if (!list.setPosition(file->dedupOffset()))
+                    (void)list.setPosition(0);
+                file->setDedupState(DedupState::Processing);
+                (void)file->writeHeader();
+            }
+    }
+    DedupStatistics statistics;
+    bool finished = true;
+    StreamId id;
+    while (finished) {
+        if (p_->store.markedForDeletion()) {
+            finished = false;
+            break;
+        }
+        if (!list.read(id))
+            break;
+        finished = p_->store.streams().dedupStream(checkForFreeze, id, statistics, buffer);
+    }
+    statistics.trace();
+    p_->endDedup(instance, list, statistics, finished);
+    return scope.result(finished);
+}
+
+void SnapshotList::Private::endDedup(Instance instance, DedupFile& list,
+                                     DedupStatistics const& statistics, bool finished) {
+    {
+        TracedLock guard(lock);
+        for (auto const& file : snapshots)
+            if (file->instance() == instance) {
+                DedupStatistics sum = file->dedupStatistics();
+                sum += statistics;
+                file->setDedupStatistics(sum);
+                if (finished)
+                    file->setDedupState(DedupState::Deduplicated);
+                else if (list.position() >= DedupFile::entrySize)
+                    // The stream that was interrupted is done again.
+                    file->setDedupOffset(list.position() - DedupFile::entrySize);
+                (void)file->writeHeader();
+            }
+    }
+    if (!finished)
+        return;
+    list.remove();
+    if (Event* const event = store.event(); event && !event->snapshotDeduped(instance))
+        MORVA_TRACE(Always) << "Failed to send snapshot deduped event";
+}
+
+} // namespace Replication

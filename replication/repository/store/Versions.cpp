@@ -1,0 +1,121 @@
+// How versions of files begin and end in a store: see Store.h.
+
+#include "base/trace/Log.h"
+#include "base/trace/Trace.h"
+#include "replication/repository/store/ActiveHandles.h"
+#include "replication/repository/store/DirKey.h"
+#include "replication/repository/store/Event.h"
+#include "replication/repository/store/FileNode.h"
+#include "replication/repository/store/NodePointer.h"
+#include "replication/repository/store/PassiveHandles.h"
+#include "replication/repository/store/RetireList.h"
+#include "replication/repository/store/SnapshotList.h"
+#include "replication/repository/store/Store.h"
+#include "replication/repository/streams/DedupStatistics.h"
+#include "replication/repository/streams/Streams.h"
+
+namespace Replication {
+
+void Store::updateFileId(std::uint32_t time, FileId id, FileNode& oldNode, FileNode& newNode) {
+    MORVA_METHOD("updateFileId");
+    if (newNode.linkCount() == 0) {
+        // A file that has lost its last name while it is open: its id is no longer the business
+        // of the live tree, and the copy goes with the handle.
+        newNode.releaseVersion();
+        return;
+    }
+    Instance const current = currentInstance();
+    Instance const previous = pointers_->newInstance(id, newNode.id(), current);
+    if (!previous) {
+        MORVA_TRACE(Always) << "Failed to enter a new version of" << id;
+        newNode.releaseVersion();
+        return;
+    }
+    if (!id_) {
+        oldNode.releaseVersion();
+        return;
+    }
+    if (!newNode.liveOnly() && indexSnapshots_ && event_ && newNode.notLinked() &&
+        !event_->changed(id, LinkId{1}, {}, {}, time))
+        MORVA_TRACE(Always) << "Failed to send copy event";
+    if (current > previous) {
+        MORVA_TRACE(Verbose) << "First copy of FileId" << id << "in instance" << current
+                             << "record that instance" << previous << "has expired";
+        snapshots_->addEntry(id, previous);
+    } else {
+        oldNode.releaseVersion();
+    }
+}
+
+void Store::removeFileId(DirKey const& key, bool retire) {
+    MORVA_METHOD("removeFileId");
+    if (!key.liveOnly())
+        control_->countName(key.type(), false);
+    auto const handle = active_->get(key.fileId());
+    if (!handle || !handle->fileNode()) {
+        MORVA_TRACE(Always) << "Failed to find the file of" << key.fileId();
+        return;
+    }
+    std::uint32_t const before = handle->linkCount();
+    if (before != 0 && handle->removeLink(key.link()) == 0)
+        removeLastLink(key, handle, retire);
+}
+
+void Store::removeLastLink(DirKey const& key, std::shared_ptr<ActiveHandle> const& handle,
+                           bool retire) {
+    FileNode& node = *handle->fileNode();
+    FileId const id = key.fileId();
+    Instance const current = currentInstance();
+    Instance lastInstance;
+    if (pointers_->freeInstance(id, current, lastInstance)) {
+        // Made in this instance, so that no snapshot has seen it.
+        node.releaseVersion();
+    } else if (!node.liveOnly()) {
+        MORVA_TRACE(Verbose) << "Delete FileId" << id << "in instance" << current
+                             << "record that instance" << lastInstance << "has expired";
+        if (id_ && lastInstance)
+            snapshots_->addEntry(id, lastInstance);
+    } else if (NodeNumber freed; pointers_->freeInstance(id, lastInstance, freed)) {
+        // A live-only version is in no snapshot, in whatever instance it was made.
+        node.releaseVersion();
+    }
+    MORVA_TRACE(Verbose) << "File" << id << "has been deleted in instance" << current;
+    if (!node.liveOnly() && indexSnapshots_ && event_ && node.notLinked() &&
+        !event_->removed(id, key.link(), key.directoryId(), retired_->timeStamp()))
+        MORVA_TRACE(Always) << "Failed to send delete event";
+    if (retire && !node.isDirectory())
+        retired_->retiredVersion(handle->version(), handle->fileNode(), false);
+}
+
+void Store::releaseFileNode(NodeNumber node, bool version) {
+    MORVA_METHOD("releaseFileNode");
+    FileNode::Pointer const handle = passive_->get(node, MustExist::Yes);
+    if (!handle) {
+        Morva::LogLine(QStringLiteral("Repository"), Morva::LogLevelE::Error)
+            << "Request to release a version that no longer exists";
+        return;
+    }
+    if (version)
+        handle->releaseWeakVersion();
+    else
+        handle->releaseVersion();
+}
+
+bool Store::dedupVersion(std::function<void()> const& checkForFreeze, NodeNumber node,
+                         Morva::Extent& buffer) {
+    MORVA_METHOD("dedupVersion");
+    FileNode::Pointer const handle = passive_->get(node);
+    if (!handle)
+        return scope.result(true);
+    DedupStatistics statistics;
+    for (StreamId const id : handle->streamIds()) {
+        if (markedForDeletion() || !streams_->dedupStream(checkForFreeze, id, statistics, buffer)) {
+            MORVA_TRACE(Normal) << "Only fails if we are shuting down";
+            return scope.result(false);
+        }
+    }
+    statistics.trace();
+    return scope.result(true);
+}
+
+} // namespace Replication
