@@ -1,0 +1,28 @@
+#pragma once
+
+#include "peers/morva/ExitCode.h"
+#include "peers/morva/Output.h"
+
+namespace CLI {
+class App;
+}
+
+namespace Morva {
+
+/// Each adds its subcommands to the command line. A subcommand's callback sets `code` where it
+/// ends with another result than `Done`, or throws `CommandFailure`.
+struct CommandLine {
+    CLI::App& app;
+    Output& output;
+    ExitCode& code;
+};
+
+void addRootCommands(CommandLine& line);     ///< init, stats
+void addLogCommands(CommandLine& line);      ///< log, replay, replicate
+void addSnapshotCommands(CommandLine& line); ///< snapshot, snapshots, delete-snapshot, dedup
+void addBrowseCommands(CommandLine& line);   ///< ls, cat, diff, versions, find
+void addRestoreCommand(CommandLine& line);   ///< restore
+void addCheckCommand(CommandLine& line);     ///< check
+void addInspectCommand(CommandLine& line);   ///< inspect
+
+} // namespace Morva

@@ -1,0 +1,264 @@
+#include "base/process/Context.h"
+#include "base/values/PosixText.h"
+#include "peers/morva/Commands.h"
+#include "peers/morva/Replay.h"
+#include "peers/morva/Root.h"
+#include "peers/source/LogFileSink.h"
+#include "peers/source/LogQueue.h"
+#include "peers/source/TreeLogger.h"
+#include "replication/repository/store/SnapshotList.h"
+#include "replication/repository/store/Store.h"
+
+#include <CLI/CLI.hpp>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <thread>
+
+namespace Morva {
+
+using Replication::LogFileSink;
+using Replication::LogQueue;
+using Replication::LogReadAhead;
+using Replication::LogSink;
+using Replication::LogSourceOptions;
+using Replication::OperationLogger;
+using Replication::TreeCounts;
+using Replication::TreeLogger;
+using Replication::TreeOptions;
+
+namespace {
+
+struct Arguments {
+    std::string directory;
+    std::string file;
+    std::string store;
+    std::string source = "/";
+    std::string label;
+};
+
+/// Rises over all runs on a machine, so that a store that has taken an older log takes this one.
+std::uint64_t firstSequenceNumber() {
+    return Context::systemTime() * 1000;
+}
+
+LogSourceOptions sourceOptions() {
+    LogSourceOptions options;
+    options.source = Context::machineName().name();
+    options.firstSequenceNumber = firstSequenceNumber();
+    return options;
+}
+
+TreeOptions treeOptions(Output const& output) {
+    TreeOptions options;
+    options.problem = [&output](std::string_view path, int error, std::string_view what) {
+        output.error(decodePosixText({path.data(), static_cast<qsizetype>(path.size())}) + ": " +
+                     QString::fromUtf8(what.data(), static_cast<qsizetype>(what.size())) + ": " +
+                     std::strerror(error));
+    };
+    options.stop = [] { return Output::interrupted.load(std::memory_order_relaxed); };
+    return options;
+}
+
+void checkWalk(TreeLogger::Result result, TreeLogger const& logger, std::string const& directory) {
+    if (result == TreeLogger::Result::Stopped)
+        throw CommandFailure(ExitCode::Interrupted, "interrupted");
+    if (result == TreeLogger::Result::NoRoot)
+        throw CommandFailure(ExitCode::Failed, "can't open " + QString::fromStdString(directory) +
+                                                   ": " + std::strerror(logger.rootError()));
+}
+
+void logTree(CommandLine& line, Arguments const& given) {
+    if (::isatty(STDOUT_FILENO))
+        throw CommandFailure(ExitCode::Usage, "logs are binary: send them to a file or a pipe");
+    LogFileSink sink(STDOUT_FILENO);
+    OperationLogger operations(sourceOptions(), sink);
+    TreeLogger logger(treeOptions(line.output), operations);
+    auto const result = logger.run(given.directory);
+    checkWalk(result, logger, given.directory);
+    if (result == TreeLogger::Result::SinkFailed || !sink.flush())
+        throw CommandFailure(ExitCode::Failed,
+                             QStringLiteral("can't write the log: ") + std::strerror(sink.error()));
+    if (logger.counts().problems != 0)
+        line.code = ExitCode::SomeUnread;
+}
+
+QString replaySummary(Replay::Counts const& counts, double seconds) {
+    auto text = QStringLiteral("%1 logs, %2 applied in %3 s")
+                    .arg(counts.logs)
+                    .arg(readableSize(counts.bytes))
+                    .arg(seconds, 0, 'f', 2);
+    if (counts.old != 0)
+        text += QStringLiteral("; %1 were in the store already").arg(counts.old);
+    if (counts.failed != 0)
+        text += QStringLiteral("; %1 failed").arg(counts.failed);
+    return text;
+}
+
+QJsonObject replayObject(Replay::Counts const& counts, double seconds) {
+    return {{"logs", jsonNumber(counts.logs)},
+            {"bytes", jsonNumber(counts.bytes)},
+            {"alreadyReplicated", jsonNumber(counts.old)},
+            {"failed", jsonNumber(counts.failed)},
+            {"seconds", seconds}};
+}
+
+Root::Source const& sourceFor(Root& root, std::string const& name, QString const& sourceRoot) {
+    auto const store = QString::fromStdString(name);
+    return root.hasSource(store) ? root.source(store) : root.addSource(store, sourceRoot);
+}
+
+void replayFile(CommandLine& line, Arguments const& given) {
+    auto const fromFile = !given.file.empty() && given.file != "-";
+    auto const descriptor =
+        fromFile ? ::open(given.file.c_str(), O_RDONLY | O_CLOEXEC) : STDIN_FILENO;
+    if (descriptor < 0)
+        throw CommandFailure(ExitCode::Failed, "can't open " + QString::fromStdString(given.file) +
+                                                   ": " + std::strerror(errno));
+    Stopwatch const watch;
+    Root root(line.output.root);
+    root.startWork();
+    auto const& source = sourceFor(root, given.store, QString::fromStdString(given.source));
+    LogReadAhead input(descriptor);
+    Replay replay(root, source, line.output);
+    auto const failure = replay.readAll(input);
+    replay.end();
+    root.finish();
+    if (fromFile)
+        ::close(descriptor);
+    line.output.endProgress();
+    line.output.summary(replaySummary(replay.counts(), watch.seconds()), "replay",
+                        replayObject(replay.counts(), watch.seconds()));
+    if (!failure.isEmpty())
+        throw CommandFailure(ExitCode::Failed, failure);
+    if (replay.counts().failed != 0)
+        line.code = ExitCode::Failed;
+}
+
+/// Walks the tree on a thread of its own, while the caller replays.
+class Reader {
+public:
+    Reader(TreeLogger& logger, LogQueue& queue, std::string const& directory)
+        : queue_(queue), thread_([&logger, &queue, directory, this] {
+              result_ = logger.run(directory);
+              queue.finish();
+          }) {}
+    ~Reader() {
+        queue_.cancel();
+        if (thread_.joinable())
+            thread_.join();
+    }
+    Reader(Reader const&) = delete;
+    Reader& operator=(Reader const&) = delete;
+
+    [[nodiscard]] TreeLogger::Result join() {
+        thread_.join();
+        return result_;
+    }
+
+private:
+    LogQueue& queue_;
+    TreeLogger::Result result_ = TreeLogger::Result::SinkFailed;
+    std::thread thread_;
+};
+
+void replicateSummary(Output const& output, QString const& store, TreeCounts const& counts,
+                      std::uint32_t snapshot, double seconds) {
+    auto const rate = static_cast<double>(counts.bytes) / std::max(seconds, 1e-9);
+    output.summary(QStringLiteral("%1 files, %2 directories, %3 symlinks, %4 further names, %5 in "
+                                  "%6 s (%7/s), snapshot %8")
+                       .arg(counts.files.load())
+                       .arg(counts.directories.load())
+                       .arg(counts.symlinks.load())
+                       .arg(counts.links.load())
+                       .arg(readableSize(counts.bytes))
+                       .arg(seconds, 0, 'f', 2)
+                       .arg(readableSize(static_cast<std::uint64_t>(rate)))
+                       .arg(snapshot),
+                   "replicate",
+                   {{"store", store},
+                    {"files", jsonNumber(counts.files)},
+                    {"directories", jsonNumber(counts.directories)},
+                    {"symlinks", jsonNumber(counts.symlinks)},
+                    {"links", jsonNumber(counts.links)},
+                    {"specials", jsonNumber(counts.specials)},
+                    {"bytes", jsonNumber(counts.bytes)},
+                    {"logs", jsonNumber(counts.logs)},
+                    {"unreadable", jsonNumber(counts.problems)},
+                    {"snapshot", jsonNumber(snapshot)},
+                    {"seconds", seconds}});
+}
+
+void replicate(CommandLine& line, Arguments const& given) {
+    Stopwatch const watch;
+    std::error_code error;
+    auto const directory = std::filesystem::canonical(given.directory, error).string();
+    if (error)
+        throw CommandFailure(ExitCode::Failed, "can't open " +
+                                                   QString::fromStdString(given.directory) + ": " +
+                                                   error.message().c_str());
+    Root root(line.output.root);
+    root.startWork();
+    auto const& source =
+        sourceFor(root, given.store,
+                  decodePosixText({directory.data(), static_cast<qsizetype>(directory.size())}));
+    Replay replay(root, source, line.output);
+    LogQueue queue;
+    OperationLogger operations(sourceOptions(), queue);
+    TreeLogger logger(treeOptions(line.output), operations);
+    {
+        Reader reader(logger, queue, directory);
+        while (auto const log = queue.take()) {
+            replay.apply(log);
+            line.output.progress(logger.counts().bytes, 0, logger.counts().files);
+        }
+        checkWalk(reader.join(), logger, given.directory);
+    }
+    replay.levelWithSource();
+    replay.end();
+    auto const store = root.store(source);
+    if (!store->snapshots().userSnapshot(0, static_cast<std::uint32_t>(std::time(nullptr)),
+                                         QString::fromStdString(given.label)))
+        throw CommandFailure(ExitCode::Failed, "the snapshot could not be taken");
+    auto const snapshot = store->currentInstance().value;
+    root.drain(false);
+    root.finish();
+    line.output.endProgress();
+    replicateSummary(line.output, source.name, logger.counts(), snapshot, watch.seconds());
+    if (logger.counts().problems != 0)
+        line.code = ExitCode::SomeUnread;
+    if (replay.counts().failed != 0)
+        line.code = ExitCode::Failed;
+}
+
+} // namespace
+
+void addLogCommands(CommandLine& line) {
+    auto const given = std::make_shared<Arguments>();
+    auto* log =
+        line.app.add_subcommand("log", "Writes a directory tree as logs to standard output");
+    log->add_option("directory", given->directory, "Top of the tree")->required();
+    log->callback([line, given]() mutable { logTree(line, *given); });
+
+    auto* replay = line.app.add_subcommand("replay", "Applies logs to a store");
+    replay->add_option("--store", given->store, "Name of the store; made if it isn't there")
+        ->required();
+    replay->add_option("--source", given->source,
+                       "For a new store: the directory of the source that it holds");
+    replay->add_option("file", given->file, "Log file; standard input without one or for \"-\"");
+    replay->callback([line, given]() mutable { replayFile(line, *given); });
+
+    auto* replicate = line.app.add_subcommand(
+        "replicate", "Brings a store level with a directory tree and takes a snapshot");
+    replicate->add_option("directory", given->directory, "Top of the tree")->required();
+    replicate->add_option("--store", given->store, "Name of the store; made if it isn't there")
+        ->required();
+    replicate->add_option("--label", given->label, "A text to know the snapshot by");
+    replicate->callback([line, given]() mutable { Morva::replicate(line, *given); });
+}
+
+} // namespace Morva

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QString>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+
+namespace Morva {
+
+/// What every command is told on the command line, and how it speaks: results to standard output
+/// as text or, with `--json`, as one object a line with a "type" in each; errors and the progress
+/// line to standard error. For one thread, but for `interrupted`.
+class Output {
+public:
+    QString root;
+    bool json = false;
+    bool quiet = false;
+    bool verbose = false;
+
+    /// A result: text, or the object with --json. Nothing for an empty text or object.
+    void result(QString const& text, QString const& type, QJsonObject object) const;
+    /// A summary: as `result`, but its text is left out with --quiet.
+    void summary(QString const& text, QString const& type, QJsonObject object) const;
+    /// A remark for --verbose, as text on standard error.
+    void remark(QString const& text) const;
+    void error(QString const& text) const;
+
+    /// The progress line, on a terminal only and at most ten times a second. A total of 0 means
+    /// that it isn't known.
+    void progress(std::uint64_t doneBytes, std::uint64_t totalBytes, std::uint64_t files);
+    void endProgress();
+
+    /// Set by the handler of SIGINT and SIGTERM.
+    static std::atomic<bool> interrupted;
+    /// Ends the command with `Interrupted` if the user asked for it.
+    static void checkInterrupt();
+
+private:
+    std::chrono::steady_clock::time_point begun_{};
+    std::chrono::steady_clock::time_point shown_{};
+    bool progressShown_ = false;
+};
+
+/// "1.5 GiB"
+[[nodiscard]] QString readableSize(std::uint64_t bytes);
+/// Local time, "2026-11-22 20:31:56".
+[[nodiscard]] QString readableTime(std::uint32_t secondsSince1970);
+/// An unsigned 64-bit number as JSON, exact up to 2^53.
+[[nodiscard]] QJsonValue jsonNumber(std::uint64_t value);
+
+/// Seconds since it was made.
+class Stopwatch {
+public:
+    [[nodiscard]] double seconds() const {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begun_).count();
+    }
+
+private:
+    std::chrono::steady_clock::time_point begun_ = std::chrono::steady_clock::now();
+};
+
+} // namespace Morva

@@ -1,0 +1,85 @@
+#include "peers/morva/Replay.h"
+
+#include "peers/morva/ExitCode.h"
+
+#include <cstring>
+
+namespace Morva {
+
+using Replication::DataSink;
+using Replication::LogHeader;
+using Replication::LogPointer;
+using Replication::LogReadAhead;
+
+Replay::Replay(Root& root, Root::Source const& source, Output& output)
+    : root_(root), output_(output), sink_(root.sink(source)) {}
+
+void Replay::apply(LogPointer const& log) {
+    auto const failuresBefore = root_.pool().failures();
+    auto const outcome = sink_->takeLog(log);
+    switch (outcome) {
+    case DataSink::Outcome::Applied:
+    case DataSink::Outcome::Forgiven:
+        ++counts_.logs;
+        counts_.bytes += log->body().size;
+        return;
+    case DataSink::Outcome::AlreadyReplicated:
+        ++counts_.old;
+        return;
+    case DataSink::Outcome::Waiting:
+        throw CommandFailure(ExitCode::Failed, QStringLiteral("the rule set %1 of log %2 can't be "
+                                                              "loaded")
+                                                   .arg(log->ruleSet())
+                                                   .arg(log->sequenceNumber()));
+    case DataSink::Outcome::Failed:
+        break;
+    }
+    if (root_.pool().failures() != failuresBefore)
+        throw CommandFailure(
+            ExitCode::Failed,
+            QStringLiteral("the repository could not store log %1; is the disk full? All logs "
+                           "before it are stored")
+                .arg(log->sequenceNumber()));
+    ++counts_.failed;
+    output_.error(QStringLiteral("log %1 could not be applied: %2")
+                      .arg(log->sequenceNumber())
+                      .arg(QString::fromStdString(log->toText())));
+}
+
+QString Replay::readAll(LogReadAhead& input) {
+    LogHeader header;
+    while (!input.atEnd()) {
+        Output::checkInterrupt();
+        auto const start = input.position();
+        auto const broken = [&](char const* what) {
+            return QStringLiteral(
+                       "the log that begins at byte %1 %2; %3 logs before it are applied")
+                .arg(start)
+                .arg(QLatin1String(what))
+                .arg(counts_.logs);
+        };
+        if (!header.receive(input.io()))
+            return broken("has a torn or damaged header");
+        if (header.type() == LogHeader::Notification)
+            continue;
+        auto const log = pool_.acquire();
+        if (!log->receive(input.io(), header))
+            return broken("is torn or damaged");
+        apply(log);
+        output_.progress(input.position(), 0, counts_.logs);
+    }
+    if (input.lastError() != 0)
+        return QStringLiteral("can't read the log: ") + std::strerror(input.lastError());
+    return {};
+}
+
+void Replay::levelWithSource() {
+    if (sink_->needsResync())
+        sink_->needsResync(false);
+}
+
+void Replay::end() {
+    sink_->handleShutdown();
+}
+
+} // namespace Morva

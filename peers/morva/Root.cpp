@@ -1,0 +1,292 @@
+#include "peers/morva/Root.h"
+
+#include "base/process/Config.h"
+#include "base/process/Context.h"
+#include "base/process/FixedPath.h"
+#include "peers/morva/ExitCode.h"
+#include "replication/common/rules/RuleFiles.h"
+#include "replication/repository/store/Store.h"
+#include "replication/repository/streams/OperationGate.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace Morva {
+
+using Replication::CleanupWorker;
+using Replication::DedupWorker;
+using Replication::OperationGate;
+using Replication::PosixSource;
+using Replication::ReplayId;
+using Replication::RepositoryPosix;
+using Replication::RuleFiles;
+using Replication::Store;
+using Replication::StoreId;
+using Replication::StoreIdentity;
+using Replication::StorePointer;
+using Replication::Streams;
+
+namespace {
+
+QString configFile(char const* name) {
+    return FixedPath::configuration() + u'/' + QLatin1String(name);
+}
+
+void setRoot(QString const& path) {
+    if (!FixedPath::setRoot(path))
+        throw CommandFailure(ExitCode::Failed, "the \"paths.cfg\" of " + path + " can't be read");
+}
+
+void makePath(QString const& path) {
+    if (!QDir().mkpath(path))
+        throw CommandFailure(ExitCode::Failed, "can't make the directory " + path);
+}
+
+void save(char const* name, XmlList const& list) {
+    if (!Config::save(configFile(name), list))
+        throw CommandFailure(ExitCode::Failed, "can't write " + configFile(name));
+}
+
+/// Caches for a machine that has some hundred megabytes to spare for the repository.
+XmlList initialConfiguration() {
+    XmlList streams;
+    streams.set("NodeCacheSize", std::uint32_t{65536});
+    streams.set("ReferenceIndirectBlockCacheSize", std::uint32_t{4096});
+    streams.set("ReferenceCountCacheSize", std::uint32_t{4096});
+    streams.set("DedupCacheSize", std::uint32_t{8192});
+    XmlList stores;
+    stores.set("DirectoryCacheSize", std::uint32_t{16384});
+    stores.set("FileNodeCacheSize", std::uint32_t{32768});
+    stores.set("FilePointerCacheSize", std::uint32_t{1048576});
+    XmlList all;
+    all.set("StreamsConfiguration", streams);
+    all.set("StoreConfiguration", stores);
+    return all;
+}
+
+} // namespace
+
+Root::Lock::Lock(QString const& path) {
+    auto const name = QFile::encodeName(path + "/morva.lock");
+    descriptor_ = ::open(name.constData(), O_RDWR | O_CLOEXEC);
+    if (descriptor_ < 0)
+        throw CommandFailure(ExitCode::NoRepository,
+                             "there is no repository at " + path + " (see 'morva init')");
+    if (::flock(descriptor_, LOCK_EX | LOCK_NB) == 0)
+        return;
+    auto const error = errno;
+    ::close(std::exchange(descriptor_, -1));
+    if (error == EWOULDBLOCK)
+        throw CommandFailure(ExitCode::InUse,
+                             "the repository at " + path + " is in use by another process");
+    throw CommandFailure(ExitCode::Failed, "can't lock " + path + ": " + std::strerror(error));
+}
+
+Root::Lock::~Lock() {
+    if (descriptor_ >= 0)
+        ::close(descriptor_);
+}
+
+void Root::init(QString const& path) {
+    if (QFile::exists(path + "/morva.lock"))
+        throw CommandFailure(ExitCode::Failed, "there is a repository at " + path + " already");
+    makePath(path);
+    setRoot(path);
+    for (auto const& directory :
+         {FixedPath::configuration(), FixedPath::runtime(), FixedPath::repositoryStores(),
+          FixedPath::repositoryStreams(), FixedPath::repositoryStreamData()})
+        makePath(directory);
+    save("repository.cfg", initialConfiguration());
+    save("sources.cfg", {});
+    // Rule sets name this machine, and are to stay good when the host gets another name.
+    if (!Context::pinMachineName())
+        throw CommandFailure(ExitCode::Failed, "can't write " + configFile("runtime.cfg"));
+    // Last, so that a root with a lock file is whole.
+    QFile lock(path + "/morva.lock");
+    if (!lock.open(QIODevice::WriteOnly | QIODevice::NewOnly))
+        throw CommandFailure(ExitCode::Failed, "can't make " + lock.fileName());
+}
+
+Root::Root(QString const& path) : path_(path), lock_(path) {
+    setRoot(path);
+    readSources();
+    openPool();
+}
+
+Root::~Root() {
+    try {
+        finish();
+    } catch (CommandFailure const&) {
+        // Whoever wants to know calls `finish` himself.
+    }
+}
+
+void Root::readSources() {
+    auto const list = Config::load(configFile("sources.cfg"));
+    if (!list.usable())
+        throw CommandFailure(ExitCode::Failed, "can't read " + configFile("sources.cfg"));
+    for (XmlListIterator item(list, QStringLiteral("Source")); item; ++item) {
+        auto const entry = item.getXmlList();
+        Source source;
+        source.name = entry.get("Name", QString());
+        source.sourceRoot = entry.get("Root", QStringLiteral("/"));
+        source.id = entry.get("Id", std::uint32_t{0});
+        if (source.name.isEmpty() || source.id == 0)
+            throw CommandFailure(ExitCode::Failed, configFile("sources.cfg") + " is damaged");
+        sources_ += source;
+    }
+    ruleSet_ = Replication::latestRuleSetId();
+}
+
+void Root::openPool() {
+    auto const configuration = Config::load(configFile("repository.cfg"));
+    if (!configuration.usable())
+        throw CommandFailure(ExitCode::Failed, "can't read " + configFile("repository.cfg"));
+    streams_ = std::make_shared<Streams>(
+        FixedPath::repositoryStreams(), FixedPath::repositoryStreamData(),
+        Streams::configure(configuration.getXmlList(nullptr, "StreamsConfiguration")));
+    if (!*streams_)
+        throw CommandFailure(ExitCode::Failed, "the stream pool of " + path_ + " does not open");
+    Store::configure(configuration.getXmlList(nullptr, "StoreConfiguration"), streams_, nullptr);
+}
+
+bool Root::hasSource(QString const& name) const {
+    return std::any_of(sources_.begin(), sources_.end(),
+                       [&](Source const& source) { return source.name == name; });
+}
+
+Root::Source const& Root::source(QString const& name) const {
+    if (name.isEmpty() && sources_.size() == 1)
+        return sources_.front();
+    if (name.isEmpty())
+        throw CommandFailure(ExitCode::Usage, sources_.isEmpty()
+                                                  ? "the repository has no store yet"
+                                                  : "say which store is meant with --store");
+    for (auto const& source : sources_)
+        if (source.name == name)
+            return source;
+    throw CommandFailure(ExitCode::Failed, "there is no store named " + name);
+}
+
+Root::Source const& Root::addSource(QString const& name, QString const& sourceRoot) {
+    std::uint32_t highest = 0;
+    for (auto const& source : sources_)
+        highest = std::max(highest, source.id);
+    sources_ += Source{name, sourceRoot, highest + 1};
+    XmlList all;
+    for (auto const& source : std::as_const(sources_)) {
+        XmlList entry;
+        entry.set("Name", source.name);
+        entry.set("Root", source.sourceRoot);
+        entry.set("Id", source.id);
+        all.set("Source", entry, XmlList::SetTypeE::Add);
+    }
+    writeRules();
+    save("sources.cfg", all);
+    return sources_.back();
+}
+
+void Root::writeRules() {
+    QList<PosixSource> streams;
+    for (auto const& source : std::as_const(sources_)) {
+        PosixSource stream;
+        stream.storeName = source.name;
+        stream.sourceRoot = source.sourceRoot;
+        stream.replayId = source.id;
+        stream.firstRule = source.id;
+        streams += stream;
+    }
+    auto const files = RuleFiles::posix(streams);
+    if (!files || !files->write(ruleSet_ + 1))
+        throw CommandFailure(ExitCode::Failed, "can't write the rule files of " + path_);
+    ++ruleSet_;
+}
+
+StorePointer Root::store(Source const& source) {
+    StoreId const id{source.id};
+    for (auto const& store : std::as_const(open_))
+        if (store->id() == id)
+            return store;
+    StoreIdentity const identity(ReplayId{source.id}, Context::machineName().name(),
+                                 "repository-" + source.name);
+    auto const exists = QFile::exists(Store::directoryOf(id) + "/files");
+    auto store = exists ? Store::open(id, identity) : Store::create(id, identity, true);
+    if (!store)
+        throw CommandFailure(ExitCode::Failed, "the store " + source.name + " does not open");
+    open_ += store;
+    return store;
+}
+
+std::unique_ptr<RepositoryPosix> Root::sink(Source const& source) {
+    auto const target = store(source);
+    RepositoryPosix::Identity identity;
+    identity.name = "repository-" + source.name;
+    identity.sourceMachine = Context::machineName().name();
+    identity.target = source.name;
+    identity.stateFile = FixedPath::runtime() + "/state-" + QString::number(source.id);
+    identity.ruleSet = ruleSet_;
+    auto sink = std::make_unique<RepositoryPosix>(identity, ReplayId{source.id}, target, streams_);
+    if (!sink->start())
+        throw CommandFailure(ExitCode::Failed,
+                             "the rules of the store " + source.name + " can't be loaded");
+    return sink;
+}
+
+void Root::startWork() {
+    cleanup_ = std::make_unique<CleanupWorker>(streams_);
+    cleanup_->start();
+}
+
+void Root::drain(bool dedup) {
+    if (dedup) {
+        if (!dedup_)
+            dedup_ = std::make_unique<DedupWorker>(streams_);
+        if (!dedup_->drain())
+            throw CommandFailure(ExitCode::Failed, "the deduplication queue failed");
+    }
+    if (!cleanup_)
+        cleanup_ = std::make_unique<CleanupWorker>(streams_);
+    if (!cleanup_->drain())
+        throw CommandFailure(ExitCode::Failed, "the cleanup queue failed");
+}
+
+void Root::flush() {
+    OperationGate::EnterAlone const alone;
+    bool flushed = true;
+    for (auto const& store : std::as_const(open_))
+        flushed = store->flush() && flushed;
+    flushed = streams_->flush() && flushed;
+    if (!flushed)
+        throw CommandFailure(ExitCode::Failed,
+                             "not everything could be written to " + path_ + "; is the disk full?");
+}
+
+void Root::finish() {
+    if (!streams_)
+        return;
+    dedup_.reset();
+    cleanup_.reset();
+    auto const flushed = [this] {
+        try {
+            flush();
+            return QString();
+        } catch (CommandFailure const& failure) {
+            return QString::fromUtf8(failure.what());
+        }
+    }();
+    open_.clear();
+    Store::closeAll();
+    streams_.reset();
+    if (!flushed.isEmpty())
+        throw CommandFailure(ExitCode::Failed, flushed);
+}
+
+} // namespace Morva

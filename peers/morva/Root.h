@@ -1,0 +1,96 @@
+#pragma once
+
+#include "replication/repository/replay/RepositoryPosix.h"
+#include "replication/repository/store/DedupWorker.h"
+#include "replication/repository/store/StoreTable.h"
+#include "replication/repository/streams/Cleanup.h"
+#include "replication/repository/streams/Streams.h"
+
+#include <QList>
+#include <QString>
+
+#include <cstdint>
+#include <memory>
+
+namespace Morva {
+
+/// A repository's root directory, opened by this process alone:
+///
+///  morva.lock                   locked while a process has the root open
+///  config/repository.cfg        settings of the pool and the stores
+///  config/sources.cfg           the stores by name, and the source root of each
+///  rules/<number>/              one rule set for each change of sources.cfg
+///  run/state-<target>           how far the sink of a store has come
+///  repository/...               the pool and the stores
+///
+/// For one thread. Operations that fail throw `CommandFailure`.
+class Root {
+public:
+    /// One store as sources.cfg names it. Its replay id and its store id are the same number.
+    struct Source {
+        QString name;
+        QString sourceRoot; ///< absolute path on the source
+        std::uint32_t id = 0;
+    };
+
+    /// Makes a root; fails if there is one.
+    static void init(QString const& path);
+    /// Locks the root without opening anything in it, for readers of its bare files.
+    struct Lock {
+        explicit Lock(QString const& path);
+        ~Lock();
+        Lock(Lock const&) = delete;
+        Lock& operator=(Lock const&) = delete;
+
+    private:
+        int descriptor_ = -1;
+    };
+
+    /// Opens the root and its pool. `NoRepository` when there is none, `InUse` when another
+    /// process has it.
+    explicit Root(QString const& path);
+    /// Closes what is open; use `finish` to learn whether all of it reached the disk.
+    ~Root();
+    Root(Root const&) = delete;
+    Root& operator=(Root const&) = delete;
+
+    [[nodiscard]] Replication::Streams& pool() { return *streams_; }
+    [[nodiscard]] std::shared_ptr<Replication::Streams> const& sharedPool() { return streams_; }
+    [[nodiscard]] QList<Source> const& sources() const { return sources_; }
+    /// The source of that name; of the only store for an empty name. Fails when there is none, or
+    /// when the name is empty and there are several.
+    [[nodiscard]] Source const& source(QString const& name) const;
+    /// Adds a store to sources.cfg and writes a rule set with it.
+    Source const& addSource(QString const& name, QString const& sourceRoot);
+    [[nodiscard]] bool hasSource(QString const& name) const;
+
+    /// The open store of a source; makes it if it has never been there.
+    [[nodiscard]] Replication::StorePointer store(Source const& source);
+    /// A started sink on the store of a source.
+    [[nodiscard]] std::unique_ptr<Replication::RepositoryPosix> sink(Source const& source);
+
+    /// Starts the background threads: cleanup of deleted streams.
+    void startWork();
+    /// Works off the queues: deletions always, deduplication and retired snapshots with `dedup`.
+    void drain(bool dedup);
+    /// Ends the work, brings everything to the disk and closes. Fails when something could not be
+    /// written.
+    void finish();
+
+private:
+    void readSources();
+    void writeRules();
+    void openPool();
+    void flush();
+
+    QString path_;
+    Lock lock_;
+    QList<Source> sources_;
+    std::uint32_t ruleSet_ = 0;
+    std::shared_ptr<Replication::Streams> streams_;
+    std::unique_ptr<Replication::CleanupWorker> cleanup_;
+    std::unique_ptr<Replication::DedupWorker> dedup_;
+    QList<Replication::StorePointer> open_;
+};
+
+} // namespace Morva

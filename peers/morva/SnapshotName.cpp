@@ -1,0 +1,50 @@
+#include "peers/morva/SnapshotName.h"
+
+#include "peers/morva/ExitCode.h"
+#include "replication/repository/store/SnapshotList.h"
+#include "replication/repository/store/Store.h"
+
+namespace Morva {
+
+using Replication::Instance;
+using Replication::SnapshotFile;
+using Replication::SnapshotType;
+using Replication::Store;
+
+bool isVisible(SnapshotFile const& file) {
+    auto const type = file.type();
+    return !file.retire() && !file.retired() && type != SnapshotType::Old &&
+           type != SnapshotType::Initial && type != SnapshotType::Validate;
+}
+
+Instance snapshotNamed(Store& store, QString const& name) {
+    auto const all = store.snapshots().all();
+    if (name == QLatin1String("latest")) {
+        for (auto file = all.rbegin(); file != all.rend(); ++file)
+            if (isVisible(**file))
+                return (*file)->instance();
+        throw CommandFailure(ExitCode::Failed, "the store has no snapshot yet");
+    }
+    bool isNumber = false;
+    Instance const instance{name.toUInt(&isNumber)};
+    if (!isNumber)
+        throw CommandFailure(ExitCode::Usage,
+                             "\"" + name + "\" is neither a snapshot's number nor \"latest\"");
+    auto const file = store.snapshots().find(instance);
+    if (!file || !isVisible(*file))
+        throw CommandFailure(ExitCode::Failed, "there is no snapshot " + name);
+    return instance;
+}
+
+SnapshotPath splitSnapshotPath(QString const& text) {
+    auto const colon = text.indexOf(u':');
+    if (colon < 0)
+        return {text, {}};
+    return {text.left(colon), text.mid(colon + 1)};
+}
+
+QStringList pathParts(QString const& path) {
+    return path.split(u'/', Qt::SkipEmptyParts);
+}
+
+} // namespace Morva
