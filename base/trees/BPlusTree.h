@@ -15,7 +15,9 @@
 namespace Morva {
 
 class TraceLine;
+class TreePage;
 class TreePath;
+struct TreeCell;
 
 /// A persistent set of variable-size stored keys, found by a hash. What a caller wants to keep
 /// with a key is part of the key's stored form.
@@ -101,28 +103,34 @@ public:
     bool verify(QStringList& faults) const;
 
 private:
-    class Checker;
+    class Walker;
 
     [[nodiscard]] bool readControl();
     void storeControl();
     void giveUp();
     [[nodiscard]] bool descend(TreePath& path, KeyHash const& hash) const;
+    [[nodiscard]] bool descendFrom(TreePath& path, std::uint64_t page, KeyHash const& hash) const;
     [[nodiscard]] bool nextLeaf(TreePath& path) const;
-    [[nodiscard]] bool locate(TreePath& path, Key const& key) const;
-    [[nodiscard]] bool storedForm(TreePath const& path, Extent& stored) const;
+    [[nodiscard]] bool locate(TreePath& path, Key const& key, Extent& stored) const;
+    [[nodiscard]] bool storedForm(TreeCell const& cell, Extent& stored) const;
+
     [[nodiscard]] bool readChain(std::uint8_t const* cell, Extent& stored) const;
-    [[nodiscard]] bool writeChain(std::uint8_t const* cell, Extent const& form);
-    [[nodiscard]] bool makeChain(Extent const& form, std::uint8_t* cell);
-    void freeChain(std::uint64_t first, std::uint32_t size);
+    [[nodiscard]] bool writeChain(std::uint8_t const* cell);
+    [[nodiscard]] bool makeChain(std::uint8_t* cell, std::uint32_t size);
+    void freeChain(std::uint8_t const* cell);
+
     [[nodiscard]] bool chooseSecond(TreePath& path, KeyHash& hash) const;
-    [[nodiscard]] bool place(TreePath& path, KeyHash const& hash, Extent const& cell, bool chained);
-    [[nodiscard]] bool splitAndPlace(TreePath& path, KeyHash const& hash, Extent const& cell,
-                                     bool chained);
-    void raise(TreePath& path, std::size_t level, KeyHash hash, std::uint64_t child,
-               std::vector<BlockPin>& spare);
+    [[nodiscard]] bool place(TreePath& path, KeyHash const& hash, TreeCell const& cell);
+    [[nodiscard]] bool split(TreePath& path, KeyHash const& hash, TreeCell const& cell);
+    [[nodiscard]] bool takeSpare(TreePath& path, std::vector<BlockPin>& spare);
+    void raise(TreePath& path, KeyHash hash, std::uint64_t child, std::vector<BlockPin>& spare);
+    void compact(TreePage const& page) const;
+
+    void dropEmpty(TreePath& path);
     void shrink(TreePath& path);
-    [[nodiscard]] bool joinLeaves(TreePath& path);
-    [[nodiscard]] bool joinInner(TreePath& path, std::size_t depth);
+    [[nodiscard]] bool join(TreePath& path, std::uint32_t depth);
+    [[nodiscard]] bool joinPages(TreePage& parent, std::uint32_t right, BlockPin& leftPin,
+                                 BlockPin& rightPin, std::uint32_t level);
     void collapseRoot();
 
     mutable Blocks blocks_;

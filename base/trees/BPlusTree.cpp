@@ -1,0 +1,460 @@
+#include "base/trees/BPlusTree.h"
+
+#include "base/trace/Trace.h"
+#include "base/trees/TreePage.h"
+
+#include <algorithm>
+#include <bit>
+
+namespace Morva {
+
+namespace {
+
+/// The control page of a tree, block 1 of its file, little-endian, 48 bytes.
+///  off  size  field      meaning
+///    0     8  magic      "MORVATRE"
+///    8     4  version    1
+///   12     4  page size
+///   16     8  root       page
+///   24     4  height     levels of pages
+///   28     4  zero
+///   32     8  keys       stored keys
+namespace Control {
+constexpr char magic[] = "MORVATRE";
+constexpr std::uint32_t version = 1;
+constexpr std::uint32_t atVersion = 8, atPageSize = 12, atRoot = 16, atHeight = 24, atKeys = 32;
+} // namespace Control
+
+constexpr std::uint32_t reservedBits = 16;
+constexpr std::uint32_t smallestPage = 512;
+constexpr auto mode = RawFile::Mode::ReadWrite;
+
+bool validPageSize(std::uint32_t size) {
+    return size >= smallestPage && size <= Blocks::maximumBlockSize && std::has_single_bit(size);
+}
+
+} // namespace
+
+TraceLine& operator<<(TraceLine& line, BPlusTree::KeyHash const& hash) {
+    return line << hex << hash.first << hash.second << dec;
+}
+
+BPlusTree::BPlusTree(std::uint32_t cachePages) : blocks_(cachePages) {}
+
+BPlusTree::~BPlusTree() {
+    close();
+}
+
+void BPlusTree::giveUp() {
+    if (control_)
+        blocks_.returnBlock(control_, false);
+    control_ = nullptr;
+    blocks_.close();
+}
+
+bool BPlusTree::create(QString const& name, std::uint32_t pageSize) {
+    MORVA_METHOD("create");
+    close();
+    if (!validPageSize(pageSize)) {
+        MORVA_TRACE(Always) << "Invalid page size" << pageSize;
+        return scope.result(false);
+    }
+    if (!blocks_.create(name, pageSize, reservedBits, 0, mode))
+        return scope.result(false);
+    std::uint64_t number = 0;
+    control_ = static_cast<std::uint8_t*>(blocks_.newBlock(number));
+    auto root = BlockPin::make(blocks_, root_);
+    if (!control_ || number != Blocks::firstBlock() || !root) {
+        root.reset();
+        giveUp();
+        return scope.result(false);
+    }
+    TreePage(root.get(), pageSize).init(0);
+    root.changed();
+    root.reset();
+    height_ = 1;
+    keys_ = 0;
+    storeControl();
+    if (!flush()) {
+        giveUp();
+        return scope.result(false);
+    }
+    return scope.result(true);
+}
+
+bool BPlusTree::open(QString const& name) {
+    MORVA_METHOD("open");
+    close();
+    if (!blocks_.open(name, 0, mode))
+        return scope.result(false);
+    if (!readControl()) {
+        MORVA_TRACE(Always) << "Invalid tree control page in" << name;
+        giveUp();
+        return scope.result(false);
+    }
+    return scope.result(true);
+}
+
+bool BPlusTree::readControl() {
+    if (!validPageSize(blocks_.blockSize()) || blocks_.blockCount() < 3)
+        return false;
+    control_ = static_cast<std::uint8_t*>(blocks_.getBlock(Blocks::firstBlock()));
+    if (!control_)
+        return false;
+    root_ = loadLittle<std::uint64_t>(control_ + Control::atRoot);
+    height_ = loadLittle<std::uint32_t>(control_ + Control::atHeight);
+    keys_ = loadLittle<std::uint64_t>(control_ + Control::atKeys);
+    return std::memcmp(control_, Control::magic, 8) == 0 &&
+           loadLittle<std::uint32_t>(control_ + Control::atVersion) == Control::version &&
+           loadLittle<std::uint32_t>(control_ + Control::atPageSize) == blocks_.blockSize() &&
+           root_ > Blocks::firstBlock() && root_ < blocks_.blockCount() && height_ > 0 &&
+           height_ <= TreePath::maximumHeight;
+}
+
+void BPlusTree::storeControl() {
+    std::memcpy(control_, Control::magic, 8);
+    storeLittle(control_ + Control::atVersion, Control::version);
+    storeLittle(control_ + Control::atPageSize, blocks_.blockSize());
+    storeLittle(control_ + Control::atRoot, root_);
+    storeLittle(control_ + Control::atHeight, height_);
+    storeLittle(control_ + Control::atKeys, keys_);
+    blocks_.updateBlock(control_);
+}
+
+bool BPlusTree::close() {
+    if (!control_)
+        return true;
+    MORVA_METHOD("close");
+    blocks_.returnBlock(control_, false);
+    control_ = nullptr;
+    return scope.result(blocks_.close());
+}
+
+bool BPlusTree::flush() {
+    return control_ && blocks_.flush();
+}
+
+bool BPlusTree::sync() {
+    return control_ && blocks_.sync();
+}
+
+std::uint64_t BPlusTree::keyCount() const {
+    return control_ ? keys_ : 0;
+}
+
+std::uint64_t BPlusTree::pageCount() const {
+    return control_ ? blocks_.blockCount() - 1 - Blocks::firstBlock() - blocks_.freeCount() : 0;
+}
+
+// --- Finding ----------------------------------------------------------------------------------
+
+/// Goes on from a page one level below the path's end, down to the leaf that a hash belongs to.
+bool BPlusTree::descendFrom(TreePath& path, std::uint64_t number, KeyHash const& hash) const {
+    while (path.depth() < height_) {
+        std::uint32_t const level = height_ - 1 - path.depth();
+        auto pin = BlockPin::get(blocks_, number);
+        TreePage const page(pin.get(), blocks_.blockSize());
+        if (!pin || !page.sound(level) || (level != 0 && page.count() == 0)) {
+            MORVA_TRACE(Always) << "Damaged tree page" << number << "at level" << level;
+            return false;
+        }
+        std::uint32_t const index = level != 0 ? page.childIndex(hash) : page.lowerBound(hash);
+        if (level != 0)
+            number = page.child(index);
+        path.push(std::move(pin), index);
+    }
+    return true;
+}
+
+bool BPlusTree::descend(TreePath& path, KeyHash const& hash) const {
+    path.clear();
+    return control_ && descendFrom(path, root_, hash);
+}
+
+/// Moves to the first slot of the leaf to the right; false when there is none.
+bool BPlusTree::nextLeaf(TreePath& path) const {
+    path.pop();
+    while (path.depth() > 0) {
+        TreePath::Step& step = path.leaf();
+        TreePage const page(step.pin.get(), blocks_.blockSize());
+        if (step.index + 1 < page.count())
+            return descendFrom(path, page.child(++step.index), {});
+        path.pop();
+    }
+    return false;
+}
+
+bool BPlusTree::storedForm(TreeCell const& cell, Extent& stored) const {
+    if (!cell.data) {
+        MORVA_TRACE(Always) << "Damaged cell in a tree page";
+        return false;
+    }
+    if (cell.chained)
+        return readChain(cell.data, stored);
+    stored = Extent(cell.data, cell.size);
+    return true;
+}
+
+bool BPlusTree::find(Key& key) const {
+    std::uint32_t const first = key.hash().first;
+    TreePath path;
+    if (!descend(path, {first, 0}))
+        return false;
+    for (;;) {
+        TreePath::Step& step = path.leaf();
+        TreePage const page(step.pin.get(), blocks_.blockSize());
+        if (step.index >= page.count()) {
+            if (!nextLeaf(path))
+                return false;
+            continue;
+        }
+        if (page.hash(step.index).first != first)
+            return false;
+        Extent stored;
+        if (storedForm(page.cell(step.index), stored) && key.equal(stored))
+            return key.restore(stored);
+        ++step.index;
+    }
+}
+
+/// The slot of the stored key with this very hash, if it is this key.
+bool BPlusTree::locate(TreePath& path, Key const& key, Extent& stored) const {
+    if (!descend(path, key.hash()))
+        return false;
+    TreePath::Step const& step = path.leaf();
+    TreePage const page(step.pin.get(), blocks_.blockSize());
+    return step.index < page.count() && page.hash(step.index) == key.hash() &&
+           storedForm(page.cell(step.index), stored) && key.equal(stored);
+}
+
+// --- Inserting --------------------------------------------------------------------------------
+
+/// The lowest second word from 1 on that no stored key with this first word has, and the slot
+/// where it belongs.
+bool BPlusTree::chooseSecond(TreePath& path, KeyHash& hash) const {
+    hash.second = 1;
+    if (!descend(path, hash))
+        return false;
+    bool moved = false;
+    while (hash.second != 0) {
+        TreePath::Step& step = path.leaf();
+        TreePage const page(step.pin.get(), blocks_.blockSize());
+        if (step.index >= page.count()) {
+            moved = true;
+            if (!nextLeaf(path))
+                break;
+        } else if (page.hash(step.index) == hash) {
+            ++hash.second;
+            ++step.index;
+        } else {
+            break;
+        }
+    }
+    return hash.second != 0 && (!moved || descend(path, hash));
+}
+
+bool BPlusTree::insert(Key& key) {
+    MORVA_METHOD("insert");
+    std::uint32_t const size = key.size();
+    KeyHash const before = key.hash();
+    KeyHash hash = before;
+    TreePath path;
+    if (size > maximumStoredSize || !chooseSecond(path, hash)) {
+        MORVA_TRACE(Always) << "Failed to insert a key of size" << size << hash;
+        return scope.result(false);
+    }
+    key.hash(hash);
+    form_.resize(std::max<std::size_t>(form_.size(), size));
+    Extent range(static_cast<void*>(form_.data()), size);
+    bool const chained =
+        size > (blocks_.blockSize() - TreePage::headerSize) / 4 - TreePage::leafSlot;
+    std::uint8_t chain[TreeChain::cellSize];
+    bool inserted = key.save(range) && (!chained || makeChain(chain, size));
+    if (inserted) {
+        inserted = place(path, hash,
+                         chained ? TreeCell{chain, TreeChain::cellSize, true}
+                                 : TreeCell{form_.data(), size, false});
+        if (!inserted && chained)
+            freeChain(chain);
+    }
+    if (!inserted) {
+        MORVA_TRACE(Always) << "Failed to insert a key of size" << size << hash;
+        key.hash(before);
+        return scope.result(false);
+    }
+    ++keys_;
+    storeControl();
+    return scope.result(true);
+}
+
+/// Puts the page together without garbage, in `scratch_`.
+void BPlusTree::compact(TreePage const& page) const {
+    scratch_.resize(blocks_.blockSize());
+    TreePage copy(scratch_.data(), blocks_.blockSize());
+    copy.init(0);
+    for (std::uint32_t i = 0; i < page.count(); ++i) {
+        TreeCell const cell = page.cell(i);
+        copy.insertCell(i, page.hash(i), cell.data, cell.size, cell.chained);
+    }
+}
+
+bool BPlusTree::place(TreePath& path, KeyHash const& hash, TreeCell const& cell) {
+    TreePath::Step& step = path.leaf();
+    TreePage page(step.pin.get(), blocks_.blockSize());
+    std::uint32_t const needed = cell.size + TreePage::leafSlot;
+    if (page.gap() < needed) {
+        if (!page.soundCells()) {
+            MORVA_TRACE(Always) << "Damaged cells in tree page" << blocks_.number(step.pin.get());
+            return false;
+        }
+        if (page.capacity() - page.used() < needed)
+            return split(path, hash, cell);
+        compact(page);
+        std::memcpy(step.pin.get(), scratch_.data(), blocks_.blockSize());
+    }
+    page.insertCell(step.index, hash, cell.data, cell.size, cell.chained);
+    step.pin.changed();
+    return true;
+}
+
+/// Takes all the pages that a split of the path's leaf can need, so that it can't fail half-way.
+bool BPlusTree::takeSpare(TreePath& path, std::vector<BlockPin>& spare) {
+    std::uint32_t wanted = 1;
+    std::uint32_t depth = path.depth() - 1;
+    for (; depth > 0; --depth, ++wanted) {
+        TreePage const page(path.at(depth - 1).pin.get(), blocks_.blockSize());
+        if (page.count() < page.maximumChildren())
+            break;
+    }
+    if (depth == 0 && ++wanted && height_ == TreePath::maximumHeight)
+        return false;
+    while (spare.size() < wanted) {
+        std::uint64_t number = 0;
+        spare.push_back(BlockPin::make(blocks_, number));
+        if (spare.back())
+            continue;
+        spare.pop_back();
+        for (BlockPin& pin : spare)
+            pin.free();
+        return false;
+    }
+    return true;
+}
+
+bool BPlusTree::split(TreePath& path, KeyHash const& hash, TreeCell const& cell) {
+    std::vector<BlockPin> spare;
+    if (!takeSpare(path, spare))
+        return false;
+    TreePath::Step& step = path.leaf();
+    std::uint32_t const pageSize = blocks_.blockSize();
+    TreePage left(step.pin.get(), pageSize);
+    BlockPin rightPin = std::move(spare.back());
+    spare.pop_back();
+    TreePage right(rightPin.get(), pageSize);
+    scratch_.assign(step.pin.bytes(), step.pin.bytes() + pageSize);
+    TreePage const old(scratch_.data(), pageSize);
+    std::uint32_t const half = (old.used() + TreePage::leafSlot + cell.size) / 2;
+    left.init(0);
+    right.init(0);
+    std::uint32_t bytes = 0;
+    for (std::uint32_t i = 0; i <= old.count(); ++i) {
+        bool const added = i == step.index;
+        std::uint32_t const from = i - (i > step.index);
+        TreeCell const here = added ? cell : old.cell(from);
+        TreePage& target = bytes < half && (i == 0 || i < old.count()) ? left : right;
+        target.insertCell(target.count(), added ? hash : old.hash(from), here.data, here.size,
+                          here.chained);
+        bytes += TreePage::leafSlot + here.size;
+    }
+    step.pin.changed();
+    rightPin.changed();
+    raise(path, right.hash(0), blocks_.number(rightPin.get()), spare);
+    return true;
+}
+
+/// Enters a new page behind the one that the path leads to, and splits the inner pages that are
+/// full for that.
+void BPlusTree::raise(TreePath& path, KeyHash hash, std::uint64_t child,
+                      std::vector<BlockPin>& spare) {
+    std::uint32_t const pageSize = blocks_.blockSize();
+    for (std::uint32_t depth = path.depth() - 1; depth > 0; --depth) {
+        TreePath::Step& step = path.at(depth - 1);
+        TreePage page(step.pin.get(), pageSize);
+        std::uint32_t const index = step.index + 1;
+        step.pin.changed();
+        if (page.count() < page.maximumChildren()) {
+            page.insertChild(index, hash, child);
+            return;
+        }
+        BlockPin rightPin = std::move(spare.back());
+        spare.pop_back();
+        TreePage right(rightPin.get(), pageSize);
+        right.init(page.level());
+        std::uint32_t const middle = page.count() / 2;
+        page.moveChildren(middle, right);
+        if (index <= middle)
+            page.insertChild(index, hash, child);
+        else
+            right.insertChild(index - middle, hash, child);
+        rightPin.changed();
+        hash = right.hash(0);
+        child = blocks_.number(rightPin.get());
+    }
+    TreePage root(spare.back().get(), pageSize);
+    root.init(height_++);
+    root.insertChild(0, {}, root_);
+    root.insertChild(1, hash, child);
+    root_ = blocks_.number(spare.back().get());
+    spare.back().changed();
+}
+
+// --- Changing and removing --------------------------------------------------------------------
+
+bool BPlusTree::update(Key const& key) {
+    MORVA_METHOD("update");
+    TreePath path;
+    Extent stored;
+    std::uint32_t const size = key.size();
+    if (!locate(path, key, stored) || stored.size != size) {
+        MORVA_TRACE(Always) << "No stored key to update" << key.hash();
+        return scope.result(false);
+    }
+    form_.resize(std::max<std::size_t>(form_.size(), size));
+    Extent range(static_cast<void*>(form_.data()), size);
+    if (!key.save(range))
+        return scope.result(false);
+    TreePath::Step& step = path.leaf();
+    TreeCell const cell = TreePage(step.pin.get(), blocks_.blockSize()).cell(step.index);
+    if (cell.chained)
+        return scope.result(writeChain(cell.data));
+    std::memcpy(cell.data, form_.data(), size);
+    step.pin.changed();
+    return scope.result(true);
+}
+
+bool BPlusTree::remove(Key const& key) {
+    MORVA_METHOD("remove");
+    TreePath path;
+    Extent stored;
+    if (!locate(path, key, stored)) {
+        MORVA_TRACE(Always) << "No stored key to remove" << key.hash();
+        return scope.result(false);
+    }
+    TreePath::Step& step = path.leaf();
+    TreePage page(step.pin.get(), blocks_.blockSize());
+    if (!page.soundCells()) {
+        MORVA_TRACE(Always) << "Damaged cells in tree page" << blocks_.number(step.pin.get());
+        return scope.result(false);
+    }
+    TreeCell const cell = page.cell(step.index);
+    if (cell.chained)
+        freeChain(cell.data);
+    page.removeCell(step.index);
+    step.pin.changed();
+    keys_ -= keys_ != 0;
+    shrink(path);
+    storeControl();
+    return scope.result(true);
+}
+
+} // namespace Morva
