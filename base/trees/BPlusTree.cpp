@@ -27,7 +27,6 @@ constexpr std::uint32_t atVersion = 8, atPageSize = 12, atRoot = 16, atHeight = 
 
 constexpr std::uint32_t reservedBits = 16;
 constexpr std::uint32_t smallestPage = 512;
-constexpr auto mode = RawFile::Mode::ReadWrite;
 
 bool validPageSize(std::uint32_t size) {
     return size >= smallestPage && size <= Blocks::maximumBlockSize && std::has_single_bit(size);
@@ -59,7 +58,7 @@ bool BPlusTree::create(QString const& name, std::uint32_t pageSize) {
         MORVA_TRACE(Always) << "Invalid page size" << pageSize;
         return scope.result(false);
     }
-    if (!blocks_.create(name, pageSize, reservedBits, 0, mode))
+    if (!blocks_.create(name, pageSize, reservedBits, 0, RawFile::Mode::ReadWrite))
         return scope.result(false);
     std::uint64_t number = 0;
     control_ = static_cast<std::uint8_t*>(blocks_.newBlock(number));
@@ -82,7 +81,7 @@ bool BPlusTree::create(QString const& name, std::uint32_t pageSize) {
     return scope.result(true);
 }
 
-bool BPlusTree::open(QString const& name) {
+bool BPlusTree::open(QString const& name, RawFile::Mode mode) {
     MORVA_METHOD("open");
     close();
     if (!blocks_.open(name, 0, mode))

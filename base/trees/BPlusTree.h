@@ -66,8 +66,9 @@ public:
     /// Makes an empty tree, replacing a file that is there. The page size is a power of two from
     /// 512 to 32768.
     [[nodiscard]] bool create(QString const& name, std::uint32_t pageSize);
-    /// False when the file isn't there or isn't a sound tree.
-    [[nodiscard]] bool open(QString const& name);
+    /// False when the file isn't there or isn't a sound tree. Opened `ReadOnly` it can be looked at
+    /// and no more.
+    [[nodiscard]] bool open(QString const& name, RawFile::Mode mode = RawFile::Mode::ReadWrite);
     /// Flushes and closes; false when something could not be written. Harmless when closed.
     bool close();
     /// Writes what changed to the file. What fails is tried again at the next flush.

@@ -81,9 +81,12 @@ public:
 private:
     [[nodiscard]] bool spill();
     [[nodiscard]] bool fail(char const* text);
+    [[nodiscard]] bool fill(std::uint64_t position, std::uint64_t count);
     [[nodiscard]] bool load(std::uint64_t position, Extent& record);
     [[nodiscard]] bool readHeader();
     [[nodiscard]] bool writeHeader();
+    [[nodiscard]] bool openFile();
+    void copyRecords(PagedList const& other);
     void sortInMemory();
     [[nodiscard]] bool sortOnDisk();
     void forget();
@@ -99,7 +102,7 @@ private:
     std::vector<std::uint8_t> tail_;   // records behind those in the file
     std::vector<std::uint8_t> window_; // bytes of the file last read
     std::uint64_t windowStart_ = 0;
-    bool headerWritten_ = false; // the file's header tells of all records in the file
+    bool headerWritten_ = true; // the file's header tells of all records in the file
     bool delete_ = false;
     bool failed_ = false;
 };

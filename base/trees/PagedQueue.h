@@ -67,40 +67,48 @@ public:
 
 private:
     struct Head {
-        std::uint64_t sequence = 0;
-        std::uint64_t generation = 0;
-        std::uint64_t offset = 0;
+        std::uint64_t sequence = 0;   // of the writes of the head
+        std::uint64_t generation = 0; // rises each time the file starts over
+        std::uint64_t offset = 0;     // of the first record
+    };
+    /// Bytes of the file read ahead.
+    struct Window {
+        std::vector<std::uint8_t> bytes;
+        std::uint64_t start = 0;
     };
 
-    [[nodiscard]] bool openOrMake(QString const& path);
-    [[nodiscard]] bool readHead();
-    [[nodiscard]] bool writeHead(Head const& head) MORVA_REQUIRES(lock_);
-    [[nodiscard]] bool findTail();
+    [[nodiscard]] bool openOrMake(QString const& path) MORVA_REQUIRES(lock_);
+    [[nodiscard]] bool readHead() MORVA_REQUIRES(lock_);
+    [[nodiscard]] bool writeHead(Head head) MORVA_REQUIRES(lock_);
+    void findTail() MORVA_REQUIRES(lock_);
     [[nodiscard]] bool trim() MORVA_REQUIRES(lock_);
-    [[nodiscard]] bool load(std::uint64_t offset, std::uint64_t end,
-                            std::vector<std::uint8_t>& window, std::uint64_t& windowStart,
-                            Extent& record) const;
+    [[nodiscard]] bool load(std::uint64_t offset, std::uint64_t end, std::uint64_t generation,
+                            Window& window, Extent& record) const;
+    [[nodiscard]] bool fill(std::uint64_t offset, std::uint64_t end, std::uint64_t count,
+                            Window& window) const;
     [[nodiscard]] Result take(Extent& record);
-    [[nodiscard]] bool interrupted();
-    void wake();
+    [[nodiscard]] bool interrupted() const;
+    void waitForEvent() const;
+    void wake() const;
 
     std::uint64_t const pageSize_;
-    std::uint64_t const pagesInMemory_;
+    std::uint64_t const memory_;
+    std::unique_ptr<RawFile> file_; // set up in the constructor; only positioned calls after it
     bool open_ = false;
     int event_ = -1;
-    int interrupt_ = -1;
-    bool receiving_ = false; // these four belong to the receiver
-    bool held_ = false;
-    std::vector<std::uint8_t> window_;
-    std::uint64_t windowStart_ = 0;
     std::atomic<bool> stopped_ = false;
 
+    int interrupt_ = -1; // these belong to the receiver
+    bool receiving_ = false;
+    bool held_ = false;
+    std::uint32_t heldSize_ = 0;
+    Window window_;
+
     mutable TracedMutex lock_;
-    std::unique_ptr<RawFile> file_ MORVA_GUARDED_BY(lock_);
     Head head_ MORVA_GUARDED_BY(lock_);
     std::uint64_t tail_ MORVA_GUARDED_BY(lock_) = 0;
     std::uint64_t count_ MORVA_GUARDED_BY(lock_) = 0;
-    bool trimmed_ MORVA_GUARDED_BY(lock_) = false;
+    bool trimmed_ MORVA_GUARDED_BY(lock_) = false; // nothing lies behind the tail
     std::vector<std::uint8_t> frame_ MORVA_GUARDED_BY(lock_);
 };
 
