@@ -51,6 +51,12 @@ public:
     bool write(std::uint64_t offset, void const* data, std::uint32_t count, bool noExtend);
     /// Bytes delivered: `count`, or what there is up to the length.
     [[nodiscard]] std::uint32_t read(std::uint64_t offset, void* data, std::uint32_t count);
+    /// Finds the next content at or behind `start`: `start` moves to it, and `end` is where a hole
+    /// or the stream's end follows, or an earlier point where more content may follow at once.
+    /// False when there are only holes up to the end. Reads no data, only indirect blocks; the
+    /// work is that of one path down the tree for each hole passed. What can't be read counts as
+    /// content, so that reading it shows the failure.
+    [[nodiscard]] bool findData(std::uint64_t& start, std::uint64_t& end);
     /// Cuts or extends; what is added is a hole. False as for `write`, else true.
     bool truncate(std::uint64_t length);
     /// Makes the range zeros and, as far as it can, holes. A start within a block of depth 1 or
@@ -77,6 +83,10 @@ public:
     [[nodiscard]] bool dirty() const { return dirty_; }
     void clearDirty() { dirty_ = false; }
     void setDirty() { dirty_ = true; }
+
+    /// Whether a block failed in an operation since `clearFailed`.
+    [[nodiscard]] bool hasFailed() const { return failed_; }
+    void clearFailed() { failed_ = false; }
 
 private:
     /// One step of the path to a data block. Level 0 is the record.
@@ -113,7 +123,10 @@ private:
     /// As giveBack, and frees the private blocks that hold nothing any more, from the lowest up.
     void giveBackPruned(std::uint32_t lowest);
     [[nodiscard]] std::uint64_t holeEnd(std::uint64_t offset, std::uint32_t last) const;
-    void failed() const { parameters_->failed(); }
+    void failed() const {
+        failed_ = true;
+        parameters_->failed();
+    }
 
     [[nodiscard]] bool increaseDepth();
     [[nodiscard]] bool decreaseDepth();
@@ -151,6 +164,7 @@ private:
     TreeParameters const* parameters_;
     TreeRecord record_;
     bool dirty_ = false;
+    mutable bool failed_ = false;
     std::array<Level, TreeParameters::maximumDepth + 1> levels_;
     alignas(8) std::uint8_t scratch_[TreeParameters::blockSize];
 };

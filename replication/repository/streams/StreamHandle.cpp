@@ -80,6 +80,21 @@ std::uint32_t StreamHandle::read(std::uint64_t offset, void* data, std::uint32_t
     return info_.read(offset, data, count);
 }
 
+std::optional<std::uint32_t> StreamHandle::readWhole(std::uint64_t offset, void* data,
+                                                     std::uint32_t count) {
+    TracedLock lock(lock_);
+    info_.clearFailed();
+    auto const result = info_.read(offset, data, count);
+    if (info_.hasFailed())
+        return std::nullopt;
+    return result;
+}
+
+bool StreamHandle::findData(std::uint64_t& start, std::uint64_t& end) {
+    TracedLock lock(lock_);
+    return info_.findData(start, end);
+}
+
 bool StreamHandle::truncate(std::uint64_t length, std::uint32_t flags) {
     TracedLock lock(lock_);
     if (node_.frozen())

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 namespace Replication {
 
@@ -50,6 +51,11 @@ public:
     bool write(std::uint64_t offset, void const* data, std::uint32_t count, bool noExtend = false);
     /// Bytes delivered: `count`, or what there is up to the length.
     [[nodiscard]] std::uint32_t read(std::uint64_t offset, void* data, std::uint32_t count);
+    /// As `read`; nothing when a part of it could not be read and zeros stand in its place.
+    [[nodiscard]] std::optional<std::uint32_t> readWhole(std::uint64_t offset, void* data,
+                                                         std::uint32_t count);
+    /// See `Info::findData`.
+    [[nodiscard]] bool findData(std::uint64_t& start, std::uint64_t& end);
     /// False on a frozen stream and past the largest length. With `growOnly` a stream that is long
     /// enough already stays as it is.
     bool truncate(std::uint64_t length, std::uint32_t flags = 0);
