@@ -17,8 +17,9 @@ namespace Replication {
 /// One writer (the `LogSink` operations, `finish`) and one reader (`take`, `cancel`).
 class LogQueue : public LogSink {
 public:
+    /// What stands between the two; the reader may hold as much again.
     static constexpr std::uint32_t maximumLogs = 1024;
-    static constexpr std::uint64_t maximumBytes = 16U << 20;
+    static constexpr std::uint64_t maximumBytes = 8U << 20;
 
     LogQueue() = default;
 
@@ -44,6 +45,9 @@ private:
     bool writerWaits_ = false;
     bool finished_ = false;
     bool cancelled_ = false;
+
+    /// The reader's: what it has taken out in one go, so that it locks once for many logs.
+    std::deque<LogPointer> taken_;
 
     LogPool pool_;
     /// The writer's: the log being made, kept from `dataSpace` to `put`.

@@ -88,6 +88,7 @@ public:
 
 private:
     LogBuilder& begin(LogType type);
+    [[nodiscard]] bool put();
     [[nodiscard]] std::uint32_t newFileId();
     [[nodiscard]] std::uint32_t now();
 

@@ -61,8 +61,11 @@ public:
     TreeLogger(TreeOptions options, OperationLogger& logger);
     ~TreeLogger();
 
-    /// `root` may be relative; the logs bear absolute paths. A symbolic link as root is followed.
-    [[nodiscard]] Result run(std::string_view root);
+    /// The logs bear `absolutePath(root)`. A symbolic link to a directory as root is followed.
+    [[nodiscard]] Result run(std::string const& root);
+    /// The path seen from the working directory, without ".", "..", and repeated or trailing
+    /// separators; by text alone.
+    [[nodiscard]] static std::string absolutePath(std::string_view path);
 
     [[nodiscard]] TreeCounts const& counts() const { return counts_; }
     [[nodiscard]] int rootError() const { return rootError_; }

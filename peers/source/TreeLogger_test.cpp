@@ -1,0 +1,437 @@
+#include "peers/source/TreeLogger.h"
+
+#include "peers/source/LogFileSink.h"
+#include "peers/source/LogQueue.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
+#include <thread>
+#include <unistd.h>
+
+namespace Replication {
+namespace {
+
+/// Keeps a line for each log, and the files that the logs make.
+class CollectingSink : public LogSink {
+public:
+    std::uint8_t* dataSpace(LogBuilder const& builder, std::uint32_t size) override {
+        if (beforeRead)
+            beforeRead();
+        return next.dataSpace(builder, size);
+    }
+    bool put(LogBuilder& builder) override {
+        if (logsLeft-- == 0 || !next.build(builder))
+            return false;
+        apply(next);
+        return true;
+    }
+    bool flush() override { return true; }
+
+    void apply(LogEntry const& log) {
+        EXPECT_EQ(log.sequenceNumber(), ++sequenceNumber);
+        lines.push_back(describe(log));
+        switch (log.type()) {
+        case LogType::PosixCreate:
+            open[log.fileId()] = std::string(log.file());
+            files[open[log.fileId()]] = "";
+            break;
+        case LogType::Write: {
+            EXPECT_EQ(log.length(), log.data().size);
+            EXPECT_LE(log.data().size, TreeLogger::writeSize);
+            std::string& content = files.at(open.at(log.fileId()));
+            content.resize(std::max<std::size_t>(content.size(), log.offset() + log.length()));
+            content.replace(log.offset(), log.length(), log.data().toByteArray().toStdString());
+            break;
+        }
+        case LogType::PosixTruncate:
+            files.at(open.at(log.fileId())).resize(log.size());
+            break;
+        case LogType::Close:
+            EXPECT_EQ(open.erase(log.fileId()), 1U);
+            break;
+        default:
+            break;
+        }
+    }
+
+    std::string shortName(std::string_view path) const {
+        return path.substr(0, root.size()) == root ? "~" + std::string(path.substr(root.size()))
+                                                   : std::string(path);
+    }
+
+    std::string describe(LogEntry const& log) const {
+        std::string const file = shortName(log.file());
+        auto const octal = [](std::uint32_t mode) {
+            return QByteArray::number(mode, 8).toStdString();
+        };
+        std::string const owner = " " + std::to_string(log.uid()) + ":" + std::to_string(log.gid());
+        switch (log.type()) {
+        case LogType::PosixCreate:
+            return "create " + file + " " + octal(log.mode()) + owner;
+        case LogType::PosixMkdir:
+            return "mkdir " + file + " " + octal(log.mode()) + owner;
+        case LogType::PosixMknod:
+            return "mknod " + file + " " + octal(log.mode()) + owner + " " +
+                   std::to_string(log.device());
+        case LogType::PosixSymlink:
+            return "symlink " + std::string(log.from()) + " " + shortName(log.to()) + owner;
+        case LogType::PosixLink:
+            return "link " + shortName(log.from()) + " " + shortName(log.to());
+        case LogType::PosixSetEa:
+            return "ea " + file + " " + std::string(log.eaName()) + "=" +
+                   log.data().toByteArray().toStdString();
+        case LogType::PosixSetAttr:
+            return "attr " + file + " " + octal(log.bodyFlags()) + " " +
+                   (log.bodyFlags() & posixAttrMode ? octal(log.mode()) + owner
+                                                    : std::to_string(log.accessTime()) + " " +
+                                                          std::to_string(log.modificationTime()));
+        case LogType::Write:
+            return "write " + std::to_string(log.offset()) + "+" + std::to_string(log.length());
+        case LogType::PosixTruncate:
+            return "truncate " + std::to_string(log.size());
+        case LogType::Close:
+            return "close";
+        default:
+            return "other " + std::to_string(static_cast<std::uint32_t>(log.type()));
+        }
+    }
+
+    std::string root;
+    std::vector<std::string> lines;
+    std::map<std::string, std::string> files;
+    std::function<void()> beforeRead;
+    std::uint64_t logsLeft = ~std::uint64_t{0};
+
+private:
+    LogEntry next;
+    std::map<std::uint32_t, std::string> open;
+    std::uint64_t sequenceNumber = 0;
+};
+
+class TreeLoggerTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(dir.isValid());
+        root = dir.path().toStdString();
+        sink.root = root;
+        ::umask(0);
+        ASSERT_EQ(::chmod(root.c_str(), 0700), 0);
+    }
+
+    // Qt can't remove a name that is not UTF-8.
+    void TearDown() override { std::filesystem::remove_all(root); }
+
+    std::string at(std::string const& name) const { return root + "/" + name; }
+    void write(std::string const& name, std::string const& content, off_t offset = 0) const {
+        int const file = ::open(at(name).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0640);
+        ASSERT_GE(file, 0);
+        ASSERT_EQ(::pwrite(file, content.data(), content.size(), offset),
+                  static_cast<ssize_t>(content.size()));
+        ::close(file);
+    }
+    void times(std::string const& name, std::time_t time) const {
+        timespec const both[] = {{time, 0}, {time + 1, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, at(name).c_str(), both, AT_SYMLINK_NOFOLLOW), 0);
+    }
+    TreeLogger::Result walk(TreeOptions options = {}) {
+        OperationLogger logger({.source = "source"}, sink);
+        TreeLogger tree({.leaveOut = options.leaveOut,
+                         .problem =
+                             [this](std::string_view path, int error, std::string_view what) {
+                                 problems.push_back(sink.shortName(path) + " " + std::string(what) +
+                                                    " " + std::to_string(error));
+                             },
+                         .stop = options.stop},
+                        logger);
+        TreeLogger::Result const result = tree.run(root);
+        bytes = tree.counts().bytes;
+        problemCount = tree.counts().problems;
+        EXPECT_EQ(problemCount, problems.size());
+        return result;
+    }
+    void expectSameContent(std::string const& name) {
+        QFile file(QString::fromStdString(at(name)));
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+        EXPECT_TRUE(sink.files.at(at(name)) == file.readAll().toStdString()) << name;
+    }
+
+    QTemporaryDir dir;
+    std::string root;
+    CollectingSink sink;
+    std::vector<std::string> problems;
+    std::uint64_t bytes = 0;
+    std::uint64_t problemCount = 0;
+};
+
+TEST_F(TreeLoggerTest, EveryKindOfObjectIsLoggedInTheOrderThatBuildsIt) {
+    bool const isRoot = ::geteuid() == 0;
+    ASSERT_EQ(::mkdir(at("b").c_str(), 01750), 0);
+    write("b/inner", "abc");
+    ASSERT_EQ(::chmod(at("b/inner").c_str(), 04711), 0);
+    write("a\xFF name", "");
+    ASSERT_EQ(::link(at("b/inner").c_str(), at("c link").c_str()), 0);
+    ASSERT_EQ(::symlink("no/where", at("d").c_str()), 0);
+    ASSERT_EQ(::mkfifo(at("e").c_str(), 0600), 0);
+    ASSERT_EQ(::mknod(at("f").c_str(), S_IFSOCK | 0755, 0), 0);
+    bool const device = ::mknod(at("g").c_str(), S_IFBLK | 0660, makedev(7, 300)) == 0;
+    if (isRoot) {
+        ASSERT_EQ(::lchown(at("d").c_str(), 12, 34), 0);
+        ASSERT_EQ(::chown(at("b").c_str(), 56, 78), 0);
+    }
+    bool const attributes = ::setxattr(at("e").c_str(), "trusted.z", "", 0, 0) == 0 &&
+                            ::setxattr(at("b").c_str(), "user.two", "22", 2, 0) == 0 &&
+                            ::setxattr(at("b").c_str(), "user.one", "1", 1, 0) == 0;
+    int time = 1000;
+    for (char const* name : {"b/inner", "a\xFF name", "d", "e", "f", "b"})
+        times(name, time += 10);
+    if (device)
+        times("g", 2000);
+
+    ASSERT_EQ(walk(), TreeLogger::Result::Done);
+    std::string const me = " " + std::to_string(::geteuid()) + ":" + std::to_string(::getegid());
+    std::string const linkOwner = isRoot ? " 12:34" : me;
+    std::string const dirOwner = isRoot ? " 56:78" : me;
+    std::vector<std::string> expected = {"attr ~ 7 40700" + me, "create ~/a\xFF name 100640" + me,
+                                         "close", "attr ~/a\xFF name 70 1020 1021",
+                                         "mkdir ~/b 41750" + dirOwner};
+    if (attributes)
+        expected.insert(expected.end(), {"ea ~/b user.one=1", "ea ~/b user.two=22"});
+    expected.insert(expected.end(), {"create ~/b/inner 104711" + me, "write 0+3", "close",
+                                     "attr ~/b/inner 70 1010 1011", "attr ~/b 70 1060 1061",
+                                     "link ~/b/inner ~/c link", "symlink no/where ~/d" + linkOwner,
+                                     "attr ~/d 70 1030 1031", "mknod ~/e 10600" + me + " 0"});
+    if (attributes)
+        expected.emplace_back("ea ~/e trusted.z=");
+    expected.insert(expected.end(), {"attr ~/e 70 1040 1041", "mknod ~/f 140755" + me + " 0",
+                                     "attr ~/f 70 1050 1051"});
+    if (device)
+        expected.insert(expected.end(),
+                        {"mknod ~/g 60660" + me + " " + std::to_string(makedev(7, 300)),
+                         "attr ~/g 70 2000 2001"});
+    ASSERT_EQ(sink.lines.back().substr(0, 9), "attr ~ 70");
+    sink.lines.pop_back();
+    EXPECT_EQ(sink.lines, expected);
+    EXPECT_EQ(bytes, 3U);
+    EXPECT_TRUE(problems.empty());
+}
+
+TEST_F(TreeLoggerTest, LargeFilesGoInPiecesAndHolesAreLeftOut) {
+    std::mt19937 random(1);
+    std::string large(5 << 19, '\0');
+    for (char& byte : large)
+        byte = static_cast<char>(random());
+    write("large", large);
+    constexpr off_t hole = 8 << 20;
+    write("sparse", "middle", hole);
+    ASSERT_EQ(::truncate(at("sparse").c_str(), 3 * hole), 0);
+    write("empty hole", "");
+    ASSERT_EQ(::truncate(at("empty hole").c_str(), hole), 0);
+    ASSERT_EQ(walk(), TreeLogger::Result::Done);
+    for (char const* name : {"large", "sparse", "empty hole"})
+        expectSameContent(name);
+    EXPECT_LT(bytes, large.size() + (1 << 16));
+    EXPECT_EQ(std::count(sink.lines.begin(), sink.lines.end(), "write 1048576+1048576"), 1);
+    EXPECT_EQ(std::count(sink.lines.begin(), sink.lines.end(), "truncate 8388608"), 1);
+}
+
+TEST_F(TreeLoggerTest, AFileThatShrinksWhileItIsReadIsLoggedAsRead) {
+    write("file", std::string(3 << 20, 'x'));
+    int reads = 0;
+    sink.beforeRead = [&] {
+        if (++reads == 2) {
+            ASSERT_EQ(::truncate(at("file").c_str(), (1 << 20) + 5), 0);
+        }
+    };
+    ASSERT_EQ(walk(), TreeLogger::Result::Done);
+    EXPECT_EQ(sink.files.at(at("file")), std::string((1 << 20) + 5, 'x'));
+}
+
+TEST_F(TreeLoggerTest, AFileThatGrowsWhileItIsReadIsLoggedAsItWasOpened) {
+    write("file", std::string(2 << 20, 'x'));
+    sink.beforeRead = [&] { write("file", "more", 9 << 20); };
+    ASSERT_EQ(walk(), TreeLogger::Result::Done);
+    EXPECT_EQ(sink.files.at(at("file")), std::string(2 << 20, 'x'));
+}
+
+TEST_F(TreeLoggerTest, WhatCanNotBeReadIsReportedAndTheRestGoesOn) {
+    for (char const* name : {"a", "gone", "pipe", "z"})
+        write(name, "content");
+    ASSERT_EQ(::mkdir(at("lost").c_str(), 0700), 0);
+    bool changed = false;
+    // Asked for the first time when the names have been read.
+    auto const change = [&] {
+        if (std::exchange(changed, true))
+            return false;
+        ::unlink(at("gone").c_str());
+        ::rmdir(at("lost").c_str());
+        ::unlink(at("pipe").c_str());
+        ::mkfifo(at("pipe").c_str(), 0600);
+        return false;
+    };
+    ASSERT_EQ(walk({.stop = change}), TreeLogger::Result::Done);
+    EXPECT_EQ(problems, (std::vector<std::string>{"~/gone open 2", "~/lost open 2",
+                                                  "~/pipe open " + std::to_string(ESTALE)}));
+    EXPECT_EQ(sink.files.size(), 2U);
+    expectSameContent("z");
+}
+
+TEST_F(TreeLoggerTest, WhatIsLeftOutAndWhatStopsTheWalk) {
+    ASSERT_EQ(::mkdir(at("out").c_str(), 0700), 0);
+    write("out/inner", "x");
+    write("outer", "y");
+    ASSERT_EQ(walk({.leaveOut = {at("./out/")}}), TreeLogger::Result::Done);
+    EXPECT_EQ(sink.files.size(), 1U);
+    EXPECT_EQ(sink.files.count(at("outer")), 1U);
+
+    OperationLogger logger({}, sink);
+    TreeLogger missing({}, logger);
+    EXPECT_EQ(missing.run(at("nowhere")), TreeLogger::Result::NoRoot);
+    EXPECT_EQ(missing.rootError(), ENOENT);
+
+    CollectingSink one;
+    OperationLogger first({}, one);
+    TreeLogger file({}, first);
+    EXPECT_EQ(file.run(at("outer")), TreeLogger::Result::Done);
+    EXPECT_EQ(one.files.at(at("outer")), "y");
+
+    CollectingSink full;
+    full.logsLeft = 3;
+    OperationLogger second({}, full);
+    TreeLogger failing({}, second);
+    EXPECT_EQ(failing.run(root), TreeLogger::Result::SinkFailed);
+    EXPECT_EQ(full.lines.size(), 3U);
+
+    CollectingSink begun;
+    OperationLogger third({}, begun);
+    TreeLogger stopped({.stop = [] { return true; }}, third);
+    EXPECT_EQ(stopped.run(root), TreeLogger::Result::Stopped);
+}
+
+TEST_F(TreeLoggerTest, TreesDeeperThanTheOpenFilesAllowed) {
+    std::string name;
+    constexpr int depth = 300;
+    for (int i = 0; i < depth; ++i) {
+        name += (i ? "/d" : "d");
+        ASSERT_EQ(::mkdir(at(name).c_str(), 0700), 0);
+        write(name + "/z", std::to_string(i)); // comes after the directory "d" beside it
+    }
+    rlimit before = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    rlimit const few = {220, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    TreeLogger::Result const result = walk();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_EQ(result, TreeLogger::Result::Done);
+    EXPECT_TRUE(problems.empty());
+    EXPECT_EQ(sink.files.size(), static_cast<std::size_t>(depth));
+    EXPECT_EQ(sink.files.at(at("d/d/z")), "1");
+}
+
+/// A tree with more than what fits into the buffers of the sinks.
+class LogSinksTest : public TreeLoggerTest {
+protected:
+    void SetUp() override {
+        TreeLoggerTest::SetUp();
+        for (int i = 0; i < 40; ++i) {
+            ASSERT_EQ(::mkdir(at(std::to_string(i)).c_str(), 0700), 0);
+            for (int j = 0; j < 50; ++j)
+                write(std::to_string(i) + "/" + std::to_string(j),
+                      std::string(static_cast<std::size_t>(i * j * (j % 10 ? 1 : 100)), 'a'));
+        }
+        ASSERT_EQ(walk(), TreeLogger::Result::Done);
+        received.root = root;
+    }
+
+    CollectingSink received;
+};
+
+TEST_F(LogSinksTest, AFileHoldsTheSameLogs) {
+    std::FILE* const file = std::tmpfile();
+    LogFileSink out(::fileno(file));
+    OperationLogger logger({.source = "source", .rules = {4, 5}, .ruleSet = 6}, out);
+    TreeLogger tree({}, logger);
+    ASSERT_EQ(tree.run(root), TreeLogger::Result::Done);
+    ASSERT_TRUE(out.flush());
+    EXPECT_EQ(static_cast<std::uint64_t>(::lseek(::fileno(file), 0, SEEK_CUR)), out.bytes());
+    ::lseek(::fileno(file), 0, SEEK_SET);
+    LogReadAhead in(::fileno(file));
+    LogHeader header;
+    LogEntry log;
+    while (!in.atEnd()) {
+        ASSERT_TRUE(header.receive(in.io()));
+        EXPECT_EQ(header.source(), "source");
+        EXPECT_EQ(header.ruleIds(), (std::vector<std::uint32_t>{4, 5}));
+        ASSERT_TRUE(log.receive(in.io(), header));
+        EXPECT_EQ(log.ruleSet(), 6U);
+        EXPECT_EQ(log.sequenceNumber(), header.sequenceNumber());
+        received.apply(log);
+    }
+    EXPECT_EQ(received.lines, sink.lines);
+    EXPECT_TRUE(received.files == sink.files);
+    EXPECT_EQ(tree.counts().logs, sink.lines.size());
+    std::fclose(file);
+}
+
+TEST_F(LogSinksTest, AQueueHandsOverTheSameLogs) {
+    LogQueue queue;
+    std::thread writer([&] {
+        OperationLogger logger({}, queue);
+        EXPECT_EQ(TreeLogger({}, logger).run(root), TreeLogger::Result::Done);
+        queue.finish();
+    });
+    while (LogPointer const log = queue.take())
+        received.apply(*log);
+    writer.join();
+    EXPECT_EQ(received.lines, sink.lines);
+    EXPECT_TRUE(received.files == sink.files);
+}
+
+TEST_F(LogSinksTest, ACancelledQueueStopsTheWalk) {
+    LogQueue queue;
+    std::thread writer([&] {
+        OperationLogger logger({}, queue);
+        EXPECT_EQ(TreeLogger({}, logger).run(root), TreeLogger::Result::SinkFailed);
+        queue.finish();
+    });
+    EXPECT_NE(queue.take(), nullptr);
+    queue.cancel();
+    EXPECT_EQ(queue.take(), nullptr);
+    writer.join();
+}
+
+TEST_F(LogSinksTest, AFullDiskEndsTheWalk) {
+    int const full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(full, 0);
+    LogFileSink out(full);
+    OperationLogger logger({}, out);
+    EXPECT_EQ(TreeLogger({}, logger).run(root), TreeLogger::Result::SinkFailed);
+    EXPECT_EQ(out.error(), ENOSPC);
+    EXPECT_FALSE(out.flush());
+    ::close(full);
+}
+
+TEST(TreeLogger, AbsolutePathsAreCleanedByText) {
+    char* const current = ::get_current_dir_name();
+    std::string const here = current;
+    std::free(current);
+    EXPECT_EQ(TreeLogger::absolutePath("/"), "/");
+    EXPECT_EQ(TreeLogger::absolutePath("//a/./b//"), "/a/b");
+    EXPECT_EQ(TreeLogger::absolutePath("/a/../../b/.."), "/");
+    EXPECT_EQ(TreeLogger::absolutePath("x"), here + "/x");
+    EXPECT_EQ(TreeLogger::absolutePath(""), here);
+}
+
+} // namespace
+} // namespace Replication
