@@ -90,11 +90,11 @@ bool FreeList::create(QString const& name, std::uint64_t limit) {
     return scope.result(true);
 }
 
-bool FreeList::open(QString const& name, std::uint64_t limit) {
+bool FreeList::open(QString const& name, std::uint64_t limit, RawFile::Mode mode) {
     MORVA_METHOD("open");
     close();
     file_ = RawFile::make();
-    if (!file_->open(name, RawFile::Mode::ReadWrite)) {
+    if (!file_->open(name, mode)) {
         MORVA_TRACE(Normal) << "Failed to open file" << name << file_->lastError();
         giveUp();
         return scope.result(false);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/blocks/PageCache.h"
+#include "base/files/RawFile.h"
 
 #include <QString>
 
@@ -25,8 +26,10 @@ public:
 
     /// Makes an empty set, replacing a file that is there. `limit` is the largest number.
     [[nodiscard]] bool create(QString const& name, std::uint64_t limit);
-    /// False when the file isn't there or isn't a sound set with this limit.
-    [[nodiscard]] bool open(QString const& name, std::uint64_t limit);
+    /// False when the file isn't there or isn't a sound set with this limit. Opened `ReadOnly` it
+    /// can be looked at and no more.
+    [[nodiscard]] bool open(QString const& name, std::uint64_t limit,
+                            RawFile::Mode mode = RawFile::Mode::ReadWrite);
     /// Flushes and closes; false when something could not be written. Harmless when closed.
     bool close();
     /// Writes what changed to the file. What fails is tried again at the next flush.

@@ -102,11 +102,12 @@ bool ReferenceCount::create(QString const& name, std::uint64_t limit, std::uint6
     return scope.result(true);
 }
 
-bool ReferenceCount::open(QString const& name, std::uint64_t limit, std::uint64_t grow) {
+bool ReferenceCount::open(QString const& name, std::uint64_t limit, std::uint64_t grow,
+                          RawFile::Mode mode) {
     MORVA_METHOD("open");
     close();
     file_ = RawFile::make();
-    if (!file_->open(name, RawFile::Mode::ReadWrite)) {
+    if (!file_->open(name, mode)) {
         MORVA_TRACE(Normal) << "Failed to open file" << name << file_->lastError();
         giveUp();
         return scope.result(false);

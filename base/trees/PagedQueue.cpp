@@ -57,6 +57,16 @@ PagedQueue::PagedQueue(QString const& path, std::uint64_t pageSize, std::uint64_
         MORVA_TRACE(Always) << "Failed to open queue" << path;
 }
 
+PagedQueue::PagedQueue(QString const& path, std::uint64_t pageSize, ReadOnly)
+    : pageSize_(std::max<std::uint64_t>(pageSize, frameSize)), memory_(pageSize_), lock_(lockTexts) {
+    TracedLock lock(lock_);
+    file_ = RawFile::make();
+    open_ = file_->open(path, RawFile::Mode::ReadOnly) && file_->length() >= Header::size &&
+            readHead();
+    if (open_)
+        findTail();
+}
+
 PagedQueue::~PagedQueue() {
     if (event_ >= 0)
         ::close(event_);

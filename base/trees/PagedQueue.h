@@ -33,6 +33,10 @@ public:
     /// must fit `pageSize` bytes; `pagesInMemory` bounds what is kept in memory. Neither is
     /// allocated ahead.
     PagedQueue(QString const& path, std::uint64_t pageSize, std::uint64_t pagesInMemory);
+    /// Opens a file for a look at it that changes nothing; none is made. Of the operations only
+    /// `forEach` and `available` may be used then.
+    struct ReadOnly {};
+    PagedQueue(QString const& path, std::uint64_t pageSize, ReadOnly);
     ~PagedQueue();
 
     /// Whether the file could be opened or made.
