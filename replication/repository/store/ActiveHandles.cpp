@@ -81,6 +81,7 @@ ActiveHandle::Pointer ActiveHandles::create(DirKey& key, QStringList const& path
     ActiveHandle::Pointer handle = enter(id, node);
     if (!enterInDirectory(key, *handle, path, liveOnly)) {
         // With the last pointer the node goes, and with it what was made of its contents.
+        store_.directories().forget(id);
         store_.pointers().freeId(id);
         handle->fileNode()->releaseVersion();
         key.fileId({});

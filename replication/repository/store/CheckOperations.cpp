@@ -150,7 +150,6 @@ bool Directories::checkRemove(DirKey& key) {
         return false;
     }
     MORVA_TRACE(Debug) << "BTree Removed" << key.name();
-    count(key, false);
     dropObject(key);
     return true;
 }

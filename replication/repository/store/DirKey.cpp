@@ -42,6 +42,19 @@ DirKey::DirKey(DirKey const& other, FileId directory, QString const& name)
     rehash();
 }
 
+std::optional<DirKey> DirKey::decode(Extent const& stored) {
+    if (stored.size < fixedSize)
+        return std::nullopt;
+    auto const* const bytes = stored.bytes();
+    std::uint64_t const length = loadLittle<std::uint32_t>(bytes + nameLengthAt);
+    if (fixedSize + 2 * length != stored.size)
+        return std::nullopt;
+    QString name(static_cast<qsizetype>(length), Qt::Uninitialized);
+    std::memcpy(name.data(), bytes + nameAt, 2 * length);
+    DirKey key(FileId{loadLittle<std::uint64_t>(bytes + directoryIdAt)}, name, 0);
+    return key.restore(stored) ? std::optional(key) : std::nullopt;
+}
+
 DirKey DirKey::root(FileId rootId) {
     DirKey key(rootId, QString(), directoryType);
     key.fileId(rootId);

@@ -6,6 +6,7 @@
 #include <QString>
 
 #include <cstdint>
+#include <optional>
 
 namespace Replication {
 
@@ -37,6 +38,9 @@ public:
     /// `name` must be in the store's normal form (`Directories::key` sees to that). The link id is
     /// 1 if `type` isn't 0.
     DirKey(FileId directory, QString const& name, std::uint32_t type);
+    /// The key that a stored form holds, with the hash as it stands there; nothing when the form's
+    /// lengths don't fit each other.
+    [[nodiscard]] static std::optional<DirKey> decode(Morva::Extent const& stored);
     /// The object of another key under another name.
     DirKey(DirKey const& other, FileId directory, QString const& name);
     DirKey(DirKey const&) = default;

@@ -31,8 +31,9 @@ enum class PathMode : std::uint32_t { DoNotBuildPath = 0, BuildPath = 1 };
 /// is the damage that a crash in between leaves; `validDirectory` finds it. A failure in the page
 /// half leaves the tree as it was.
 ///
-/// The counts of files and directories in the control block are kept here and nowhere else:
-/// `insert` counts a name, every removal of a name takes one off. liveOnly names aren't counted.
+/// The counts of files and directories in the control block: `insert` counts a name,
+/// `Store::removeFileId`, which ends every removal of a name, takes one off, and a rename nets to
+/// nothing. liveOnly names aren't counted.
 ///
 /// For the one writer thread of the live tree; the tree itself stands behind a leaf lock, so that
 /// statistics may read its figures from any thread. Reading directories of snapshots is in
@@ -73,7 +74,8 @@ public:
     [[nodiscard]] bool insert(NotToBackup::OpType opType, ActiveHandle& directory, DirKey& key,
                               QString const& name);
     /// Takes the entry and the key of a name away that `find` has filled in. Without `force` a
-    /// directory must be empty.
+    /// directory must be empty. The object and the counts are left to the caller: `removeLink` is
+    /// the whole removal.
     [[nodiscard]] bool remove(DirKey& key, bool force);
     /// Writes the key's liveOnly bit and type to its entry and the tree, and counts the change.
     [[nodiscard]] bool liveOnly(DirKey& key);
@@ -125,6 +127,8 @@ public:
     /// Forgets open directories and their indexes, and gives up their handles: to be called before
     /// a snapshot, a save of state or a close.
     void forget() { open_.clear(); }
+    /// The same for one directory, whose id is about to go.
+    void forget(FileId directory) { open_.drop(directory); }
 
 private:
     struct DiscardFrame;

@@ -122,7 +122,6 @@ bool Directories::remove(DirKey& key, bool force) {
     }
     if (!open->writePage())
         return false;
-    count(key, false);
     if (!treeRemove(key)) {
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to remove" << key.name();
         return false;

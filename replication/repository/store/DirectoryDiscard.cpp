@@ -132,7 +132,6 @@ bool Directories::discardEntry(DiscardFrame& frame, DirectoryEntry const& entry,
         return false;
     }
     MORVA_TRACE(Debug) << "Removed from tree" << name;
-    count(key, false);
     dropObject(key);
     return true;
 }

@@ -31,7 +31,8 @@ void packEntry(PackBuffer& record, Store const& store, DirectoryEntry const& ent
     record.append(entry.name().toString());
     if (fileHandles) {
         FileHandle handle = store.fileHandle(entry.fileId(), instance, FileHandle::Passive);
-        handle.link = entry.link();
+        if (entry.link() > LinkId{1}) // link 1 goes out as 0, as in every handle
+            handle.link = entry.link();
         auto const bytes = handle.encode();
         record.append(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
     }

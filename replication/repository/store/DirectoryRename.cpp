@@ -84,6 +84,7 @@ bool Directories::moveName(NotToBackup::OpType opType, ActiveHandle& handle, Dir
             (void)setParent(handle, from.directoryId());
         return false;
     }
+    count(from, false);
     if (insert(opType, target->handle(), to, toName))
         return true;
     MORVA_TRACE(Always) << "Failed to insert" << toName << "back to" << fromName;

@@ -17,6 +17,15 @@ QString shown(QStringList const& path) {
     return path.join(QLatin1Char('/'));
 }
 
+bool isBelow(Directories const& directories, QStringList const& path, QStringList const& above) {
+    if (path.size() <= above.size())
+        return false;
+    for (qsizetype i = 0; i < above.size(); ++i)
+        if (directories.normal(path[i]) != directories.normal(above[i]))
+            return false;
+    return true;
+}
+
 } // namespace
 
 PathOperations::PathOperations(Store& store) : store_(store) {}
@@ -266,6 +275,11 @@ bool PathOperations::rename(FileContext const& context, NotToBackup const& exclu
     Directories::Located source = directories.locate(from, PathMode::DoNotBuildPath);
     if (!source.found || from.isEmpty()) {
         MORVA_TRACE(Always) << "Path" << shown(from) << "does not exists";
+        return scope.result(false);
+    }
+    // Before the destination is removed: it could hold the source, or lie in it.
+    if (isBelow(directories, to, from) || isBelow(directories, from, to)) {
+        MORVA_TRACE(Always) << "Cannot move a directory below itself" << shown(from) << shown(to);
         return scope.result(false);
     }
     ActiveHandle::Pointer const handle = store_.activeHandles().get(source.key.fileId());

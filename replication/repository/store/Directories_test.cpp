@@ -1,0 +1,384 @@
+#include "replication/repository/store/Directories.h"
+
+#include "base/messages/XmlList.h"
+#include "replication/repository/store/DirectoriesFixture.h"
+#include "replication/repository/store/DirectoryScan.h"
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <random>
+
+namespace Replication {
+namespace {
+
+using Directories_ = DirectoriesFixture;
+
+std::map<QString, FileId> namesOf(FileNode& node) {
+    std::map<QString, FileId> result;
+    DirectoryScan scan(node, {}, "test");
+    while (scan.nextName())
+        result.emplace(scan.entry().name().toString(), scan.entry().fileId());
+    EXPECT_FALSE(scan.failed());
+    return result;
+}
+
+TEST_F(Directories_, SplittingTheParentEntryMakesTheFirstSlot) {
+    FileId const id = make(root(), "first");
+    DirKey const key = found(root(), "first");
+    EXPECT_EQ(key.fileId(), id);
+    EXPECT_EQ(key.position(), 32u);
+    EXPECT_EQ(files(), 1u);
+    EXPECT_EQ(folders(), 0u);
+}
+
+TEST_F(Directories_, NameThatDoesNotFitAPageIsRefused) {
+    EXPECT_TRUE(make(root(), QString(2033, 'x')));
+    EXPECT_EQ(found(root(), QString(2033, 'x')).position(), 4096u);
+    for (int length : {2034, 4064, 4065, 70000}) {
+        EXPECT_FALSE(make(root(), QString(length, 'x'))) << length;
+        EXPECT_FALSE(exists(root(), QString(length, 'x')));
+    }
+    EXPECT_FALSE(make(root(), ""));
+    EXPECT_EQ(files(), 1u);
+    EXPECT_TRUE(valid(root()));
+}
+
+TEST_F(Directories_, FreedFirstEntryOfAPageIsTakenWhole) {
+    ASSERT_TRUE(make(root(), QString(2033, 'a')));
+    ASSERT_TRUE(removeName(root(), QString(2033, 'a')));
+    ASSERT_TRUE(make(root(), QString(2032, 'b')));
+    DirKey const key = found(root(), QString(2032, 'b'));
+    EXPECT_EQ(key.position(), 4096u);
+    EXPECT_EQ(node(root())->size(), 8192u);
+}
+
+TEST_F(Directories_, CaseInsensitiveStoreKeepsTheFirstSpelling) {
+    make(false);
+    FileId const id = make(root(), "ReadMe");
+    EXPECT_EQ(found(root(), "README").fileId(), id);
+    EXPECT_EQ(namesOf(*node(root())).begin()->first, QString("ReadMe"));
+    // Lower case of this one isn't what a comparison by character takes for equal.
+    QString const dotted = QString(QChar(0x130)) + "x";
+    ASSERT_TRUE(make(root(), dotted));
+    EXPECT_TRUE(valid(root()));
+    EXPECT_TRUE(removeName(root(), dotted));
+    EXPECT_TRUE(removeName(root(), "readME"));
+    EXPECT_EQ(files(), 0u);
+}
+
+TEST_F(Directories_, DirectoryWithNamesIsRemovedByForceOrUnlinkAlone) {
+    FileId const folder = make(root(), "folder", directoryType);
+    ASSERT_TRUE(make(folder, "inside"));
+    EXPECT_FALSE(directories().emptyDirectory(found(root(), "folder")));
+    EXPECT_FALSE(removeName(root(), "folder"));
+    EXPECT_TRUE(exists(root(), "folder"));
+    DirKey key = found(root(), "folder");
+    // Only the stream goes, not what the directory holds.
+    EXPECT_FALSE(directories().unlink(key, *handle(folder), "Ea"));
+    EXPECT_TRUE(exists(folder, "inside"));
+    EXPECT_TRUE(directories().unlink(key, *handle(folder), "Data"));
+    EXPECT_FALSE(exists(root(), "folder"));
+    EXPECT_FALSE(exists(folder, "inside"));
+    EXPECT_EQ(files() + folders(), 0u);
+    DirKey top = DirKey::root(root());
+    EXPECT_FALSE(directories().unlink(top, *handle(root()), "Data"));
+}
+
+TEST_F(Directories_, UnlinkOfANameThatStandsForAnotherFileChangesNothing) {
+    FileId const first = make(root(), "name");
+    DirKey key = found(root(), "name");
+    auto const open = handle(first);
+    ASSERT_TRUE(removeName(root(), "name"));
+    EXPECT_TRUE(directories().unlink(key, *open, "Data"));
+    FileId const second = make(root(), "name");
+    ASSERT_NE(first, second);
+    EXPECT_TRUE(directories().unlink(key, *open, "Data"));
+    EXPECT_EQ(found(root(), "name").fileId(), second);
+}
+
+TEST_F(Directories_, RemoveOfAKeyThatDoesNotMatchThePageLeavesTheTree) {
+    ASSERT_TRUE(make(root(), "a"));
+    ASSERT_TRUE(make(root(), "b"));
+    DirKey const a = found(root(), "a");
+    struct {
+        std::uint64_t position;
+        FileId id;
+    } const cases[] = {{found(root(), "b").position(), a.fileId()},
+                       {a.position(), FileId{a.fileId().value + 1}},
+                       {a.position() + 4, a.fileId()},
+                       {4092, a.fileId()},
+                       {1ULL << 40, a.fileId()}};
+    for (auto const& one : cases) {
+        DirKey key = a;
+        key.position(one.position);
+        key.fileId(one.id);
+        EXPECT_FALSE(directories().remove(key, false)) << one.position;
+        EXPECT_TRUE(exists(root(), "a"));
+        EXPECT_TRUE(valid(root()));
+    }
+}
+
+TEST_F(Directories_, LocateWalksAndBuildsPaths) {
+    auto located = directories().locate({}, PathMode::DoNotBuildPath);
+    EXPECT_TRUE(located.found);
+    EXPECT_EQ(located.key.fileId(), root());
+    located = directories().locate({"a", "b", "c"}, PathMode::DoNotBuildPath);
+    EXPECT_FALSE(located.found || located.parentFound);
+    EXPECT_EQ(folders(), 0u);
+    located = directories().locate({"a", "b", "c"}, PathMode::BuildPath);
+    EXPECT_FALSE(located.found);
+    ASSERT_TRUE(located.parentFound);
+    EXPECT_EQ(located.parent.name(), QString("b"));
+    EXPECT_EQ(folders(), 2u);
+    EXPECT_TRUE(node(located.parent.fileId())->placeHolder());
+    ASSERT_TRUE(make(located.parent.fileId(), "c"));
+    EXPECT_TRUE(directories().locate({"a", "b", "c"}, PathMode::DoNotBuildPath).found);
+    located = directories().locate({"a", "b", "c", "d"}, PathMode::BuildPath);
+    EXPECT_FALSE(located.found || located.parentFound);
+}
+
+TEST_F(Directories_, RenameMovesAndReplaces) {
+    FileId const from = make(root(), "from", directoryType);
+    FileId const to = make(root(), "to", directoryType);
+    FileId const folder = make(from, "folder", directoryType);
+    ASSERT_TRUE(make(folder, "inside"));
+    ASSERT_TRUE(make(to, "empty", directoryType));
+    ASSERT_TRUE(make(to, "full", directoryType));
+    ASSERT_TRUE(make(found(to, "full").fileId(), "x"));
+    std::uint64_t const before = folders();
+
+    EXPECT_TRUE(move(from, "folder", from, "folder"));
+    EXPECT_FALSE(move(from, "folder", to, "full"));
+    EXPECT_TRUE(exists(from, "folder") && exists(to, "full"));
+    EXPECT_TRUE(move(from, "folder", to, "empty"));
+    EXPECT_EQ(found(to, "empty").fileId(), folder);
+    EXPECT_TRUE(exists(folder, "inside"));
+    EXPECT_EQ(parentOf(*node(folder)), to);
+    EXPECT_EQ(folders(), before - 1);
+    EXPECT_FALSE(exists(from, "folder"));
+    for (FileId id : {root(), from, to, folder})
+        EXPECT_TRUE(valid(id));
+
+    DirKey absent = directories().key(from, "absent");
+    DirKey target = directories().key(to, "absent");
+    EXPECT_FALSE(
+        directories().rename(NotToBackup::eNothing, *handle(folder), absent, target, "absent"));
+    DirKey key = found(to, "empty");
+    DirKey tooLong = directories().key(from, QString(2034, 'n'));
+    EXPECT_FALSE(directories().rename(NotToBackup::eNothing, *handle(folder), key, tooLong,
+                                      QString(2034, 'n')));
+    EXPECT_TRUE(exists(to, "empty"));
+}
+
+TEST_F(Directories_, DirectoryCannotMoveBelowItself) {
+    FileId const a = make(root(), "a", directoryType);
+    FileId const b = make(a, "b", directoryType);
+    FileId const c = make(b, "c", directoryType);
+    EXPECT_FALSE(move(root(), "a", a, "self"));
+    EXPECT_FALSE(move(root(), "a", c, "below"));
+    EXPECT_FALSE(move(a, "b", c, "below"));
+    EXPECT_TRUE(move(b, "c", root(), "c"));
+    EXPECT_TRUE(move(root(), "a", c, "a"));
+    EXPECT_TRUE(directories().locate({"c", "a", "b"}, PathMode::DoNotBuildPath).found);
+}
+
+TEST_F(Directories_, LinksCountTheirNames) {
+    FileId const id = make(root(), "one");
+    DirKey key = found(root(), "one");
+    EXPECT_FALSE(directories().link(NotToBackup::eNothing, key, {}));
+    EXPECT_FALSE(directories().link(NotToBackup::eNothing, key, {"one"}));
+    EXPECT_TRUE(directories().link(NotToBackup::eNothing, key, {"new", "two"}));
+    DirKey folder = found(root(), "new");
+    EXPECT_FALSE(directories().link(NotToBackup::eNothing, folder, {"three"}));
+    DirKey const two = found(folder.fileId(), "two");
+    EXPECT_EQ(two.fileId(), id);
+    EXPECT_EQ(two.linkId(), LinkId{2});
+    EXPECT_EQ(files(), 2u);
+    ASSERT_TRUE(removeName(root(), "one"));
+    EXPECT_EQ(files(), 1u);
+    EXPECT_EQ(handle(id)->linkCount(), 1u);
+    ASSERT_TRUE(removeName(folder.fileId(), "two"));
+    EXPECT_EQ(files(), 0u);
+    EXPECT_FALSE(handle(id));
+}
+
+TEST_F(Directories_, DeepTreeIsDiscarded) {
+    FileId const top = make(root(), "top", directoryType);
+    FileId parent = top;
+    for (int level = 0; level < 3000; ++level) {
+        parent = make(parent, "d", directoryType);
+        ASSERT_TRUE(parent);
+    }
+    ASSERT_TRUE(make(parent, "file"));
+    DirKey key = found(root(), "top");
+    EXPECT_TRUE(directories().unlink(key, *handle(top), "Data"));
+    EXPECT_EQ(files() + folders(), 0u);
+    EXPECT_EQ(directories().keyCount(), 0u);
+}
+
+TEST_F(Directories_, DiscardKeepsWhatTheTreeDoesNotKnow) {
+    FileId const folder = make(root(), "folder", directoryType);
+    for (char const* name : {"a", "b", "c", "d"})
+        ASSERT_TRUE(make(folder, name));
+    // An entry that has no key is what a crash can leave.
+    auto open = handle(folder);
+    auto stream = node(folder)->openStream("Data");
+    std::uint64_t const strange = 99;
+    ASSERT_TRUE(open->write(LinkId{1}, stream, found(folder, "b").position() + 8, &strange, 8, 0));
+    directories().forget();
+    EXPECT_FALSE(valid(folder));
+    EXPECT_FALSE(directories().discardDirectory(*open));
+    EXPECT_EQ(namesOf(*node(folder)).size(), 1u);
+    EXPECT_TRUE(namesOf(*node(folder)).contains("b"));
+}
+
+TEST_F(Directories_, RulesTakeOutWhatIsExcludedAndMarkWhatIsLiveOnly) {
+    FileId const folder = make(root(), "folder", directoryType);
+    FileId const deep = make(folder, "deep", directoryType);
+    FileId const gone = make(folder, "gone", directoryType);
+    ASSERT_TRUE(make(gone, "below"));
+    for (int i = 0; i < 300; ++i)
+        ASSERT_TRUE(make(deep, QString("file%1.%2")
+                                   .arg(i)
+                                   .arg(i % 3 == 0   ? "tmp"
+                                        : i % 3 == 1 ? "log"
+                                                     : "txt")));
+    Morva::XmlList details;
+    NotToBackup::addEntry(details, "*.tmp", false, false);
+    NotToBackup::addEntry(details, "*.log", false, true);
+    NotToBackup::addEntry(details, "gone", true, false);
+    QStringList path{"folder"};
+    directories().checkOperations(NotToBackup(details, true), *handle(folder), path);
+    EXPECT_EQ(path, QStringList{"folder"});
+    EXPECT_FALSE(exists(folder, "gone"));
+    EXPECT_FALSE(exists(gone, "below"));
+    EXPECT_FALSE(exists(deep, "file0.tmp"));
+    EXPECT_TRUE(found(deep, "file1.log").liveOnly());
+    EXPECT_FALSE(found(deep, "file2.txt").liveOnly());
+    EXPECT_EQ(namesOf(*node(deep)).size(), 200u);
+    EXPECT_EQ(files(), 100u);
+    EXPECT_EQ(folders(), 2u);
+    EXPECT_TRUE(valid(deep));
+    // Without rules all marks go again.
+    directories().checkOperations(NotToBackup(), *handle(folder), path);
+    EXPECT_FALSE(found(deep, "file1.log").liveOnly());
+    EXPECT_EQ(files(), 200u);
+}
+
+TEST_F(Directories_, LargeDirectoryCostsTheSamePerName) {
+    constexpr int count = 20000;
+    using Clock = std::chrono::steady_clock;
+    FileId const folder = make(root(), "folder", directoryType);
+    auto const parent = handle(folder);
+    auto const started = Clock::now();
+    for (int i = 0; i < count; ++i) {
+        DirKey key = directories().key(folder, QString("name-%1").arg(i), fileType);
+        key.fileId(FileId{1000U + i});
+        ASSERT_TRUE(
+            directories().insert(NotToBackup::eNothing, *parent, key, QString("name-%1").arg(i)));
+    }
+    auto const inserted = Clock::now();
+    ASSERT_TRUE(valid(folder));
+    for (int i = count - 1; i >= 0; --i) {
+        DirKey key = found(folder, QString("name-%1").arg(i));
+        ASSERT_TRUE(directories().remove(key, true));
+    }
+    auto const removed = Clock::now();
+    EXPECT_TRUE(directories().emptyDirectory(found(root(), "folder")));
+    auto const perName = [](auto time) {
+        return std::chrono::duration<double, std::micro>(time).count() / count;
+    };
+    std::printf("insert %.1f us, remove %.1f us a name\n", perName(inserted - started),
+                perName(removed - inserted));
+}
+
+/// Random changes of a small tree against a map; snapshots keep copies of the map.
+TEST_F(Directories_, RandomChangesMatchAModelAndItsSnapshots) {
+    std::uint32_t const seed = std::random_device{}();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    using Tree = std::map<FileId, std::map<QString, FileId>>;
+    Tree model{{root(), {}}};
+    for (int i = 0; i < 3; ++i) {
+        QString const name = QString("dir%1").arg(i);
+        FileId const id = make(root(), name, directoryType);
+        model[root()][name] = id;
+        model[id] = {};
+    }
+    std::vector<std::pair<Instance, Tree>> snapshots;
+    auto const some = [&](auto& map) { return std::next(map.begin(), random() % map.size()); };
+    auto const someName = [&] {
+        return QString("n%1").arg(random() % 400) + QString(random() % 60, 'x');
+    };
+    for (int step = 0; step < 3000; ++step) {
+        auto directory = some(model);
+        auto& names = directory->second;
+        QString const name = someName();
+        std::uint32_t const choice = random() % 10;
+        if (choice < 5 && !names.contains(name)) {
+            FileId const id = make(directory->first, name);
+            ASSERT_TRUE(id);
+            names[name] = id;
+        } else if (choice < 7 && !names.empty()) {
+            auto const victim = some(names);
+            if (!model.contains(victim->second)) {
+                ASSERT_TRUE(removeName(directory->first, victim->first));
+                names.erase(victim);
+            }
+        } else if (choice < 9 && !names.empty()) {
+            auto const source = some(names);
+            auto target = some(model);
+            if (!model.contains(source->second)) {
+                FileId const id = source->second;
+                auto const there = target->second.find(name);
+                bool const onDirectory =
+                    there != target->second.end() && model.contains(there->second);
+                if (!onDirectory) {
+                    bool const same = target == directory && name == source->first;
+                    ASSERT_TRUE(move(directory->first, source->first, target->first, name));
+                    if (!same) {
+                        names.erase(source);
+                        target->second[name] = id;
+                    }
+                }
+            }
+        } else if (choice == 9 && !names.empty()) {
+            auto const source = some(names);
+            auto target = some(model);
+            if (!model.contains(source->second) && !target->second.contains(name)) {
+                DirKey key = found(directory->first, source->first);
+                DirKey folder = DirKey::root(root());
+                QStringList path{name};
+                for (auto const& [text, id] : model[root()])
+                    if (id == target->first)
+                        path.prepend(text);
+                ASSERT_TRUE(directories().link(NotToBackup::eNothing, key, path));
+                target->second[name] = source->second;
+            }
+        }
+        if (step % 500 == 499) {
+            snapshots.emplace_back(snapshot(), model);
+            for (auto const& [id, expected] : model) {
+                ASSERT_TRUE(valid(id));
+                ASSERT_EQ(namesOf(*node(id)), expected);
+            }
+        }
+    }
+    std::uint64_t total = 0;
+    for (auto const& [id, names] : model)
+        total += names.size();
+    EXPECT_EQ(files() + folders(), total);
+    EXPECT_EQ(directories().keyCount(), total);
+    for (auto const& [instance, tree] : snapshots)
+        for (auto const& [id, expected] : tree) {
+            auto const version = store().passiveHandle(id, instance);
+            ASSERT_TRUE(version);
+            EXPECT_EQ(namesOf(*version), expected);
+            for (auto const& [name, file] : expected)
+                EXPECT_EQ(store().snapshotDirectories().findName(id, instance, name), file);
+        }
+}
+
+} // namespace
+} // namespace Replication
