@@ -58,11 +58,13 @@ PagedQueue::PagedQueue(QString const& path, std::uint64_t pageSize, std::uint64_
 }
 
 PagedQueue::PagedQueue(QString const& path, std::uint64_t pageSize, ReadOnly)
-    : pageSize_(std::max<std::uint64_t>(pageSize, frameSize)), memory_(pageSize_), lock_(lockTexts) {
+    : pageSize_(std::max<std::uint64_t>(pageSize, frameSize)),
+      memory_(pageSize_),
+      lock_(lockTexts) {
     TracedLock lock(lock_);
     file_ = RawFile::make();
-    open_ = file_->open(path, RawFile::Mode::ReadOnly) && file_->length() >= Header::size &&
-            readHead();
+    open_ =
+        file_->open(path, RawFile::Mode::ReadOnly) && file_->length() >= Header::size && readHead();
     if (open_)
         findTail();
 }

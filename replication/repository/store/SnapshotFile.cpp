@@ -94,7 +94,7 @@ SnapshotFile::SnapshotFile(QString const& directory, Instance instance) : reader
     auto file = RawFile::make();
     bool good = false;
     if (file->open(path_, RawFile::Mode::ReadWrite)) {
-        good = load(*file);
+        good = load(*file, false);
     } else {
         MORVA_TRACE(Normal) << "Create" << path_ << "as it does not exist";
         good = create(*file);
@@ -102,6 +102,15 @@ SnapshotFile::SnapshotFile(QString const& directory, Instance instance) : reader
     file->close();
     if (!good)
         instance_ = {};
+}
+
+SnapshotFile::SnapshotFile(QString const& directory, Instance instance, ReadOnly)
+    : reader_(readBuffer) {
+    path_ = directory + QLatin1Char('/') + fileName(instance);
+    auto file = RawFile::make();
+    if (instance && file->open(path_, RawFile::Mode::ReadOnly) && load(*file, true))
+        instance_ = instance;
+    file->close();
 }
 
 SnapshotFile::~SnapshotFile() {
@@ -122,7 +131,7 @@ Instance SnapshotFile::fromFileName(QString const& name) {
     return Instance{digits.toUInt()};
 }
 
-bool SnapshotFile::load(RawFile& file) {
+bool SnapshotFile::load(RawFile& file, bool readOnly) {
     std::vector<std::uint8_t> bytes(wholeHeader);
     std::uint32_t const count = file.readAt(0, bytes.data(), wholeHeader);
     if (count < oldHeader) {
@@ -130,8 +139,10 @@ bool SnapshotFile::load(RawFile& file) {
         return false;
     }
     std::memcpy(header_.data(), bytes.data(), headerSize);
-    if (wide(header_.data(), atDeleteOffset) == 0)
-        return convert(file);
+    if (wide(header_.data(), atDeleteOffset) == 0) {
+        convertHeader();
+        return readOnly || convert(file);
+    }
     if (wide(header_.data(), atDeleteOffset) < oldHeader) {
         MORVA_TRACE(Always) << "Failed to read snapshot header";
         return false;
@@ -153,7 +164,7 @@ void SnapshotFile::loadLabel(std::uint8_t const* bytes, std::uint32_t count) {
     std::memcpy(label_.data(), bytes + atLabel, std::size_t{2} * size);
 }
 
-bool SnapshotFile::convert(RawFile& file) {
+void SnapshotFile::convertHeader() {
     auto const changed =
         static_cast<std::uint32_t>(QFileInfo(path_).lastModified().toSecsSinceEpoch());
     setWord(header_, atVersion, 0);
@@ -161,6 +172,9 @@ bool SnapshotFile::convert(RawFile& file) {
     setWord(header_, atSourceTime, changed);
     setWord(header_, atRepositoryTime, changed);
     setWord(header_, atLabelSize, 0);
+}
+
+bool SnapshotFile::convert(RawFile& file) {
     // The header of the old layout ends where the entries begin, so it is written whole.
     std::array<std::uint8_t, oldHeader> image{};
     std::memcpy(image.data(), header_.data(), headerSize);

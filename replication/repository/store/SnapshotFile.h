@@ -90,6 +90,10 @@ public:
     /// Opens the file of an instance below `directory`, or makes it where there is none. On failure
     /// `instance()` is 0, and every operation does nothing and returns false.
     SnapshotFile(QString const& directory, Instance instance);
+    /// For a look at a file that must not change: none is made and none is converted. Of the
+    /// operations only those that read may be used.
+    struct ReadOnly {};
+    SnapshotFile(QString const& directory, Instance instance, ReadOnly);
     ~SnapshotFile();
     SnapshotFile(SnapshotFile const&) = delete;
     SnapshotFile& operator=(SnapshotFile const&) = delete;
@@ -184,9 +188,10 @@ public:
     [[nodiscard]] static QString typeText(SnapshotType type);
 
 private:
-    [[nodiscard]] bool load(Morva::RawFile& file);
+    [[nodiscard]] bool load(Morva::RawFile& file, bool readOnly);
     void loadLabel(std::uint8_t const* bytes, std::uint32_t count);
     [[nodiscard]] bool convert(Morva::RawFile& file);
+    void convertHeader();
     [[nodiscard]] bool create(Morva::RawFile& file);
     template <class T> [[nodiscard]] T read(T (*get)(std::uint8_t const* header)) const;
     void labelLocked(QString const& text) MORVA_REQUIRES(lock_);

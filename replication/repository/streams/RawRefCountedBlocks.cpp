@@ -152,20 +152,26 @@ void RawRefCountedBlocks::growStep(std::uint64_t growSize) {
         growBlocks_ = 0;
 }
 
+bool RawRefCountedBlocks::readControl(RawFile& file, Control& control) {
+    std::array<std::uint8_t, controlSize> bytes{};
+    if (file.readAt(0, bytes.data(), controlSize) != controlSize) {
+        MORVA_TRACE(Always) << "Failed to read enough data at begining of file" << file.name();
+        return false;
+    }
+    control.nextBlock = loadLittle<std::uint64_t>(&bytes[nextBlockAt]);
+    control.mask = loadLittle<std::uint64_t>(&bytes[maskAt]);
+    control.blockSize = loadLittle<std::uint32_t>(&bytes[blockSizeAt]);
+    return control.blockSize >= controlSize && control.nextBlock != 0 && control.mask != 0 &&
+           (control.mask & (control.mask + 1)) == 0;
+}
+
 bool RawRefCountedBlocks::getControl() {
-    std::array<std::uint8_t, controlSize> bytes;
-    if (!file_->setPosition(0, RawFile::Where::Start)) {
-        MORVA_TRACE(Always) << "Failed to position to begining of file" << name_;
-        return false;
-    }
-    if (file_->read(bytes.data(), controlSize) != controlSize) {
-        MORVA_TRACE(Always) << "Failed to read enough data at begining of file" << name_;
-        return false;
-    }
-    nextBlock_ = loadLittle<std::uint64_t>(&bytes[nextBlockAt]);
-    mask_ = loadLittle<std::uint64_t>(&bytes[maskAt]);
-    blockSize_ = loadLittle<std::uint32_t>(&bytes[blockSizeAt]);
-    return blockSize_ >= controlSize && nextBlock_ != 0 && mask_ != 0 && (mask_ & (mask_ + 1)) == 0;
+    Control control;
+    bool const sound = readControl(*file_, control);
+    nextBlock_ = control.nextBlock;
+    mask_ = control.mask;
+    blockSize_ = control.blockSize;
+    return sound;
 }
 
 bool RawRefCountedBlocks::flushControl() {

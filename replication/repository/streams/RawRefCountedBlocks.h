@@ -54,6 +54,15 @@ public:
                               bool randomAccess);
     /// False, with all three closed, when one is missing or damaged. None is made.
     [[nodiscard]] bool open(QString const& path, std::uint64_t growSize, bool randomAccess);
+    /// The control block of a file that nobody need have open.
+    struct Control {
+        std::uint64_t nextBlock = 0;
+        std::uint64_t mask = 0;
+        std::uint32_t blockSize = 0;
+    };
+    /// Reads it from the open ".blocks". False when it can't be read or isn't sound; `control` has
+    /// what was read.
+    [[nodiscard]] static bool readControl(Morva::RawFile& file, Control& control);
     /// Whether there is no ".blocks", or one that a `create` left before it was done.
     [[nodiscard]] static bool unfinished(QString const& path);
     /// Writes what is in memory and closes; false if anything could not be written.
