@@ -45,7 +45,6 @@ private:
     [[nodiscard]] bool opEaRemovePosix(LogEntry const& log);
     [[nodiscard]] bool opWritePath(LogEntry const& log);
     [[nodiscard]] bool opRename(LogEntry const& log);
-    [[nodiscard]] bool renameInside(LogEntry const& log, Place const& from, Place const& to);
     [[nodiscard]] bool writeOp(LogEntry const& log);
     [[nodiscard]] bool CloseOp(LogEntry const& log);
 

@@ -139,7 +139,8 @@ bool RepositoryPosix::opRename(LogEntry const& log) {
         return false;
     if (from.space == Space::Inside && to.space == Space::Inside) {
         MORVA_TRACE(Normal) << "Rename - from and to both in replication space";
-        if (renameInside(log, from, to))
+        if (store().paths().rename(context(log, to.path, to.opType), notToBackup(), from.path,
+                                   to.path))
             return true;
         MORVA_TRACE(Always) << "Failed to rename" << from.path.join(u'/') << to.path.join(u'/');
         return false;
@@ -157,20 +158,6 @@ bool RepositoryPosix::opRename(LogEntry const& log) {
         addResyncPath(to.path.join(u'/'), false);
     }
     return true;
-}
-
-bool RepositoryPosix::renameInside(LogEntry const& log, Place const& from, Place const& to) {
-    auto const context = this->context(log, to.path, to.opType);
-    auto const source = store().directories().locate(from.path, PathMode::DoNotBuildPath);
-    auto const there = store().directories().locate(to.path, PathMode::DoNotBuildPath);
-    if (source.found && there.found) {
-        // Two names of one file: rename(2) leaves both.
-        if (source.key.fileId() == there.key.fileId())
-            return true;
-        if (!store().paths().unlink(context, to.path))
-            return false;
-    }
-    return store().paths().rename(context, notToBackup(), from.path, to.path);
 }
 
 } // namespace Replication

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <QByteArray>
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <vector>
+
+namespace Morva::Model {
+
+inline constexpr std::uint64_t blockSize = 4096;
+using Block = std::array<std::uint8_t, blockSize>;
+
+/// The content of a file: a size, and those blocks that were ever written. What lies in no block
+/// is zero. Bytes of a block behind the size are zero too.
+class Content {
+public:
+    [[nodiscard]] std::uint64_t size() const { return size_; }
+    void write(std::uint64_t offset, QByteArray const& data);
+    void truncate(std::uint64_t size);
+    [[nodiscard]] std::map<std::uint64_t, Block> const& blocks() const { return blocks_; }
+
+private:
+    std::uint64_t size_ = 0;
+    std::map<std::uint64_t, Block> blocks_;
+};
+
+enum class Kind { Directory, File, Symlink, Special };
+
+struct Object;
+using ObjectPointer = std::shared_ptr<Object>;
+
+/// One inode. Several names may lead to one object that is no directory.
+struct Object {
+    Kind kind = Kind::File;
+    std::uint32_t mode = 0;
+    std::uint32_t uid = 0;
+    std::uint32_t gid = 0;
+    std::uint64_t device = 0;
+    std::uint32_t modified = 0;
+    /// A directory's own time is known only after it was set: no log tells of its changes.
+    bool modifiedKnown = true;
+    std::uint32_t links = 1;
+    QByteArray target;
+    std::map<QByteArray, QByteArray> attributes;
+    Content content;
+    std::map<QByteArray, ObjectPointer> names;
+};
+
+/// An independent copy of a tree in which two names of one object are so again.
+[[nodiscard]] ObjectPointer clone(ObjectPointer const& root);
+
+/// A directory and a name in it.
+struct Name {
+    ObjectPointer directory;
+    QByteArray path; ///< whole path below the root, without a slash in front
+    QByteArray name;
+    ObjectPointer object;
+};
+
+/// Every name of a tree but the root, parents before what is in them.
+[[nodiscard]] std::vector<Name> allNames(ObjectPointer const& root);
+
+} // namespace Morva::Model

@@ -1,0 +1,562 @@
+#include "peers/model/Player.h"
+
+#include "peers/check/Checker.h"
+#include "replication/repository/store/SnapshotList.h"
+#include "replication/repository/store/Store.h"
+
+#include <QDir>
+
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <stdexcept>
+
+namespace Morva::Model {
+
+using Replication::Instance;
+using Replication::LogBuilder;
+using Replication::LogSourceOptions;
+using Replication::OperationLogger;
+
+namespace {
+
+constexpr char const* storeName = "model";
+constexpr char const* sourceRoot = "/src";
+constexpr char const* workName = "r";
+
+void must(bool done, char const* what) {
+    if (!done)
+        throw std::runtime_error(std::string("failed: ") + what);
+}
+
+Extent view(QByteArray const& bytes) {
+    return Extent(bytes);
+}
+
+} // namespace
+
+std::uint8_t* DirectSink::dataSpace(LogBuilder const&, std::uint32_t size) {
+    space_.resize(size);
+    return space_.data();
+}
+
+bool DirectSink::put(LogBuilder& builder) {
+    auto const log = pool_.acquire();
+    if (!log->build(builder))
+        return false;
+    auto const failedBefore = replay_->counts().failed;
+    replay_->apply(log);
+    return replay_->counts().failed == failedBefore;
+}
+
+Player::Player(QString const& rootPath, std::uint64_t seed) : rootPath_(rootPath), random_(seed) {
+    Root::init(rootPath_);
+    tree_ = std::make_shared<Object>();
+    tree_->kind = Kind::Directory;
+    LogSourceOptions options;
+    options.clock = [this] { return clock_; };
+    logger_ = std::make_unique<OperationLogger>(options, sink_);
+    root_ = std::make_unique<Root>(rootPath_);
+    root_->addSource(storeName, sourceRoot);
+    open();
+    snapshot();
+    applyPool();
+    poolAtStart_ = poolInUse();
+    firstSnapshot_ = snapshots_.begin()->first;
+    must(logger_->mkdir(std::string(sourceRoot) + '/' + workName, S_IFDIR | 0755, 0, 0), "mkdir");
+}
+
+Player::~Player() {
+    try {
+        close();
+    } catch (std::exception const&) {
+        // The test that matters has failed before.
+    }
+}
+
+void Player::open() {
+    if (!root_)
+        root_ = std::make_unique<Root>(rootPath_);
+    replay_ = std::make_unique<Replay>(*root_, root_->source(storeName), output_);
+    sink_.replay(replay_.get());
+}
+
+void Player::close() {
+    // Open files end with the process that had them open.
+    for (auto const& file : open_)
+        must(logger_->close(file.fileId), "close");
+    open_.clear();
+    if (replay_)
+        replay_->end();
+    replay_.reset();
+    if (root_)
+        root_->finish();
+    root_.reset();
+}
+
+void Player::applyPool() {
+    root_->drain(true);
+}
+
+void Player::play(int operations) {
+    struct Choice {
+        int weight;
+        void (Player::*operation)();
+    };
+    static constexpr Choice choices[] = {
+        {90, &Player::create},       {40, &Player::makeDirectory},   {6, &Player::makeSpecial},
+        {14, &Player::makeSymlink},  {30, &Player::makeLink},        {90, &Player::writePath},
+        {90, &Player::writeOpen},    {40, &Player::openFile},        {60, &Player::closeFile},
+        {60, &Player::truncatePath}, {30, &Player::truncateOpen},    {80, &Player::rename},
+        {70, &Player::unlink},       {20, &Player::removeDirectory}, {50, &Player::setAttributes},
+        {30, &Player::setExtended},  {10, &Player::removeExtended},  {4, &Player::outside},
+        {10, &Player::snapshot},     {7, &Player::retire},           {3, &Player::dedup},
+        {1, &Player::reopen},
+    };
+    int total = 0;
+    for (auto const& choice : choices)
+        total += choice.weight;
+    for (; operations > 0; --operations) {
+        clock_ += static_cast<std::uint32_t>(pick(3));
+        auto at = static_cast<int>(pick(static_cast<std::uint64_t>(total)));
+        for (auto const& choice : choices) {
+            at -= choice.weight;
+            if (at < 0) {
+                (this->*choice.operation)();
+                break;
+            }
+        }
+    }
+}
+
+QByteArray Player::randomName() {
+    static char const* const pairs[] = {"name",        "Name",        "NAME",
+                                        "n\xc3\xa4me", "N\xc3\x84ME", "name "};
+    if (pick(4) == 0)
+        return pairs[pick(std::size(pairs))];
+    // Mostly short; now and then as long as a name can be.
+    auto const length = pick(20) == 0 ? 200 + pick(56) : 1 + pick(12);
+    QByteArray name;
+    while (name.size() < static_cast<qsizetype>(length)) {
+        auto const byte = static_cast<char>(pick(10) == 0 ? pick(256) : 'a' + pick(26));
+        if (byte != '\0' && byte != '/')
+            name += byte;
+    }
+    return name == "." || name == ".." ? QByteArray("dot") : name;
+}
+
+QByteArray Player::randomData(std::uint64_t maximum) {
+    QByteArray data(static_cast<qsizetype>(1 + pick(maximum)), Qt::Uninitialized);
+    // A few contents come again and again, so that deduplication has something to find.
+    auto const fill = pick(3) == 0 ? 7 : random_();
+    std::mt19937_64 bytes(fill);
+    for (auto& byte : data)
+        byte = static_cast<char>(pick(8) == 0 ? 0 : bytes());
+    if (fill == 7)
+        data.fill('7');
+    return data;
+}
+
+std::uint64_t Player::randomOffset(std::uint64_t size) {
+    // The last of each depth of the stream tree, and block edges.
+    static constexpr std::uint64_t edges[] = {184, 4096, 94208, 48234496, 24696061952};
+    switch (pick(6)) {
+    case 0:
+        return 0;
+    case 1:
+        return size;
+    case 2:
+        return pick(size + 1);
+    case 3:
+        return (size / blockSize + pick(4)) * blockSize;
+    case 4:
+        return pick(200000);
+    default: {
+        auto const edge = edges[pick(std::size(edges))];
+        return edge - std::min<std::uint64_t>(edge, pick(5000)) + pick(3);
+    }
+    }
+}
+
+QByteArray Player::pathOf(Name const& name) const {
+    return QByteArray(sourceRoot) + '/' + workName + '/' + name.path;
+}
+
+std::vector<ObjectPointer> Player::allDirectories(std::vector<QByteArray>& paths) {
+    std::vector<ObjectPointer> result{tree_};
+    paths = {QByteArray()};
+    for (auto const& name : allNames(tree_)) {
+        if (name.object->kind == Kind::Directory) {
+            result.push_back(name.object);
+            paths.push_back(name.path + '/');
+        }
+    }
+    return result;
+}
+
+bool Player::anyName(Name& result, std::function<bool(Name const&)> const& fits) {
+    auto names = allNames(tree_);
+    std::erase_if(names, [&](Name const& name) { return !fits(name); });
+    if (names.empty())
+        return false;
+    result = names[pick(names.size())];
+    return true;
+}
+
+bool Player::anyFile(Name& result) {
+    return anyName(result, [](Name const& name) { return name.object->kind == Kind::File; });
+}
+
+Name Player::newPlace(bool mayExist) {
+    std::vector<QByteArray> paths;
+    auto const directories = allDirectories(paths);
+    auto const chosen = pick(directories.size());
+    Name result{directories[chosen], {}, {}, nullptr};
+    if (mayExist && pick(5) == 0 && !result.directory->names.empty()) {
+        auto at = result.directory->names.begin();
+        std::advance(at, static_cast<std::ptrdiff_t>(pick(result.directory->names.size())));
+        result.name = at->first;
+        result.object = at->second;
+    } else {
+        do
+            result.name = randomName();
+        while (result.directory->names.contains(result.name));
+    }
+    result.path = paths[chosen] + result.name;
+    return result;
+}
+
+void Player::enter(Name const& place, ObjectPointer const& object) {
+    place.directory->names[place.name] = object;
+    place.directory->modifiedKnown = false;
+}
+
+void Player::leave(ObjectPointer const& directory, QByteArray const& name) {
+    auto const at = directory->names.find(name);
+    --at->second->links;
+    directory->names.erase(at);
+    directory->modifiedKnown = false;
+}
+
+void Player::create() {
+    auto const place = newPlace(false);
+    auto object = std::make_shared<Object>();
+    object->mode = S_IFREG | static_cast<std::uint32_t>(pick(07777));
+    object->uid = static_cast<std::uint32_t>(pick(3));
+    object->gid = static_cast<std::uint32_t>(pick(3));
+    object->modified = clock_;
+    std::uint32_t fileId = 0;
+    must(logger_->create(pathOf(place).toStdString(), object->mode, object->uid, object->gid,
+                         fileId),
+         "create");
+    enter(place, object);
+    for (auto writes = pick(3); writes > 0; --writes) {
+        auto const offset = randomOffset(object->content.size());
+        auto const data = randomData(20000);
+        must(logger_->write(fileId, offset, view(data)), "write");
+        object->content.write(offset, data);
+    }
+    if (pick(4) == 0)
+        open_.push_back({fileId, object});
+    else
+        must(logger_->close(fileId), "close");
+    count("create");
+}
+
+void Player::makeDirectory() {
+    auto const place = newPlace(false);
+    auto object = std::make_shared<Object>();
+    object->kind = Kind::Directory;
+    object->mode = S_IFDIR | static_cast<std::uint32_t>(pick(07777));
+    object->modifiedKnown = false;
+    must(logger_->mkdir(pathOf(place).toStdString(), object->mode, 0, 0), "mkdir");
+    enter(place, object);
+    count("mkdir");
+}
+
+void Player::makeSpecial() {
+    static constexpr std::uint32_t types[] = {S_IFIFO, S_IFCHR, S_IFBLK, S_IFSOCK};
+    auto const place = newPlace(false);
+    auto object = std::make_shared<Object>();
+    object->kind = Kind::Special;
+    object->mode = types[pick(std::size(types))] | 0600;
+    if (S_ISCHR(object->mode) || S_ISBLK(object->mode))
+        object->device =
+            makedev(static_cast<unsigned>(pick(300)), static_cast<unsigned>(pick(300)));
+    object->modified = clock_;
+    must(logger_->mknod(pathOf(place).toStdString(), object->mode, 0, 0, object->device), "mknod");
+    enter(place, object);
+    count("mknod");
+}
+
+void Player::makeSymlink() {
+    auto const place = newPlace(false);
+    auto object = std::make_shared<Object>();
+    object->kind = Kind::Symlink;
+    object->mode = S_IFLNK | 0777;
+    object->modified = clock_;
+    object->target = QByteArray(static_cast<qsizetype>(1 + pick(300)), 't') + randomName();
+    must(logger_->symlink(object->target.toStdString(), pathOf(place).toStdString(), 0, 0),
+         "symlink");
+    enter(place, object);
+    count("symlink");
+}
+
+void Player::makeLink() {
+    Name from;
+    if (!anyName(from, [](Name const& name) { return name.object->kind != Kind::Directory; }))
+        return;
+    auto const to = newPlace(false);
+    must(logger_->link(pathOf(from).toStdString(), pathOf(to).toStdString()), "link");
+    enter(to, from.object);
+    ++from.object->links;
+    count("link");
+}
+
+void Player::writePath() {
+    Name file;
+    if (!anyFile(file))
+        return;
+    auto const offset = randomOffset(file.object->content.size());
+    auto const data = randomData(pick(10) == 0 ? 300000 : 9000);
+    must(logger_->writePath(pathOf(file).toStdString(), offset, view(data)), "write by path");
+    file.object->content.write(offset, data);
+    file.object->modified = clock_;
+    count("write by path");
+}
+
+void Player::openFile() {
+    Name file;
+    if (!anyFile(file))
+        return;
+    std::uint32_t fileId = 0;
+    must(logger_->open(pathOf(file).toStdString(), fileId), "open");
+    open_.push_back({fileId, file.object});
+    count("open");
+}
+
+void Player::writeOpen() {
+    if (open_.empty())
+        return;
+    auto const& file = open_[pick(open_.size())];
+    auto const offset = randomOffset(file.object->content.size());
+    auto const data = randomData(9000);
+    must(logger_->write(file.fileId, offset, view(data)), "write");
+    file.object->content.write(offset, data);
+    file.object->modified = clock_;
+    count("write");
+}
+
+void Player::closeFile() {
+    if (open_.empty())
+        return;
+    auto const at = open_.begin() + static_cast<std::ptrdiff_t>(pick(open_.size()));
+    must(logger_->close(at->fileId), "close");
+    open_.erase(at);
+    count("close");
+}
+
+void Player::truncatePath() {
+    Name file;
+    if (!anyFile(file))
+        return;
+    auto const size = randomOffset(file.object->content.size());
+    must(logger_->truncate(pathOf(file).toStdString(), size), "truncate");
+    if (size != file.object->content.size())
+        file.object->modified = clock_;
+    file.object->content.truncate(size);
+    count("truncate by path");
+}
+
+void Player::truncateOpen() {
+    if (open_.empty())
+        return;
+    auto const& file = open_[pick(open_.size())];
+    auto const size = randomOffset(file.object->content.size());
+    must(logger_->truncateOpen(file.fileId, size), "truncate open");
+    if (size != file.object->content.size())
+        file.object->modified = clock_;
+    file.object->content.truncate(size);
+    count("truncate");
+}
+
+void Player::rename() {
+    Name from;
+    if (!anyName(from, [](Name const&) { return true; }))
+        return;
+    auto const to = newPlace(true);
+    auto const movesDirectory = from.object->kind == Kind::Directory;
+    // What rename(2) refuses is never logged.
+    if (movesDirectory && (to.path + '/').startsWith(from.path + '/'))
+        return;
+    if (to.object) {
+        auto const ontoDirectory = to.object->kind == Kind::Directory;
+        if (movesDirectory != ontoDirectory || (ontoDirectory && !to.object->names.empty()))
+            return;
+    }
+    must(logger_->rename(pathOf(from).toStdString(), pathOf(to).toStdString()), "rename");
+    count("rename");
+    if (to.object == from.object)
+        return;
+    if (to.object)
+        leave(to.directory, to.name);
+    from.directory->names.erase(from.name);
+    from.directory->modifiedKnown = false;
+    enter(to, from.object);
+    if (movesDirectory)
+        from.object->modifiedKnown = false;
+}
+
+void Player::unlink() {
+    Name name;
+    if (!anyName(name, [](Name const& each) { return each.object->kind != Kind::Directory; }))
+        return;
+    must(logger_->unlink(pathOf(name).toStdString()), "unlink");
+    leave(name.directory, name.name);
+    count("unlink");
+}
+
+void Player::removeDirectory() {
+    Name name;
+    if (!anyName(name, [](Name const& each) {
+            return each.object->kind == Kind::Directory && each.object->names.empty();
+        }))
+        return;
+    must(logger_->rmdir(pathOf(name).toStdString()), "rmdir");
+    leave(name.directory, name.name);
+    count("rmdir");
+}
+
+void Player::setAttributes() {
+    Name name;
+    if (!anyName(name, [](Name const&) { return true; }))
+        return;
+    auto& object = *name.object;
+    Replication::PosixAttrValues values;
+    values.flags = static_cast<std::uint32_t>(pick(0x40));
+    if (object.kind == Kind::Symlink)
+        values.flags &= ~static_cast<std::uint32_t>(Replication::posixAttrMode);
+    values.mode = (object.mode & S_IFMT) | static_cast<std::uint32_t>(pick(07777));
+    values.uid = static_cast<std::uint32_t>(pick(100000));
+    values.gid = static_cast<std::uint32_t>(pick(100000));
+    values.modificationTime = static_cast<std::uint32_t>(random_());
+    values.changeTime = clock_;
+    must(logger_->setAttr(pathOf(name).toStdString(), values), "setattr");
+    if (values.flags & Replication::posixAttrMode)
+        object.mode = values.mode;
+    if (values.flags & Replication::posixAttrUid)
+        object.uid = values.uid;
+    if (values.flags & Replication::posixAttrGid)
+        object.gid = values.gid;
+    if (values.flags & Replication::posixAttrModificationTime) {
+        object.modified = values.modificationTime;
+        object.modifiedKnown = true;
+    }
+    count("setattr");
+}
+
+void Player::setExtended() {
+    Name name;
+    if (!anyName(name, [](Name const&) { return true; }))
+        return;
+    auto const key = "user." + QByteArray::number(static_cast<qulonglong>(pick(4)));
+    auto const value = pick(5) == 0 ? QByteArray() : randomData(pick(10) == 0 ? 5000 : 40);
+    must(logger_->setEa(pathOf(name).toStdString(), key.toStdString(), view(value)), "setea");
+    name.object->attributes[key] = value;
+    count("setea");
+}
+
+void Player::removeExtended() {
+    Name name;
+    if (!anyName(name, [](Name const& each) { return !each.object->attributes.empty(); }))
+        return;
+    auto const key = name.object->attributes.begin()->first;
+    must(logger_->removeEa(pathOf(name).toStdString(), key.toStdString()), "removeea");
+    name.object->attributes.erase(key);
+    count("removeea");
+}
+
+void Player::outside() {
+    std::uint32_t fileId = 0;
+    must(logger_->create("/srcs/elsewhere", S_IFREG | 0644, 0, 0, fileId), "create outside");
+    must(logger_->write(fileId, 0, view(randomData(100))), "write outside");
+    must(logger_->close(fileId), "close outside");
+    must(logger_->unlink("/srcs/elsewhere"), "unlink outside");
+    count("outside");
+}
+
+void Player::snapshot() {
+    auto const store = root_->store(root_->source(storeName));
+    must(store->snapshots().userSnapshot(0, clock_, QStringLiteral("model")), "snapshot");
+    snapshots_[store->currentInstance().value] = clone(tree_);
+    count("snapshot");
+}
+
+void Player::retire() {
+    if (snapshots_.empty())
+        return;
+    auto at = snapshots_.begin();
+    std::advance(at, static_cast<std::ptrdiff_t>(pick(snapshots_.size())));
+    root_->store(root_->source(storeName))->snapshots().deleteSnapshot(Instance{at->first});
+    snapshots_.erase(at);
+    if (pick(2) == 0)
+        applyPool();
+    count("retire");
+}
+
+void Player::dedup() {
+    applyPool();
+    count("dedup");
+}
+
+void Player::reopen() {
+    close();
+    open();
+    count("reopen");
+}
+
+std::string Player::faults() {
+    close();
+    auto const report = checkRepository(RepositoryPaths::current());
+    std::string result;
+    for (auto const& line : report.lines())
+        result += line.toStdString() + '\n';
+    open();
+    return result;
+}
+
+void Player::removeEverything() {
+    for (auto const& file : open_)
+        must(logger_->close(file.fileId), "close");
+    open_.clear();
+    auto names = allNames(tree_);
+    for (auto name = names.rbegin(); name != names.rend(); ++name) {
+        auto const path = pathOf(*name).toStdString();
+        must(name->object->kind == Kind::Directory ? logger_->rmdir(path) : logger_->unlink(path),
+             "remove");
+        leave(name->directory, name->name);
+    }
+    must(logger_->rmdir(std::string(sourceRoot) + '/' + workName), "rmdir");
+    snapshot();
+    auto const last = snapshots_.rbegin()->first;
+    for (auto const& [instance, tree] : snapshots_)
+        if (instance != last)
+            root_->store(root_->source(storeName))->snapshots().deleteSnapshot(Instance{instance});
+    std::erase_if(snapshots_, [last](auto const& each) { return each.first != last; });
+    applyPool();
+}
+
+std::string Player::poolInUse() {
+    XmlList all;
+    root_->pool().statistics(all);
+    auto const list = all.getXmlList(nullptr, "Streams");
+    std::string result;
+    for (auto const* key :
+         {"NodeCount", "StreamsUsedStreamData", "StreamsIndirectUsedSize", "StreamsIndexedStreams",
+          "StreamsUniqueStreams", "StreamsIndexedData", "StreamsUniqueData",
+          "StreamsDedupQueueLength", "StreamsCleanupQueueLength"})
+        result += std::string(key) + ' ' + std::to_string(list.get(key, std::uint64_t{0})) + '\n';
+    return result;
+}
+
+} // namespace Morva::Model
