@@ -4,12 +4,12 @@ namespace Replication {
 
 std::uint8_t* LogQueue::dataSpace(LogBuilder const& builder, std::uint32_t size) {
     if (!next_)
-        next_ = pool_.acquire();
+        next_ = pool_.acquire(LogEntry::sizeOf(builder) + size);
     return next_->dataSpace(builder, size);
 }
 
 bool LogQueue::put(LogBuilder& builder) {
-    LogPointer log = next_ ? std::move(next_) : pool_.acquire();
+    LogPointer log = next_ ? std::move(next_) : pool_.acquire(LogEntry::sizeOf(builder));
     next_.reset();
     if (!log->build(builder))
         return false;
@@ -24,13 +24,15 @@ bool LogQueue::put(LogBuilder& builder) {
         return false;
     logs_.push_back(std::move(log));
     bytes_ += size;
-    if (readerWaits_)
+    if (readerWaits_ && (logs_.size() >= wakeLogs || bytes_ >= wakeBytes))
         notEmpty_.notify_one();
     return true;
 }
 
 bool LogQueue::flush() {
     std::scoped_lock const held(lock_);
+    flushed_ = true;
+    notEmpty_.notify_one();
     return !cancelled_;
 }
 
@@ -43,11 +45,13 @@ void LogQueue::finish() {
 LogPointer LogQueue::take() {
     if (taken_.empty()) {
         std::unique_lock held(lock_);
-        while (logs_.empty() && !finished_ && !cancelled_) {
+        while (!finished_ && !cancelled_ && !(flushed_ && !logs_.empty()) &&
+               logs_.size() < wakeLogs && bytes_ < wakeBytes) {
             readerWaits_ = true;
             notEmpty_.wait(held);
         }
         readerWaits_ = false;
+        flushed_ = false;
         if (logs_.empty() || cancelled_)
             return nullptr;
         taken_.swap(logs_);

@@ -20,6 +20,9 @@ public:
     /// What stands between the two; the reader may hold as much again.
     static constexpr std::uint32_t maximumLogs = 1024;
     static constexpr std::uint64_t maximumBytes = 8U << 20;
+    /// What a waiting reader is woken for; less waits for more, for `flush` or for `finish`.
+    static constexpr std::uint32_t wakeLogs = 32;
+    static constexpr std::uint64_t wakeBytes = 256U << 10;
 
     LogQueue() = default;
 
@@ -30,7 +33,8 @@ public:
     /// No log will follow: `take` gives null once the queue is empty.
     void finish();
 
-    /// The next log; waits for it. Null when there will be none.
+    /// The next log; waits until enough are there or what is there was flushed. Null when there
+    /// will be none.
     [[nodiscard]] LogPointer take();
     /// The reader wants no more: the writer's `put` fails from now on, and `take` gives null.
     void cancel();
@@ -43,6 +47,7 @@ private:
     std::uint64_t bytes_ = 0;
     bool readerWaits_ = false;
     bool writerWaits_ = false;
+    bool flushed_ = false;
     bool finished_ = false;
     bool cancelled_ = false;
 

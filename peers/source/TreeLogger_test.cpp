@@ -398,6 +398,26 @@ TEST_F(LogSinksTest, AQueueHandsOverTheSameLogs) {
     EXPECT_TRUE(received.files == sink.files);
 }
 
+TEST(LogQueue, AFlushHandsOverASingleLog) {
+    LogQueue queue;
+    std::thread reader([&] {
+        for (std::uint64_t i = 1; i <= 3; ++i) {
+            LogPointer const log = queue.take();
+            ASSERT_NE(log, nullptr);
+            EXPECT_EQ(log->sequenceNumber(), i);
+        }
+        EXPECT_EQ(queue.take(), nullptr);
+    });
+    OperationLogger logger({}, queue);
+    EXPECT_TRUE(logger.unlink("/a"));
+    EXPECT_TRUE(queue.flush());
+    EXPECT_TRUE(logger.unlink("/b"));
+    EXPECT_TRUE(queue.flush());
+    EXPECT_TRUE(logger.unlink("/c"));
+    queue.finish();
+    reader.join();
+}
+
 TEST_F(LogSinksTest, ACancelledQueueStopsTheWalk) {
     LogQueue queue;
     std::thread writer([&] {

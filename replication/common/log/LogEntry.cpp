@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 #include <new>
 
@@ -28,6 +29,7 @@ namespace {
 
 constexpr std::uint32_t wordSize = 4;
 constexpr std::uint32_t frameSize = sizeof(LogFrame);
+constexpr std::uint64_t smallestCapacity = 512;
 
 using Morva::loadLittle;
 using Morva::storeLittle;
@@ -118,7 +120,7 @@ void LogEntry::reserve(std::uint64_t size) {
     if (size <= capacity_)
         return;
     memory_.reset();
-    capacity_ = static_cast<std::uint32_t>((size + size / 8 + 511) & ~std::uint64_t{511});
+    capacity_ = static_cast<std::uint32_t>(std::bit_ceil(std::max(size, smallestCapacity)));
     memory_ = std::make_unique_for_overwrite<std::uint8_t[]>(capacity_);
 }
 
@@ -286,6 +288,10 @@ bool LogEntry::decodeValues(LogFrame& frame) {
     return windowsPath.filenameOffset <= windowsPath.text.size() &&
            windowsPath.streamOffset <= windowsPath.text.size() &&
            windowsPath.casePreservedStreamOffset <= windowsPath.casePreserved.size();
+}
+
+std::uint64_t LogEntry::sizeOf(LogBuilder const& builder) {
+    return frameSize + std::uint64_t{wordSize} * builder.ruleCount() + builder.bodySize();
 }
 
 std::uint8_t* LogEntry::dataSpace(LogBuilder const& builder, std::uint32_t size) {

@@ -71,6 +71,9 @@ public:
     /// builder's other values must be set. Null when that would be too large.
     [[nodiscard]] std::uint8_t* dataSpace(LogBuilder const& builder, std::uint32_t size);
 
+    /// Bytes of memory that the builder's log would take.
+    [[nodiscard]] static std::uint64_t sizeOf(LogBuilder const& builder);
+
     /// 0 after a success. 1: the stream count could not be read; 2: it is out of range or the
     /// lengths could not be read; 3: stream 1 is too long or missing, or the lengths don't add up
     /// to the body size; i + 5: stream i could not be read; 4: the values are damaged.

@@ -1,5 +1,8 @@
 #include "replication/common/log/LogPool.h"
 
+#include <algorithm>
+#include <array>
+#include <bit>
 #include <cstddef>
 #include <mutex>
 #include <vector>
@@ -17,6 +20,9 @@ struct LogPool::Node {
 /// What logs in use hold on to. It is counted by hand, under the lock, as a shared pointer in
 /// every control block would cost more than the allocation that the pool saves.
 struct LogPool::State {
+    /// What a log without data takes; less is not worth a class of its own.
+    static constexpr std::uint64_t smallest = 512;
+
     explicit State(std::uint64_t maximum) : maximumIdleBytes(maximum) {}
 
     std::mutex lock;
@@ -24,17 +30,39 @@ struct LogPool::State {
     std::uint64_t idleBytes = 0;
     std::uint64_t inUse = 0;
     bool poolGone = false;
-    std::vector<std::unique_ptr<Node>> idle;
+    /// By the power of two that the memory reaches, so that a large log gets large memory and a
+    /// small one doesn't keep it from others.
+    std::array<std::vector<std::unique_ptr<Node>>, 33> idle;
+
+    static std::size_t classOf(std::uint64_t capacity) {
+        return capacity ? static_cast<std::size_t>(std::bit_width(capacity)) - 1 : 0;
+    }
+
+    std::unique_ptr<Node> take(std::uint64_t bytes) {
+        constexpr std::size_t tooLarge = 3; // in classes
+        std::size_t const first = classOf(std::bit_ceil(std::max(bytes, smallest)));
+        for (std::size_t i = first; i < std::min(first + tooLarge, idle.size()); ++i) {
+            if (idle[i].empty())
+                continue;
+            std::unique_ptr<Node> node = std::move(idle[i].back());
+            idle[i].pop_back();
+            idleBytes -= cost(*node);
+            return node;
+        }
+        return nullptr;
+    }
+
+    static std::uint64_t cost(Node const& node) { return sizeof(Node) + node.log.capacity(); }
 
     void giveBack(Node* raw) {
         std::unique_ptr<Node> node(raw);
         bool last;
         {
             std::scoped_lock const held(lock);
-            std::uint64_t const bytes = node->log.capacity();
+            std::uint64_t const bytes = cost(*node);
             if (!poolGone && idleBytes + bytes <= maximumIdleBytes) {
                 idleBytes += bytes;
-                idle.push_back(std::move(node));
+                idle[classOf(node->log.capacity())].push_back(std::move(node));
             }
             last = --inUse == 0 && poolGone;
         }
@@ -66,7 +94,7 @@ template <class T> struct LogPool::ControlAllocator {
 LogPool::LogPool(std::uint64_t maximumIdleBytes) : state_(new State(maximumIdleBytes)) {}
 
 LogPool::~LogPool() {
-    std::vector<std::unique_ptr<Node>> dropped;
+    decltype(State::idle) dropped;
     bool last;
     {
         std::scoped_lock const held(state_->lock);
@@ -78,16 +106,12 @@ LogPool::~LogPool() {
         delete state_;
 }
 
-LogPointer LogPool::acquire() {
+LogPointer LogPool::acquire(std::uint64_t bytes) {
     std::unique_ptr<Node> node;
     {
         std::scoped_lock const held(state_->lock);
         ++state_->inUse;
-        if (!state_->idle.empty()) {
-            node = std::move(state_->idle.back());
-            state_->idle.pop_back();
-            state_->idleBytes -= node->log.capacity();
-        }
+        node = state_->take(bytes);
     }
     if (!node)
         node = std::make_unique<Node>();
@@ -99,7 +123,10 @@ LogPointer LogPool::acquire() {
 
 std::uint32_t LogPool::idle() const {
     std::scoped_lock const held(state_->lock);
-    return static_cast<std::uint32_t>(state_->idle.size());
+    std::size_t count = 0;
+    for (auto const& nodes : state_->idle)
+        count += nodes.size();
+    return static_cast<std::uint32_t>(count);
 }
 
 } // namespace Replication

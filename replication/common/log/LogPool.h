@@ -20,8 +20,9 @@ public:
     LogPool(LogPool const&) = delete;
     LogPool& operator=(LogPool const&) = delete;
 
-    /// An unused log. Its old content is undefined: receive or build into it.
-    [[nodiscard]] LogPointer acquire();
+    /// An unused log, with memory for `bytes` (see `LogEntry::usedSize`) if the pool has one. Its
+    /// old content is undefined: receive or build into it.
+    [[nodiscard]] LogPointer acquire(std::uint64_t bytes = 0);
     /// Logs now idle in the pool.
     [[nodiscard]] std::uint32_t idle() const;
 
