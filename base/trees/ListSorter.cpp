@@ -61,7 +61,8 @@ private:
             return true;
         if (count - left > run_.end - run_.begin)
             return false;
-        std::memmove(buffer_.data(), buffer_.data() + at_, left);
+        if (left != 0)
+            std::memmove(buffer_.data(), buffer_.data() + at_, left);
         std::uint64_t const more = std::min(std::max(size_, count) - left, run_.end - run_.begin);
         buffer_.resize(left + more);
         at_ = 0;
