@@ -155,7 +155,7 @@ TEST(StreamsModel, RandomHistoriesMatchTheirModels) {
     auto const seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     Play play(seed);
-    for (int batch = 0; batch < 25; ++batch) {
+    for (int batch = 0; batch < 60; ++batch) {
         SCOPED_TRACE("batch " + std::to_string(batch));
         for (int i = 0; i < 40; ++i)
             play.step();

@@ -227,8 +227,11 @@ public:
     void write(std::uint64_t offset, std::uint8_t const* data, std::uint64_t count, bool noExtend) {
         if (noExtend)
             count = offset >= length ? 0 : std::min(count, length - offset);
-        for (std::uint64_t i = 0; i < count; ++i)
-            at(offset + i) = data[i];
+        eachBlock(
+            offset, count,
+            [&](std::uint64_t block, std::uint64_t within, std::uint64_t at, std::uint64_t chunk) {
+                std::memcpy(&blocks_[block][within], data + at, chunk);
+            });
         if (count != 0)
             length = std::max(length, offset + count);
     }
@@ -249,18 +252,26 @@ public:
     [[nodiscard]] std::vector<std::uint8_t> read(std::uint64_t offset, std::uint64_t count) const {
         count = offset >= length ? 0 : std::min(count, length - offset);
         std::vector<std::uint8_t> result(count);
-        for (std::uint64_t i = 0; i < count; ++i) {
-            auto const found = blocks_.find((offset + i) / blockSize);
-            if (found != blocks_.end())
-                result[i] = found->second[(offset + i) % blockSize];
-        }
+        eachBlock(
+            offset, count,
+            [&](std::uint64_t block, std::uint64_t within, std::uint64_t at, std::uint64_t chunk) {
+                auto const found = blocks_.find(block);
+                if (found != blocks_.end())
+                    std::memcpy(&result[at], &found->second[within], chunk);
+            });
         return result;
     }
     [[nodiscard]] auto const& blocks() const { return blocks_; }
 
 private:
-    std::uint8_t& at(std::uint64_t offset) {
-        return blocks_[offset / blockSize][offset % blockSize];
+    template <class Visit>
+    static void eachBlock(std::uint64_t offset, std::uint64_t count, Visit const& visit) {
+        for (std::uint64_t at = 0; at < count;) {
+            std::uint64_t const within = (offset + at) % blockSize;
+            std::uint64_t const chunk = std::min(count - at, blockSize - within);
+            visit((offset + at) / blockSize, within, at, chunk);
+            at += chunk;
+        }
     }
     void clear(std::uint64_t start, std::uint64_t end) {
         auto block = blocks_.lower_bound(start / blockSize);
@@ -289,7 +300,7 @@ inline std::uint64_t randomOffset(std::mt19937_64& random, TreeParameters const&
                                    1073741824,
                                    tree.maximum(3),
                                    549755813888,
-                                   tree.maximum(4) - 100000};
+                                   tree.maximum(4) - 2000000};
     // The low edges come more often, so that most trees stay small.
     std::uint64_t const edge = edges[std::min(random() % 10, random() % 10)];
     switch (random() % 3) {
