@@ -24,17 +24,22 @@ ActiveHandle::~ActiveHandle() {
     store_.activeHandles().release(id_);
 }
 
-void ActiveHandle::commit(LinkId) {
+bool ActiveHandle::commit(LinkId) {
     if (!copy_)
-        return;
-    copy_->print(static_cast<int>(Morva::TraceLevel::Debug));
-    store_.updateFileId(store_.retired().timeStamp(), id_, *fileNode_, *copy_);
-    version_.fileType = copy_->type();
+        return true;
+    FileNode::Pointer const copy = std::exchange(copy_, nullptr);
+    copy->print(static_cast<int>(Morva::TraceLevel::Debug));
+    store_.updateFileId(store_.retired().timeStamp(), id_, *fileNode_, *copy);
+    // A file without names isn't in the chain any more; it lives on in its handle alone.
+    if (copy->referenceCount() == 0 && copy->linkCount() != 0)
+        return false;
+    version_.fileType = copy->type();
     if (version_.versioned()) {
-        version_.fileNode = copy_->id();
+        version_.fileNode = copy->id();
         MORVA_TRACE(Verbose) << "%%% Version" << id_ << "FileNode" << version_.fileNode;
     }
-    fileNode_ = std::exchange(copy_, nullptr);
+    fileNode_ = copy;
+    return true;
 }
 
 // --- streams
@@ -74,7 +79,10 @@ bool ActiveHandle::change(LinkId link, StreamPointer& stream, Change&& change) {
         stream = current(stream);
     StreamPointer before = stream;
     bool const result = change();
-    commit(link);
+    if (!commit(link)) {
+        stream = before;
+        return false;
+    }
     if (stream != before)
         replaced(before, fileNode_->streamName(stream->id()));
     return result;
@@ -84,16 +92,14 @@ StreamPointer ActiveHandle::createStream(LinkId link, QString const& name, bool 
     if (!fileNode_)
         return nullptr;
     StreamPointer result = fileNode_->createActiveStream(copy_, name, dedup);
-    commit(link);
-    return result;
+    return commit(link) ? result : nullptr;
 }
 
 StreamPointer ActiveHandle::openStream(LinkId link, QString const& name, bool dedup) {
     if (!fileNode_)
         return nullptr;
     StreamPointer result = fileNode_->openActiveStream(copy_, name, dedup);
-    commit(link);
-    return result;
+    return commit(link) ? result : nullptr;
 }
 
 bool ActiveHandle::write(LinkId link, StreamPointer& stream, std::uint64_t offset, void const* data,
@@ -117,20 +123,18 @@ bool ActiveHandle::zeroData(LinkId link, StreamPointer& stream, std::uint64_t st
 bool ActiveHandle::dirty(LinkId link, StreamHandle const& stream) {
     StreamPointer keep;
     bool const result = fileNode_ && fileNode_->dirty(copy_, current(stream, keep));
-    commit(link);
-    return result;
+    return commit(link) && result;
 }
 
 bool ActiveHandle::sparse(LinkId link, StreamHandle const& stream) {
     StreamPointer keep;
     bool const result = fileNode_ && fileNode_->sparse(copy_, current(stream, keep));
-    commit(link);
-    return result;
+    return commit(link) && result;
 }
 
 bool ActiveHandle::removeStream(LinkId link, QString const& name) {
-    bool const result = fileNode_ && fileNode_->removeStream(copy_, name);
-    commit(link);
+    bool const done = fileNode_ && fileNode_->removeStream(copy_, name);
+    bool const result = commit(link) && done;
     if (result)
         std::erase_if(replaced_,
                       [&](Replaced const& entry) { return sameStream(entry.name, name); });
@@ -140,8 +144,8 @@ bool ActiveHandle::removeStream(LinkId link, QString const& name) {
 bool ActiveHandle::renameStream(LinkId link, QString const& from, QString const& to) {
     if (from.isEmpty() || to.isEmpty())
         return false;
-    bool const result = fileNode_ && fileNode_->renameStream(copy_, from, to);
-    commit(link);
+    bool const done = fileNode_ && fileNode_->renameStream(copy_, from, to);
+    bool const result = commit(link) && done;
     if (result) {
         std::erase_if(replaced_, [&](Replaced const& entry) { return sameStream(entry.name, to); });
         for (Replaced& entry : replaced_)
@@ -169,8 +173,8 @@ bool ActiveHandle::replaceStream(LinkId link, StreamHandle const& from, StreamPo
     StreamHandle const& source = current(from, keep);
     QString const name = fileNode_->streamName(source.id());
     StreamPointer const before = fileNode_->openStream(name);
-    bool const result = fileNode_->replaceStream(copy_, source, to);
-    commit(link);
+    bool const done = fileNode_->replaceStream(copy_, source, to);
+    bool const result = commit(link) && done;
     if (result)
         replaced(before, name);
     return result;
@@ -188,43 +192,38 @@ std::uint32_t ActiveHandle::removeLink(LinkId link) {
     if (!fileNode_)
         return 0;
     std::uint32_t const result = fileNode_->removeLink(copy_);
-    commit(link);
-    return result;
+    return commit(link) ? result : fileNode_->linkCount();
 }
 
 LinkId ActiveHandle::addLink(LinkId link, bool keepLiveOnly) {
     if (!fileNode_)
         return {};
     LinkId const result = fileNode_->addLink(copy_, keepLiveOnly);
-    commit(link);
-    return result;
+    return commit(link) ? result : LinkId{};
 }
 
 bool ActiveHandle::owner(LinkId link, QString const& text) {
     bool const result = fileNode_ && fileNode_->owner(copy_, text);
-    commit(link);
-    return result;
+    return commit(link) && result;
 }
 
 bool ActiveHandle::attributes(LinkId link, std::uint32_t value) {
     bool const result = fileNode_ && fileNode_->attributes(copy_, value);
-    commit(link);
-    return result;
+    return commit(link) && result;
 }
 
 void ActiveHandle::liveOnly(LinkId link, bool value) {
     if (!fileNode_)
         return;
     fileNode_->liveOnly(copy_, value);
-    commit(link);
+    (void)commit(link);
 }
 
 bool ActiveHandle::attr(LinkId link, bool setModified, std::uint32_t modified, bool setCreated,
                         std::uint32_t created, bool setAttributes, std::uint32_t attributes) {
     bool const result = fileNode_ && fileNode_->attr(copy_, setModified, modified, setCreated,
                                                      created, setAttributes, attributes);
-    commit(link);
-    return result;
+    return commit(link) && result;
 }
 
 // --- reading

@@ -105,7 +105,9 @@ public:
 private:
     friend class ActiveHandles;
 
-    void commit(LinkId link);
+    /// Enters a copy that a change made in the id's chain. False when no entry could be had: the
+    /// copy is dropped, and the file is as it was.
+    [[nodiscard]] bool commit(LinkId link);
     /// The handle that stands for `stream` now; itself when nothing replaced it.
     [[nodiscard]] std::shared_ptr<StreamHandle>
     current(std::shared_ptr<StreamHandle> const& stream) const;

@@ -325,6 +325,24 @@ TEST_F(FaultyStoreTest, FailingDataFileFailsTheWriteAndKeepsTheSnapshot) {
     EXPECT_EQ(at(Instance{2}, path("f")), before);
 }
 
+TEST_F(FaultyStoreTest, VersionThatFindsNoPlaceInItsChainChangesNothing) {
+    auto const handle = file(path("f"), "one");
+    snapshot();
+    // All entries of the pointer file come into use, and it can't grow.
+    files.diskBudget(0);
+    while (store->pointers().newId(NodeNumber{1}, Instance{1})) {
+    }
+    std::uint64_t const nodes = usedNodes();
+    EXPECT_FALSE(store->paths().write(context(), *handle, 0, "two", 3));
+    EXPECT_EQ(live(path("f")), "one");
+    EXPECT_EQ(usedNodes(), nodes);
+    EXPECT_EQ(at(Instance{2}, path("f")), "one");
+    files.heal();
+    EXPECT_TRUE(store->paths().write(context(), *handle, 0, "two", 3));
+    EXPECT_EQ(live(path("f")), "two");
+    EXPECT_EQ(at(Instance{2}, path("f")), "one");
+}
+
 TEST_F(FaultyStoreTest, FullDiskFailsCreationsAndTheStoreGoesOnAfterwards) {
     (void)file(path("f"), "text");
     files.diskBudget(0);
@@ -345,6 +363,7 @@ TEST_F(FaultyStoreTest, FullDiskFailsCreationsAndTheStoreGoesOnAfterwards) {
     (void)file(path("after"), "works");
     EXPECT_EQ(live(path("after")), "works");
     QStringList const next{QStringLiteral("d"), QString::number(made.size())};
+    EXPECT_EQ(live(next), "(none)") << "nothing half-made";
     EXPECT_TRUE(store->paths().createStream(context(), next, dataStreamName, {}));
     EXPECT_EQ(live(next), "");
 }

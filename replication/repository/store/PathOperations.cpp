@@ -160,8 +160,10 @@ PathOperations::Found PathOperations::openOrCreate(FileContext const& context,
     }
     result.handle->setVersion(result.key, path, context.user, context.process, context.ruleSet,
                               context.rules);
-    if (!fillNew(context, result, file))
+    if (!fillNew(context, result, file)) {
         result.handle = nullptr;
+        (void)store_.directories().removeLink(result.key);
+    }
     return result;
 }
 
