@@ -1,0 +1,187 @@
+#include "replication/repository/store/StoreFixture.h"
+
+#include <QFile>
+
+namespace Replication {
+namespace {
+
+class RetireLists : public StoreFixture {
+protected:
+    [[nodiscard]] RetireList& list() const { return store_->retired(); }
+    /// A node that a version can be about, and a version of that name.
+    [[nodiscard]] FileNode::Pointer node(QString const& name) {
+        EXPECT_TRUE(writeFile(name, "x"));
+        Instance const seen = snapshot();
+        return store_->passiveHandle({name}, seen);
+    }
+    [[nodiscard]] static Version version(QString const& name, FileNode const& of,
+                                         std::uint64_t previous = 0) {
+        Version result;
+        result.fileNode = of.id();
+        result.prevFileNode = NodeNumber{previous};
+        result.directory = FileId{129};
+        result.path = {name};
+        result.ruleSet = 5;
+        result.rules = {1};
+        return result;
+    }
+    [[nodiscard]] std::size_t sent() const {
+        return channel_->count(EventRecord::VersionEnded) +
+               channel_->count(EventRecord::VersionWeak) +
+               channel_->count(EventRecord::VersionResync);
+    }
+};
+
+TEST_F(RetireLists, AFinalVersionGoesAfterFiveSecondsOfTheStoresClock) {
+    create();
+    auto const file = node("a");
+    list().timeStamp(5000);
+    Version ended = version("a", *file);
+    list().retiredVersion(ended, file, true);
+    EXPECT_FALSE(ended.versioned());
+    EXPECT_EQ(1u, list().size());
+    list().timeStamp(5004);
+    EXPECT_EQ(0u, sent());
+    list().timeStamp(4000); // the clock never goes back
+    EXPECT_EQ(5004u, list().timeStamp());
+    list().timeStamp(5005);
+    EXPECT_EQ(1u, channel_->count(EventRecord::VersionEnded));
+    EXPECT_EQ(file->id().value, channel_->events.back().object.id);
+    EXPECT_EQ(1u, file->versionCount());
+    EXPECT_EQ(0u, list().size());
+    // That claim is given back by the metadata store.
+    store_->releaseFileNode(file->id(), true);
+    EXPECT_EQ(0u, file->versionCount());
+}
+
+TEST_F(RetireLists, WithoutRulesOrChannelNothingWaits) {
+    create();
+    auto file = node("a");
+    Version none;
+    list().retiredVersion(none, file, true);
+    EXPECT_EQ(0u, list().size());
+    file.reset();
+    store_.reset();
+    channel_.reset();
+    Store::configure(configuration_, streams_, nullptr);
+    store_ = Store::open(storeId, false);
+    Version ended = version("a", *store_->passiveHandle({"a"}, Instance{2}));
+    list().retiredVersion(ended, nullptr, true);
+    EXPECT_EQ(0u, list().size());
+    EXPECT_FALSE(ended.versioned());
+}
+
+TEST_F(RetireLists, ANewFileJoinsTheVersionThatEndedUnderItsName) {
+    for (bool const caseSensitive : {true, false}) {
+        create(caseSensitive);
+        auto file = node("a");
+        list().timeStamp(5000);
+        Version ended = version("A", *file, 77);
+        ended.prevLink = LinkId{3};
+        list().retiredVersion(ended, file, true);
+        Version other = version("b", *file);
+        EXPECT_FALSE(list().previousFileNode(other));
+        Version next = version("a", *file);
+        EXPECT_EQ(!caseSensitive, list().previousFileNode(next));
+        if (caseSensitive) {
+            next = version("A", *file);
+            EXPECT_TRUE(list().previousFileNode(next));
+        }
+        EXPECT_EQ(NodeNumber{77}, next.prevFileNode);
+        EXPECT_EQ(LinkId{3}, next.prevLink);
+        EXPECT_EQ(0u, list().size());
+        EXPECT_FALSE(list().previousFileNode(next)); // once
+        // After five seconds it has gone on its own.
+        ended = version("A", *file);
+        list().retiredVersion(ended, file, true);
+        list().timeStamp(list().timeStamp() + 5);
+        EXPECT_FALSE(list().previousFileNode(next));
+        file.reset();
+        store_.reset();
+    }
+}
+
+TEST_F(RetireLists, ALaterVersionOfANameSupersedesTheOneThatWaits) {
+    create();
+    auto const a = node("a");
+    auto const b = node("b");
+    list().timeStamp(5000);
+    Version first = version("a", *a);
+    list().retiredVersion(first, a, true);
+    Version between = version("b", *b);
+    list().retiredVersion(between, b, true);
+    list().timeStamp(5002);
+    Version second = version("a", *b);
+    list().retiredVersion(second, b, true);
+    EXPECT_EQ(2u, list().size());
+    list().timeStamp(5005);
+    EXPECT_EQ(1u, sent());
+    list().timeStamp(5007);
+    EXPECT_EQ(2u, sent());
+    EXPECT_EQ(0u, a->versionCount());
+    EXPECT_EQ(2u, b->versionCount());
+}
+
+TEST_F(RetireLists, AResyncAndAStopSendFinalVersionsAtOnce) {
+    create();
+    auto const file = node("a");
+    list().timeStamp(5000);
+    list().startResync();
+    EXPECT_TRUE(list().resyncRunning());
+    Version ended = version("a", *file);
+    ended.resync = true;
+    list().retiredVersion(ended, file, true);
+    EXPECT_EQ(1u, channel_->count(EventRecord::VersionResync));
+    Version weak = version("a", *file);
+    list().retiredWeakVersion(weak, file);
+    EXPECT_EQ(1u, channel_->count(EventRecord::VersionWeak));
+    EXPECT_TRUE(weak.versioned()); // the handle goes on with it
+    EXPECT_TRUE(weak.weak);
+    EXPECT_FALSE(list().retireDue());
+    list().retireRun(9000); // does nothing
+    EXPECT_EQ(5000u, list().timeStamp());
+    list().endResync();
+    list().stateSaved();
+    Version last = version("a", *file);
+    list().retiredVersion(last, file, true);
+    Version open = version("a", *file);
+    list().retiredVersion(open, file, false);
+    EXPECT_EQ(3u, sent());
+    EXPECT_EQ(0u, list().size());
+}
+
+TEST_F(RetireLists, ALostEventKeepsTheVersion) {
+    create();
+    auto const file = node("a");
+    list().timeStamp(5000);
+    channel_->refuse = true;
+    Version ended = version("a", *file);
+    list().retiredVersion(ended, file, true);
+    list().timeStamp(5005);
+    EXPECT_EQ(0u, list().size());
+    EXPECT_EQ(1u, file->versionCount());
+}
+
+TEST_F(RetireLists, ANonFinalVersionIsOnlyThereToBeJoined) {
+    create();
+    auto const file = node("a");
+    list().timeStamp(5000);
+    Version ended = version("a", *file);
+    list().retiredVersion(ended, file, false);
+    EXPECT_EQ(1u, list().size());
+    EXPECT_FALSE(list().retireDue()); // its time on the machine's clock is seconds ahead
+    list().timeStamp(5005);
+    EXPECT_EQ(0u, sent());
+    EXPECT_EQ(0u, list().size());
+    EXPECT_FALSE(list().retireDue());
+}
+
+TEST_F(RetireLists, ReleasingAVersionThatIsGoneIsHarmless) {
+    create();
+    store_->releaseFileNode(NodeNumber{999999}, true);
+    store_->releaseFileNode(NodeNumber{}, false);
+    EXPECT_TRUE(writeFile("a", "1"));
+}
+
+} // namespace
+} // namespace Replication

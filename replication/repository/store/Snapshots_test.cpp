@@ -1,0 +1,274 @@
+#include "replication/repository/store/DedupWorker.h"
+#include "replication/repository/store/StoreFixture.h"
+#include "replication/repository/streams/Cleanup.h"
+#include "replication/repository/streams/DedupRequest.h"
+
+#include <QFile>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <random>
+
+namespace Replication {
+namespace {
+
+class Snapshots : public StoreFixture {
+protected:
+    [[nodiscard]] SnapshotList& list() const { return store_->snapshots(); }
+    void drain() {
+        EXPECT_TRUE(DedupWorker(streams_).drain());
+        EXPECT_TRUE(CleanupWorker(streams_).drain());
+    }
+    [[nodiscard]] std::vector<std::uint32_t> instances() const {
+        std::vector<std::uint32_t> result;
+        for (auto const& file : list().all())
+            result.push_back(file->instance().value);
+        return result;
+    }
+};
+
+TEST_F(Snapshots, KindsSayWhatTheyAre) {
+    create();
+    ASSERT_TRUE(writeFile("a", "1"));
+    EXPECT_EQ(Instance{2}, snapshot("policy"));
+    EXPECT_TRUE(list().userSnapshot(9, 100, "user"));
+    EXPECT_TRUE(list().resyncSnapshot(101, "resync"));
+    EXPECT_EQ(Instance{5}, list().validateSnapshot());
+    auto const files = list().all();
+    ASSERT_EQ(5u, files.size());
+    SnapshotType const types[] = {SnapshotType::Initial, SnapshotType::Policy, SnapshotType::User,
+                                  SnapshotType::Synchronization, SnapshotType::Validate};
+    QString const labels[] = {"", "policy", "user", "resync", "Validate"};
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        EXPECT_EQ(types[i], files[i]->type());
+        EXPECT_EQ(labels[i], files[i]->label());
+        EXPECT_EQ(i, files[i]->previousInstance().value);
+        EXPECT_EQ(types[i] == SnapshotType::Synchronization, files[i]->needResync());
+    }
+    EXPECT_EQ(1u, files[1]->fileCount());
+    EXPECT_EQ(1u, channel_->count(EventRecord::SnapshotTaken));
+    EXPECT_EQ(1u, channel_->count(EventRecord::UserSnapshot));
+    EXPECT_EQ(1u, channel_->count(EventRecord::ResyncSnapshot));
+    EXPECT_TRUE(list().updateSnapshot(Instance{4}, 1, 2, 3, true, "wanted"));
+    EXPECT_TRUE(list().updateSnapshot(Instance{3}, 1, 2, 3, true, "no"));
+    EXPECT_TRUE(list().updateSnapshot(Instance{77}, 1, 2, 3, true, "no"));
+    reopen();
+    EXPECT_EQ(SnapshotType::Policy, list().find(Instance{4})->type());
+    EXPECT_EQ(QStringLiteral("wanted"), list().find(Instance{4})->label());
+    EXPECT_EQ(QStringLiteral("user"), list().find(Instance{3})->label());
+    EXPECT_EQ(Instance{5}, list().active()->instance());
+}
+
+TEST_F(Snapshots, LostEventsAndFullDisks) {
+    create();
+    channel_->refuse = true;
+    EXPECT_EQ(Instance{2}, snapshot());
+    // A file that can't be made leaves the store where it is.
+    QString const next = store_->snapshotPath() + "/" + SnapshotFile::fileName(Instance{3});
+    ASSERT_TRUE(QDir().mkpath(next));
+    EXPECT_FALSE(list().userSnapshot(1, 1, "no"));
+    EXPECT_EQ(Instance{2}, store_->currentInstance());
+    EXPECT_TRUE(writeFile("a", "1"));
+    QDir().rmdir(next);
+    EXPECT_EQ(Instance{3}, snapshot());
+    EXPECT_EQ(QByteArray("1"), contentAt("a", Instance{3}));
+    reopen();
+    EXPECT_EQ(Instance{3}, store_->currentInstance());
+}
+
+TEST_F(Snapshots, DeletionWaitsForTheNextSnapshotWhenActive) {
+    create();
+    EXPECT_TRUE(list().deleteSnapshot(Instance{1})); // active
+    EXPECT_TRUE(list().deleteSnapshot(Instance{9})); // none
+    drain();
+    EXPECT_EQ((std::vector<std::uint32_t>{1}), instances());
+    EXPECT_TRUE(list().retireRequested(Instance{1}));
+    EXPECT_TRUE(list().retireRequested(Instance{9}));
+    (void)snapshot();
+    (void)snapshot();
+    EXPECT_FALSE(list().retireRequested(Instance{2}));
+    drain();
+    EXPECT_EQ((std::vector<std::uint32_t>{2, 3}), instances());
+    EXPECT_TRUE(list().deleteSnapshot(Instance{2}));
+    EXPECT_TRUE(list().deleteSnapshot(Instance{2})); // asked for already
+    drain();
+    EXPECT_EQ((std::vector<std::uint32_t>{3}), instances());
+    EXPECT_FALSE(QFile::exists(store_->snapshotPath() + "/snapshot0000000002"));
+}
+
+TEST_F(Snapshots, ValidationSnapshotsGoTogether) {
+    create();
+    (void)list().validateSnapshot();
+    (void)list().validateSnapshot();
+    list().deleteValidateSnapshot(); // the active one is of the kind
+    drain();
+    EXPECT_EQ((std::vector<std::uint32_t>{1, 2, 3}), instances());
+    (void)snapshot();
+    drain();
+    EXPECT_EQ((std::vector<std::uint32_t>{1, 2, 4}), instances());
+    list().deleteValidateSnapshot();
+    drain();
+    EXPECT_EQ((std::vector<std::uint32_t>{1, 4}), instances());
+}
+
+TEST_F(Snapshots, MarkingHasItsRules) {
+    create();
+    QString reason;
+    EXPECT_FALSE(list().markSnapshot(reason, Instance{1})); // active
+    EXPECT_EQ(QStringLiteral("The snapshot is in use.\n Note, it is not possible to delete the "
+                             "latest snapshot"),
+              reason);
+    (void)snapshot();
+    EXPECT_TRUE(list().resyncSnapshot(1, "r"));
+    EXPECT_FALSE(list().markSnapshot(reason, Instance{2})); // the last indexed one
+    EXPECT_FALSE(list().markSnapshot(reason, Instance{9}));
+    EXPECT_EQ(QStringLiteral("The snapshot is unavailable, it may have already been retied"),
+              reason);
+    (void)snapshot();
+    channel_->refuse = true;
+    EXPECT_FALSE(list().markSnapshot(reason, Instance{2}));
+    EXPECT_EQ(QStringLiteral("Invalid Id"), reason);
+    channel_->refuse = false;
+    EXPECT_TRUE(list().markSnapshot(reason, Instance{2}));
+    EXPECT_TRUE(list().markSnapshot(reason, Instance{2}));
+    EXPECT_EQ(1u, channel_->count(EventRecord::DeleteSnapshot));
+    EXPECT_TRUE(list().markSnapshot(reason, Instance{1})); // never indexed
+    reopen();
+    EXPECT_TRUE(list().find(Instance{2})->markedForDeletion());
+}
+
+TEST_F(Snapshots, AnalysisIsKept) {
+    create();
+    std::uint64_t size = 0, directories = 0, files = 0;
+    EXPECT_FALSE(list().isSnapshotAnalyzed(size, directories, files, Instance{1}));
+    EXPECT_TRUE(list().snapshotAnalyzed(Instance{1}, 1, 2, 3));
+    EXPECT_FALSE(list().snapshotAnalyzed(Instance{2}, 1, 2, 3));
+    reopen();
+    EXPECT_TRUE(list().isSnapshotAnalyzed(size, directories, files, Instance{1}));
+    EXPECT_EQ(3u, files);
+}
+
+TEST_F(Snapshots, TakingOneCostsTheSameForAnyTree) {
+    create();
+    for (int i = 0; i < 2000; ++i)
+        ASSERT_TRUE(writeFile(QString::number(i), "x"));
+    auto const start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 10; ++i)
+        (void)snapshot();
+    auto const spent = std::chrono::steady_clock::now() - start;
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(spent).count(), 500);
+}
+
+TEST_F(Snapshots, EqualContentsAreSharedAfterASnapshot) {
+    create();
+    QByteArray const content(300000, 'z');
+    for (char const* name : {"a", "b", "c"})
+        ASSERT_TRUE(writeFile(name, content));
+    Instance const taken = snapshot();
+    EXPECT_EQ(DedupState::Pending, list().find(taken)->dedupState());
+    drain();
+    auto const file = list().find(taken);
+    EXPECT_EQ(DedupState::Deduplicated, file->dedupState());
+    EXPECT_EQ(3u, file->dedupStatistics().streams);
+    EXPECT_EQ(1u, file->dedupStatistics().uniqueStreams);
+    EXPECT_EQ(1u, channel_->count(EventRecord::SnapshotDeduped));
+    EXPECT_FALSE(QFile::exists(store_->snapshotPath() + "/dedup0000000002"));
+    ASSERT_TRUE(writeFile("b", "other")); // a frozen stream is copied
+    for (char const* name : {"a", "b", "c"})
+        EXPECT_EQ(content, contentAt(name, taken));
+    EXPECT_EQ(QByteArray("other"), contentAt("b", snapshot()));
+    // Without deduplication there is no list.
+    store_->settings(true, false, true, {});
+    ASSERT_TRUE(writeFile("d", content));
+    EXPECT_EQ(DedupState::None, list().find(snapshot())->dedupState());
+    reopen();
+    EXPECT_EQ(DedupState::Deduplicated, list().find(taken)->dedupState());
+}
+
+TEST_F(Snapshots, WorkerKeepsStoresOpenForFiveMinutes) {
+    create();
+    (void)snapshot();
+    DedupWorker worker(streams_);
+    ASSERT_TRUE(worker.start());
+    EXPECT_FALSE(worker.start());
+    ASSERT_TRUE(worker.drain()); // on this thread, with the worker held
+    EXPECT_TRUE(worker.running());
+    worker.stop();
+    EXPECT_FALSE(worker.running());
+    store_.reset();
+    EXPECT_TRUE(Store::list().isEmpty());
+    // A store that is gone needs nothing any more.
+    EXPECT_TRUE(DedupRequests::dedupSnapshot(*streams_, StoreId{99}, Instance{1}));
+    EXPECT_TRUE(worker.drain());
+}
+
+/// Files come, change and go over several instances; then the snapshots are retired in some order.
+/// Whatever the order, what is left reads as it was taken, and at the end nothing is left over.
+TEST_F(Snapshots, NothingIsLostOrLeftBehindInAnyOrderOfRetirement) {
+    auto const seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    for (int round = 0; round < 8; ++round) {
+        store_ = Store::create(storeId, identity(), true);
+        ASSERT_TRUE(store_);
+        std::uint64_t const emptyNodes = usedNodes();
+        std::map<QString, QByteArray> live;
+        std::map<std::uint32_t, std::map<QString, QByteArray>> taken;
+        for (int step = 0; step < 6; ++step) {
+            for (int change = 0; change < 12; ++change) {
+                QString const name = QStringLiteral("f%1").arg(random() % 6);
+                if (random() % 3 == 0 && live.count(name)) {
+                    ASSERT_TRUE(removeFile(name));
+                    live.erase(name);
+                } else {
+                    QByteArray const content = QByteArray::number(static_cast<uint>(random()));
+                    ASSERT_TRUE(writeFile(name, content));
+                    live[name] = content;
+                }
+            }
+            taken[snapshot().value] = live;
+        }
+        std::vector<std::uint32_t> order;
+        for (auto const& [instance, files] : taken)
+            if (Instance{instance} != store_->currentInstance())
+                order.push_back(instance);
+        order.push_back(1);
+        std::shuffle(order.begin(), order.end(), random);
+        for (std::uint32_t const instance : order) {
+            EXPECT_TRUE(list().deleteSnapshot(Instance{instance}));
+            drain();
+            taken.erase(instance);
+            for (auto const& [left, files] : taken)
+                for (int i = 0; i < 6; ++i) {
+                    QString const name = QStringLiteral("f%1").arg(i);
+                    auto const file = files.find(name);
+                    auto const content = contentAt(name, Instance{left});
+                    ASSERT_EQ(file != files.end(), content.has_value())
+                        << left << name.toStdString();
+                    if (content) {
+                        ASSERT_EQ(file->second, *content) << left << name.toStdString();
+                    }
+                }
+        }
+        // The active snapshot still sees the tree; without it only the root is left.
+        for (auto const& [name, content] : live)
+            ASSERT_TRUE(removeFile(name));
+        Instance const before = store_->currentInstance();
+        (void)snapshot();
+        EXPECT_TRUE(list().deleteSnapshot(before));
+        drain();
+        EXPECT_TRUE(writeFile("x", "y"));
+        EXPECT_TRUE(removeFile("x"));
+        Instance const last = store_->currentInstance();
+        (void)snapshot();
+        EXPECT_TRUE(list().deleteSnapshot(last));
+        drain();
+        EXPECT_EQ(emptyNodes, usedNodes()) << "round " << round;
+        store_->directories().forget();
+        store_.reset();
+    }
+}
+
+} // namespace
+} // namespace Replication
