@@ -211,7 +211,7 @@ PagedQueue::Result PagedQueue::send(Extent const& record) {
 }
 
 PagedQueue::Result PagedQueue::receiver(int interruptDescriptor) {
-    if (!open_)
+    if (!open_ || event_ < 0)
         return Result::Failed;
     interrupt_ = interruptDescriptor;
     receiving_ = true;
