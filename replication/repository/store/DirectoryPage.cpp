@@ -30,7 +30,8 @@ void DirectoryEntry::fill(DirKey const& key, QStringView name) {
     fileId(key.fileId());
     storeLittle(bytes_ + 16, key.link().value);
     typeWord(key.typeWord());
-    std::memcpy(bytes_ + fixedSize, name.utf16(), 2 * std::size_t{length});
+    if (length != 0)
+        std::memcpy(bytes_ + fixedSize, name.utf16(), 2 * std::size_t{length});
     storeLittle(bytes_ + fixedSize + 2 * length, std::uint16_t{0});
 }
 
