@@ -258,7 +258,7 @@ TEST_F(InfoTrees, BlocksThatNameThemselvesEndARelease) {
 }
 
 TEST_F(InfoTrees, NodeRecordsHoldWhatAModelHolds) {
-    auto const seed = std::random_device{}();
+    std::uint64_t const seed = newSeed();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937_64 random(seed);
     TreeParameters& parameters = pool.streams->nodeTree();

@@ -14,6 +14,7 @@
 #include <QTemporaryDir>
 
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <random>
@@ -214,13 +215,16 @@ class Model {
 public:
     static constexpr std::uint64_t blockSize = TreeParameters::blockSize;
 
-    explicit Model(TreeParameters const& tree) : tree_(&tree) {}
+    explicit Model(TreeParameters const& tree) {
+        for (std::uint32_t depth = 0; depth < maximum_.size(); ++depth)
+            maximum_[depth] = tree.maximum(depth);
+    }
 
     std::uint64_t length = 0;
 
     [[nodiscard]] std::uint32_t depth() const {
         std::uint32_t result = 0;
-        while (tree_->maximum(result) < length)
+        while (maximum_[result] < length)
             ++result;
         return result;
     }
@@ -285,9 +289,15 @@ private:
         }
     }
 
-    TreeParameters const* tree_;
+    std::array<std::uint64_t, TreeParameters::maximumDepth + 1> maximum_{};
     std::map<std::uint64_t, std::array<std::uint8_t, blockSize>> blocks_;
 };
+
+/// A new seed, or the one in MORVA_SEED to repeat a run that failed.
+inline std::uint64_t newSeed() {
+    char const* given = std::getenv("MORVA_SEED");
+    return given ? std::strtoull(given, nullptr, 10) : std::random_device{}();
+}
 
 /// Random offsets where trees change their shape.
 inline std::uint64_t randomOffset(std::mt19937_64& random, TreeParameters const& tree) {
