@@ -1,22 +1,25 @@
 #include "base/process/Context.h"
 #include "base/values/PosixText.h"
 #include "peers/morva/Commands.h"
+#include "peers/morva/Leveller.h"
 #include "peers/morva/Replay.h"
 #include "peers/morva/Root.h"
+#include "peers/morva/SnapshotName.h"
 #include "peers/source/LogFileSink.h"
 #include "peers/source/LogQueue.h"
 #include "peers/source/TreeLogger.h"
-#include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/store/Store.h"
 
 #include <CLI/CLI.hpp>
+
+#include <QFile>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <ctime>
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 namespace Morva {
@@ -142,9 +145,9 @@ void replayFile(CommandLine& line, Arguments const& given) {
 /// Walks the tree on a thread of its own, while the caller replays.
 class Reader {
 public:
-    Reader(TreeLogger& logger, LogQueue& queue, std::string const& directory)
-        : queue_(queue), thread_([&logger, &queue, directory, this] {
-              result_ = logger.run(directory);
+    Reader(std::function<TreeLogger::Result()> walk, LogQueue& queue)
+        : queue_(queue), thread_([walk = std::move(walk), &queue, this] {
+              result_ = walk();
               queue.finish();
           }) {}
     ~Reader() {
@@ -167,10 +170,10 @@ private:
 };
 
 void replicateSummary(Output const& output, QString const& store, TreeCounts const& counts,
-                      std::uint32_t snapshot, double seconds) {
+                      Leveller const& leveller, std::uint32_t snapshot, double seconds) {
     auto const rate = static_cast<double>(counts.bytes) / std::max(seconds, 1e-9);
     output.summary(QStringLiteral("%1 files, %2 directories, %3 symlinks, %4 further names, %5 in "
-                                  "%6 s (%7/s), snapshot %8")
+                                  "%6 s (%7/s), %8 unchanged, %9 gone, snapshot %10")
                        .arg(counts.files.load())
                        .arg(counts.directories.load())
                        .arg(counts.symlinks.load())
@@ -178,6 +181,8 @@ void replicateSummary(Output const& output, QString const& store, TreeCounts con
                        .arg(readableSize(counts.bytes))
                        .arg(seconds, 0, 'f', 2)
                        .arg(readableSize(static_cast<std::uint64_t>(rate)))
+                       .arg(counts.unchanged.load())
+                       .arg(leveller.removed())
                        .arg(snapshot),
                    "replicate",
                    {{"store", store},
@@ -188,6 +193,8 @@ void replicateSummary(Output const& output, QString const& store, TreeCounts con
                     {"specials", jsonNumber(counts.specials)},
                     {"bytes", jsonNumber(counts.bytes)},
                     {"logs", jsonNumber(counts.logs)},
+                    {"unchanged", jsonNumber(counts.unchanged)},
+                    {"gone", jsonNumber(leveller.removed())},
                     {"unreadable", jsonNumber(counts.problems)},
                     {"snapshot", jsonNumber(snapshot)},
                     {"seconds", seconds}});
@@ -207,11 +214,26 @@ void replicate(CommandLine& line, Arguments const& given) {
         sourceFor(root, given.store,
                   decodePosixText({directory.data(), static_cast<qsizetype>(directory.size())}));
     Replay replay(root, source, line.output);
+    auto const store = root.store(source);
+    SnapshotTree const live(*store, Replication::Instance{0});
     LogQueue queue;
     OperationLogger operations(sourceOptions(), queue);
-    TreeLogger logger(treeOptions(line.output), operations);
+    Leveller leveller(live, directory);
+    if (!leveller.run())
+        throw CommandFailure(ExitCode::Failed, "the live tree of " + source.name +
+                                                   " can't be read; run 'morva check'");
+    auto options = treeOptions(line.output);
+    options.leaveOut = {QFile::encodeName(line.output.root).toStdString()};
+    options.unchanged = [&leveller](std::string_view path, struct stat const& status) {
+        return leveller.unchanged(path, status);
+    };
+    TreeLogger logger(options, operations);
     {
-        Reader reader(logger, queue, directory);
+        auto const walk = [&] {
+            return leveller.logRemovals(operations) ? logger.run(directory)
+                                                    : TreeLogger::Result::SinkFailed;
+        };
+        Reader reader(walk, queue);
         while (auto const log = queue.take()) {
             replay.apply(log);
             line.output.progress(logger.counts().bytes, 0, logger.counts().files);
@@ -220,15 +242,12 @@ void replicate(CommandLine& line, Arguments const& given) {
     }
     replay.levelWithSource();
     replay.end();
-    auto const store = root.store(source);
-    if (!store->snapshots().userSnapshot(0, static_cast<std::uint32_t>(std::time(nullptr)),
-                                         QString::fromStdString(given.label)))
-        throw CommandFailure(ExitCode::Failed, "the snapshot could not be taken");
-    auto const snapshot = store->currentInstance().value;
+    auto const snapshot = takeSnapshot(*store, QString::fromStdString(given.label)).value;
     root.drain(false);
     root.finish();
     line.output.endProgress();
-    replicateSummary(line.output, source.name, logger.counts(), snapshot, watch.seconds());
+    replicateSummary(line.output, source.name, logger.counts(), leveller, snapshot,
+                     watch.seconds());
     if (logger.counts().problems != 0)
         line.code = ExitCode::SomeUnread;
     if (replay.counts().failed != 0)

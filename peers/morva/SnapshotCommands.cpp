@@ -6,8 +6,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <ctime>
-
 namespace Morva {
 
 using Replication::Instance;
@@ -21,17 +19,14 @@ struct Arguments {
     std::string snapshot;
 };
 
-void takeSnapshot(CommandLine& line, Arguments const& given) {
+void snapshot(CommandLine& line, Arguments const& given) {
     Stopwatch const watch;
     Root root(line.output.root);
     auto const& source = root.source(QString::fromStdString(given.store));
     auto const store = root.store(source);
     Stopwatch const taking;
-    auto const now = static_cast<std::uint32_t>(std::time(nullptr));
-    if (!store->snapshots().userSnapshot(0, now, QString::fromStdString(given.label)))
-        throw CommandFailure(ExitCode::Failed, "the snapshot could not be taken");
+    auto const instance = takeSnapshot(*store, QString::fromStdString(given.label));
     auto const milliseconds = taking.seconds() * 1000;
-    auto const instance = store->currentInstance();
     root.finish();
     line.output.summary(QStringLiteral("snapshot %1 of %2 taken in %3 ms (%4 ms in all)")
                             .arg(instance.value)
@@ -139,7 +134,7 @@ void addSnapshotCommands(CommandLine& line) {
     auto* take = line.app.add_subcommand("snapshot", "Takes a snapshot of the live tree");
     store(take);
     take->add_option("--label", given->label, "A text to know it by");
-    take->callback([line, given]() mutable { takeSnapshot(line, *given); });
+    take->callback([line, given]() mutable { snapshot(line, *given); });
 
     auto* list = line.app.add_subcommand("snapshots", "Lists the snapshots");
     store(list);

@@ -1,8 +1,11 @@
 #include "peers/morva/SnapshotName.h"
 
 #include "peers/morva/ExitCode.h"
+#include "replication/repository/store/RetireList.h"
 #include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/store/Store.h"
+
+#include <ctime>
 
 namespace Morva {
 
@@ -34,6 +37,14 @@ Instance snapshotNamed(Store& store, QString const& name) {
     if (!file || !isVisible(*file))
         throw CommandFailure(ExitCode::Failed, "there is no snapshot " + name);
     return instance;
+}
+
+Instance takeSnapshot(Store& store, QString const& label) {
+    auto const now = static_cast<std::uint32_t>(std::time(nullptr));
+    store.retired().timeStamp(now);
+    if (!store.snapshots().userSnapshot(0, now, label))
+        throw CommandFailure(ExitCode::Failed, "the snapshot could not be taken");
+    return store.currentInstance();
 }
 
 SnapshotPath splitSnapshotPath(QString const& text) {

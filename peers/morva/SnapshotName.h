@@ -17,6 +17,10 @@ namespace Morva {
 /// has no such snapshot.
 [[nodiscard]] Replication::Instance snapshotNamed(Replication::Store& store, QString const& name);
 
+/// Takes a user snapshot of the live tree, now by this machine's clock, which is the source's too.
+/// Throws `CommandFailure` when that fails.
+Replication::Instance takeSnapshot(Replication::Store& store, QString const& label);
+
 /// "3:some/path" or "latest:/some/path" in its two halves; without a colon the path is empty.
 struct SnapshotPath {
     QString snapshot;

@@ -122,6 +122,7 @@ private:
     void readNames(Level& level);
     bool reopenParent(Level const& child, Level& parent);
 
+    [[nodiscard]] bool unchanged(struct stat const& status);
     [[nodiscard]] bool linkedToFirstName(struct stat const& status);
     void setTimes(struct stat const& status);
     void problem(int error, std::string_view what);
@@ -260,6 +261,8 @@ void TreeLogger::Walk::regularFile(int directory, char const* name) {
     if (linkedToFirstName(status))
         return;
     add(counts_.files);
+    if (unchanged(status))
+        return;
     fileContents(file.get(), status);
     put(files_.attributes(file.get(), path_));
     setTimes(status);
@@ -311,12 +314,16 @@ void TreeLogger::Walk::otherObject(int directory, char const* name) {
     if (S_ISLNK(status.st_mode))
         return symlink(directory, name, status);
     add(counts_.specials);
+    if (unchanged(status))
+        return;
     put(log_.mknod(path_, status.st_mode, status.st_uid, status.st_gid, status.st_rdev));
     put(files_.attributes(directory, name, path_));
     setTimes(status);
 }
 
 void TreeLogger::Walk::symlink(int directory, char const* name, struct stat const& status) {
+    if (unchanged(status))
+        return add(counts_.symlinks);
     if (target_.empty())
         target_.resize(256);
     ssize_t length;
@@ -330,6 +337,13 @@ void TreeLogger::Walk::symlink(int directory, char const* name, struct stat cons
                      status.st_gid));
     put(files_.attributes(directory, name, path_));
     setTimes(status);
+}
+
+bool TreeLogger::Walk::unchanged(struct stat const& status) {
+    if (!options_.unchanged || !options_.unchanged(path_, status))
+        return false;
+    add(counts_.unchanged);
+    return true;
 }
 
 bool TreeLogger::Walk::linkedToFirstName(struct stat const& status) {

@@ -2,6 +2,8 @@
 
 #include "peers/source/OperationLogger.h"
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -21,8 +23,9 @@ struct TreeCounts {
     std::atomic<std::uint64_t> specials{0}; ///< devices, fifos, sockets
     std::atomic<std::uint64_t> bytes{0};    ///< of file contents logged, without holes
     std::atomic<std::uint64_t> logs{0};
-    std::atomic<std::uint64_t> problems{0}; ///< what could not be read
-    std::atomic<std::uint64_t> skipped{0};  ///< left out as asked for
+    std::atomic<std::uint64_t> problems{0};  ///< what could not be read
+    std::atomic<std::uint64_t> skipped{0};   ///< left out as asked for
+    std::atomic<std::uint64_t> unchanged{0}; ///< of all these, not logged since they are known
 };
 
 struct TreeOptions {
@@ -30,6 +33,8 @@ struct TreeOptions {
     std::vector<std::string> leaveOut;
     /// Called for everything that can't be read (path, errno, what failed); the walk goes on.
     std::function<void(std::string_view path, int error, std::string_view what)> problem;
+    /// Asked for everything but directories; what the target has already is counted, not logged.
+    std::function<bool(std::string_view path, struct stat const& status)> unchanged;
     /// Asked between two objects; true ends the walk.
     std::function<bool()> stop;
 };

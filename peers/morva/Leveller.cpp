@@ -1,0 +1,115 @@
+#include "peers/morva/Leveller.h"
+
+#include <sys/xattr.h>
+
+#include <cerrno>
+#include <functional>
+
+namespace Morva {
+
+using Replication::FileNode;
+using Replication::OperationLogger;
+
+Leveller::Leveller(SnapshotTree const& live, std::string directory)
+    : live_(live), directory_(std::move(directory)) {}
+
+bool Leveller::run() {
+    auto const root = live_.root();
+    auto const node = live_.node(root.id);
+    if (!node)
+        return false;
+    removeLostAttributes(*node, directory_);
+    return level(root, directory_);
+}
+
+bool Leveller::logRemovals(OperationLogger& operations) const {
+    for (auto const& removal : removals_) {
+        auto const logged = !removal.attribute.empty()
+                                ? operations.removeEa(removal.path, removal.attribute)
+                            : removal.isDirectory ? operations.rmdir(removal.path)
+                                                  : operations.unlink(removal.path);
+        if (!logged)
+            return false;
+    }
+    return true;
+}
+
+bool Leveller::level(SnapshotTree::Entry const& directory, std::string const& path) {
+    auto const node = live_.node(directory.id);
+    std::vector<SnapshotTree::Entry> entries;
+    if (!node || !live_.list(*node, directory.id, entries))
+        return false;
+    for (auto const& entry : entries)
+        if (!levelEntry(entry, path + '/' + nameBytes(entry.name).toStdString()))
+            return false;
+    return true;
+}
+
+bool Leveller::levelEntry(SnapshotTree::Entry const& entry, std::string const& path) {
+    struct stat status {};
+    auto const there = ::lstat(path.c_str(), &status) == 0;
+    if (!there && errno != ENOENT && errno != ENOTDIR)
+        return true; // The walk meets it too and tells the user.
+    if (!there || S_ISDIR(status.st_mode) != entry.isDirectory)
+        return remove(entry, path);
+    auto const node = live_.node(entry.id);
+    if (!node)
+        return true;
+    if (!entry.isDirectory) {
+        remember(*node, path);
+        return true;
+    }
+    removeLostAttributes(*node, path);
+    return level(entry, path);
+}
+
+bool Leveller::remove(SnapshotTree::Entry const& entry, std::string const& path) {
+    if (entry.isDirectory) {
+        auto const node = live_.node(entry.id);
+        std::vector<SnapshotTree::Entry> entries;
+        if (node && !live_.list(*node, entry.id, entries))
+            return false;
+        for (auto const& child : entries)
+            if (!remove(child, path + '/' + nameBytes(child.name).toStdString()))
+                return false;
+    }
+    removals_.push_back({path, entry.isDirectory, {}});
+    return true;
+}
+
+void Leveller::removeLostAttributes(FileNode& node, std::string const& path) {
+    auto const stored = SnapshotTree::extendedAttributes(node);
+    if (!stored)
+        return;
+    for (auto const& [name, value] : stored->all())
+        if (::lgetxattr(path.c_str(), name.constData(), nullptr, 0) < 0 && errno == ENODATA)
+            removals_.push_back({path, false, name.toStdString()});
+}
+
+void Leveller::remember(FileNode& node, std::string const& path) {
+    auto const attributes = SnapshotTree::attributes(node);
+    if (!attributes)
+        return;
+    auto const times = node.times();
+    known_.insert_or_assign(std::hash<std::string_view>{}(path),
+                            Known{SnapshotTree::size(node, *attributes), attributes->security.mode,
+                                  attributes->security.uid, attributes->security.gid,
+                                  times.modifiedSource, times.createdSource,
+                                  std::max(times.created, times.modified)});
+}
+
+bool Leveller::unchanged(std::string_view path, struct stat const& status) const {
+    auto const found = known_.find(std::hash<std::string_view>{}(path));
+    if (found == known_.end())
+        return false;
+    auto const& known = found->second;
+    auto const hasSize = S_ISREG(status.st_mode) || S_ISLNK(status.st_mode);
+    return known.mode == status.st_mode && known.uid == status.st_uid &&
+           known.gid == status.st_gid &&
+           (!hasSize || known.size == static_cast<std::uint64_t>(status.st_size)) &&
+           known.modified == OperationLogger::seconds(status.st_mtime) &&
+           known.changed == OperationLogger::seconds(status.st_ctime) &&
+           known.changed + 1 < known.stored;
+}
+
+} // namespace Morva
