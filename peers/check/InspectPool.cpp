@@ -215,8 +215,10 @@ void Inspector::cleanupQueue() {
         }
         return lines_ < mostLines;
     });
-    if (!read)
-        fault(QStringLiteral("cleanupqueue can't be read"));
+    std::uint64_t waiting = 0;
+    if (!read || queue.available(waiting) != PagedQueue::Result::Success)
+        return fault(QStringLiteral("cleanupqueue can't be read"));
+    say(QStringLiteral("%1 requests wait").arg(waiting));
 }
 
 void Inspector::dedupQueue() {
@@ -239,8 +241,10 @@ void Inspector::dedupQueue() {
                     .arg(request.value));
         return lines_ < mostLines;
     });
-    if (!read)
-        fault(QStringLiteral("dedupqueue can't be read"));
+    std::uint64_t waiting = 0;
+    if (!read || queue.available(waiting) != PagedQueue::Result::Success)
+        return fault(QStringLiteral("dedupqueue can't be read"));
+    say(QStringLiteral("%1 requests wait").arg(waiting));
 }
 
 } // namespace Morva

@@ -7,6 +7,8 @@
 
 namespace Morva {
 
+class BPlusTree;
+
 /// Walks a store's live tree from the root and compares it with the tree of names, both ways, and
 /// with the counters of the control block. Counts the names of each id in `StoreState::names`.
 class LiveTreeCheck {
@@ -42,7 +44,7 @@ private:
               std::uint64_t position);
     void findTwins();
     void compareTree();
-    void compareKey(Extent const& stored);
+    void compareKey(Extent const& stored, BPlusTree const& tree);
     void compareLinks();
     void fault(FaultKind kind, Name const& name, char const* text);
 

@@ -195,7 +195,7 @@ void PoolCheck::checkIndex() {
     DedupKey key;
     (void)tree.forEach([&](Extent const& stored) {
         if (key.restore(stored))
-            checkKey(key);
+            checkKey(key, tree);
         else
             report_.fault(FaultKind::DedupIndex, where,
                           QStringLiteral("a key has %1 bytes").arg(stored.size));
@@ -208,14 +208,15 @@ void PoolCheck::checkIndex() {
                               .arg(content.firstStream));
 }
 
-void PoolCheck::checkKey(DedupKey& key) {
+void PoolCheck::checkKey(DedupKey& key, BPlusTree const& tree) {
     ++keys_;
     keyData_ += key.length();
     auto const fault = [&](QString const& text) {
         report_.fault(FaultKind::DedupIndex, QStringLiteral("dedup.tree"), text);
     };
-    if (key.hash().first != DedupKey::hashOf(key.length(), key.digest()))
-        fault(QStringLiteral("a key of length %1 has a wrong hash").arg(key.length()));
+    DedupKey probe(key.length(), key.digest());
+    if (!tree.find(probe) || probe.hash() != key.hash())
+        fault(QStringLiteral("a key of length %1 can't be found by its digest").arg(key.length()));
     auto const found = contents_.find(contentOf(key.length(), key.digest()));
     if (found == contents_.end()) {
         fault(QStringLiteral("a key of length %1 and %2 references is of no stream")

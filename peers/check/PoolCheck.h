@@ -21,6 +21,8 @@
 
 namespace Morva {
 
+class BPlusTree;
+
 /// The pool's half of a check. `begin` looks at the pool alone; the stores then add what they
 /// refer to; `finish` compares what was counted with what was found. For one thread.
 class PoolCheck {
@@ -70,7 +72,7 @@ private:
     void checkDigest(Replication::StreamNode const& node);
     void indexStream(Replication::StreamNode const& node);
     void checkIndex();
-    void checkKey(Replication::DedupKey& key);
+    void checkKey(Replication::DedupKey& key, BPlusTree const& tree);
     void checkControl();
     void readCleanupQueue();
     void checkDedupQueue();
