@@ -2,7 +2,7 @@
 
 #include "peers/model/Player.h"
 
-#include "peers/morva/SnapshotTree.h"
+#include "peers/morva/FileTree.h"
 #include "replication/repository/store/Store.h"
 #include "replication/repository/streams/StreamHandle.h"
 
@@ -19,7 +19,7 @@ namespace {
 
 class Comparison {
 public:
-    Comparison(SnapshotTree const& reader, std::string title)
+    Comparison(FileTree const& reader, std::string title)
         : reader_(reader), title_(std::move(title)) {}
 
     void run(Object const& tree, QStringList const& top) {
@@ -43,12 +43,12 @@ private:
                               std::to_string(wanted));
     }
 
-    void directory(Object const& wanted, SnapshotTree::Entry const& entry, QByteArray const& path) {
+    void directory(Object const& wanted, FileTree::Entry const& entry, QByteArray const& path) {
         auto const node = reader_.node(entry.id);
-        std::vector<SnapshotTree::Entry> entries;
+        std::vector<FileTree::Entry> entries;
         if (!node || !reader_.list(*node, entry.id, entries))
             return differs(path, "can't be listed");
-        std::map<QByteArray, SnapshotTree::Entry> stored;
+        std::map<QByteArray, FileTree::Entry> stored;
         for (auto const& each : entries)
             stored.emplace(nameBytes(each.name), each);
         same(path, "number of names", wanted.names.size(), entries.size());
@@ -64,7 +64,7 @@ private:
                 differs(path + '/' + name, "should not be there");
     }
 
-    void compare(ObjectPointer const& wanted, SnapshotTree::Entry const& entry,
+    void compare(ObjectPointer const& wanted, FileTree::Entry const& entry,
                  QByteArray const& path) {
         auto const node = reader_.node(entry.id);
         if (!node)
@@ -82,7 +82,7 @@ private:
     }
 
     void attributes(Object const& wanted, Replication::FileNode& node, QByteArray const& path) {
-        auto const stored = SnapshotTree::attributes(node);
+        auto const stored = FileTree::attributes(node);
         if (!stored)
             return differs(path, "has no attributes");
         same(path, "mode", wanted.mode, stored->security.mode);
@@ -93,15 +93,15 @@ private:
             same(path, "time", wanted.modified, stored->modified);
         if (reader_.live() && wanted.kind != Kind::Directory)
             same(path, "links", wanted.links, stored->links);
-        auto const extended = SnapshotTree::extendedAttributes(node);
+        auto const extended = FileTree::extendedAttributes(node);
         if (!extended || extended->all() != wanted.attributes)
             differs(path, "extended attributes");
-        if (wanted.kind == Kind::Symlink && SnapshotTree::linkTarget(node) != wanted.target)
+        if (wanted.kind == Kind::Symlink && FileTree::linkTarget(node) != wanted.target)
             differs(path, "target");
     }
 
     void content(Content const& wanted, Replication::FileNode& node, QByteArray const& path) {
-        auto const stream = SnapshotTree::content(node);
+        auto const stream = FileTree::content(node);
         if (!stream)
             return differs(path, "has no content");
         same(path, "size", wanted.size(), stream->length());
@@ -124,7 +124,7 @@ private:
             differs(path, "is not zero at its end");
     }
 
-    SnapshotTree const& reader_;
+    FileTree const& reader_;
     std::string title_;
     std::unordered_map<Object const*, FileId> ids_;
     std::set<FileId> seen_;
@@ -137,7 +137,7 @@ private:
 std::string Player::differences() {
     auto const store = root_->store(root_->source("model"));
     auto const compare = [&](Instance instance, ObjectPointer const& tree, std::string title) {
-        SnapshotTree const reader(*store, instance);
+        FileTree const reader(*store, instance);
         Comparison comparison(reader, std::move(title));
         comparison.run(*tree, {QStringLiteral("r")});
         return comparison.text();

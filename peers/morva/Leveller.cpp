@@ -10,7 +10,7 @@ namespace Morva {
 using Replication::FileNode;
 using Replication::OperationLogger;
 
-Leveller::Leveller(SnapshotTree const& live, std::string directory)
+Leveller::Leveller(FileTree const& live, std::string directory)
     : live_(live), directory_(std::move(directory)) {}
 
 bool Leveller::run() {
@@ -34,9 +34,9 @@ bool Leveller::logRemovals(OperationLogger& operations) const {
     return true;
 }
 
-bool Leveller::level(SnapshotTree::Entry const& directory, std::string const& path) {
+bool Leveller::level(FileTree::Entry const& directory, std::string const& path) {
     auto const node = live_.node(directory.id);
-    std::vector<SnapshotTree::Entry> entries;
+    std::vector<FileTree::Entry> entries;
     if (!node || !live_.list(*node, directory.id, entries))
         return false;
     for (auto const& entry : entries)
@@ -45,7 +45,7 @@ bool Leveller::level(SnapshotTree::Entry const& directory, std::string const& pa
     return true;
 }
 
-bool Leveller::levelEntry(SnapshotTree::Entry const& entry, std::string const& path) {
+bool Leveller::levelEntry(FileTree::Entry const& entry, std::string const& path) {
     struct stat status {};
     auto const there = ::lstat(path.c_str(), &status) == 0;
     if (!there && errno != ENOENT && errno != ENOTDIR)
@@ -63,10 +63,10 @@ bool Leveller::levelEntry(SnapshotTree::Entry const& entry, std::string const& p
     return level(entry, path);
 }
 
-bool Leveller::remove(SnapshotTree::Entry const& entry, std::string const& path) {
+bool Leveller::remove(FileTree::Entry const& entry, std::string const& path) {
     if (entry.isDirectory) {
         auto const node = live_.node(entry.id);
-        std::vector<SnapshotTree::Entry> entries;
+        std::vector<FileTree::Entry> entries;
         if (node && !live_.list(*node, entry.id, entries))
             return false;
         for (auto const& child : entries)
@@ -78,7 +78,7 @@ bool Leveller::remove(SnapshotTree::Entry const& entry, std::string const& path)
 }
 
 void Leveller::removeLostAttributes(FileNode& node, std::string const& path) {
-    auto const stored = SnapshotTree::extendedAttributes(node);
+    auto const stored = FileTree::extendedAttributes(node);
     if (!stored)
         return;
     for (auto const& [name, value] : stored->all())
@@ -87,12 +87,12 @@ void Leveller::removeLostAttributes(FileNode& node, std::string const& path) {
 }
 
 void Leveller::remember(FileNode& node, std::string const& path) {
-    auto const attributes = SnapshotTree::attributes(node);
+    auto const attributes = FileTree::attributes(node);
     if (!attributes)
         return;
     auto const times = node.times();
     known_.insert_or_assign(std::hash<std::string_view>{}(path),
-                            Known{SnapshotTree::size(node, *attributes), attributes->security.mode,
+                            Known{FileTree::size(node, *attributes), attributes->security.mode,
                                   attributes->security.uid, attributes->security.gid,
                                   times.modifiedSource, times.createdSource,
                                   std::max(times.created, times.modified)});

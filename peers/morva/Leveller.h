@@ -1,6 +1,6 @@
 #pragma once
 
-#include "peers/morva/SnapshotTree.h"
+#include "peers/morva/FileTree.h"
 #include "peers/source/OperationLogger.h"
 
 #include <sys/stat.h>
@@ -22,7 +22,7 @@ namespace Morva {
 class Leveller {
 public:
     /// `directory` is the source root of the store: an absolute path.
-    Leveller(SnapshotTree const& live, std::string directory);
+    Leveller(FileTree const& live, std::string directory);
 
     /// Looks at every stored object. False when a stored directory can't be read. By the writer of
     /// the live tree, before anything is replayed.
@@ -44,13 +44,13 @@ private:
         std::uint32_t stored; ///< when it came here, by the repository's clock
     };
 
-    [[nodiscard]] bool level(SnapshotTree::Entry const& directory, std::string const& path);
-    [[nodiscard]] bool levelEntry(SnapshotTree::Entry const& entry, std::string const& path);
-    [[nodiscard]] bool remove(SnapshotTree::Entry const& entry, std::string const& path);
+    [[nodiscard]] bool level(FileTree::Entry const& directory, std::string const& path);
+    [[nodiscard]] bool levelEntry(FileTree::Entry const& entry, std::string const& path);
+    [[nodiscard]] bool remove(FileTree::Entry const& entry, std::string const& path);
     void removeLostAttributes(Replication::FileNode& node, std::string const& path);
     void remember(Replication::FileNode& node, std::string const& path);
 
-    SnapshotTree const& live_;
+    FileTree const& live_;
     std::string directory_;
     /// By the hash of the path: a collision could at worst match all six values too.
     std::unordered_map<std::size_t, Known> known_;

@@ -215,7 +215,7 @@ void replicate(CommandLine& line, Arguments const& given) {
                   decodePosixText({directory.data(), static_cast<qsizetype>(directory.size())}));
     Replay replay(root, source, line.output);
     auto const store = root.store(source);
-    SnapshotTree const live(*store, Replication::Instance{0});
+    FileTree const live(*store, Replication::Instance{0});
     LogQueue queue;
     OperationLogger operations(sourceOptions(), queue);
     Leveller leveller(live, directory);
