@@ -42,6 +42,8 @@ bool RepositoryPosix::setAttributes(LogEntry const& log, FileContext const& cont
     if (flags & securityFlags) {
         auto security = readSecurity(handle);
         auto const before = security;
+        // A default that was only assumed so far is now known.
+        auto const assumed = !active.fileNode()->exists(QString::fromUtf16(PosixStream::security));
         if (flags & posixAttrMode)
             security.mode =
                 (security.mode & S_IFMT) | (log.mode() & ~static_cast<std::uint32_t>(S_IFMT));
@@ -49,7 +51,7 @@ bool RepositoryPosix::setAttributes(LogEntry const& log, FileContext const& cont
             security.uid = log.uid();
         if (flags & posixAttrGid)
             security.gid = log.gid();
-        if (security != before) {
+        if (assumed || security != before) {
             if (!store().paths().replaceContent(
                     context, handle, QString::fromUtf16(PosixStream::security), security.encode()))
                 return false;
