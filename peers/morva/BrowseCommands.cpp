@@ -142,9 +142,7 @@ void writeOut(std::uint8_t const* bytes, std::uint64_t count) {
     }
 }
 
-void printContent(CommandLine& line, Arguments const& given) {
-    OpenStore store(line.output.root, given.store);
-    auto const object = objectNamed(store, given.object);
+void printContent(NamedObject const& object) {
     auto const path = shownPath(object.path);
     auto const node = object.tree.node(object.entry.id);
     auto const attributes = node ? FileTree::attributes(*node) : std::nullopt;
@@ -166,6 +164,11 @@ void printContent(CommandLine& line, Arguments const& given) {
         writeOut(bytes.data(), *count);
         at += *count;
     }
+}
+
+void cat(CommandLine& line, Arguments const& given) {
+    OpenStore store(line.output.root, given.store);
+    printContent(objectNamed(store, given.object));
     store.finish();
 }
 
@@ -319,8 +322,8 @@ void addBrowseCommands(CommandLine& line) {
     ls->add_flag("-l,--long", given->isLong, "With modes, owners, sizes and times");
     ls->add_flag("-R,--recursive", given->recursive, "With all that is below it");
 
-    auto* cat = command("cat", "Writes a file's content to standard output", printContent);
-    cat->add_option("object", given->object, whichObject)->required();
+    auto* print = command("cat", "Writes a file's content to standard output", cat);
+    print->add_option("object", given->object, whichObject)->required();
 
     auto* compare = command("diff", "Tells what changed between two snapshots", diff);
     compare->add_option("before", given->object, whichTree)->required();

@@ -20,7 +20,7 @@ public:
     [[nodiscard]] Replication::Store& store() const { return *store_; }
     /// The tree that a user means: a snapshot's number, "latest" or "live".
     [[nodiscard]] FileTree tree(QString const& name) const;
-    /// Closes the store and the root.
+    /// Closes the store and the root; nodes and streams must have been given up by then.
     void finish();
 
 private:
