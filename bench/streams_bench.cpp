@@ -1,11 +1,12 @@
 // What the stream pool costs beside the bare file system:
 //
-//   RawWrite/1048576   pwrite of 1 MiB pieces into a file whose space is reserved
-//   Write/n            new stream, n bytes in pieces of at most 1 MiB, close
-//   Read/n             a whole stream of n bytes in pieces of 1 MiB, from the page cache
-//   Open               handle of an existing stream and its end
+//   RawWrite/n   pwrite of n bytes
+//   Write/n      new stream, n bytes in pieces of at most 1 MiB, close
+//   Read/n       a whole stream of n bytes in pieces of 1 MiB, from the page cache
+//   Open         handle of an existing stream and its end
 //
-// Every fourth gigabyte all streams are deleted outside the clock.
+// Both write over the same 128 MiB of a file again and again, which are in the page cache before
+// the clock starts. What is full is deleted outside the clock.
 
 #include "replication/repository/streams/Cleanup.h"
 #include "replication/repository/streams/StreamHandle.h"
@@ -19,6 +20,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <vector>
 
 using namespace Replication;
@@ -26,16 +28,26 @@ using namespace Replication;
 namespace {
 
 constexpr std::uint32_t piece = 1 << 20;
-constexpr std::uint64_t roomBytes = std::uint64_t{1} << 30;
+constexpr std::uint64_t roomBytes = std::uint64_t{128} << 20;
+
+std::vector<std::uint8_t> const data(piece, 0x5a);
 
 struct Pool {
+    Pool() {
+        auto warm = streams->handle(streams->newStream(), false);
+        for (std::uint64_t at = 0; at < roomBytes; at += piece)
+            warm->write(at, data.data(), piece);
+        warm->truncate(0);
+        warm.reset();
+        if (!cleanup.drain())
+            std::abort();
+    }
+
     QTemporaryDir directory;
     std::shared_ptr<Streams> streams = std::make_shared<Streams>(
         directory.path() + "/streams", directory.path() + "/data", Streams::Configuration{});
     CleanupWorker cleanup{streams};
 };
-
-std::vector<std::uint8_t> const data(piece, 0x5a);
 
 void RawWrite(benchmark::State& state) {
     QTemporaryDir directory;
@@ -43,6 +55,10 @@ void RawWrite(benchmark::State& state) {
                             O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (::posix_fallocate(file, 0, static_cast<off_t>(roomBytes)) != 0)
         state.SkipWithError("no room");
+    for (std::uint64_t at = 0; at < roomBytes; at += piece) {
+        if (::pwrite(file, data.data(), piece, static_cast<off_t>(at)) < 0)
+            state.SkipWithError("pwrite failed");
+    }
     auto const size = static_cast<std::size_t>(state.range(0));
     std::uint64_t at = 0;
     for (auto _ : state) {
