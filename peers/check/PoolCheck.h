@@ -44,10 +44,6 @@ public:
     [[nodiscard]] bool hasStream(Replication::StreamId id) const {
         return id.value < streams_.size() && (streams_[id.value].flags & Exists) != 0;
     }
-    /// Whether a stream of that number can ever have been.
-    [[nodiscard]] bool possibleStream(Replication::StreamId id) const {
-        return id.value > Blocks::firstBlock() && (!nodes_.isOpen() || id.value < nodes_.count());
-    }
     [[nodiscard]] TreeReader& reader() { return *reader_; }
     [[nodiscard]] CheckReport& report() { return report_; }
 

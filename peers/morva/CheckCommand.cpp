@@ -41,7 +41,7 @@ void check(CommandLine& line, bool readData) {
 
 void addCheckCommand(CommandLine& line) {
     auto* const command = line.app.add_subcommand(
-        "check", "Check every record of the repository, and change nothing");
+        "check", "Checks every record of the repository, and changes nothing");
     auto const readData = std::make_shared<bool>(false);
     command->add_flag("--read-data", *readData,
                       "Also read all contents, and verify the digests that are known");

@@ -55,7 +55,7 @@ void inspect(CommandLine& line, Arguments const& given) {
 
 void addInspectCommand(CommandLine& line) {
     auto* const command =
-        line.app.add_subcommand("inspect", "Print any record, also a damaged one");
+        line.app.add_subcommand("inspect", "Prints any record, also a damaged one");
     auto const given = std::make_shared<Arguments>();
     command->add_option("what", given->words, "What to print")->required();
     command->add_option("--store-id", given->store, "Number of the store, if there are several");
