@@ -43,6 +43,10 @@ std::uint64_t seedOf(std::uint64_t generation, std::uint64_t offset) {
     return generation * 0x100000001B3ull ^ offset;
 }
 
+std::uint64_t headAt(std::uint64_t sequence) {
+    return Header::atHeads + sequence % 2 * Header::headSize;
+}
+
 } // namespace
 
 PagedQueue::PagedQueue(QString const& path, std::uint64_t pageSize, std::uint64_t pagesInMemory)
@@ -79,7 +83,10 @@ bool PagedQueue::openOrMake(QString const& path) {
     bool there = file_->open(path, RawFile::Mode::ReadWrite);
     if (!there && file_->lastError() != ENOENT)
         return false;
-    if (there && file_->length() >= Header::size) {
+    std::array<std::uint8_t, Header::size> header{};
+    bool const begun = there && file_->readAt(0, header.data(), Header::size) == Header::size &&
+                       std::ranges::any_of(header, [](std::uint8_t byte) { return byte != 0; });
+    if (begun || (there && file_->length() > Header::size)) {
         if (!readHead())
             return false;
         findTail();
@@ -87,13 +94,22 @@ bool PagedQueue::openOrMake(QString const& path) {
     }
     if (!there && !file_->create(path, RawFile::Mode::ReadWrite))
         return false;
-    std::array<std::uint8_t, Header::size> header{};
+    // In one write, so that a header without a head is damage.
+    header.fill(0);
     std::memcpy(header.data(), Header::magic, 8);
     storeLittle(header.data() + Header::atVersion, Header::version);
+    head_ = {1, 1, Header::size};
+    storeHead(header.data() + headAt(head_.sequence), head_);
     tail_ = Header::size;
     trimmed_ = true;
-    return file_->writeAt(0, header.data(), Header::size) == Header::size &&
-           writeHead({0, 1, Header::size});
+    return file_->writeAt(0, header.data(), Header::size) == Header::size;
+}
+
+void PagedQueue::storeHead(std::uint8_t* at, Head const& head) {
+    storeLittle(at, head.sequence);
+    storeLittle(at + 8, head.generation);
+    storeLittle(at + 16, head.offset);
+    storeLittle(at + 24, recordCheck(0, at, 24));
 }
 
 bool PagedQueue::readHead() {
@@ -117,12 +133,8 @@ bool PagedQueue::readHead() {
 bool PagedQueue::writeHead(Head head) {
     ++head.sequence;
     std::array<std::uint8_t, Header::headSize> bytes;
-    storeLittle(bytes.data(), head.sequence);
-    storeLittle(bytes.data() + 8, head.generation);
-    storeLittle(bytes.data() + 16, head.offset);
-    storeLittle(bytes.data() + 24, recordCheck(0, bytes.data(), 24));
-    std::uint64_t const at = Header::atHeads + head.sequence % 2 * Header::headSize;
-    if (file_->writeAt(at, bytes.data(), Header::headSize) != Header::headSize) {
+    storeHead(bytes.data(), head);
+    if (file_->writeAt(headAt(head.sequence), bytes.data(), Header::headSize) != Header::headSize) {
         MORVA_TRACE(Always) << "Failed to write the head of queue" << file_->name();
         return false;
     }
@@ -185,6 +197,18 @@ bool PagedQueue::load(std::uint64_t offset, std::uint64_t end, std::uint64_t gen
     return true;
 }
 
+/// Puts the record, as it stands at an offset of a generation, behind what `frame_` holds.
+void PagedQueue::addFrame(Extent const& record, std::uint64_t generation, std::uint64_t offset) {
+    std::size_t const start = frame_.size();
+    frame_.resize(start + frameSize + record.size);
+    std::uint8_t* const at = frame_.data() + start;
+    storeLittle(at, record.size);
+    storeLittle(at + 4, std::uint32_t{0});
+    if (record.size != 0)
+        std::memcpy(at + frameSize, record.data, record.size);
+    storeLittle(at + 8, recordCheck(seedOf(generation, offset), at + frameSize, record.size));
+}
+
 PagedQueue::Result PagedQueue::send(Extent const& record) {
     if (record.size > pageSize_ - frameSize)
         return Result::TooLarge;
@@ -192,13 +216,8 @@ PagedQueue::Result PagedQueue::send(Extent const& record) {
     if (!open_ || !trim())
         return Result::Failed;
     std::uint32_t const bytes = frameSize + record.size;
-    frame_.resize(bytes);
-    storeLittle(frame_.data(), record.size);
-    storeLittle(frame_.data() + 4, std::uint32_t{0});
-    if (record.size != 0)
-        std::memcpy(frame_.data() + frameSize, record.data, record.size);
-    storeLittle(frame_.data() + 8, recordCheck(seedOf(head_.generation, tail_),
-                                               frame_.data() + frameSize, record.size));
+    frame_.clear();
+    addFrame(record, head_.generation, tail_);
     if (file_->writeAt(tail_, frame_.data(), bytes) != bytes) {
         MORVA_TRACE(Always) << "Failed to write to queue" << file_->name();
         trimmed_ = false;
@@ -276,23 +295,60 @@ void PagedQueue::stop() {
     wake();
 }
 
+/// Copies the records from `from` to the tail to the front of the file, as a generation of their
+/// own, and tells where they end. They count only once a head names that generation. Only done
+/// when what was released before takes at least as much room, so that the copy meets neither its
+/// source nor the record at hand, and a record is moved at most once for as many bytes released.
+bool PagedQueue::copyToFront(std::uint64_t from, std::uint64_t generation, std::uint64_t& end) {
+    std::uint64_t const released = head_.offset - Header::size;
+    if (released < std::max({pageSize_, tail_ - from, moveAt_}))
+        return false;
+    Window window;
+    Extent record;
+    std::uint64_t written = Header::size;
+    frame_.clear();
+    bool copied = true;
+    while (copied && from < tail_) {
+        copied = load(from, tail_, head_.generation, window, record);
+        if (!copied)
+            break;
+        addFrame(record, generation, written + frame_.size());
+        from += frameSize + record.size;
+        if (frame_.size() >= readAhead || from == tail_) {
+            auto const bytes = static_cast<std::uint32_t>(frame_.size());
+            copied = file_->writeAt(written, frame_.data(), bytes) == bytes;
+            written += bytes;
+            frame_.clear();
+        }
+    }
+    moveAt_ = copied ? 0 : released * 2;
+    end = written;
+    return copied;
+}
+
 PagedQueue::Result PagedQueue::release() {
     if (!held_)
         return Result::Failed;
     TracedLock lock(lock_);
     Head head = head_;
-    bool const last = count_ == 1;
-    head.offset = last ? Header::size : head.offset + frameSize + heldSize_;
-    head.generation += last;
+    std::uint64_t const next = head.offset + frameSize + heldSize_;
+    std::uint64_t const before = tail_;
+    std::uint64_t end = Header::size;
+    // No generation has the number of a head that wasn't written yet.
+    std::uint64_t const generation = head.sequence + 1;
+    bool const startOver = count_ == 1 || copyToFront(next, generation, end);
+    head.offset = startOver ? Header::size : next;
+    if (startOver)
+        head.generation = generation;
     if (!writeHead(head))
         return Result::Failed;
     held_ = false;
     --count_;
-    if (last) {
+    if (startOver) {
         window_.bytes.clear();
-        std::uint64_t const end = std::exchange(tail_, Header::size);
-        if (end - Header::size >= std::min(pageSize_, readAhead))
-            trimmed_ = file_->setLength(Header::size);
+        tail_ = end;
+        if (before - end >= std::min(pageSize_, readAhead))
+            trimmed_ = file_->setLength(end);
     }
     return Result::Success;
 }

@@ -18,7 +18,9 @@ namespace Morva {
 ///
 /// Many threads may send; one receives. A record is in the file when `send` returns (written, not
 /// synced) and stays there until it is released. The file starts over whenever the queue runs
-/// empty. Format and what a crash can leave: docs/formats/queue.md. Failures are traced.
+/// empty, and whenever what was released takes more of it than a page and than all that waits: it
+/// is never longer than twice what waits and a page. Format and what a crash can leave:
+/// docs/formats/queue.md. Failures are traced.
 class PagedQueue {
 public:
     enum class Result : std::uint32_t {
@@ -72,7 +74,7 @@ public:
 private:
     struct Head {
         std::uint64_t sequence = 0;   // of the writes of the head
-        std::uint64_t generation = 0; // rises each time the file starts over
+        std::uint64_t generation = 0; // rises each time the file starts over, never above sequence
         std::uint64_t offset = 0;     // of the first record
     };
     /// Bytes of the file read ahead.
@@ -84,6 +86,11 @@ private:
     [[nodiscard]] bool openOrMake(QString const& path) MORVA_REQUIRES(lock_);
     [[nodiscard]] bool readHead() MORVA_REQUIRES(lock_);
     [[nodiscard]] bool writeHead(Head head) MORVA_REQUIRES(lock_);
+    static void storeHead(std::uint8_t* at, Head const& head);
+    void addFrame(Extent const& record, std::uint64_t generation, std::uint64_t offset)
+        MORVA_REQUIRES(lock_);
+    [[nodiscard]] bool copyToFront(std::uint64_t from, std::uint64_t generation, std::uint64_t& end)
+        MORVA_REQUIRES(lock_);
     void findTail() MORVA_REQUIRES(lock_);
     [[nodiscard]] bool trim() MORVA_REQUIRES(lock_);
     [[nodiscard]] bool load(std::uint64_t offset, std::uint64_t end, std::uint64_t generation,
@@ -112,7 +119,8 @@ private:
     Head head_ MORVA_GUARDED_BY(lock_);
     std::uint64_t tail_ MORVA_GUARDED_BY(lock_) = 0;
     std::uint64_t count_ MORVA_GUARDED_BY(lock_) = 0;
-    bool trimmed_ MORVA_GUARDED_BY(lock_) = false; // nothing lies behind the tail
+    bool trimmed_ MORVA_GUARDED_BY(lock_) = false;     // nothing lies behind the tail
+    std::uint64_t moveAt_ MORVA_GUARDED_BY(lock_) = 0; // not tried before, after a failure
     std::vector<std::uint8_t> frame_ MORVA_GUARDED_BY(lock_);
 };
 

@@ -184,29 +184,72 @@ TEST_F(PagedQueueTest, DamagedHeaderIsNotReplaced) {
 }
 
 TEST_F(PagedQueueTest, NoCrashLosesOrRepeatsARecord) {
-    for (std::uint64_t n = 1; n < 40; ++n) {
+    bool crashed = true;
+    for (std::uint64_t n = 1; crashed; ++n) {
         FaultyFiles files;
         QFile::remove(path);
         std::uint64_t sent = 0;
         std::uint64_t released = 0;
         {
-            PagedQueue queue(path, 4096, 1);
+            PagedQueue queue(path, 128, 1);
             files.crashAtWrite(n);
             (void)queue.receiver();
             Extent record;
-            for (int step = 0; step < 60; ++step) {
-                if (step % 3 != 2)
+            // Grows, then keeps its length while the file starts over again and again, then ends.
+            for (int step = 0; step < 80; ++step) {
+                if (step < 8 || (step < 60 && step % 2 == 0))
                     sent += send(queue, text(sent)) == Result::Success;
                 else if (queue.tryReceive(record) == Result::Success)
                     released += queue.release() == Result::Success;
             }
+            crashed = files.crashed();
         }
         files.restart(FaultyFiles::Unsynced::Kept);
-        PagedQueue queue(path, 4096, 1);
+        PagedQueue queue(path, 128, 1);
         auto const records = all(queue);
         ASSERT_EQ(records.size(), sent - released) << n;
         for (std::size_t i = 0; i < records.size(); ++i)
             ASSERT_EQ(records[i], text(released + i)) << n;
+    }
+}
+
+TEST_F(PagedQueueTest, FileOfAQueueThatNeverRunsEmptyStaysBounded) {
+    constexpr std::uint64_t waiting = 50;
+    FaultyFiles files;
+    PagedQueue queue(path, 256, 1);
+    ASSERT_EQ(queue.receiver(), Result::Success);
+    qint64 longest = 0;
+    Extent record;
+    for (std::uint64_t n = 0; n < 4000; ++n) {
+        ASSERT_EQ(send(queue, text(n)), Result::Success);
+        if (n < waiting)
+            continue;
+        // A copy that fails must neither fail the release nor leave anything behind.
+        if (n % 100 == 0)
+            files.failReadsAfter(1);
+        ASSERT_EQ(queue.tryReceive(record), Result::Success);
+        ASSERT_EQ(record.toByteArray(), text(n - waiting));
+        ASSERT_EQ(queue.release(), Result::Success);
+        files.heal();
+        longest = std::max(longest, QFileInfo(path).size());
+    }
+    EXPECT_LT(longest, 5 * waiting * (16 + 100));
+    PagedQueue again(path, 256, 1);
+    auto const records = all(again);
+    ASSERT_EQ(records.size(), waiting);
+    EXPECT_EQ(records.front(), text(4000 - waiting));
+    EXPECT_EQ(records.back(), text(3999));
+}
+
+TEST_F(PagedQueueTest, FileWhoseMakingWasCutShortIsMadeAnew) {
+    for (qsizetype length : {0, 60, 128}) {
+        QFile::remove(path);
+        Testing::damage(path, 0, QByteArray(length, '\0'));
+        PagedQueue queue(path, 4096, 1);
+        ASSERT_TRUE(queue) << length;
+        EXPECT_EQ(send(queue, "x"), Result::Success);
+        PagedQueue again(path, 4096, 1);
+        EXPECT_EQ(all(again), (std::deque<QByteArray>{"x"}));
     }
 }
 
