@@ -53,6 +53,8 @@ bool TreeReader::read(TreeRecord record, std::uint32_t width, std::uint64_t offs
                       std::uint32_t count) {
     if (!sound(record, width) || offset > record.length() || count > record.length() - offset)
         return false;
+    if (count == 0)
+        return true;
     if (record.depth() == 0) {
         std::memcpy(buffer, record.entries() + offset, count);
         return true;
