@@ -5,6 +5,7 @@
 #include "base/trace/Trace.h"
 
 #include <algorithm>
+#include <limits>
 #include <mutex>
 
 namespace Replication {
@@ -26,6 +27,10 @@ bool isMessage(LogEntry const& log, DataSink::MessageType type) {
 DataSink::DataSink(Identity identity)
     : identity_(std::move(identity)), stateFile_(identity_.stateFile) {
     stateFile_.readHeader();
+    if (!stateFile_.valid() && stateFile_.isOpen()) {
+        MORVA_TRACE(Always) << "Unable to read existing state file" << identity_.stateFile;
+        LogLine(logSource, LogLevelE::Error) << "Unable to read existing state file";
+    }
     if (!stateFile_.valid() && !stateFile_.create()) {
         MORVA_TRACE(Always) << "Fatal error, unable to create state file" << identity_.stateFile;
         LogLine(logSource, LogLevelE::Error) << "Fatal error, unable to create state file";
@@ -48,11 +53,11 @@ bool DataSink::start() {
         valid_ = false;
         return scope.result(false);
     }
+    // Rules with another target cut the saved exclusions off.
+    loadState();
     auto const loaded = ackSequence_ != 0 ? startWithState() : startWithoutState();
     if (!loaded)
         valid_ = false;
-    else
-        loadState();
     forceAck();
     return scope.result(loaded);
 }
@@ -78,8 +83,16 @@ bool DataSink::startWithState() {
                 << "Failed to current ruleset %1i" << identity_.ruleSet;
             return false;
         }
+        if (rules_ && rules_->resyncRequired())
+            reportNewRules();
     }
     return true;
+}
+
+void DataSink::reportNewRules() const {
+    LogLine(logSource, LogLevelE::Error) << "New rules require a resynchronization";
+    LogLine(logSource, LogLevelE::Error)
+        << "New rules (%1i) require a resynchronization" << identity_.ruleSet;
 }
 
 bool DataSink::startWithoutState() {
@@ -105,13 +118,19 @@ bool DataSink::takeLogs(LogList& logs) {
         return false;
     inLogLoop_ = true;
     auto left = budget;
-    auto log = logs.peek();
+    auto const oldest = [&] {
+        auto log = logs.peek();
+        if (logs.lowWaterReached())
+            unstalled();
+        return log;
+    };
+    auto log = oldest();
     while (log && left > 0 && !paused_) {
         if (takeLog(log) == Outcome::Waiting)
             break;
         (void)logs.take();
         --left;
-        log = logs.peek();
+        log = oldest();
     }
     inLogLoop_ = false;
     if (state_ == eRunning && !resyncPaths_.isEmpty())
@@ -141,8 +160,11 @@ bool DataSink::changeRules(std::uint32_t ruleSet) {
         MORVA_TRACE(Always) << "Failed to load rule set" << ruleSet;
         return false;
     }
-    MORVA_TRACE(Normal) << moveOpenToClosed() << "Closed handle(s)"
+    auto const moved = moveOpenToClosed();
+    MORVA_TRACE(Normal) << moved << "Closed handle(s)"
                         << "Changed Rules";
+    if (rules_ && rules_->resyncRequired())
+        sendResyncRequired(QStringLiteral("Rules change requires resynchronization"), true, 3);
     return true;
 }
 
@@ -198,7 +220,9 @@ void DataSink::messageLog(LogEntry const& log) {
         closeAllFiles();
         if (auto const moved = moveOpenToClosed(); moved != 0) {
             MORVA_TRACE(Normal) << "Start Snapshot" << moved << "Closed handle(s)";
-            closedGraceLimit_ = log.time() + closedGracePeriod();
+            auto const limit = std::uint64_t{log.time()} + closedGracePeriod();
+            closedGraceLimit_ = static_cast<std::uint32_t>(
+                std::min<std::uint64_t>(limit, std::numeric_limits<std::uint32_t>::max()));
         }
     }
     auto const exclusions = isMessage(log, SourceStarted) || isMessage(log, NotToBackupDetails);
@@ -213,8 +237,12 @@ void DataSink::takeExclusions(LogEntry const& log) {
     if (!details)
         return;
     MORVA_TRACE(Normal) << "NotToBackup details" << log.data().size;
-    exclusions_ = log.data().toByteArray();
+    auto bytes = log.data().toByteArray();
+    if (bytes == exclusions_)
+        return;
+    exclusions_ = std::move(bytes);
     notToBackup_ = NotToBackup(*details, caseSensitive_);
+    exclusionsChanged();
     saveState();
 }
 
@@ -332,8 +360,8 @@ void DataSink::requestResync(QString const& type, Morva::MsgAddress const&) {
         return;
     }
     resyncType_ = type;
-    MORVA_TRACE(Normal) << (startResyncProcess(type) ? "Requested initial sync"
-                                                     : "Failed to request initial sync")
+    auto const started = startResyncProcess(type);
+    MORVA_TRACE(Normal) << (started ? "Requested initial sync" : "Failed to request initial sync")
                         << type;
 }
 

@@ -109,8 +109,12 @@ public:
     virtual void startResync();
     virtual void endResync();
     virtual void setupThread();
-    /// A POLICYEVENT; the result takes part in that of the replay.
+    /// A POLICYEVENT. What comes of it is told to the user and doesn't fail the log.
     virtual void policyEvent(LogEntry const& log) = 0;
+    /// The list is no longer full: its collector can go on.
+    virtual void unstalled() {}
+    /// `notToBackup()` differs from before: what is stored may have to go.
+    virtual void exclusionsChanged() {}
     /// Adds a path to the partial resynchronisation's list; false when the state doesn't take it.
     bool addResyncPath(QString const& path, bool first);
 
@@ -136,6 +140,7 @@ private:
     [[nodiscard]] bool startWithState();
     [[nodiscard]] bool startWithoutState();
     [[nodiscard]] bool changeRules(std::uint32_t ruleSet);
+    void reportNewRules() const;
     Outcome handleLog(LogPointer const& log);
     void messageLog(LogEntry const& log);
     void takeExclusions(LogEntry const& log);

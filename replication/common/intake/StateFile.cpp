@@ -60,6 +60,7 @@ void StateFile::decode(std::uint8_t const* header) {
 bool StateFile::create() {
     MORVA_METHOD("create");
     clear();
+    close(); // a file that is there but can't be read
     auto const header = encode();
     if (!file_->create(name_, RawFile::Mode::Create) ||
         file_->writeAt(0, header.data(), headerSize) != headerSize) {

@@ -49,6 +49,7 @@ public:
     void close();
 
     [[nodiscard]] bool valid() const { return valid_; }
+    [[nodiscard]] bool isOpen() const { return file_->isOpen(); }
     [[nodiscard]] std::uint64_t sequenceNumber() const { return sequence_; }
     [[nodiscard]] std::uint64_t bytesProcessed() const { return bytes_; }
     [[nodiscard]] std::uint32_t flags() const { return flags_; }

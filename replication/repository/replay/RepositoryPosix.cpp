@@ -73,6 +73,8 @@ bool RepositoryPosix::replayBody(LogEntry const& log) {
         return opWritePath(log);
     case LogType::PosixTruncate:
         return opTruncatePosix(log);
+    case LogType::PosixResync:
+        return opResyncPosix(log);
     default:
         break;
     }
@@ -102,9 +104,13 @@ bool RepositoryPosix::translate(QStringList& parts, std::string_view path) const
 }
 
 RepositoryPosix::Place RepositoryPosix::place(std::string_view path, bool isDirectory) const {
+    QStringList parts;
+    return translate(parts, path) ? place(std::move(parts), isDirectory) : Place{};
+}
+
+RepositoryPosix::Place RepositoryPosix::place(QStringList path, bool isDirectory) const {
     Place result;
-    if (!translate(result.path, path))
-        return result;
+    result.path = std::move(path);
     result.opType = operation(result.path, isDirectory);
     result.space = result.opType == NotToBackup::eExcluded ? Space::Excluded : Space::Inside;
     return result;
@@ -116,21 +122,17 @@ RepositoryPosix::SinkHandlePointer RepositoryPosix::makeObject(LogEntry const& l
     auto& paths = store().paths();
     auto const context = this->context(log, place.path, place.opType);
     auto const wantsDirectory = S_ISDIR(security.mode);
-    auto const located = store().directories().locate(place.path, PathMode::DoNotBuildPath);
-    auto const isThere = located.found;
-    if (isThere && !(wantsDirectory && located.key.isDirectory()) &&
-        !paths.unlink(context, place.path))
-        return nullptr;
-
     PathOperations::NewFile file;
     file.nodeType = wantsDirectory ? directoryType : fileType;
     file.attributes = security.mode;
     file.owner = QString::number(security.uid);
     file.security = security.encode();
+    file.replaces = true;
     if (!wantsDirectory)
         return paths.createStream(context, place.path, streamName(PosixStream::data), file);
+    auto const located = store().directories().locate(place.path, PathMode::DoNotBuildPath);
     auto handle = paths.createObject(context, place.path, file);
-    if (handle && isThere) {
+    if (handle && located.found && located.key.isDirectory()) {
         auto const link = handle->link;
         handle->activeHandle->attributes(link, file.attributes);
         handle->activeHandle->owner(link, file.owner);
@@ -274,10 +276,8 @@ bool RepositoryPosix::opTruncatePosix(LogEntry const& log) {
 }
 
 bool RepositoryPosix::opWritePath(LogEntry const& log) {
-    if (log.length() != log.data().size) {
-        MORVA_TRACE(Always) << "mismatching write lengths" << log.length() << log.data().size;
+    if (!validWrite(log))
         return true;
-    }
     auto const where = place(log.file(), false);
     if (where.space == Space::Outside)
         MORVA_TRACE(Normal) << "Failed to translate name" << posixText(log.file());
@@ -288,16 +288,21 @@ bool RepositoryPosix::opWritePath(LogEntry const& log) {
                                  log.data().size);
 }
 
-bool RepositoryPosix::writeOp(LogEntry const& log) {
-    auto const data = log.data();
-    if (log.length() != data.size) {
-        MORVA_TRACE(Always) << "mismatching write lengths" << log.length() << data.size
-                            << "Failed to write to OpenSeqNo" << log.fileId();
-        LogLine(QStringLiteral("Replication"), LogLevelE::Error)
-            << "Filter on source node '%1m' logged an invalid write operation"
-            << identity().sourceMachine;
+bool RepositoryPosix::validWrite(LogEntry const& log) const {
+    if (log.length() == log.data().size)
         return true;
-    }
+    MORVA_TRACE(Always) << "mismatching write lengths" << log.length() << log.data().size
+                        << "Failed to write to OpenSeqNo" << log.fileId();
+    LogLine(QStringLiteral("Replication"), LogLevelE::Error)
+        << "Filter on source node '%1m' logged an invalid write operation"
+        << identity().sourceMachine;
+    return false;
+}
+
+bool RepositoryPosix::writeOp(LogEntry const& log) {
+    if (!validWrite(log))
+        return true;
+    auto const data = log.data();
     auto const known = handle(log.fileId());
     if (known->type != SinkHandle::Valid)
         return true;
@@ -307,6 +312,17 @@ bool RepositoryPosix::writeOp(LogEntry const& log) {
         return true;
     MORVA_TRACE(Always) << "Failed to write to OpenSeqNo" << log.fileId();
     return false;
+}
+
+bool RepositoryPosix::opResyncPosix(LogEntry const& log) {
+    auto const where = place(log.file(), false);
+    if (where.space != Space::Inside)
+        return true;
+    LogLine(QStringLiteral("Replication"), LogLevelE::Notice)
+        << "Filter on source node '%1m' has requested a resynchronization for file %2s"
+        << identity().sourceMachine << posixText(log.file());
+    addResyncPath(where.path.join(u'/'), false);
+    return true;
 }
 
 bool RepositoryPosix::CloseOp(LogEntry const& log) {

@@ -30,6 +30,7 @@ private:
     /// False for a path that doesn't start with the source root.
     [[nodiscard]] bool translate(QStringList& parts, std::string_view path) const;
     [[nodiscard]] Place place(std::string_view path, bool isDirectory) const;
+    [[nodiscard]] Place place(QStringList path, bool isDirectory) const;
 
     [[nodiscard]] bool opCreatePosix(LogEntry const& log);
     [[nodiscard]] bool opOopenPosix(LogEntry const& log);
@@ -45,14 +46,22 @@ private:
     [[nodiscard]] bool opEaRemovePosix(LogEntry const& log);
     [[nodiscard]] bool opWritePath(LogEntry const& log);
     [[nodiscard]] bool opRename(LogEntry const& log);
+    [[nodiscard]] bool opResyncPosix(LogEntry const& log);
     [[nodiscard]] bool writeOp(LogEntry const& log);
     [[nodiscard]] bool CloseOp(LogEntry const& log);
 
     /// Makes an object of the kind that `security.mode` tells, in place of one that is there.
     [[nodiscard]] SinkHandlePointer makeObject(LogEntry const& log, Place const& place,
                                                PosixSecurity const& security);
-    /// The object at a path, without a stream; null, traced, when there is none.
-    [[nodiscard]] SinkHandlePointer openObject(QStringList const& path);
+    /// An object that is there, without a stream.
+    struct Existing {
+        bool exists = false; ///< inside and not excluded
+        Place place;
+        SinkHandlePointer handle; ///< null, traced, when it can't be opened
+    };
+    [[nodiscard]] Existing existing(std::string_view path);
+    /// Tells of a write whose length isn't that of its data.
+    [[nodiscard]] bool validWrite(LogEntry const& log) const;
     /// A small stream of an object; empty when there is none.
     [[nodiscard]] static QByteArray readWhole(SinkHandle const& handle, char16_t const* name);
     [[nodiscard]] static PosixSecurity readSecurity(SinkHandle const& handle);

@@ -25,13 +25,11 @@ bool RepositoryPosix::opAttrSet(LogEntry const& log) {
         MORVA_TRACE(Debug) << "Nothing to do";
         return true;
     }
-    auto const where = place(log.file(), false);
-    if (where.space != Space::Inside)
+    auto const object = existing(log.file());
+    if (!object.exists)
         return true;
-    auto const handle = openObject(where.path);
-    if (!handle)
-        return true;
-    return setAttributes(log, context(log, where.path, where.opType), *handle);
+    return object.handle &&
+           setAttributes(log, context(log, object.place.path, object.place.opType), *object.handle);
 }
 
 bool RepositoryPosix::setAttributes(LogEntry const& log, FileContext const& context,
@@ -56,23 +54,31 @@ bool RepositoryPosix::setAttributes(LogEntry const& log, FileContext const& cont
                     context, handle, QString::fromUtf16(PosixStream::security), security.encode()))
                 return false;
             active.owner(link, QString::number(security.uid));
-            active.attributes(link, security.mode);
+            if (!active.attr(link, false, 0, false, 0, true, security.mode))
+                return false;
         }
     }
     auto const setModified = (flags & posixAttrModificationTime) != 0;
     auto const setChanged = (flags & posixAttrChangeTime) != 0;
-    if (setModified || setChanged)
-        active.attr(link, setModified, log.modificationTime(), setChanged, log.changeTime(), false,
-                    0);
-    return true;
+    return active.attr(link, setModified, log.modificationTime(), setChanged, log.changeTime(),
+                       false, 0);
 }
 
-RepositoryPosix::SinkHandlePointer RepositoryPosix::openObject(QStringList const& path) {
-    auto located = store().directories().locate(path, PathMode::DoNotBuildPath);
+RepositoryPosix::Existing RepositoryPosix::existing(std::string_view path) {
+    Existing result;
+    QStringList parts;
+    if (!translate(parts, path))
+        return result;
+    auto located = store().directories().locate(parts, PathMode::DoNotBuildPath);
     if (!located.found) {
-        MORVA_TRACE(Normal) << "Failed to find file, ignore" << path.join(u'/');
-        return nullptr;
+        MORVA_TRACE(Normal) << "Failed to find file, ignore" << parts.join(u'/');
+        return result;
     }
+    // Exclusions for files don't hold for a directory of such a name.
+    result.place = place(std::move(parts), located.key.isDirectory());
+    if (result.place.space != Space::Inside)
+        return result;
+    result.exists = true;
     auto handle = std::make_shared<SinkHandle>(SinkHandle::Valid);
     handle->activeHandle =
         located.key.isRoot()
@@ -80,7 +86,11 @@ RepositoryPosix::SinkHandlePointer RepositoryPosix::openObject(QStringList const
             : store().activeHandles().get(located.key, located.key.liveOnly() ? LiveMode::LiveOnly
                                                                               : LiveMode::Clear);
     handle->link = located.key.link();
-    return handle->activeHandle ? handle : nullptr;
+    if (handle->activeHandle)
+        result.handle = std::move(handle);
+    else
+        MORVA_TRACE(Always) << "Failed to open" << result.place.path.join(u'/');
+    return result;
 }
 
 PosixSecurity RepositoryPosix::readSecurity(SinkHandle const& handle) {
@@ -94,13 +104,13 @@ PosixSecurity RepositoryPosix::readSecurity(SinkHandle const& handle) {
 
 bool RepositoryPosix::changeAttributes(LogEntry const& log,
                                        std::function<void(PosixAttributes&)> const& change) {
-    auto const where = place(log.file(), false);
-    if (where.space != Space::Inside)
+    auto const object = existing(log.file());
+    if (!object.exists)
         return true;
-    auto const handle = openObject(where.path);
-    if (!handle)
-        return true;
-    auto const record = readWhole(*handle, PosixStream::attributes);
+    if (!object.handle)
+        return false;
+    auto const& where = object.place;
+    auto const record = readWhole(*object.handle, PosixStream::attributes);
     auto attributes = PosixAttributes::decode(Morva::Extent(record));
     if (!attributes) {
         MORVA_TRACE(Always) << "Damaged extended attributes of" << where.path.join(u'/');
@@ -109,7 +119,7 @@ bool RepositoryPosix::changeAttributes(LogEntry const& log,
     change(*attributes);
     auto const encoded = attributes->encode();
     return encoded == record ||
-           store().paths().replaceContent(context(log, where.path, where.opType), *handle,
+           store().paths().replaceContent(context(log, where.path, where.opType), *object.handle,
                                           QString::fromUtf16(PosixStream::attributes), encoded);
 }
 
@@ -135,7 +145,7 @@ bool RepositoryPosix::opRename(LogEntry const& log) {
     auto const located = fromSpace ? store().directories().locate(parts, PathMode::DoNotBuildPath)
                                    : Directories::Located{};
     auto const isDirectory = located.found && located.key.isDirectory();
-    auto const from = place(log.from(), isDirectory);
+    auto const from = fromSpace ? place(std::move(parts), isDirectory) : Place{};
     auto const to = place(log.to(), isDirectory);
     if (from.space == Space::Outside && to.space == Space::Outside)
         return false;

@@ -50,26 +50,45 @@ bool Sink::loadRules(std::uint32_t ruleSet) {
         MORVA_TRACE(Always) << "Failed to find translation" << replayId_;
         return false;
     }
-    if (!stateFile().ruleSet(ruleSet)) {
-        MORVA_TRACE(Always) << "Failed to update ruleset data" << ruleSet;
+    if (!saveRules(ruleSet, stream->target()))
         return false;
-    }
-    if (stateFile().target() != stream->target() && !stateFile().target(stream->target())) {
-        MORVA_TRACE(Always) << "Failed to update target data" << stream->target();
-        return false;
-    }
     sourceRoot_ = stream->source();
     gracePeriod_ = stream->closedGracePeriod();
-    noDedupSuffixes_ = stream->dedupExclude();
+    noDedupSuffixes_.clear();
+    for (auto suffix : stream->dedupExclude()) {
+        if (suffix.startsWith(u'*'))
+            suffix.remove(0, 1);
+        if (!suffix.isEmpty())
+            noDedupSuffixes_ += suffix;
+    }
     MORVA_TRACE(Normal) << "Do not dedup files ending in" << noDedupSuffixes_.join(u' ');
     store_->settings(stream->indexSnapshots(), stream->dedupSnapshots(), stream->dedupVersions(),
                      noDedupSuffixes_);
     loadSuppressedFiles();
     rules(loaded);
     loadPolicies(*stream);
-    if (stream->needResync())
-        sendResyncRequired(QStringLiteral("Rules change requires resynchronization"), true, 3);
     return true;
+}
+
+bool Sink::saveRules(std::uint32_t ruleSet, QString const& target) {
+    auto const before = stateFile().ruleSet();
+    auto const targetBefore = stateFile().target();
+    char const* fault = nullptr;
+    if (!stateFile().ruleSet(ruleSet))
+        fault = "Failed to update ruleset data";
+    else if (targetBefore != target && !stateFile().target(target))
+        fault = "Failed to update target data";
+    if (!fault) {
+        if (targetBefore != target)
+            saveState(); // it stands behind the target
+        return true;
+    }
+    MORVA_TRACE(Always) << fault << ruleSet << target;
+    // Else the next log would pass for one of the rules in force.
+    (void)stateFile().ruleSet(before);
+    if (stateFile().target() != targetBefore)
+        (void)stateFile().target(targetBefore);
+    return false;
 }
 
 void Sink::loadSuppressedFiles() {
@@ -91,6 +110,7 @@ void Sink::loadPolicies(RepositoryStream const& stream) {
     versionedRules_.clear();
     backupPolicies_.clear();
     cdpPolicies_.clear();
+    MORVA_TRACE(Verbose) << stream.policyOps().size() << "policies for versions or backups";
     for (auto const& [policyId, operations] : stream.policyOps()) {
         auto const policy = rules()->policy(policyId);
         if (!policy)
@@ -98,14 +118,7 @@ void Sink::loadPolicies(RepositoryStream const& stream) {
         MORVA_TRACE(Verbose) << operations.size() << "operations for policy" << policy->name();
         for (auto const& operation : operations) {
             MORVA_TRACE(Verbose) << "Check DataOp type" << operation->type();
-            for (auto rule = policy->firstRule(); rule <= policy->lastRule(); ++rule) {
-                if (operation->type() == DisDataOp::eVersion)
-                    versionedRules_ += rule;
-                else if (operation->type() == DisDataOp::eBackup)
-                    backupPolicies_[rule] += operation->operationId();
-                else if (operation->type() == DisDataOp::eCdp)
-                    cdpPolicies_[rule] += operation->operationId();
-            }
+            addRules(*policy, *operation);
         }
     }
     auto const dump = [](auto const& policies, char const* begin, char const* end) {
@@ -117,6 +130,27 @@ void Sink::loadPolicies(RepositoryStream const& stream) {
     dump(backupPolicies_, "Begin Backup Policy", "End Backup Policy");
     dump(cdpPolicies_, "Begin CDP Policy", "End CDP Policy");
     MORVA_TRACE(Verbose) << versionedRules_.size() << "rules are versioned";
+}
+
+void Sink::addRules(DisPolicy const& policy, DisDataOp const& operation) {
+    auto* const set = operation.type() == DisDataOp::eBackup ? &backupPolicies_
+                      : operation.type() == DisDataOp::eCdp  ? &cdpPolicies_
+                                                             : nullptr;
+    if (!set && operation.type() != DisDataOp::eVersion)
+        return;
+    if (set)
+        MORVA_TRACE(Verbose) << "DataOp" << operation.operationId()
+                             << (set == &backupPolicies_ ? "Backup Policy" : "Cdp Policy");
+    // The last rule may be the highest number there is.
+    auto rule = policy.firstRule();
+    for (auto left = policy.lastRule() - policy.firstRule() + 1; left != 0; --left, ++rule) {
+        if (set) {
+            (*set)[rule] += operation.operationId();
+            continue;
+        }
+        MORVA_TRACE(Debug) << "Add rule" << rule << "to VersionedSet";
+        versionedRules_ += rule;
+    }
 }
 
 std::uint32_t Sink::closedGracePeriod() const {
@@ -176,6 +210,16 @@ bool Sink::snapshotPossible() const {
     return state() == eRunning && store_->valid();
 }
 
+void Sink::exclusionsChanged() {
+    OperationGate::Enter const entered;
+    auto const root = store_->activeHandles().get(store_->rootId());
+    QStringList path;
+    if (root)
+        store_->directories().checkOperations(notToBackup(), *root, path);
+    else
+        MORVA_TRACE(Always) << "Failed to apply exclusions to the store";
+}
+
 void Sink::handleShutdown() {
     dropHandles();
     DataSink::handleShutdown();
@@ -230,13 +274,12 @@ NotToBackup::OpType Sink::operation(QStringList const& path, bool isDirectory) c
 }
 
 Sink::SinkHandlePointer Sink::handle(std::uint32_t fileId) {
-    MORVA_METHOD("handle");
+    MORVA_METHOD(":handle");
     if (auto const open = openHandles().constFind(fileId); open != openHandles().constEnd())
         return std::static_pointer_cast<SinkHandle>(*open);
     if (auto closed = closedHandles().take(fileId)) {
         MORVA_TRACE(Normal) << "LFB: used a reopened closed handle" << fileId;
-        if (closedHandles().isEmpty())
-            MORVA_TRACE(Normal) << "All Closed handled released";
+        tookClosed();
         openHandles().insert(fileId, closed);
         return std::static_pointer_cast<SinkHandle>(closed);
     }
@@ -246,17 +289,25 @@ Sink::SinkHandlePointer Sink::handle(std::uint32_t fileId) {
 }
 
 Sink::SinkHandlePointer Sink::removeHandle(std::uint32_t fileId) {
-    MORVA_METHOD("removeHandle");
+    MORVA_METHOD(":removeHandle");
     auto removed = openHandles().take(fileId);
-    if (!removed)
-        removed = closedHandles().take(fileId);
+    if (!removed && (removed = closedHandles().take(fileId)))
+        tookClosed();
     return std::static_pointer_cast<SinkHandle>(removed);
+}
+
+void Sink::tookClosed() {
+    if (closedHandles().isEmpty())
+        MORVA_TRACE(Normal) << "All Closed handled released";
 }
 
 bool Sink::insertHandle(std::uint32_t fileId, SinkHandlePointer handle) {
     if (fileId == invalidFileId || !handle)
         return false;
     MORVA_TRACE(Debug) << "Insert" << fileId << "handle" << handle->type;
+    // The source gave the number away again: what it meant is closed.
+    if (closedHandles().remove(fileId) != 0)
+        tookClosed();
     openHandles().insert(fileId, std::move(handle));
     return true;
 }

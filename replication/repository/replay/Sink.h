@@ -32,6 +32,7 @@ public:
     [[nodiscard]] bool destinationEmpty() override;
     [[nodiscard]] bool snapshotPossible() const override;
     void policyEvent(LogEntry const& log) override;
+    void exclusionsChanged() override;
     void handleShutdown() override;
 
     [[nodiscard]] Store& store() { return *store_; }
@@ -68,8 +69,12 @@ protected:
     std::uint32_t closedGracePeriod() const override;
 
 private:
+    [[nodiscard]] bool saveRules(std::uint32_t ruleSet, QString const& target);
     void loadSuppressedFiles();
     void loadPolicies(RepositoryStream const& stream);
+    /// Enters one operation of a policy for each of its rules.
+    void addRules(DisPolicy const& policy, DisDataOp const& operation);
+    void tookClosed();
     void backup(LogEntry const& log);
 
     ReplayId replayId_;

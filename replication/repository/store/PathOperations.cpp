@@ -136,6 +136,12 @@ PathOperations::Found PathOperations::openOrCreate(FileContext const& context,
                                                    QStringList const& path, NewFile const& file) {
     Found result;
     Directories::Located located = store_.directories().locate(path, PathMode::BuildPath);
+    if (located.found && file.replaces &&
+        !(located.key.isDirectory() && file.nodeType == directoryType)) {
+        if (!unlinkKey(context, path, located.key))
+            return result;
+        located.found = false;
+    }
     if (located.found) {
         result.exists = true;
         result.key = std::move(located.key);

@@ -46,6 +46,8 @@ public:
         std::uint32_t attributes = 0;
         QString owner;
         QByteArray security; ///< empty: no "Security" stream is made
+        /// What has the name goes first, unless that and the new object are directories.
+        bool replaces = false;
     };
     /// Makes the file (and missing parents), then opens or makes the stream.
     [[nodiscard]] std::shared_ptr<SinkHandle> createStream(FileContext const& context,

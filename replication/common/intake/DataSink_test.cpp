@@ -1,0 +1,419 @@
+#include "replication/common/intake/DataSink.h"
+
+#include "base/files/FaultyFiles.h"
+#include "base/messages/XmlList.h"
+#include "base/trace/Log.h"
+#include "replication/common/log/LogBuilder.h"
+
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <set>
+
+namespace Replication {
+namespace {
+
+using Morva::FaultyFiles;
+using Morva::XmlList;
+
+/// A sink that notes what it is told to do.
+class TestSink : public DataSink {
+public:
+    using DataSink::ackMode;
+    using DataSink::closedHandles;
+    using DataSink::DataSink;
+    using DataSink::notToBackup;
+    using DataSink::openHandles;
+    using DataSink::state;
+
+    bool loadRules(std::uint32_t ruleSet) override {
+        loaded.push_back(ruleSet);
+        return !unloadable.contains(ruleSet) && stateFile().ruleSet(ruleSet);
+    }
+    bool replay(LogPointer const& log) override {
+        replayed.push_back(log->sequenceNumber());
+        if (log->sequenceNumber() == pauseAt)
+            pause();
+        return !failing.contains(log->sequenceNumber());
+    }
+    void sendAck(std::uint64_t sequence) override { acks.push_back(sequence); }
+    void sendNak(std::uint64_t sequence) override { naks.push_back(sequence); }
+    void closeAllFiles() override { ++closings; }
+    bool startResyncProcess(QString const& type) override {
+        resyncs += type;
+        return false;
+    }
+    bool destinationEmpty() override { return true; }
+    void policyEvent(LogEntry const&) override {}
+    void unstalled() override { ++unstalls; }
+    void exclusionsChanged() override { ++exclusionChanges; }
+    std::uint32_t closedGracePeriod() const override { return grace; }
+
+    std::set<std::uint32_t> unloadable;
+    std::set<std::uint64_t> failing;
+    std::uint64_t pauseAt = 0;
+    std::uint32_t grace = 100;
+    std::vector<std::uint32_t> loaded;
+    std::vector<std::uint64_t> replayed;
+    std::vector<std::uint64_t> acks;
+    std::vector<std::uint64_t> naks;
+    QStringList resyncs;
+    int closings = 0;
+    int unstalls = 0;
+    int exclusionChanges = 0;
+};
+
+struct TestHandle : OpenHandle {
+    void print() const override {}
+};
+
+class DataSinks : public testing::Test {
+protected:
+    using Outcome = DataSink::Outcome;
+    using Numbers = std::vector<std::uint64_t>;
+
+    DataSinks() {
+        Morva::Log::install([this](Morva::LogMessage const& message) { said += message.text; });
+    }
+    ~DataSinks() override { Morva::Log::remove(); }
+
+    [[nodiscard]] QString path() const { return directory_.filePath("state-1"); }
+    [[nodiscard]] std::unique_ptr<TestSink> make(std::uint32_t ruleSet = 1) const {
+        DataSink::Identity identity;
+        identity.name = "repository-home";
+        identity.sourceMachine = "machine";
+        identity.target = "home";
+        identity.stateFile = path();
+        identity.ruleSet = ruleSet;
+        return std::make_unique<TestSink>(identity);
+    }
+    [[nodiscard]] std::unique_ptr<TestSink> started(std::uint32_t ruleSet = 1) const {
+        auto sink = make(ruleSet);
+        EXPECT_TRUE(sink->start());
+        return sink;
+    }
+    /// A log that `change` may add to before it is finished.
+    [[nodiscard]] LogPointer log(LogType type, std::uint64_t sequence, std::uint32_t ruleSet = 1,
+                                 std::function<void(LogBuilder&)> const& change = {}) {
+        LogBuilder builder;
+        builder.ruleSet(ruleSet);
+        builder.begin(type, sequence).time(time);
+        if (change)
+            change(builder);
+        auto result = std::make_shared<LogEntry>();
+        EXPECT_TRUE(result->build(builder));
+        return result;
+    }
+    [[nodiscard]] LogPointer close(std::uint64_t sequence, std::uint32_t ruleSet = 1) {
+        return log(LogType::Close, sequence, ruleSet);
+    }
+    [[nodiscard]] LogPointer message(std::uint64_t sequence, DataSink::MessageType type,
+                                     QByteArray const& data = {}) {
+        return log(LogType::Message, sequence, 1, [&](LogBuilder& builder) {
+            builder.number(LogField::MessageType, type).bytes(LogField::Data, Morva::Extent(data));
+        });
+    }
+    [[nodiscard]] static QByteArray exclusions(char const* path) {
+        XmlList details;
+        NotToBackup::addEntry(details, QString::fromLatin1(path), false, false);
+        return details.toBinary();
+    }
+    [[nodiscard]] static bool excludes(TestSink const& sink, char const* name) {
+        return sink.notToBackup().fileOpType({QString::fromLatin1(name)}) == NotToBackup::eExcluded;
+    }
+
+    QTemporaryDir directory_;
+    std::uint32_t time = 1000;
+    QStringList said;
+};
+
+TEST_F(DataSinks, FirstStartAsksForAnInitialSynchronisation) {
+    auto const sink = started();
+    EXPECT_TRUE(sink->needsResync());
+    EXPECT_EQ(sink->resyncs, QStringList{"Initial"});
+    EXPECT_TRUE(sink->acks.empty());
+    StateFile file(path());
+    file.readHeader();
+    EXPECT_EQ(file.flags(), StateFile::resyncFlag);
+}
+
+TEST_F(DataSinks, OldSequencesAreDroppedAndGapsAreNot) {
+    auto const sink = started();
+    EXPECT_EQ(sink->takeLog(close(5)), Outcome::Applied);
+    EXPECT_EQ(sink->takeLog(close(5)), Outcome::AlreadyReplicated);
+    EXPECT_EQ(sink->takeLog(close(4)), Outcome::AlreadyReplicated);
+    EXPECT_EQ(sink->takeLog(close(9)), Outcome::Applied);
+    EXPECT_EQ(sink->replayed, (Numbers{5, 9}));
+    EXPECT_EQ(sink->acks, (Numbers{5, 9}));
+    StateFile file(path());
+    file.readHeader();
+    EXPECT_EQ(file.sequenceNumber(), 9U);
+    EXPECT_EQ(file.bytesProcessed(), 2 * std::uint64_t{close(5)->body().size});
+}
+
+TEST_F(DataSinks, RestartGoesOnBehindTheLastAcknowledgement) {
+    {
+        auto const sink = started();
+        sink->needsResync(false);
+        EXPECT_EQ(sink->takeLog(close(5)), Outcome::Applied);
+    }
+    auto const sink = started();
+    EXPECT_FALSE(sink->needsResync());
+    EXPECT_TRUE(sink->resyncs.empty());
+    EXPECT_EQ(sink->acks, (Numbers{5})); // so that the source learns where to go on
+    EXPECT_EQ(sink->takeLog(close(5)), Outcome::AlreadyReplicated);
+    EXPECT_EQ(sink->takeLog(close(6)), Outcome::Applied);
+}
+
+TEST_F(DataSinks, StartTakesTheRulesThatTheStateFileNames) {
+    struct {
+        char const* what;
+        std::set<std::uint32_t> unloadable;
+        bool starts;
+        std::vector<std::uint32_t> loaded;
+        bool needsResync;
+    } const cases[] = {
+        {"its own", {}, true, {1}, false},
+        {"the current ones", {1}, true, {1, 3}, true},
+        {"none", {1, 3}, false, {1, 3}, true},
+    };
+    for (auto const& each : cases) {
+        QFile::remove(path());
+        {
+            auto const sink = started();
+            sink->needsResync(false);
+            ASSERT_EQ(sink->takeLog(close(5)), Outcome::Applied);
+        }
+        auto const sink = make(3);
+        sink->unloadable = each.unloadable;
+        EXPECT_EQ(sink->start(), each.starts) << each.what;
+        EXPECT_EQ(sink->loaded, each.loaded) << each.what;
+        EXPECT_EQ(sink->needsResync(), each.needsResync) << each.what;
+        if (!each.starts) {
+            EXPECT_EQ(sink->takeLog(close(6)), Outcome::Waiting);
+            EXPECT_TRUE(sink->replayed.empty());
+        }
+    }
+}
+
+TEST_F(DataSinks, NewRulesAreLoadedBeforeTheirFirstLog) {
+    auto const sink = started();
+    EXPECT_EQ(sink->takeLog(close(1)), Outcome::Applied);
+    sink->openHandles().insert(7, std::make_shared<TestHandle>());
+    sink->unloadable = {2};
+    // It stays in the list until the rules can be had.
+    LogList list;
+    list.add(close(2, 2));
+    list.add(close(3, 2));
+    EXPECT_TRUE(sink->takeLogs(list));
+    EXPECT_EQ(list.count(), 2U);
+    EXPECT_EQ(sink->openHandles().size(), 1);
+    EXPECT_EQ(sink->ackSequence(), 1U);
+
+    sink->unloadable = {};
+    sink->acks.clear();
+    EXPECT_FALSE(sink->takeLogs(list));
+    EXPECT_EQ(sink->replayed, (Numbers{1, 2, 3}));
+    EXPECT_EQ(sink->acks, (Numbers{1, 2, 3})); // the first is forced
+    EXPECT_EQ(sink->loaded, (std::vector<std::uint32_t>{1, 2, 2}));
+    EXPECT_EQ(sink->openHandles().size(), 0);
+    EXPECT_EQ(sink->closedHandles().size(), 1);
+    // Logs of the rules before are no reason to go back.
+    EXPECT_EQ(sink->takeLog(close(4, 1)), Outcome::Applied);
+    EXPECT_EQ(sink->loaded.size(), 3U);
+}
+
+TEST_F(DataSinks, FailedLogIsRefusedAndAsksForAResync) {
+    auto const sink = started();
+    sink->needsResync(false);
+    sink->failing = {2, 4, 6};
+    EXPECT_EQ(sink->takeLog(close(1)), Outcome::Applied);
+    EXPECT_EQ(sink->takeLog(close(2)), Outcome::Failed);
+    EXPECT_EQ(sink->naks, (Numbers{2}));
+    EXPECT_EQ(sink->ackSequence(), 1U);
+    EXPECT_TRUE(sink->needsResync());
+    EXPECT_TRUE(said.contains("A resynchronization of machine to home is required, "
+                              "File operation failed"));
+
+    // A mirror's source is told by the mirror, so only the position moves.
+    sink->ackMode(DataSink::AckFromMirror);
+    sink->acks.clear();
+    EXPECT_EQ(sink->takeLog(close(3)), Outcome::Applied);
+    EXPECT_EQ(sink->takeLog(close(4)), Outcome::Failed);
+    EXPECT_TRUE(sink->acks.empty());
+    EXPECT_EQ(sink->naks.size(), 1U);
+    EXPECT_EQ(sink->ackSequence(), 4U);
+
+    sink->ackMode(DataSink::AckToSource);
+    sink->needsResync(false);
+    sink->state(DataSink::eRunningDuringSnapshot);
+    EXPECT_EQ(sink->takeLog(close(6)), Outcome::Forgiven);
+    EXPECT_EQ(sink->acks, (Numbers{6}));
+    EXPECT_FALSE(sink->needsResync());
+}
+
+TEST_F(DataSinks, LoopEndsWithItsBudgetAndOnAPause) {
+    auto const sink = started();
+    LogList list;
+    for (std::uint64_t i = 1; i <= DataSink::budget + 10; ++i)
+        list.add(close(i));
+    EXPECT_TRUE(list.highWaterReached());
+    EXPECT_TRUE(sink->takeLogs(list));
+    EXPECT_EQ(list.count(), 10U);
+    EXPECT_EQ(sink->unstalls, 1);
+    EXPECT_FALSE(list.stalled());
+
+    sink->pauseAt = DataSink::budget + 5;
+    EXPECT_TRUE(sink->takeLogs(list));
+    EXPECT_EQ(list.count(), 5U);
+    EXPECT_FALSE(sink->takeLogs(list));
+    EXPECT_EQ(list.count(), 5U);
+    sink->resume();
+    EXPECT_FALSE(sink->takeLogs(list));
+    EXPECT_EQ(sink->ackSequence(), DataSink::budget + 10U);
+    EXPECT_EQ(sink->unstalls, 1);
+}
+
+TEST_F(DataSinks, ClosedHandlesLastForTheGracePeriod) {
+    auto const sink = started();
+    auto const open = [&](std::uint32_t id) {
+        sink->openHandles().insert(id, std::make_shared<TestHandle>());
+    };
+    open(1);
+    EXPECT_EQ(sink->takeLog(message(1, DataSink::StartOfSnapshot)), Outcome::Applied);
+    EXPECT_EQ(sink->closings, 1);
+    EXPECT_EQ(sink->openHandles().size(), 0);
+    open(2);
+    time += sink->grace; // its last second
+    EXPECT_EQ(sink->takeLog(close(2)), Outcome::Applied);
+    EXPECT_EQ(sink->closedHandles().size(), 1);
+    ++time;
+    EXPECT_EQ(sink->takeLog(close(3)), Outcome::Applied);
+    EXPECT_EQ(sink->closedHandles().size(), 0);
+    EXPECT_EQ(sink->openHandles().size(), 1);
+
+    // A period beyond the end of time lasts until then.
+    sink->grace = 0xFFFFFFFF;
+    EXPECT_EQ(sink->takeLog(message(4, DataSink::StartOfSnapshot)), Outcome::Applied);
+    time += 1000;
+    EXPECT_EQ(sink->takeLog(close(5)), Outcome::Applied);
+    EXPECT_EQ(sink->closedHandles().size(), 1);
+
+    // A source that starts anew knows none of its numbers any more.
+    open(3);
+    EXPECT_EQ(sink->takeLog(message(6, DataSink::SourceStarted)), Outcome::Applied);
+    EXPECT_EQ(sink->openHandles().size() + sink->closedHandles().size(), 0);
+    EXPECT_EQ(sink->takeLog(message(7, DataSink::PingTest)), Outcome::Applied);
+    EXPECT_EQ(sink->acks.back(), 7U);
+}
+
+TEST_F(DataSinks, ExclusionsOutliveTheProcess) {
+    {
+        auto const sink = started();
+        EXPECT_EQ(sink->takeLog(message(1, DataSink::NotToBackupDetails, exclusions("*.tmp"))),
+                  Outcome::Applied);
+        EXPECT_TRUE(excludes(*sink, "a.tmp"));
+        EXPECT_EQ(sink->exclusionChanges, 1);
+        // The same again changes nothing; nonsense and nothing are passed over.
+        EXPECT_EQ(sink->takeLog(message(2, DataSink::SourceStarted, exclusions("*.tmp"))),
+                  Outcome::Applied);
+        EXPECT_EQ(sink->takeLog(message(3, DataSink::NotToBackupDetails, "nonsense")),
+                  Outcome::Applied);
+        EXPECT_EQ(sink->takeLog(message(4, DataSink::NotToBackupDetails)), Outcome::Applied);
+        EXPECT_EQ(sink->exclusionChanges, 1);
+        EXPECT_TRUE(excludes(*sink, "a.tmp"));
+        // No shutdown: the process may end anyhow.
+    }
+    {
+        auto const sink = started();
+        EXPECT_TRUE(excludes(*sink, "a.tmp"));
+        EXPECT_EQ(sink->takeLog(message(5, DataSink::SourceStarted, XmlList().toBinary())),
+                  Outcome::Applied);
+        EXPECT_FALSE(excludes(*sink, "a.tmp"));
+        EXPECT_EQ(sink->exclusionChanges, 1);
+        // Others are not for these logs to bring.
+        EXPECT_EQ(sink->takeLog(message(6, DataSink::EndOfSnapshot, exclusions("*"))),
+                  Outcome::Applied);
+        sink->handleShutdown();
+    }
+    EXPECT_FALSE(excludes(*started(), "a.tmp"));
+}
+
+TEST_F(DataSinks, UnreadableStateIsToldAndStartedAnew) {
+    QFile file(path());
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("torn");
+    file.close();
+    auto const sink = started();
+    EXPECT_TRUE(said.contains("Unable to read existing state file"));
+    EXPECT_TRUE(sink->needsResync());
+    EXPECT_EQ(sink->takeLog(close(1)), Outcome::Applied);
+}
+
+TEST_F(DataSinks, WithoutAStateFileNoLogIsTaken) {
+    FaultyFiles files;
+    files.failWritesAfter(0);
+    auto const sink = make();
+    EXPECT_TRUE(said.contains("Fatal error, unable to create state file"));
+    EXPECT_FALSE(sink->valid());
+    EXPECT_FALSE(sink->start());
+    EXPECT_EQ(sink->takeLog(close(1)), Outcome::Waiting);
+    EXPECT_TRUE(sink->replayed.empty());
+    EXPECT_TRUE(sink->acks.empty());
+}
+
+TEST_F(DataSinks, FailureToWriteTheStateDoesNotStopTheIntake) {
+    FaultyFiles files;
+    auto const sink = started();
+    files.failWritesAfter(0, ENOSPC);
+    EXPECT_EQ(sink->takeLog(close(1)), Outcome::Applied);
+    EXPECT_TRUE(said.contains("Failed to write to state file"));
+    EXPECT_EQ(sink->acks, (Numbers{1}));
+    files.heal();
+    EXPECT_EQ(sink->takeLog(close(2)), Outcome::Applied);
+    StateFile file(path());
+    file.readHeader();
+    EXPECT_EQ(file.sequenceNumber(), 2U);
+}
+
+TEST_F(DataSinks, FullResyncIsOnlyAskedForWhenRequired) {
+    auto const sink = started();
+    sink->resyncs.clear();
+    sink->needsResync(false);
+    sink->requestResync("Full", {});
+    EXPECT_TRUE(sink->resyncs.isEmpty());
+    sink->requestResync("Partial", {});
+    sink->sendResyncRequired("for a test", true, 0);
+    EXPECT_TRUE(said.filter("for a test").isEmpty());
+    sink->requestResync("Full", {});
+    EXPECT_EQ(sink->resyncs, (QStringList{"Partial", "Full"}));
+}
+
+TEST_F(DataSinks, StateDecidesOverPathsOfAPartialResync) {
+    struct {
+        DataSink::State state;
+        bool first;
+        bool taken;
+    } const cases[] = {
+        {DataSink::eRunning, false, true},
+        {DataSink::eRunningDuringSnapshot, false, false},
+        {DataSink::eRunningDuringSnapshot, true, true},
+        {DataSink::eResyncNeedSnapshotCompleteMsg, false, true},
+        {DataSink::eResyncNeedCompletedMsg, true, true}, // an "Initial" one, as it started
+        {DataSink::eResyncNeedStartLog, false, true},
+        {DataSink::eResyncNeedEndLog, false, true},
+        {DataSink::eValidate, false, true},
+    };
+    for (auto const& each : cases) {
+        auto const sink = started();
+        sink->state(each.state);
+        EXPECT_EQ(sink->addResyncPath("a/b", each.first), each.taken) << each.state;
+        EXPECT_EQ(sink->resyncPaths().contains("a/b"), each.taken) << each.state;
+        EXPECT_EQ(sink->idle(), each.state == DataSink::eRunning && !each.taken) << each.state;
+    }
+}
+
+} // namespace
+} // namespace Replication
