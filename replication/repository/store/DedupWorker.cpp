@@ -121,14 +121,14 @@ bool DedupWorker::work(Extent const& entry) {
         OpenStore& open = it->second;
         if (!open.store)
             open.store = Store::open(request.store, false);
-        if (!open.store || open.store->markedForDeletion()) {
-            // A store that is gone, or about to go, needs nothing any more.
+        auto const goes = [&open] { return !open.store || open.store->markedForDeletion(); };
+        bool const finished = goes() || handle(request, *open.store);
+        open.retire = Morva::Context::systemTime() + keepOpenMs;
+        // A store that is gone, or about to go, needs nothing any more, and ends its work early.
+        if (goes())
             stores_.erase(it);
-        } else {
-            if (!handle(request, *open.store))
-                return false;
-            open.retire = Morva::Context::systemTime() + keepOpenMs;
-        }
+        else if (!finished)
+            return false;
     }
     // A request that is done twice, after a crash, does no harm.
     OperationGate::Enter const gate;

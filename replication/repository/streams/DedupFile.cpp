@@ -6,6 +6,7 @@
 #include <QFile>
 
 #include <array>
+#include <cerrno>
 
 namespace Replication {
 
@@ -33,8 +34,10 @@ QString DedupFile::name() const {
 bool DedupFile::openForAppend() {
     close();
     appender_ = RawFile::make();
+    // A list that is there and can't be opened now must not be made anew.
     if (!appender_->open(name(), RawFile::Mode::ReadWrite) &&
-        !appender_->create(name(), RawFile::Mode::ReadWrite)) {
+        (appender_->lastError() != ENOENT ||
+         !appender_->create(name(), RawFile::Mode::ReadWrite))) {
         MORVA_TRACE(Always) << "Failed to create file" << name();
         appender_.reset();
         return false;

@@ -162,7 +162,7 @@ bool RawRefCountedBlocks::readControl(RawFile& file, Control& control) {
     control.mask = loadLittle<std::uint64_t>(&bytes[maskAt]);
     control.blockSize = loadLittle<std::uint32_t>(&bytes[blockSizeAt]);
     return control.blockSize >= controlSize && control.nextBlock != 0 && control.mask != 0 &&
-           (control.mask & (control.mask + 1)) == 0;
+           (control.mask & (control.mask + 1)) == 0 && control.nextBlock - 1 <= control.mask;
 }
 
 bool RawRefCountedBlocks::getControl() {
@@ -317,7 +317,9 @@ bool RawRefCountedBlocks::extend(std::uint64_t first) {
     }
     for (std::uint64_t step : {growBlocks_, growBlocks_ / smallStepFraction}) {
         step = std::min(std::max<std::uint64_t>(step, 1), mask_ - first + 1);
-        if (!file_->setLength((first + step) * blockSize_))
+        // Never shorter: a damaged control block would cut off what others use.
+        std::uint64_t const wanted = (first + step) * blockSize_;
+        if (file_->length() < wanted && !file_->setLength(wanted))
             continue;
         nextBlock_ = first + step;
         if (!flushControl()) {

@@ -142,6 +142,31 @@ TEST_F(RawBlocks, FullDiskGivesNoBlockAtOnceAndAgainSomeWhenThereIsRoom) {
     EXPECT_TRUE(blocks.close());
 }
 
+TEST_F(RawBlocks, DamagedControlBlockCutsNothingOff) {
+    ASSERT_TRUE(blocks.create(path, 64, 16, 64 * 16, false));
+    std::uint64_t last = 0;
+    while (last < 16)
+        last = blocks.newBlock();
+    std::vector<std::uint8_t> const bytes(64, 0x55);
+    ASSERT_TRUE(blocks.write(last, bytes.data(), 0, 64));
+    EXPECT_TRUE(blocks.close());
+    QByteArray const before = file();
+    auto const damageNext = [this](char const* hex) {
+        QFile control(path + ".blocks");
+        ASSERT_TRUE(control.open(QIODevice::ReadWrite));
+        control.write(QByteArray::fromHex(hex));
+    };
+    damageNext("0400000000000000");
+    ASSERT_TRUE(blocks.open(path, 64 * 4, false));
+    EXPECT_GT(blocks.newBlock(), last) << "what is in use is passed over";
+    EXPECT_EQ(file().mid(32, before.size() - 32), before.mid(32));
+    EXPECT_TRUE(blocks.close());
+    damageNext("0000000000000100");
+    EXPECT_TRUE(blocks.open(path, 64 * 4, false)) << "every number is taken";
+    damageNext("0100000000000100");
+    EXPECT_FALSE(blocks.open(path, 64 * 4, false)) << "more than there are numbers";
+}
+
 TEST_F(RawBlocks, MissingAndUnfinishedFilesAreTold) {
     EXPECT_TRUE(RawRefCountedBlocks::unfinished(path));
     EXPECT_FALSE(blocks.open(path, 0, false));

@@ -170,7 +170,7 @@ bool StreamHandle::prepareDedup(DedupStatistics& statistics) {
     TracedLock lock(lock_);
     if (node_.indexed() || node_.referenceCount() == 0)
         return false;
-    bool const known = node_.digestType() != Digest::eRepDigestInvalid;
+    bool const known = node_.digestType() == Digest::eRepDigestSha1;
     node_.frozen(true);
     if (known)
         owner_->addDedup(node_, statistics);
@@ -199,7 +199,7 @@ bool StreamHandle::useDedup(std::uint64_t length, Digest const& digest) {
 
 void StreamHandle::digest(Digest const& value) {
     TracedLock lock(lock_);
-    if (node_.indexed() || node_.digestType() == value.type)
+    if (node_.indexed() || node_.digestType() == value.type || value.type > Digest::eRepDigestSha1)
         return;
     node_.digest(value);
     owner_->update(node_);

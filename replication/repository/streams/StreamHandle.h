@@ -91,7 +91,8 @@ public:
     /// stream. False, with nothing changed, when the index doesn't know it, or the stream hasn't
     /// exactly one reference, or the blocks can't be counted.
     [[nodiscard]] bool useDedup(std::uint64_t length, Digest const& digest);
-    /// Notes a digest learnt elsewhere, if the stream isn't in the index and the type differs.
+    /// Notes a digest learnt elsewhere, if the stream isn't in the index and the type differs and
+    /// is a known one.
     void digest(Digest const& value);
 
     /// Keeps a stream without references over a stop of the process: see `Streams::saveStream`.

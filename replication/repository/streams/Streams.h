@@ -194,8 +194,9 @@ private:
     bool addDedup(StreamNode node, DedupStatistics& statistics);
     [[nodiscard]] bool joinKey(DedupKey& key, StreamNode node);
     [[nodiscard]] bool useDedup(StreamNode node, std::uint64_t length, Digest const& digest);
-    /// Takes a stream of this content out of the index. Under the dedup lock.
-    void leaveKey(std::uint64_t length, Digest const& digest);
+    /// Takes a stream of this content out of the index; `missing` is traced when it isn't there.
+    /// Under the dedup lock.
+    void leaveKey(std::uint64_t length, Digest const& digest, char const* missing);
     void updateKey(DedupKey const& key);
     [[nodiscard]] bool claimForDeletion(StreamId id, StreamNode& node);
     void endDeletion(StreamId id, StreamNode node, bool done);

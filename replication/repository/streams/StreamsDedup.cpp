@@ -34,19 +34,20 @@ bool Streams::dedupStream(std::function<void()> const& checkForFreeze, StreamId 
         OperationGate::Enter gate;
         hash = stream->prepareDedup(statistics) && buffer.size != 0;
     }
-    std::uint64_t const failuresBefore = failures();
     Morva::Sha1 sha;
     std::uint64_t offset = 0;
     while (hash && !stopping()) {
         if (freezing() && checkForFreeze)
             checkForFreeze();
-        std::uint32_t const count = stream->read(offset, buffer.data, buffer.size);
-        sha.addData(buffer.data, count);
-        offset += count;
-        if (count == buffer.size)
+        // Zeros for what can't be read would give the digest of another content.
+        auto const count = stream->readWhole(offset, buffer.data, buffer.size);
+        if (!count)
+            break;
+        sha.addData(buffer.data, *count);
+        offset += *count;
+        if (*count == buffer.size)
             continue;
-        // What could not be read came as zeros, and its digest would be that of another content.
-        if (offset == stream->length() && failures() == failuresBefore) {
+        if (offset == stream->length()) {
             OperationGate::Enter gate;
             stream->setDigest(Digest::eRepDigestSha1, sha.result().data, statistics);
         }
@@ -64,7 +65,8 @@ bool Streams::findDedup(std::uint64_t length, Digest const& digest) {
 }
 
 bool Streams::addDedup(StreamNode node, DedupStatistics& statistics) {
-    if (node.digestType() == Digest::eRepDigestInvalid || node.record().depth() == 0)
+    // A key has no room for any other digest: it would join contents that differ.
+    if (node.digestType() != Digest::eRepDigestSha1 || node.record().depth() == 0)
         return false;
     std::uint64_t const length = node.record().length();
     TracedLock lock(dedupLock_);
@@ -122,7 +124,7 @@ bool Streams::useDedup(StreamNode node, std::uint64_t length, Digest const& dige
         return scope.result(false);
     // The old tree may be going already, but nobody can find its key meanwhile.
     if (wasIndexed)
-        leaveKey(oldLength, oldDigest);
+        leaveKey(oldLength, oldDigest, "Dedup key not found");
     control_.addIndexed(length);
     node.digest(key.digest());
     node.indexed(true);
@@ -132,7 +134,7 @@ bool Streams::useDedup(StreamNode node, std::uint64_t length, Digest const& dige
     return scope.result(true);
 }
 
-void Streams::leaveKey(std::uint64_t length, Digest const& digest) {
+void Streams::leaveKey(std::uint64_t length, Digest const& digest, char const* missing) {
     DedupKey key(length, digest);
     if (dedup_->find(key)) {
         std::uint32_t const left = key.referenceCount() == 0 ? 0 : key.referenceCount() - 1;
@@ -146,7 +148,7 @@ void Streams::leaveKey(std::uint64_t length, Digest const& digest) {
         }
     } else {
         MORVA_CHECK(false, "bKeyFound");
-        MORVA_TRACE(Always) << "Dedup Key not found";
+        MORVA_TRACE(Always) << missing;
     }
     control_.removeIndexed(length);
     updateControl();
@@ -197,7 +199,7 @@ bool Streams::deleteStream(StreamId id, std::function<void()> const& done) {
             if (!finished && node.indexed()) {
                 // Before its tree goes, so that nobody joins a key whose blocks are gone.
                 TracedLock lock(dedupLock_);
-                leaveKey(node.record().length(), node.digest());
+                leaveKey(node.record().length(), node.digest(), "Dedup Key not found");
                 node.indexed(false);
                 update(node);
             }

@@ -237,6 +237,9 @@ TEST_F(StreamPool, DedupLeavesWhatItCantOrNeedNotHash) {
     digest.type = Digest::eRepDigestSha1;
     digest.value[0] = 1;
     known->digest(digest);
+    digest.type = 2;
+    unread->digest(digest);
+    EXPECT_EQ(info(*unread).digest.type, 0u) << "nobody could tell such contents apart";
     room.resize(0);
     EXPECT_TRUE(dedup(known->id()));
     EXPECT_TRUE(info(*known).indexed) << "no byte of it was read";
