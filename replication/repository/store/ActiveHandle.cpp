@@ -29,9 +29,7 @@ bool ActiveHandle::commit(LinkId) {
         return true;
     FileNode::Pointer const copy = std::exchange(copy_, nullptr);
     copy->print(static_cast<int>(Morva::TraceLevel::Debug));
-    store_.updateFileId(store_.retired().timeStamp(), id_, *fileNode_, *copy);
-    // A file without names isn't in the chain any more; it lives on in its handle alone.
-    if (copy->referenceCount() == 0 && copy->linkCount() != 0)
+    if (!store_.updateFileId(store_.retired().timeStamp(), id_, *fileNode_, *copy))
         return false;
     version_.fileType = copy->type();
     if (version_.versioned()) {

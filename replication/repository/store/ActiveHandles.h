@@ -8,9 +8,8 @@ namespace Replication {
 
 class Store;
 
-/// How a directory entry's live-only mark is treated when its file is opened. The numbers are the
-/// contract's: below 2 clears the mark, 2 sets it.
-enum class LiveMode : std::uint32_t { Keep = 0, Clear = 1, LiveOnly = 2 };
+/// What becomes of a directory entry's live-only mark when its file is opened or made.
+enum class LiveMode : std::uint32_t { Clear = 1, LiveOnly = 2 };
 
 /// The open handles of a store's live tree: file id to weak pointer. For the one writer thread.
 class ActiveHandles {

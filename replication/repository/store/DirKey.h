@@ -61,8 +61,6 @@ public:
     [[nodiscard]] LinkId linkId() const { return linkId_; }
     /// The link id with 0 read as 1.
     [[nodiscard]] LinkId link() const { return linkId_ ? linkId_ : LinkId{1}; }
-    /// The link id in the type by which operations on handles take it.
-    [[nodiscard]] Instance linkInstance() const { return Instance{link().value}; }
     void linkId(LinkId value) { linkId_ = value; }
     /// The object's type alone.
     [[nodiscard]] std::uint32_t type() const { return typeWord_ & typeMask; }

@@ -22,7 +22,13 @@ NodeNumber Store::fileNode(FileId id, Instance instance) const {
 FileNode::Pointer Store::passiveHandle(FileId id, Instance instance) const {
     if (!id || !instance)
         return nullptr;
-    return passiveHandles().get(fileNode(id, instance));
+    for (;;) {
+        NodeNumber const number = fileNode(id, instance);
+        FileNode::Pointer node = passiveHandles().get(number);
+        // Between the two steps a retirement can have freed the node, and another file taken it.
+        if (fileNode(id, instance) == number)
+            return node;
+    }
 }
 
 FileNode::Pointer Store::passiveHandle(QStringList const& path, Instance instance) const {
@@ -158,7 +164,7 @@ std::uint32_t Store::lookupParent(FileHandle& result, FileHandle const& object) 
         return scope.result(DirectoryStatus::ok);
     default:
         MORVA_TRACE(Always) << "Corrupt handle" << object.kind;
-        return scope.result(DirectoryStatus::ok);
+        return scope.result(DirectoryStatus::badHandle);
     }
 }
 

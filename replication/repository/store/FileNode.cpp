@@ -5,23 +5,24 @@
 #include "replication/common/values/RepMetadata.h"
 #include "replication/repository/store/NodeFile.h"
 #include "replication/repository/store/PassiveHandles.h"
-#include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/store/Store.h"
-#include "replication/repository/streams/StreamHandle.h"
 #include "replication/repository/streams/Streams.h"
 
-#include <algorithm>
 #include <ctime>
 
 namespace Replication {
 
-using Morva::Extent;
 using Morva::TracedLock;
 
 namespace {
 
 std::uint32_t now() {
     return static_cast<std::uint32_t>(std::time(nullptr));
+}
+
+void logNoVersion() {
+    Morva::LogLine("Repository", Morva::LogLevelE::Error)
+        << "Request to release a version that nolonger exists";
 }
 
 } // namespace
@@ -197,8 +198,11 @@ FileNode::Fate FileNode::decide(Pointer& copy) {
     if (!shared && (node.liveOnly() || store_.currentInstance() <= node.instance()))
         return Fate::InPlace;
     copy = store_.passiveHandles().copyOf(*this);
-    if (!copy)
+    if (!copy) {
+        // Not every caller has a result to tell it by.
+        store_.streams().nodeTree().failed();
         return Fate::Failed;
+    }
     printCounts("Old Node");
     copy->printCounts("New Node");
     return Fate::Copied;
@@ -323,237 +327,6 @@ void FileNode::liveOnly(Pointer& copy, bool value) {
     }
 }
 
-// --- the list of streams
-
-void FileNode::askForDedup(QString const& name, StreamId id, bool dedup) {
-    if (!dedupOn_) {
-        MORVA_TRACE(Debug) << "FileNode flagged for no dedup";
-    } else if (!dedup) {
-        MORVA_TRACE(Debug) << "Stream" << name << "flagged for no dedup";
-    } else if (store_.dedupSnapshots()) {
-        MORVA_TRACE(Debug) << ">>>> Ask for stream" << id
-                           << "to be deduped after the next snapshot";
-        store_.snapshots().addToDedup(id);
-    }
-}
-
-std::shared_ptr<StreamHandle> FileNode::createStream(QString const& name, bool dedup) {
-    Streams& pool = store_.streams();
-    StreamId const id = pool.newStream();
-    std::shared_ptr<StreamHandle> result = id ? pool.handle(id, false) : nullptr;
-    if (!result) {
-        MORVA_TRACE(Always) << "Failed to make stream" << name << "of node" << number_;
-        return nullptr;
-    }
-    info_.addStream(name, id, false, dedup, false);
-    info_.find(id)->handle = result;
-    if (!writeInfo()) {
-        (void)info_.remove(pool, name);
-        return nullptr;
-    }
-    askForDedup(name, id, dedup);
-    return result;
-}
-
-std::shared_ptr<StreamHandle> FileNode::createActiveStream(Pointer& copy, QString const& name,
-                                                           bool dedup) {
-    MORVA_METHOD("createActiveStream");
-    if (name.isEmpty())
-        return nullptr;
-    TracedLock guard(lock_);
-    if (info_.exists(name)) {
-        MORVA_TRACE(Always) << "Stream already exits" << name;
-        return nullptr;
-    }
-    FileNode* const target = writable(copy);
-    return target ? target->createStream(name, dedup) : nullptr;
-}
-
-std::shared_ptr<StreamHandle> FileNode::openActiveStream(Pointer& copy, QString const& name,
-                                                         bool dedup) {
-    MORVA_METHOD("openActiveStream");
-    if (name.isEmpty())
-        return nullptr;
-    TracedLock guard(lock_);
-    if (info_.exists(name))
-        return info_.streamHandle(store_.streams(), name);
-    if (QString::compare(name, dataStreamName, info_.caseSensitivity()) == 0) {
-        MORVA_TRACE(Always) << "Data stream does not exit" << number_;
-        return nullptr;
-    }
-    FileNode* const target = writable(copy);
-    return target ? target->createStream(name, dedup) : nullptr;
-}
-
-bool FileNode::removeStream(Pointer& copy, QString const& name) {
-    MORVA_METHOD("removeStream");
-    TracedLock guard(lock_);
-    if (name.isEmpty() || !info_.exists(name))
-        return scope.result(false);
-    FileNode* const target = writable(copy);
-    if (!target)
-        return scope.result(false);
-    (void)target->info_.remove(store_.streams(), name);
-    return scope.result(target->writeInfo());
-}
-
-bool FileNode::renameEntry(Pointer& copy, QString const& from, QString const& to) {
-    if (QString::compare(from, to, info_.caseSensitivity()) == 0)
-        return false;
-    FileNode* const target = writable(copy);
-    return target && target->info_.rename(store_.streams(), from, to) && target->writeInfo();
-}
-
-bool FileNode::renameStream(Pointer& copy, QString const& from, QString const& to) {
-    MORVA_METHOD("renameStream");
-    if (from.isEmpty() || to.isEmpty())
-        return scope.result(false);
-    TracedLock guard(lock_);
-    if (!info_.exists(from)) {
-        MORVA_TRACE(Always) << "Stream" << from << "not found";
-        return scope.result(false);
-    }
-    return scope.result(renameEntry(copy, from, to));
-}
-
-bool FileNode::renameStream(Pointer& copy, StreamHandle const& stream, QString const& to) {
-    MORVA_METHOD("renameStream");
-    if (to.isEmpty())
-        return scope.result(false);
-    TracedLock guard(lock_);
-    NodeStream const* entry = info_.find(stream.id());
-    if (!entry) {
-        MORVA_TRACE(Always) << "Stream not found" << stream.id();
-        return scope.result(false);
-    }
-    return scope.result(renameEntry(copy, QString(entry->name), to));
-}
-
-bool FileNode::replaceStream(Pointer& copy, StreamHandle const& from,
-                             std::shared_ptr<StreamHandle> const& to) {
-    MORVA_METHOD("replaceStream");
-    TracedLock guard(lock_);
-    if (!to || to->id() == from.id())
-        return scope.result(false);
-    if (!info_.exists(from.id())) {
-        reportLostStream(from.id());
-        return scope.result(false);
-    }
-    FileNode* const target = writable(copy);
-    if (!target)
-        return scope.result(false);
-    (void)target->info_.replace(*target->info_.find(from.id()), to);
-    return scope.result(target->writeInfo());
-}
-
-bool FileNode::freeStreams(Pointer& copy) {
-    TracedLock guard(lock_);
-    bool const all = !isDirectory();
-    bool const any = std::ranges::any_of(info_.streams(), [&](NodeStream const& entry) {
-        return all || QString::compare(entry.name, dataStreamName, info_.caseSensitivity()) != 0;
-    });
-    if (!any)
-        return true;
-    FileNode* const target = writable(copy);
-    return target && target->info_.freeStreams(store_.streams(), all) && target->writeInfo();
-}
-
-// --- contents
-
-bool FileNode::makeWritable(Pointer& copy, std::shared_ptr<StreamHandle>& stream,
-                            FileNode*& target) {
-    if (!stream || !info_.exists(stream->id())) {
-        reportLostStream(stream ? stream->id() : StreamId{});
-        return false;
-    }
-    target = writable(copy);
-    if (!target)
-        return false;
-    std::shared_ptr<StreamHandle> fresh;
-    if (!stream->copyOnWrite(fresh))
-        return false;
-    if (!fresh)
-        return true;
-    NodeStream* const entry = target->info_.find(stream->id());
-    (void)target->info_.replace(*entry, fresh);
-    stream = fresh;
-    target->askForDedup(entry->name, entry->id, entry->dedup);
-    return target->writeInfo();
-}
-
-bool FileNode::write(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t offset,
-                     void const* data, std::uint32_t count, std::uint32_t sourceTime) {
-    TracedLock guard(lock_);
-    if (count == 0)
-        return true;
-    std::uint64_t const failures = store_.streams().failures();
-    FileNode* target = nullptr;
-    if (!makeWritable(copy, stream, target) || !stream->write(offset, data, count))
-        return false;
-    target->touch(sourceTime);
-    return store_.streams().failures() == failures;
-}
-
-bool FileNode::truncate(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t size,
-                        std::uint32_t flags, std::uint32_t sourceTime) {
-    MORVA_METHOD("truncate");
-    TracedLock guard(lock_);
-    if (stream && info_.exists(stream->id())) {
-        std::uint64_t const length = stream->length();
-        if (length == size || ((flags & StreamHandle::growOnly) != 0 && length > size))
-            return scope.result(true);
-    }
-    std::uint64_t const failures = store_.streams().failures();
-    FileNode* target = nullptr;
-    if (!makeWritable(copy, stream, target) || !stream->truncate(size, flags))
-        return scope.result(false);
-    target->touch(sourceTime);
-    return scope.result(store_.streams().failures() == failures);
-}
-
-bool FileNode::zeroData(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t start,
-                        std::uint64_t end, std::uint32_t sourceTime) {
-    MORVA_METHOD("zeroData");
-    TracedLock guard(lock_);
-    if (start == end)
-        return scope.result(true);
-    std::uint64_t const failures = store_.streams().failures();
-    FileNode* target = nullptr;
-    if (!makeWritable(copy, stream, target) || !stream->zeroData(start, end))
-        return scope.result(false);
-    target->touch(sourceTime);
-    return scope.result(store_.streams().failures() == failures);
-}
-
-bool FileNode::dirty(Pointer& copy, StreamHandle const& stream) {
-    MORVA_METHOD("dirty");
-    TracedLock guard(lock_);
-    if (!info_.exists(stream.id())) {
-        reportLostStream(stream.id());
-        return scope.result(false);
-    }
-    if (info_.dirty(stream.id()))
-        return scope.result(true);
-    FileNode* const target = writable(copy);
-    if (!target || !target->info_.setDirty(stream.id()) || !target->writeInfo())
-        return scope.result(false);
-    store_.control().countDirty();
-    return scope.result(true);
-}
-
-bool FileNode::sparse(Pointer& copy, StreamHandle const& stream) {
-    MORVA_METHOD("sparse");
-    TracedLock guard(lock_);
-    if (!info_.exists(stream.id())) {
-        reportLostStream(stream.id());
-        return scope.result(false);
-    }
-    if (info_.sparse(stream.id()))
-        return scope.result(true);
-    FileNode* const target = writable(copy);
-    return scope.result(target && target->info_.setSparse(stream.id()) && target->writeInfo());
-}
-
 // --- links and claims
 
 LinkId FileNode::addLink(Pointer& copy, bool keepLiveOnly) {
@@ -606,8 +379,7 @@ void FileNode::releaseVersion() {
     TracedLock guard(lock_);
     NodeBlock node = node_.node();
     if (node.referenceCount() == 0) {
-        Morva::LogLine("Repository", Morva::LogLevelE::Error)
-            << "Request to release a version that nolonger exists";
+        logNoVersion();
         return;
     }
     node.referenceCount(node.referenceCount() - 1);
@@ -618,8 +390,7 @@ void FileNode::releaseWeakVersion() {
     TracedLock guard(lock_);
     NodeBlock node = node_.node();
     if (node.versionCount() == 0) {
-        Morva::LogLine("Repository", Morva::LogLevelE::Error)
-            << "Request to release a version that nolonger exists";
+        logNoVersion();
         return;
     }
     node.versionCount(node.versionCount() - 1);

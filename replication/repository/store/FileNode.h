@@ -8,14 +8,20 @@
 #include <QString>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
+
+namespace Morva {
+struct Extent;
+}
 
 namespace Replication {
 
 class RepMetadata;
 class Store;
 class StreamHandle;
+struct DedupStatistics;
 
 /// One stored version of a file or directory: it pins the version's block in "files" and holds
 /// the unpacked `NodeInfo`.
@@ -27,6 +33,7 @@ class StreamHandle;
 ///
 /// Held by shared pointers; one FileNode exists per node in memory (`PassiveHandles`). When the
 /// last pointer goes and nothing claims the version any more, its streams and its block are freed.
+/// The store must outlive it: whoever holds one holds a `StorePointer` too, declared before it.
 ///
 /// Thread-safe: each operation holds the node's lock through decision and change. Lock order: the
 /// node's lock, then `PassiveHandles`, then `NodeFile`.
@@ -124,6 +131,10 @@ public:
     void print(int traceLevel) const;
     /// The ids of all streams, a fresh copy.
     [[nodiscard]] std::vector<StreamId> streamIds() const;
+    /// Deduplicates each stream by `Store::dedupStream`, without the node's lock; false when one of
+    /// them says so, and the rest is left then.
+    [[nodiscard]] bool dedupStreams(std::function<void()> const& checkForFreeze,
+                                    DedupStatistics& statistics, Morva::Extent& buffer);
 
 private:
     friend class PassiveHandles;

@@ -8,6 +8,7 @@
 #include "replication/repository/store/SnapshotListState.h"
 #include "replication/repository/store/Store.h"
 #include "replication/repository/streams/DedupRequest.h"
+#include "replication/repository/streams/Streams.h"
 
 #include <QDir>
 
@@ -151,11 +152,16 @@ bool SnapshotList::Private::openDedup() {
     return false;
 }
 
-std::shared_ptr<SnapshotFile> SnapshotList::Private::findOlder(Instance instance) const {
-    for (std::size_t i = 0; i + 1 < snapshots.size(); ++i)
-        if (snapshots[i]->instance() == instance)
-            return snapshots[i];
+std::shared_ptr<SnapshotFile> SnapshotList::Private::find(Instance instance) const {
+    for (auto const& file : snapshots)
+        if (file->instance() == instance)
+            return file;
     return nullptr;
+}
+
+std::shared_ptr<SnapshotFile> SnapshotList::Private::findOlder(Instance instance) const {
+    auto const file = find(instance);
+    return file && file != snapshots.back() ? file : nullptr;
 }
 
 void SnapshotList::Private::queueDeletion(SnapshotFile& file) {
@@ -299,8 +305,11 @@ Instance SnapshotList::validateSnapshot() {
 // --- looking and adding
 
 void SnapshotList::addEntry(FileId id, Instance instance) {
-    if (p_->active && !p_->active->addEntry(id, instance))
-        MORVA_TRACE(Always) << "Failed to record the end of" << id << "in instance" << instance;
+    if (!p_->active || p_->active->addEntry(id, instance))
+        return;
+    // Nothing would ever free that version.
+    MORVA_TRACE(Always) << "Failed to record the end of" << id << "in instance" << instance;
+    p_->store.streams().nodeTree().failed();
 }
 
 void SnapshotList::addToDedup(StreamId id) {
@@ -314,10 +323,7 @@ void SnapshotList::addToDedup(StreamId id) {
 
 std::shared_ptr<SnapshotFile> SnapshotList::find(Instance instance) const {
     TracedLock guard(p_->lock);
-    for (auto const& file : p_->snapshots)
-        if (file->instance() == instance)
-            return file;
-    return nullptr;
+    return p_->find(instance);
 }
 
 std::shared_ptr<SnapshotFile> SnapshotList::active() const {

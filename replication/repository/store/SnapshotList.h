@@ -79,8 +79,8 @@ public:
     bool dedupSnapshot(std::function<void()> const& checkForFreeze, Instance instance,
                        Morva::Extent& buffer);
 
-    /// Enters (id, instance) in the active snapshot: that version has ended. By the writer of the
-    /// live tree.
+    /// Enters (id, instance) in the active snapshot: that version has ended. A failure is counted
+    /// by the pool. By the writer of the live tree.
     void addEntry(FileId id, Instance instance);
     /// A new stream, to be deduplicated after the next snapshot.
     void addToDedup(StreamId id);

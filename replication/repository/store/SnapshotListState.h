@@ -17,6 +17,8 @@ struct SnapshotList::Private {
     explicit Private(Store& owner) : store(owner) {}
 
     [[nodiscard]] bool openDedup();
+    /// Under the lock: a snapshot of the list; null when there is none.
+    [[nodiscard]] std::shared_ptr<SnapshotFile> find(Instance instance) const MORVA_REQUIRES(lock);
     /// Under the lock: a snapshot of the list other than the last.
     [[nodiscard]] std::shared_ptr<SnapshotFile> findOlder(Instance instance) const
         MORVA_REQUIRES(lock);

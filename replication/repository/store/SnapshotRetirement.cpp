@@ -32,7 +32,8 @@ bool SnapshotList::updateSnapshot(Instance instance, std::uint32_t policy, std::
     MORVA_METHOD("updateSnapshot");
     if (!p_->store.id())
         return scope.result(true);
-    auto const file = find(instance);
+    TracedLock guard(p_->lock);
+    auto const file = p_->find(instance);
     if (!file)
         MORVA_TRACE(Always) << "Invalid snapshot number" << instance;
     else if (!file->updateResyncSnapshot(policy, opId, ruleSet, indexed, label))
@@ -138,13 +139,13 @@ bool SnapshotList::snapshotAnalyzed(Instance instance, std::uint64_t logicalSize
         MORVA_TRACE(Always) << "No snapshots";
         return scope.result(false);
     }
-    for (auto const& file : p_->snapshots)
-        if (file->instance() == instance) {
-            file->setAnalyzed(logicalSize, directories, files);
-            return scope.result(file->writeHeader());
-        }
-    MORVA_TRACE(Always) << "Did not find instance" << instance;
-    return scope.result(false);
+    auto const file = p_->find(instance);
+    if (!file) {
+        MORVA_TRACE(Always) << "Did not find instance" << instance;
+        return scope.result(false);
+    }
+    file->setAnalyzed(logicalSize, directories, files);
+    return scope.result(file->writeHeader());
 }
 
 bool SnapshotList::isSnapshotAnalyzed(std::uint64_t& logicalSize, std::uint64_t& directories,
@@ -236,26 +237,18 @@ bool SnapshotList::dedupSnapshot(std::function<void()> const& checkForFreeze, In
         return scope.result(true);
     {
         TracedLock guard(p_->lock);
-        for (auto const& file : p_->snapshots)
-            if (file->instance() == instance && file->type() != SnapshotType::Old) {
-                if (!list.setPosition(file->dedupOffset()))
-                    (void)list.setPosition(0);
-                file->setDedupState(DedupState::Processing);
-                (void)file->writeHeader();
-            }
+        if (auto const file = p_->find(instance); file && file->type() != SnapshotType::Old) {
+            if (!list.setPosition(file->dedupOffset()))
+                (void)list.setPosition(0);
+            file->setDedupState(DedupState::Processing);
+            (void)file->writeHeader();
+        }
     }
     DedupStatistics statistics;
     bool finished = true;
     StreamId id;
-    while (finished) {
-        if (p_->store.markedForDeletion()) {
-            finished = false;
-            break;
-        }
-        if (!list.read(id))
-            break;
-        finished = p_->store.streams().dedupStream(checkForFreeze, id, statistics, buffer);
-    }
+    while (finished && list.read(id))
+        finished = p_->store.dedupStream(checkForFreeze, id, statistics, buffer);
     statistics.trace();
     p_->endDedup(instance, list, statistics, finished);
     return scope.result(finished);
@@ -265,18 +258,17 @@ void SnapshotList::Private::endDedup(Instance instance, DedupFile& list,
                                      DedupStatistics const& statistics, bool finished) {
     {
         TracedLock guard(lock);
-        for (auto const& file : snapshots)
-            if (file->instance() == instance) {
-                DedupStatistics sum = file->dedupStatistics();
-                sum += statistics;
-                file->setDedupStatistics(sum);
-                if (finished)
-                    file->setDedupState(DedupState::Deduplicated);
-                else if (list.position() >= DedupFile::entrySize)
-                    // The stream that was interrupted is done again.
-                    file->setDedupOffset(list.position() - DedupFile::entrySize);
-                (void)file->writeHeader();
-            }
+        if (auto const file = find(instance)) {
+            DedupStatistics sum = file->dedupStatistics();
+            sum += statistics;
+            file->setDedupStatistics(sum);
+            if (finished)
+                file->setDedupState(DedupState::Deduplicated);
+            else if (list.position() >= DedupFile::entrySize)
+                // The stream that was interrupted is done again.
+                file->setDedupOffset(list.position() - DedupFile::entrySize);
+            (void)file->writeHeader();
+        }
     }
     if (!finished)
         return;

@@ -172,7 +172,7 @@ bool Store::createRoot() {
     info.placeHolder = true;
     info.sourceMachine = sourceMachine_;
     info.name = name_;
-    return active_->create(key, {}, LiveMode::Keep, 0, std::move(info)) != nullptr;
+    return active_->create(key, {}, LiveMode::Clear, 0, std::move(info)) != nullptr;
 }
 
 bool Store::createSnapshots() {
@@ -311,6 +311,7 @@ bool Store::close() {
         return scope.result(true);
     retired_->clear();
     directories_->forget();
+    MORVA_CHECK(passive_->size() == 0, "passiveHandles");
     bool flushed = flushFiles();
     bool const wasValid = valid_.exchange(false);
     // A store that was found unclean and could not be opened has not become clean by that.

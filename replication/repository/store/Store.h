@@ -150,8 +150,11 @@ public:
     // --- versions (see Versions.cpp)
 
     /// Enters a new node in the id's chain; the old node's fate follows from who saw it: nobody,
-    /// and it loses its reference, or a snapshot, and the active snapshot notes that it ended.
-    void updateFileId(std::uint32_t time, FileId id, FileNode& oldNode, FileNode& newNode);
+    /// and it loses its reference, or a snapshot, and the active snapshot notes that it ended. A
+    /// file without names isn't in the chain any more: its new node goes with its handle. False,
+    /// and the new node without its reference, when no entry could be had; counted by the pool.
+    [[nodiscard]] bool updateFileId(std::uint32_t time, FileId id, FileNode& oldNode,
+                                    FileNode& newNode);
     /// Drops one link of the file that `key` names (its name has been taken out of the directory
     /// already) and, with the last one, the file. With `retire` the version goes to the metadata
     /// store. Takes the name off the counters.
@@ -160,8 +163,11 @@ public:
     void releaseFileNode(NodeNumber node, bool version);
     /// Deduplicates the streams of one node; false only when the pool is stopping or the store is
     /// to go. `checkForFreeze` and `buffer` as for `Streams::dedupStream`.
-    bool dedupVersion(std::function<void()> const& checkForFreeze, NodeNumber node,
-                      Morva::Extent& buffer);
+    [[nodiscard]] bool dedupVersion(std::function<void()> const& checkForFreeze, NodeNumber node,
+                                    Morva::Extent& buffer);
+    /// The same for one stream.
+    [[nodiscard]] bool dedupStream(std::function<void()> const& checkForFreeze, StreamId id,
+                                   DedupStatistics& statistics, Morva::Extent& buffer);
 
     // --- state
 

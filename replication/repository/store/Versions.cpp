@@ -16,24 +16,25 @@
 
 namespace Replication {
 
-void Store::updateFileId(std::uint32_t time, FileId id, FileNode& oldNode, FileNode& newNode) {
+bool Store::updateFileId(std::uint32_t time, FileId id, FileNode& oldNode, FileNode& newNode) {
     MORVA_METHOD("updateFileId");
     if (newNode.linkCount() == 0) {
         // A file that has lost its last name while it is open: its id is no longer the business
         // of the live tree, and the copy goes with the handle.
         newNode.releaseVersion();
-        return;
+        return scope.result(true);
     }
     Instance const current = currentInstance();
     Instance const previous = pointers_->newInstance(id, newNode.id(), current);
     if (!previous) {
         MORVA_TRACE(Always) << "Failed to enter a new version of" << id;
+        streams_->nodeTree().failed();
         newNode.releaseVersion();
-        return;
+        return scope.result(false);
     }
     if (!id_) {
         oldNode.releaseVersion();
-        return;
+        return scope.result(true);
     }
     if (!newNode.liveOnly() && indexSnapshots_ && event_ && newNode.notLinked() &&
         !event_->changed(id, LinkId{1}, {}, {}, time))
@@ -45,6 +46,7 @@ void Store::updateFileId(std::uint32_t time, FileId id, FileNode& oldNode, FileN
     } else {
         oldNode.releaseVersion();
     }
+    return scope.result(true);
 }
 
 void Store::removeFileId(DirKey const& key, bool retire) {
@@ -108,14 +110,17 @@ bool Store::dedupVersion(std::function<void()> const& checkForFreeze, NodeNumber
     if (!handle)
         return scope.result(true);
     DedupStatistics statistics;
-    for (StreamId const id : handle->streamIds()) {
-        if (markedForDeletion() || !streams_->dedupStream(checkForFreeze, id, statistics, buffer)) {
-            MORVA_TRACE(Normal) << "Only fails if we are shuting down";
-            return scope.result(false);
-        }
+    if (!handle->dedupStreams(checkForFreeze, statistics, buffer)) {
+        MORVA_TRACE(Normal) << "Only fails if we are shuting down";
+        return scope.result(false);
     }
     statistics.trace();
     return scope.result(true);
+}
+
+bool Store::dedupStream(std::function<void()> const& checkForFreeze, StreamId id,
+                        DedupStatistics& statistics, Morva::Extent& buffer) {
+    return !markedForDeletion() && streams_->dedupStream(checkForFreeze, id, statistics, buffer);
 }
 
 } // namespace Replication
