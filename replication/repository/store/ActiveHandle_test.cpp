@@ -269,6 +269,7 @@ TEST_F(ActiveHandleTest, FileHandlesLeadToVersionsAndParents) {
     EXPECT_EQ(munged, f);
     munged.kind = 9;
     EXPECT_FALSE(store->passiveHandle(munged));
+    EXPECT_EQ(store->lookupParent(up, munged), 10001U);
 }
 
 TEST_F(ActiveHandleTest, FailedCreationLeavesNothingBehind) {
@@ -341,6 +342,62 @@ TEST_F(FaultyStoreTest, VersionThatFindsNoPlaceInItsChainChangesNothing) {
     EXPECT_TRUE(store->paths().write(context(), *handle, 0, "two", 3));
     EXPECT_EQ(live(path("f")), "two");
     EXPECT_EQ(at(Instance{2}, path("f")), "one");
+}
+
+TEST_F(FaultyStoreTest, FailuresWithoutAResultAreCounted) {
+    auto const handle = file(path("f"), "one");
+    ASSERT_TRUE(store->paths().link(context(), path("f"), path("l")));
+    snapshot();
+    // A version's end that the snapshot can't note.
+    files.onlyNamesEndingWith(QStringLiteral("snapshot0000000002"));
+    files.failWritesAfter(0);
+    std::uint64_t failures = pool->failures();
+    EXPECT_TRUE(handle->activeHandle->attributes(handle->link, 7));
+    EXPECT_GT(pool->failures(), failures);
+    files.heal();
+    snapshot();
+    // No block is left for a second version of the node.
+    files.diskBudget(0);
+    std::vector<NodePin> taken;
+    while (NodePin pin = store->nodes().newNode(Instance{1}))
+        taken.push_back(std::move(pin));
+    failures = pool->failures();
+    EXPECT_FALSE(handle->activeHandle->owner(handle->link, QStringLiteral("you")));
+    EXPECT_GT(pool->failures(), failures);
+    failures = pool->failures();
+    (void)store->paths().unlink(context(), path("l"));
+    EXPECT_EQ(handle->activeHandle->linkCount(), 2U);
+    EXPECT_GT(pool->failures(), failures);
+    files.heal();
+    for (NodePin& pin : taken)
+        store->nodes().freeNode(std::move(pin));
+    EXPECT_EQ(handle->activeHandle->owner(), QString());
+    EXPECT_EQ(live(path("f")), "one");
+}
+
+TEST_F(FaultyStoreTest, RecordThatCannotBeWrittenKeepsItsStream) {
+    auto const handle = file(path("f"), "text");
+    // A record of a block's size, beyond the node.
+    for (int i = 0; i < 60; ++i)
+        ASSERT_TRUE(handle->activeHandle->createStream(
+            handle->link, QStringLiteral("a-long-stream-name%1").arg(i), false));
+    DedupStatistics statistics;
+    (void)handle->streamHandle->prepareDedup(statistics); // freezes it
+    StreamId const frozen = handle->streamHandle->id();
+    files.onlyNamesEndingWith(QStringLiteral("data.blocks"));
+    files.failWritesAfter(0);
+    EXPECT_FALSE(store->paths().write(context(), *handle, 0, "new", 3));
+    files.heal();
+    EXPECT_EQ(handle->streamHandle->id(), frozen);
+    EXPECT_EQ(handle->streamHandle->referenceCount(), 1U);
+    EXPECT_EQ(live(path("f")), "text");
+    EXPECT_TRUE(store->paths().write(context(), *handle, 0, "new", 3));
+    EXPECT_EQ(live(path("f")), "newt");
+    NodeNumber const node = handle->activeHandle->fileNode()->id();
+    *handle = SinkHandle();
+    store->directories().forget();
+    EXPECT_EQ(contentOf(store->passiveHandles().get(node)), "newt") << "as the record says";
+    EXPECT_FALSE(pool->handle(frozen, true));
 }
 
 TEST_F(FaultyStoreTest, FullDiskFailsCreationsAndTheStoreGoesOnAfterwards) {

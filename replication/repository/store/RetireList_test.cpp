@@ -1,3 +1,4 @@
+#include "replication/repository/store/DedupWorker.h"
 #include "replication/repository/store/StoreFixture.h"
 
 #include <QFile>
@@ -148,6 +149,26 @@ TEST_F(RetireLists, AResyncAndAStopSendFinalVersionsAtOnce) {
     list().retiredVersion(open, file, false);
     EXPECT_EQ(3u, sent());
     EXPECT_EQ(0u, list().size());
+}
+
+TEST_F(RetireLists, VersionsAreDeduplicatedOnTheirOwnWish) {
+    for (bool const wanted : {false, true}) {
+        create();
+        store_->settings(true, false, wanted, {});
+        // Longer than what a stream's record holds itself, which is never shared.
+        EXPECT_TRUE(writeFile("a", QByteArray(5000, 'a')));
+        auto file = store_->passiveHandle({"a"}, snapshot());
+        list().timeStamp(5000);
+        Version ended = version("a", *file);
+        list().retiredVersion(ended, file, true);
+        list().timeStamp(5005);
+        EXPECT_TRUE(DedupWorker(streams_).drain());
+        RepMetadata metadata;
+        ASSERT_EQ(0u, file->metadata(RepMetadata::eSnapshot, metadata));
+        EXPECT_EQ(wanted, metadata.deduped);
+        file.reset();
+        store_.reset();
+    }
 }
 
 TEST_F(RetireLists, ALostEventKeepsTheVersion) {
