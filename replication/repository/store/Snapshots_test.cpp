@@ -1,3 +1,4 @@
+#include "base/trees/PagedQueue.h"
 #include "replication/repository/store/DedupWorker.h"
 #include "replication/repository/store/StoreFixture.h"
 #include "replication/repository/streams/Cleanup.h"
@@ -201,6 +202,27 @@ TEST_F(Snapshots, WorkerKeepsStoresOpenForFiveMinutes) {
     // A store that is gone needs nothing any more.
     EXPECT_TRUE(DedupRequests::dedupSnapshot(*streams_, StoreId{99}, Instance{1}));
     EXPECT_TRUE(worker.drain());
+}
+
+TEST_F(Snapshots, MarkingAStoreForDeletionEndsItsPassAndNoOther) {
+    create();
+    ASSERT_TRUE(writeFile("a", QByteArray(300000, 'a')));
+    ASSERT_TRUE(writeFile("b", QByteArray(300000, 'b')));
+    Instance const taken = snapshot();
+    EXPECT_TRUE(DedupRequests::dedupSnapshot(*streams_, StoreId{99}, Instance{1}));
+    streams_->freezing(true);
+    int asked = 0;
+    DedupWorker worker(streams_, [this, &asked] {
+        ++asked;
+        store_->active(false);
+        EXPECT_TRUE(store_->markForDeletion());
+    });
+    EXPECT_TRUE(worker.drain());
+    EXPECT_EQ(1, asked) << "the second file was still read";
+    EXPECT_NE(DedupState::Deduplicated, list().find(taken)->dedupState());
+    std::uint64_t waiting = 1;
+    EXPECT_EQ(Morva::PagedQueue::Result::Success, streams_->dedupQueue().available(waiting));
+    EXPECT_EQ(0u, waiting);
 }
 
 /// Files come, change and go over several instances; then the snapshots are retired in some order.
