@@ -1,7 +1,9 @@
 // Runs a fuzz target without a fuzzing engine: every file of the corpus folders given, then
-// random mutations of them. The seed is printed; MORVA_SEED and MORVA_ROUNDS set seed and count.
+// random mutations of them, for about a second. The seed is printed; MORVA_SEED and MORVA_ROUNDS
+// set seed and count, and a count is done whatever its time.
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -72,16 +74,22 @@ std::uint64_t fromEnvironment(char const* name, std::uint64_t otherwise) {
 
 int main(int argc, char** argv) {
     auto const seed = fromEnvironment("MORVA_SEED", std::random_device{}());
+    auto const counted = std::getenv("MORVA_ROUNDS") != nullptr;
     auto const rounds = fromEnvironment("MORVA_ROUNDS", 20000);
-    std::cout << "seed " << seed << ", " << rounds << " rounds" << std::endl;
+    std::cout << "seed " << seed << std::endl;
+    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     auto const corpus = readCorpus(argc, argv);
     for (auto const& input : corpus)
         LLVMFuzzerTestOneInput(input.data(), input.size());
     std::mt19937_64 random(seed);
-    for (std::uint64_t round = 0; round < rounds; ++round) {
+    std::uint64_t round = 0;
+    for (; round < rounds; ++round) {
+        if (!counted && round % 16 == 0 && std::chrono::steady_clock::now() > end)
+            break;
         auto input = corpus[random() % corpus.size()];
         for (auto steps = 1 + random() % 4; steps > 0; --steps)
             mutate(input, random);
         LLVMFuzzerTestOneInput(input.data(), input.size());
     }
+    std::cout << round << " rounds" << std::endl;
 }

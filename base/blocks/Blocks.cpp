@@ -40,7 +40,7 @@ constexpr std::uint32_t atCheck = 60, size = 64;
 ///    8     8  next   the next free block, 0 = none
 ///   16     8  mark   a constant XOR the block's number
 namespace FreeBlock {
-constexpr std::uint32_t atNext = 8, atMark = 16, size = 24;
+constexpr std::uint32_t atNext = 8, atMark = 16;
 constexpr std::uint64_t mark = 0x4B4C42454552469Bull;
 
 bool is(void const* block, std::uint64_t number) {
