@@ -375,7 +375,7 @@ TEST_F(FaultyStoreTest, FailuresWithoutAResultAreCounted) {
     EXPECT_EQ(live(path("f")), "one");
 }
 
-TEST_F(FaultyStoreTest, RecordThatCannotBeWrittenKeepsItsStream) {
+TEST_F(FaultyStoreTest, RecordThatCannotBeWrittenKeepsItsStreams) {
     auto const handle = file(path("f"), "text");
     // A record of a block's size, beyond the node.
     for (int i = 0; i < 60; ++i)
@@ -387,7 +387,17 @@ TEST_F(FaultyStoreTest, RecordThatCannotBeWrittenKeepsItsStream) {
     files.onlyNamesEndingWith(QStringLiteral("data.blocks"));
     files.failWritesAfter(0);
     EXPECT_FALSE(store->paths().write(context(), *handle, 0, "new", 3));
+    QString const first = QStringLiteral("a-long-stream-name0");
+    QString const second = QStringLiteral("a-long-stream-name1");
+    EXPECT_FALSE(handle->activeHandle->removeStream(handle->link, first));
+    EXPECT_FALSE(handle->activeHandle->renameStream(handle->link, second, first));
     files.heal();
+    for (QString const& name : {first, second}) {
+        auto const kept = handle->activeHandle->fileNode()->openStream(name);
+        ASSERT_TRUE(kept);
+        EXPECT_EQ(kept->referenceCount(), 1U);
+    }
+    EXPECT_TRUE(handle->activeHandle->removeStream(handle->link, first));
     EXPECT_EQ(handle->streamHandle->id(), frozen);
     EXPECT_EQ(handle->streamHandle->referenceCount(), 1U);
     EXPECT_EQ(live(path("f")), "text");

@@ -40,7 +40,7 @@ FileNode::FileNode(Store& store, NodePin pin, NodeInfo info)
 FileNode::~FileNode() {
     // The record isn't rewritten without the streams: the block goes with it.
     if (!discarded_ && node_.node().claims() == 0)
-        (void)info_.freeStreams(store_.streams(), true);
+        info_.release(store_.streams(), NodeInfo(info_.caseSensitivity()));
     store_.passiveHandles().release(*this, discarded_);
 }
 

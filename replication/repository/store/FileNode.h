@@ -148,6 +148,9 @@ private:
     [[nodiscard]] bool makeWritable(Pointer& copy, std::shared_ptr<StreamHandle>& stream,
                                     FileNode*& target);
     [[nodiscard]] bool writeInfo();
+    /// Takes streams off the list and writes the record; their references go once it names them no
+    /// more. False, with the list as it was, when `change` says so or the record can't be written.
+    template <class Change> [[nodiscard]] bool changeList(Change&& change);
     bool writeBlock();
     void touch(std::uint32_t sourceTime);
     [[nodiscard]] std::shared_ptr<StreamHandle> createStream(QString const& name, bool dedup);

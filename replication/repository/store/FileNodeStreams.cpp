@@ -36,7 +36,8 @@ std::shared_ptr<StreamHandle> FileNode::createStream(QString const& name, bool d
     info_.addStream(name, id, false, dedup, false);
     info_.find(id)->handle = result;
     if (!writeInfo()) {
-        (void)info_.remove(pool, name);
+        (void)info_.remove(name);
+        result->releaseReference();
         return nullptr;
     }
     askForDedup(name, id, dedup);
@@ -73,6 +74,18 @@ std::shared_ptr<StreamHandle> FileNode::openActiveStream(Pointer& copy, QString 
     return target ? target->createStream(name, dedup) : nullptr;
 }
 
+template <class Change> bool FileNode::changeList(Change&& change) {
+    NodeInfo const before = info_;
+    if (!change(info_))
+        return false;
+    if (!writeInfo()) {
+        info_ = before;
+        return false;
+    }
+    before.release(store_.streams(), info_);
+    return true;
+}
+
 bool FileNode::removeStream(Pointer& copy, QString const& name) {
     MORVA_METHOD("removeStream");
     TracedLock guard(lock_);
@@ -81,15 +94,14 @@ bool FileNode::removeStream(Pointer& copy, QString const& name) {
     FileNode* const target = writable(copy);
     if (!target)
         return scope.result(false);
-    (void)target->info_.remove(store_.streams(), name);
-    return scope.result(target->writeInfo());
+    return scope.result(target->changeList([&](NodeInfo& list) { return list.remove(name); }));
 }
 
 bool FileNode::renameEntry(Pointer& copy, QString const& from, QString const& to) {
     if (QString::compare(from, to, info_.caseSensitivity()) == 0)
         return false;
     FileNode* const target = writable(copy);
-    return target && target->info_.rename(store_.streams(), from, to) && target->writeInfo();
+    return target && target->changeList([&](NodeInfo& list) { return list.rename(from, to); });
 }
 
 bool FileNode::renameStream(Pointer& copy, QString const& from, QString const& to) {
@@ -143,7 +155,7 @@ bool FileNode::freeStreams(Pointer& copy) {
     if (!any)
         return true;
     FileNode* const target = writable(copy);
-    return target && target->info_.freeStreams(store_.streams(), all) && target->writeInfo();
+    return target && target->changeList([&](NodeInfo& list) { return list.removeAll(all); });
 }
 
 bool FileNode::dedupStreams(std::function<void()> const& checkForFreeze,

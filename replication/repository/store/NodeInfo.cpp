@@ -228,37 +228,35 @@ void NodeInfo::duplicateStreamList(Streams& pool) const {
     }
 }
 
-void NodeInfo::release(Streams& pool, NodeStream const& entry) {
-    if (std::shared_ptr<StreamHandle> const stream = open(pool, entry))
-        stream->releaseReference();
-}
-
-bool NodeInfo::remove(Streams& pool, QString const& streamName) {
+bool NodeInfo::remove(QString const& streamName) {
     NodeStream const* entry = find(streamName);
     if (!entry)
         return false;
-    release(pool, *entry);
     streams_.erase(streams_.begin() + (entry - streams_.data()));
     return true;
 }
 
-bool NodeInfo::rename(Streams& pool, QString const& from, QString const& to) {
+bool NodeInfo::rename(QString const& from, QString const& to) {
     if (QString::compare(from, to, caseSensitivity_) == 0 || !exists(from))
         return false;
-    (void)remove(pool, to);
+    (void)remove(to);
     find(from)->name = to;
     return true;
 }
 
-bool NodeInfo::freeStreams(Streams& pool, bool all) {
-    std::size_t const before = streams_.size();
-    std::erase_if(streams_, [&](NodeStream const& entry) {
-        if (!all && QString::compare(entry.name, dataStreamName, caseSensitivity_) == 0)
-            return false;
-        release(pool, entry);
-        return true;
-    });
-    return streams_.size() != before;
+bool NodeInfo::removeAll(bool all) {
+    return std::erase_if(streams_, [&](NodeStream const& entry) {
+               return all || QString::compare(entry.name, dataStreamName, caseSensitivity_) != 0;
+           }) != 0;
+}
+
+void NodeInfo::release(Streams& pool, NodeInfo const& later) const {
+    for (NodeStream const& entry : streams_) {
+        if (later.exists(entry.id))
+            continue;
+        if (std::shared_ptr<StreamHandle> const stream = open(pool, entry))
+            stream->releaseReference();
+    }
 }
 
 void NodeInfo::metadata(Streams& pool, RepMetadata& result, std::uint32_t level) const {

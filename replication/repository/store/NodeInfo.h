@@ -106,14 +106,16 @@ public:
     bool replace(NodeStream& entry, std::shared_ptr<StreamHandle> const& to);
     /// Takes one reference more on every stream, for a second node with the same contents.
     void duplicateStreamList(Streams& pool) const;
-    /// False when the names are equal or there is no such stream. A stream that has the new name is
-    /// deleted first.
-    bool rename(Streams& pool, QString const& from, QString const& to);
-    /// Drops the reference of one stream and its entry; false when there is none.
-    bool remove(Streams& pool, QString const& streamName);
-    /// Drops the references and entries of all streams, without `all` of all but "Data". Whether
-    /// anything changed.
-    bool freeStreams(Streams& pool, bool all);
+    /// False when the names are equal or there is no such stream. A stream that has the new name
+    /// leaves the list first, its reference the caller's business.
+    bool rename(QString const& from, QString const& to);
+    /// Takes one stream off the list, its reference the caller's business; false when there is
+    /// none.
+    bool remove(QString const& streamName);
+    /// The same for all streams, without `all` for all but "Data". Whether anything changed.
+    bool removeAll(bool all);
+    /// Drops the references of the streams that `later` doesn't name.
+    void release(Streams& pool, NodeInfo const& later) const;
     /// Fills in what the streams contribute to a description: level 1 the figures of "Data",
     /// level 2 the list of all.
     void metadata(Streams& pool, RepMetadata& result, std::uint32_t level) const;
@@ -125,7 +127,6 @@ private:
     [[nodiscard]] bool unpackFile(Morva::UnpackBuffer& record, std::uint32_t type);
     [[nodiscard]] bool unpackStreams(Morva::UnpackBuffer& record, bool withSparse);
     [[nodiscard]] static std::shared_ptr<StreamHandle> open(Streams& pool, NodeStream const& entry);
-    static void release(Streams& pool, NodeStream const& entry);
 
     std::uint32_t type_;
     Qt::CaseSensitivity caseSensitivity_;
