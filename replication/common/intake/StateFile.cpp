@@ -123,7 +123,7 @@ bool StateFile::upgrade() {
 void StateFile::readTarget() {
     if (targetSize_ >= maximumTarget) {
         MORVA_TRACE(Always) << "Target size is too big, state file corrupted" << name_;
-        valid_ = false;
+        clear();
         return;
     }
     QByteArray bytes(static_cast<qsizetype>(targetSize_), '\0');

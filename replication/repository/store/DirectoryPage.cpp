@@ -121,13 +121,17 @@ std::uint32_t largestSlot(std::uint8_t* page) {
 }
 
 bool removeEntry(std::uint8_t* page, std::uint32_t offset) {
+    MORVA_TRACE(Debug) << "Look for previous entry" << offset;
     PageEdit edit(page);
     bool more = edit.next();
     while (more && edit.offset() < offset)
         more = edit.next();
     if (!more || edit.offset() != offset) {
+        // An invalid entry may stand so near the page's end that its fields lie behind it.
+        auto const shown = edit.offset() <= size - DirectoryEntry::minimumSize;
         MORVA_TRACE(Always) << "desired" << offset << "next" << edit.offset() << "Name length"
-                            << edit.entry().nameLength() << "Length" << edit.entry().entryLength();
+                            << (shown ? edit.entry().nameLength() : 0) << "Length"
+                            << (shown ? edit.entry().entryLength() : 0);
         return false;
     }
     edit.remove();

@@ -22,7 +22,6 @@ using Morva::TracedLock;
 namespace {
 
 QString const dedupPrefix = QStringLiteral("dedup");
-constexpr int instanceDigits = 10;
 
 /// The instance of a closed dedup file's name; 0 if it is none.
 Instance dedupInstance(QString const& name) {
