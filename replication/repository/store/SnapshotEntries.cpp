@@ -1,6 +1,7 @@
 // The entry list of a snapshot file, and its form for statistics.
 
 #include "base/messages/XmlList.h"
+#include "base/process/Context.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
 #include "replication/repository/store/SnapshotFile.h"
@@ -147,20 +148,64 @@ QString SnapshotFile::typeText(SnapshotType type) {
     return {};
 }
 
-void SnapshotFile::statistics(Morva::XmlList& list, FileHandle const& root) const {
+namespace {
+
+QString stateText(DedupState state) {
+    switch (state) {
+    case DedupState::None:
+        return QStringLiteral("No Deduplication");
+    case DedupState::Pending:
+        return QStringLiteral("Deduplication Pending");
+    case DedupState::Processing:
+        return QStringLiteral("Deduplication Processing");
+    case DedupState::Deduplicated:
+        return QStringLiteral("Deduplicated");
+    }
+    return {};
+}
+
+} // namespace
+
+bool SnapshotFile::listed() const {
     SnapshotType const kind = type();
-    bool const listed = kind == SnapshotType::Old || kind == SnapshotType::Policy ||
-                        kind == SnapshotType::User || kind == SnapshotType::Synchronization;
-    if (!listed || retire())
+    return (kind == SnapshotType::Old || kind == SnapshotType::Policy ||
+            kind == SnapshotType::User || kind == SnapshotType::Synchronization) &&
+           !retire();
+}
+
+void SnapshotFile::statistics(Morva::XmlList& list, FileHandle const& root) const {
+    if (!listed())
         return;
-    FileHandle handle = root;
-    handle.instance = instance();
-    auto const id = handle.encode();
     Morva::XmlList entry;
+    addFigures(entry, root, nullptr);
+    list.set(QStringLiteral("SnapShotEntry"), entry, Morva::XmlList::SetTypeE::Add);
+}
+
+void SnapshotFile::statistics(NamedLists& lists, Origin const& origin, std::uint32_t from,
+                              std::uint32_t to) const {
+    std::uint32_t const time = sourceTime();
+    if (!listed() || ((from != 0 || to != 0) && (time < from || time > to)))
+        return;
+    Morva::XmlList entry;
+    entry.set(QStringLiteral("Destination"), Morva::Context::machineName().name());
+    entry.set(QStringLiteral("Machine"), origin.machine);
+    entry.set(QStringLiteral("Store"), origin.store);
+    entry.set(QStringLiteral("InstanceType"), origin.instanceType);
+    addFigures(entry, origin.root, &origin);
+    lists.append({QStringLiteral("Snapshot"), entry});
+}
+
+void SnapshotFile::addFigures(Morva::XmlList& entry, FileHandle root, Origin const* origin) const {
+    SnapshotType const kind = type();
+    root.instance = instance();
+    auto const id = root.encode();
     auto const set = [&](char const* key, auto value) { entry.set(QLatin1String(key), value); };
     set("Id",
         QByteArray(reinterpret_cast<char const*>(id.data()), static_cast<qsizetype>(id.size())));
-    set("Type", typeText(kind));
+    if (origin)
+        set("ReplayId", origin->replayId.value);
+    bool const misspelled = origin && kind == SnapshotType::Synchronization;
+    set("Type", misspelled ? QStringLiteral("Syncronization") : typeText(kind));
     set("SourceTime", sourceTime());
     set("RepositoryTime", repositoryTime());
     bool const counted = analyzed();
@@ -168,28 +213,32 @@ void SnapshotFile::statistics(Morva::XmlList& list, FileHandle const& root) cons
         set("Analyzed", true);
         set("LogicalSize", logicalSize());
     }
+    if (origin)
+        set("MarkedForDeletion", markedForDeletion());
     if (kind != SnapshotType::Old || counted) {
         set("FileCount", fileCount());
         set("DirectoryCount", directoryCount());
     }
-    if (kind != SnapshotType::Old) {
-        DedupStatistics const dedup = dedupStatistics();
-        set("DedupStreams", dedup.streams);
-        set("UniqueStreams", dedup.uniqueStreams);
-        set("DedupSize", dedup.dedupedSize);
-        set("UniqueSize", dedup.uniqueSize);
-        set("NeedResync", needResync());
+    if (kind == SnapshotType::Old)
+        return;
+    DedupStatistics const dedup = dedupStatistics();
+    set(origin ? "DedupStreamCount" : "DedupStreams", dedup.streams);
+    set(origin ? "UniqueStreamCount" : "UniqueStreams", dedup.uniqueStreams);
+    set("DedupSize", dedup.dedupedSize);
+    set("UniqueSize", dedup.uniqueSize);
+    set("NeedResync", needResync());
+    if (origin)
+        set("DedupState", stateText(dedupState()));
+    else
         set("DedupState", static_cast<std::uint32_t>(dedupState()));
-        if (kind == SnapshotType::Policy) {
-            set("Policy", policy());
-            set("OpId", opId());
-            set("Ruleset", ruleSet());
-        }
-        if (QString const text = label(); !text.isEmpty())
-            set("Label", text);
-        set("Indexed", indexed());
+    if (kind == SnapshotType::Policy) {
+        set("Policy", policy());
+        set("OpId", opId());
+        set("Ruleset", ruleSet());
     }
-    list.set(QStringLiteral("SnapShotEntry"), entry, Morva::XmlList::SetTypeE::Add);
+    if (QString const text = label(); !text.isEmpty())
+        set("Label", text);
+    set("Indexed", indexed());
 }
 
 } // namespace Replication

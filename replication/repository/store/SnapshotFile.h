@@ -6,6 +6,8 @@
 #include "replication/common/values/FileHandle.h"
 #include "replication/common/values/Ids.h"
 
+#include <QList>
+#include <QPair>
 #include <QString>
 
 #include <array>
@@ -184,10 +186,27 @@ public:
     /// Adds the snapshot to a list under "SnapShotEntry". Nothing for an Initial or Validate
     /// snapshot, and for one that is to be retired. `root` is the handle of the store's root.
     void statistics(Morva::XmlList& list, FileHandle const& root) const;
-    /// Text of a type in `statistics`.
+    /// What the statistics of the process say of the snapshot besides its own figures.
+    struct Origin {
+        QString machine; ///< of the source
+        QString store;
+        QString instanceType;
+        ReplayId replayId;
+        FileHandle root; ///< handle of the store's root
+    };
+    using NamedLists = QList<QPair<QString, Morva::XmlList>>;
+    /// Appends the snapshot as a list "Snapshot", under the same conditions; nothing either when
+    /// `from` or `to` (seconds at the source) isn't 0 and the snapshot lies outside of them.
+    void statistics(NamedLists& lists, Origin const& origin, std::uint32_t from,
+                    std::uint32_t to) const;
+    /// Text of a type in the first form of `statistics`.
     [[nodiscard]] static QString typeText(SnapshotType type);
 
 private:
+    /// Initial and Validate snapshots and those that are to go aren't told of.
+    [[nodiscard]] bool listed() const;
+    /// In the second form if there is an origin.
+    void addFigures(Morva::XmlList& entry, FileHandle root, Origin const* origin) const;
     [[nodiscard]] bool load(Morva::RawFile& file, bool readOnly);
     void loadLabel(std::uint8_t const* bytes, std::uint32_t count);
     [[nodiscard]] bool convert(Morva::RawFile& file);

@@ -277,6 +277,42 @@ TEST_F(SnapshotFiles, StatisticsListWhatAUserCanSee) {
     }
 }
 
+TEST_F(SnapshotFiles, NamedStatisticsKeepTheOrderOfTheirKeys) {
+    auto const file = open();
+    EXPECT_TRUE(file->snapshot({}, 500, Instance{6}, true));
+    file->setAnalyzed(1, 2, 3);
+    file->setPolicy(3, 4, 5, false);
+    file->setLabel("label");
+    SnapshotFile::Origin origin;
+    origin.replayId = ReplayId{9};
+    SnapshotFile::NamedLists lists;
+    struct {
+        std::uint32_t from;
+        std::uint32_t to;
+        bool inside;
+    } const ranges[] = {{0, 0, true}, {500, 500, true}, {501, 600, false}, {1, 499, false}};
+    for (auto const& range : ranges) {
+        lists.clear();
+        file->statistics(lists, origin, range.from, range.to);
+        EXPECT_EQ(lists.size(), range.inside) << range.from;
+    }
+    file->statistics(lists, origin, 0, 0);
+    ASSERT_EQ(lists.size(), 1);
+    EXPECT_EQ(lists.first().first, "Snapshot");
+    QStringList keys;
+    for (Morva::XmlListIterator key(lists.first().second); key; ++key)
+        keys += key.name();
+    EXPECT_EQ(keys.join(' '),
+              "Destination Machine Store InstanceType Id ReplayId Type SourceTime RepositoryTime "
+              "Analyzed LogicalSize MarkedForDeletion FileCount DirectoryCount DedupStreamCount "
+              "UniqueStreamCount DedupSize UniqueSize NeedResync DedupState Policy OpId Ruleset "
+              "Label Indexed");
+    EXPECT_EQ(lists.first().second.getString(nullptr, "DedupState"), "Deduplication Pending");
+    file->setType(SnapshotType::Synchronization, false);
+    file->statistics(lists, origin, 0, 0);
+    EXPECT_EQ(lists.last().second.getString(nullptr, "Type"), "Syncronization");
+}
+
 TEST_F(SnapshotFiles, FullDiskLeavesNoFileBehind) {
     Morva::FaultyFiles files;
     files.diskBudget(100);
