@@ -43,6 +43,8 @@ struct Object {
     /// A directory's own time is known only after it was set: no log tells of its changes.
     bool modifiedKnown = true;
     std::uint32_t links = 1;
+    /// May become larger than what is worth hashing; kept from deduplication by its first name.
+    bool huge = false;
     QByteArray target;
     std::map<QByteArray, QByteArray> attributes;
     Content content;

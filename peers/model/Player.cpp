@@ -23,6 +23,7 @@ namespace {
 constexpr char const* storeName = "model";
 constexpr char const* sourceRoot = "/src";
 constexpr char const* workName = "r";
+constexpr char const* hugeSuffix = ".huge";
 
 void must(bool done, char const* what) {
     if (!done)
@@ -57,7 +58,7 @@ Player::Player(QString const& rootPath, std::uint64_t seed) : rootPath_(rootPath
     options.clock = [this] { return clock_; };
     logger_ = std::make_unique<OperationLogger>(options, sink_);
     root_ = std::make_unique<Root>(rootPath_);
-    root_->addSource(storeName, sourceRoot);
+    root_->addSource(storeName, sourceRoot, {hugeSuffix});
     open();
     snapshot();
     applyPool();
@@ -157,9 +158,11 @@ QByteArray Player::randomData(std::uint64_t maximum) {
     return data;
 }
 
-std::uint64_t Player::randomOffset(std::uint64_t size) {
-    // The last of each depth of the stream tree, and block edges.
-    static constexpr std::uint64_t edges[] = {184, 4096, 94208, 48234496, 24696061952};
+std::uint64_t Player::randomOffset(Object const& object) {
+    // The last byte of each depth of the stream tree, and block edges.
+    static constexpr std::uint64_t edges[] = {184, 4096, 94208};
+    static constexpr std::uint64_t hugeEdges[] = {48234496, 24696061952};
+    auto const size = object.content.size();
     switch (pick(6)) {
     case 0:
         return 0;
@@ -172,7 +175,7 @@ std::uint64_t Player::randomOffset(std::uint64_t size) {
     case 4:
         return pick(200000);
     default: {
-        auto const edge = edges[pick(std::size(edges))];
+        auto const edge = object.huge ? hugeEdges[pick(2)] : edges[pick(std::size(edges))];
         return edge - std::min<std::uint64_t>(edge, pick(5000)) + pick(3);
     }
     }
@@ -239,8 +242,15 @@ void Player::leave(ObjectPointer const& directory, QByteArray const& name) {
 }
 
 void Player::create() {
-    auto const place = newPlace(false);
+    auto place = newPlace(false);
     auto object = std::make_shared<Object>();
+    object->huge = pick(8) == 0;
+    if (object->huge) {
+        place.name = place.name.left(200) + QByteArray::number(clock_) + hugeSuffix;
+        place.path = place.path.left(place.path.lastIndexOf('/') + 1) + place.name;
+        if (place.directory->names.contains(place.name))
+            return;
+    }
     object->mode = S_IFREG | static_cast<std::uint32_t>(pick(07777));
     object->uid = static_cast<std::uint32_t>(pick(3));
     object->gid = static_cast<std::uint32_t>(pick(3));
@@ -251,7 +261,7 @@ void Player::create() {
          "create");
     enter(place, object);
     for (auto writes = pick(3); writes > 0; --writes) {
-        auto const offset = randomOffset(object->content.size());
+        auto const offset = randomOffset(*object);
         auto const data = randomData(20000);
         must(logger_->write(fileId, offset, view(data)), "write");
         object->content.write(offset, data);
@@ -317,7 +327,7 @@ void Player::writePath() {
     Name file;
     if (!anyFile(file))
         return;
-    auto const offset = randomOffset(file.object->content.size());
+    auto const offset = randomOffset(*file.object);
     auto const data = randomData(pick(10) == 0 ? 300000 : 9000);
     must(logger_->writePath(pathOf(file).toStdString(), offset, view(data)), "write by path");
     file.object->content.write(offset, data);
@@ -339,7 +349,7 @@ void Player::writeOpen() {
     if (open_.empty())
         return;
     auto const& file = open_[pick(open_.size())];
-    auto const offset = randomOffset(file.object->content.size());
+    auto const offset = randomOffset(*file.object);
     auto const data = randomData(9000);
     must(logger_->write(file.fileId, offset, view(data)), "write");
     file.object->content.write(offset, data);
@@ -360,7 +370,7 @@ void Player::truncatePath() {
     Name file;
     if (!anyFile(file))
         return;
-    auto const size = randomOffset(file.object->content.size());
+    auto const size = randomOffset(*file.object);
     must(logger_->truncate(pathOf(file).toStdString(), size), "truncate");
     if (size != file.object->content.size())
         file.object->modified = clock_;
@@ -372,7 +382,7 @@ void Player::truncateOpen() {
     if (open_.empty())
         return;
     auto const& file = open_[pick(open_.size())];
-    auto const size = randomOffset(file.object->content.size());
+    auto const size = randomOffset(*file.object);
     must(logger_->truncateOpen(file.fileId, size), "truncate open");
     if (size != file.object->content.size())
         file.object->modified = clock_;

@@ -92,7 +92,7 @@ private:
     [[nodiscard]] std::uint64_t pick(std::uint64_t below) { return random_() % below; }
     [[nodiscard]] QByteArray randomName();
     [[nodiscard]] QByteArray randomData(std::uint64_t maximum);
-    [[nodiscard]] std::uint64_t randomOffset(std::uint64_t size);
+    [[nodiscard]] std::uint64_t randomOffset(Object const& object);
     [[nodiscard]] QByteArray pathOf(Name const& name) const;
     /// Any existing name of the kind; false when there is none.
     [[nodiscard]] bool anyName(Name& result, std::function<bool(Name const&)> const& fits);

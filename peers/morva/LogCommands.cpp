@@ -42,6 +42,7 @@ struct Arguments {
     std::string store;
     std::string source = "/";
     std::string label;
+    std::vector<std::string> dedupExclude;
 };
 
 /// Rises over all runs on a machine, so that a store that has taken an older log takes this one.
@@ -110,9 +111,14 @@ QJsonObject replayObject(Replay::Counts const& counts, double seconds) {
             {"seconds", seconds}};
 }
 
-Root::Source const& sourceFor(Root& root, std::string const& name, QString const& sourceRoot) {
-    auto const store = QString::fromStdString(name);
-    return root.hasSource(store) ? root.source(store) : root.addSource(store, sourceRoot);
+Root::Source const& sourceFor(Root& root, Arguments const& given, QString const& sourceRoot) {
+    auto const store = QString::fromStdString(given.store);
+    if (root.hasSource(store))
+        return root.source(store);
+    QStringList dedupExclude;
+    for (auto const& suffix : given.dedupExclude)
+        dedupExclude += QString::fromStdString(suffix);
+    return root.addSource(store, sourceRoot, dedupExclude);
 }
 
 void replayFile(CommandLine& line, Arguments const& given) {
@@ -125,7 +131,7 @@ void replayFile(CommandLine& line, Arguments const& given) {
     Stopwatch const watch;
     Root root(line.output.root);
     root.startWork();
-    auto const& source = sourceFor(root, given.store, QString::fromStdString(given.source));
+    auto const& source = sourceFor(root, given, QString::fromStdString(given.source));
     LogReadAhead input(descriptor);
     Replay replay(root, source, line.output);
     auto const failure = replay.readAll(input);
@@ -210,9 +216,8 @@ void replicate(CommandLine& line, Arguments const& given) {
                                                    error.message().c_str());
     Root root(line.output.root);
     root.startWork();
-    auto const& source =
-        sourceFor(root, given.store,
-                  decodePosixText({directory.data(), static_cast<qsizetype>(directory.size())}));
+    auto const& source = sourceFor(
+        root, given, decodePosixText({directory.data(), static_cast<qsizetype>(directory.size())}));
     Replay replay(root, source, line.output);
     auto const store = root.store(source);
     FileTree const live(*store, Replication::Instance{0});
@@ -263,11 +268,16 @@ void addLogCommands(CommandLine& line) {
     log->add_option("directory", given->directory, "Top of the tree")->required();
     log->callback([line, given]() mutable { logTree(line, *given); });
 
+    auto const forNewStore = [given](CLI::App* command) {
+        command->add_option("--no-dedup", given->dedupExclude,
+                            "For a new store: an end of names that are not deduplicated");
+    };
     auto* replay = line.app.add_subcommand("replay", "Applies logs to a store");
     replay->add_option("--store", given->store, "Name of the store; made if it isn't there")
         ->required();
     replay->add_option("--source", given->source,
                        "For a new store: the directory of the source that it holds");
+    forNewStore(replay);
     replay->add_option("file", given->file, "Log file; standard input without one or for \"-\"");
     replay->callback([line, given]() mutable { replayFile(line, *given); });
 
@@ -276,6 +286,7 @@ void addLogCommands(CommandLine& line) {
     replicate->add_option("directory", given->directory, "Top of the tree")->required();
     replicate->add_option("--store", given->store, "Name of the store; made if it isn't there")
         ->required();
+    forNewStore(replicate);
     replicate->add_option("--label", given->label, "A text to know the snapshot by");
     replicate->callback([line, given]() mutable { Morva::replicate(line, *given); });
 }

@@ -3,6 +3,8 @@
 #include "base/process/Config.h"
 #include "base/process/Context.h"
 #include "base/process/FixedPath.h"
+#include "base/trace/Log.h"
+#include "peers/check/Checker.h"
 #include "peers/morva/ExitCode.h"
 #include "replication/common/rules/RuleFiles.h"
 #include "replication/repository/store/Store.h"
@@ -39,6 +41,8 @@ namespace {
 QString configFile(char const* name) {
     return FixedPath::configuration() + u'/' + QLatin1String(name);
 }
+
+QString openMark() { return FixedPath::runtime() + "/open"; }
 
 void setRoot(QString const& path) {
     if (!FixedPath::setRoot(path))
@@ -115,8 +119,9 @@ void Root::init(QString const& path) {
         throw CommandFailure(ExitCode::Failed, "can't make " + lock.fileName());
 }
 
-Root::Root(QString const& path) : path_(path), lock_(path) {
+Root::Root(QString const& path, For purpose) : path_(path), lock_(path) {
     setRoot(path);
+    checkIfUnclean(purpose);
     readSources();
     openPool();
 }
@@ -129,6 +134,20 @@ Root::~Root() {
     }
 }
 
+void Root::checkIfUnclean(For purpose) {
+    QFile mark(openMark());
+    if (mark.exists()) {
+        auto const explanation = "the last process that had " + path_ + " open did not end in order";
+        LogLine("Repository", LogLevelE::Notice) << explanation;
+        if (purpose == For::Changing && !checkRepository(RepositoryPaths::current()).clean())
+            throw CommandFailure(ExitCode::Failed,
+                                 explanation + " and left damage: 'morva check' lists it. What is "
+                                               "there can be read and restored, but not changed");
+    }
+    if (!mark.open(QIODevice::WriteOnly))
+        throw CommandFailure(ExitCode::Failed, "can't write " + mark.fileName());
+}
+
 void Root::readSources() {
     auto const list = Config::load(configFile("sources.cfg"));
     if (!list.usable())
@@ -139,6 +158,8 @@ void Root::readSources() {
         source.name = entry.get("Name", QString());
         source.sourceRoot = entry.get("Root", QStringLiteral("/"));
         source.id = entry.get("Id", std::uint32_t{0});
+        for (XmlListIterator suffix(entry, QStringLiteral("DedupExclude")); suffix; ++suffix)
+            source.dedupExclude += suffix.getString();
         if (source.name.isEmpty() || source.id == 0)
             throw CommandFailure(ExitCode::Failed, configFile("sources.cfg") + " is damaged");
         sources_ += source;
@@ -176,17 +197,20 @@ Root::Source const& Root::source(QString const& name) const {
     throw CommandFailure(ExitCode::Failed, "there is no store named " + name);
 }
 
-Root::Source const& Root::addSource(QString const& name, QString const& sourceRoot) {
+Root::Source const& Root::addSource(QString const& name, QString const& sourceRoot,
+                                    QStringList const& dedupExclude) {
     std::uint32_t highest = 0;
     for (auto const& source : sources_)
         highest = std::max(highest, source.id);
-    sources_ += Source{name, sourceRoot, highest + 1};
+    sources_ += Source{name, sourceRoot, highest + 1, dedupExclude};
     XmlList all;
     for (auto const& source : std::as_const(sources_)) {
         XmlList entry;
         entry.set("Name", source.name);
         entry.set("Root", source.sourceRoot);
         entry.set("Id", source.id);
+        for (auto const& suffix : source.dedupExclude)
+            entry.set("DedupExclude", suffix, XmlList::SetTypeE::Add);
         all.set("Source", entry, XmlList::SetTypeE::Add);
     }
     writeRules();
@@ -202,6 +226,7 @@ void Root::writeRules() {
         stream.sourceRoot = source.sourceRoot;
         stream.replayId = source.id;
         stream.firstRule = source.id;
+        stream.dedupExclude = source.dedupExclude;
         streams += stream;
     }
     auto const files = RuleFiles::posix(streams);
@@ -287,6 +312,7 @@ void Root::finish() {
     streams_.reset();
     if (!flushed.isEmpty())
         throw CommandFailure(ExitCode::Failed, flushed);
+    QFile::remove(openMark());
 }
 
 } // namespace Morva

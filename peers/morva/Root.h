@@ -21,6 +21,7 @@ namespace Morva {
 ///  config/sources.cfg           the stores by name, and the source root of each
 ///  rules/<number>/              one rule set for each change of sources.cfg
 ///  run/state-<target>           how far the sink of a store has come
+///  run/open                     there while a process has the root open, and after one that died
 ///  repository/...               the pool and the stores
 ///
 /// For one thread. Operations that fail throw `CommandFailure`.
@@ -31,6 +32,7 @@ public:
         QString name;
         QString sourceRoot; ///< absolute path on the source
         std::uint32_t id = 0;
+        QStringList dedupExclude; ///< ends of names that are not deduplicated
     };
 
     /// Makes a root; fails if there is one.
@@ -46,9 +48,12 @@ public:
         int descriptor_ = -1;
     };
 
+    enum class For { Reading, Changing };
     /// Opens the root and its pool. `NoRepository` when there is none, `InUse` when another
-    /// process has it.
-    explicit Root(QString const& path);
+    /// process has it. When the last process that had it open did not end in order, a root opened
+    /// for changing is checked first, and refused if the check finds a fault: a change could spread
+    /// the damage, while what is there can still be read.
+    explicit Root(QString const& path, For purpose = For::Changing);
     /// Closes what is open; use `finish` to learn whether all of it reached the disk.
     ~Root();
     Root(Root const&) = delete;
@@ -61,7 +66,8 @@ public:
     /// when the name is empty and there are several.
     [[nodiscard]] Source const& source(QString const& name) const;
     /// Adds a store to sources.cfg and writes a rule set with it.
-    Source const& addSource(QString const& name, QString const& sourceRoot);
+    Source const& addSource(QString const& name, QString const& sourceRoot,
+                            QStringList const& dedupExclude = {});
     [[nodiscard]] bool hasSource(QString const& name) const;
 
     /// The open store of a source; makes it if it has never been there.
@@ -78,6 +84,7 @@ public:
     void finish();
 
 private:
+    void checkIfUnclean(For purpose);
     void readSources();
     void writeRules();
     void openPool();

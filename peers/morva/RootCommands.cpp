@@ -45,7 +45,7 @@ void printFigures(Output const& output, QString const& title, QString const& typ
 }
 
 void stats(CommandLine& line) {
-    Root root(line.output.root);
+    Root root(line.output.root, Root::For::Reading);
     XmlList pool;
     root.pool().statistics(pool);
     printFigures(line.output, QStringLiteral("pool"), "pool", pool.getXmlList(nullptr, "Streams"));

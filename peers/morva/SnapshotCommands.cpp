@@ -59,7 +59,7 @@ void printSnapshot(Output const& output, Root::Source const& source, SnapshotFil
 }
 
 void listSnapshots(CommandLine& line, Arguments const& given) {
-    Root root(line.output.root);
+    Root root(line.output.root, Root::For::Reading);
     auto const wanted = QString::fromStdString(given.store);
     for (auto const& source : root.sources()) {
         if (!wanted.isEmpty() && source.name != wanted)

@@ -13,7 +13,7 @@ namespace Morva {
 using Replication::Instance;
 
 OpenStore::OpenStore(QString const& rootPath, std::string const& storeName)
-    : root_(rootPath),
+    : root_(rootPath, Root::For::Reading),
       source_(root_.source(argumentText(storeName))),
       store_(root_.store(source_)) {}
 
