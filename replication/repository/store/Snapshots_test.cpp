@@ -187,6 +187,27 @@ TEST_F(Snapshots, EqualContentsAreSharedAfterASnapshot) {
     EXPECT_EQ(DedupState::Deduplicated, list().find(taken)->dedupState());
 }
 
+TEST_F(Snapshots, AFileThatBecameLiveOnlyLeavesNothingBehind) {
+    create();
+    std::uint64_t const emptyNodes = usedNodes();
+    ASSERT_TRUE(writeFile("a", "1"));
+    Instance const taken = snapshot();
+    FileContext liveOnly = writing();
+    liveOnly.opType = NotToBackup::eLiveOnly;
+    ASSERT_TRUE(store_->paths().openStream(liveOnly, {"a"}, dataStreamName));
+    (void)snapshot();
+    EXPECT_TRUE(store_->paths().write(liveOnly, {"a"}, dataStreamName, 0, "2", 1));
+    EXPECT_EQ(QByteArray("1"), contentAt("a", taken));
+    ASSERT_TRUE(removeFile("a"));
+    EXPECT_EQ(QByteArray("1"), contentAt("a", taken));
+    (void)snapshot();
+    for (std::uint32_t const instance : {1U, 2U, 3U})
+        EXPECT_TRUE(list().deleteSnapshot(Instance{instance}));
+    drain();
+    EXPECT_EQ((std::vector<std::uint32_t>{4}), instances());
+    EXPECT_EQ(emptyNodes, usedNodes());
+}
+
 TEST_F(Snapshots, WorkerKeepsStoresOpenForFiveMinutes) {
     create();
     (void)snapshot();
