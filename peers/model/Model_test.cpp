@@ -33,7 +33,7 @@ TEST_P(Model, EveryStateComesBackAndNothingIsLostOrCountedTwice) {
     std::cout << "seed " << seed << std::endl;
     QTemporaryDir directory;
     Player player(directory.path() + "/root", seed);
-    auto const operations = static_cast<int>(fromEnvironment("MORVA_ROUNDS", 12000));
+    auto const operations = static_cast<int>(fromEnvironment("MORVA_ROUNDS", 7500));
     constexpr int batch = 1500;
     for (int done = 0; done < operations; done += batch) {
         player.play(batch);

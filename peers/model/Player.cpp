@@ -159,9 +159,10 @@ QByteArray Player::randomData(std::uint64_t maximum) {
 }
 
 std::uint64_t Player::randomOffset(Object const& object) {
-    // The last byte of each depth of the stream tree, and block edges.
+    // The last byte of each depth of the stream tree, and block edges. The deepest is left to the
+    // stream pool's own model: a pass of deduplication would hash its holes for minutes.
     static constexpr std::uint64_t edges[] = {184, 4096, 94208};
-    static constexpr std::uint64_t hugeEdges[] = {48234496, 24696061952};
+    static constexpr std::uint64_t hugeEdge = 48234496;
     auto const size = object.content.size();
     switch (pick(6)) {
     case 0:
@@ -175,7 +176,7 @@ std::uint64_t Player::randomOffset(Object const& object) {
     case 4:
         return pick(200000);
     default: {
-        auto const edge = object.huge ? hugeEdges[pick(2)] : edges[pick(std::size(edges))];
+        auto const edge = object.huge ? hugeEdge : edges[pick(std::size(edges))];
         return edge - std::min<std::uint64_t>(edge, pick(5000)) + pick(3);
     }
     }
@@ -561,10 +562,10 @@ std::string Player::poolInUse() {
     root_->pool().statistics(all);
     auto const list = all.getXmlList(nullptr, "Streams");
     std::string result;
-    for (auto const* key :
-         {"NodeCount", "StreamsUsedStreamData", "StreamsIndirectUsedSize", "StreamsIndexedStreams",
-          "StreamsUniqueStreams", "StreamsIndexedData", "StreamsUniqueData",
-          "StreamsDedupQueueLength", "StreamsCleanupQueueLength"})
+    // Not the index: an id in a list of streams to deduplicate may have passed to a later stream,
+    // so the few that are left can be in it or not. The checker proves the index itself.
+    for (auto const* key : {"NodeCount", "StreamsUsedStreamData", "StreamsIndirectUsedSize",
+                            "StreamsDedupQueueLength", "StreamsCleanupQueueLength"})
         result += std::string(key) + ' ' + std::to_string(list.get(key, std::uint64_t{0})) + '\n';
     return result;
 }
