@@ -50,9 +50,13 @@ void block(std::uint8_t const* data, std::size_t size) {
     std::array<std::uint8_t, 2048> buffer{};
     for (auto const offset : {std::uint64_t{0}, record.length() / 2, record.length() - 1})
         (void)reader.read(record, TreeRecord::nodeSize, offset, buffer.data(), 2048);
+    // Only of sound records are single blocks asked for.
+    if (record.depth() == 0 || !TreeReader::sound(record, TreeRecord::nodeSize))
+        return;
     std::uint64_t number = 0;
-    for (auto const index : {std::uint64_t{0}, std::uint64_t{117}, record.length() / 4096})
-        (void)reader.blockAt(record, index, number);
+    for (std::uint64_t const at : {std::uint64_t{0}, record.length() / 2, record.length()})
+        if (at < record.length())
+            (void)reader.blockAt(record, at / TreeReader::blockSize, number);
 }
 
 } // namespace
