@@ -29,7 +29,9 @@ struct DedupStatistics;
 /// Every mutating operation first decides whether this version may be changed in place or must be
 /// copied, because a snapshot or a retained version still sees it. When it was copied, `copy` is
 /// set on return, the change is on the copy, and the caller must treat the copy as the current
-/// node from then on (`ActiveHandle::commit` enters it in the id's chain).
+/// node from then on (`ActiveHandle::commit` enters it in the id's chain). A copy that can't be
+/// made leaves all as it was and is counted in `Streams::failures`, for the callers of operations
+/// that have no result for it.
 ///
 /// Held by shared pointers; one FileNode exists per node in memory (`PassiveHandles`). When the
 /// last pointer goes and nothing claims the version any more, its streams and its block are freed.
