@@ -42,7 +42,9 @@ QString configFile(char const* name) {
     return FixedPath::configuration() + u'/' + QLatin1String(name);
 }
 
-QString openMark() { return FixedPath::runtime() + "/open"; }
+QString openMark() {
+    return FixedPath::runtime() + "/open";
+}
 
 void setRoot(QString const& path) {
     if (!FixedPath::setRoot(path))
@@ -137,7 +139,8 @@ Root::~Root() {
 void Root::checkIfUnclean(For purpose) {
     QFile mark(openMark());
     if (mark.exists()) {
-        auto const explanation = "the last process that had " + path_ + " open did not end in order";
+        auto const explanation =
+            "the last process that had " + path_ + " open did not end in order";
         LogLine("Repository", LogLevelE::Notice) << explanation;
         if (purpose == For::Changing && !checkRepository(RepositoryPaths::current()).clean())
             throw CommandFailure(ExitCode::Failed,

@@ -21,9 +21,9 @@ namespace Replication {
 struct FileHandle {
     enum Kind : std::uint32_t {
         Invalid = 0,
-        Raw = 1,      ///< `id` is a node number
-        Passive = 2,  ///< `id` is a file id, read at `instance`
-        Snapshot = 3, ///< the root of the snapshot `instance`
+        Raw = 1,       ///< `id` is a node number
+        Passive = 2,   ///< `id` is a file id, read at `instance`
+        Snapshot = 3,  ///< the root of the snapshot `instance`
         FileIdOnly = 4 ///< a file id with no instance yet
     };
     static constexpr std::uint32_t packedSize = 32;

@@ -145,7 +145,8 @@ TEST(DirectoryPage, RandomNamesComeAndGoAsInAModel) {
     QMap<int, QString> model;
     for (int step = 0; step < 20000; ++step) {
         if (random() % 2 || model.isEmpty()) {
-            QString const name(1 + random() % 40, QLatin1Char(static_cast<char>('a' + random() % 26)));
+            QString const name(1 + random() % 40,
+                               QLatin1Char(static_cast<char>('a' + random() % 26)));
             std::uint32_t const needed = DirectoryPage::usedSize(name.size());
             bool const fits = DirectoryPage::largestSlot(page.bytes.data()) >= needed;
             int const offset = page.put(name, step + 1);
