@@ -42,15 +42,19 @@ bool Directories::insert(NotToBackup::OpType opType, ActiveHandle& directory, Di
     key.liveOnly(opType == NotToBackup::eLiveOnly);
     key.position(position);
     DirectoryEntry(slot).fill(key, name);
-    if (!open->writePage())
-        return false;
-    if (!treeInsert(key)) {
-        MORVA_TRACE(Always) << "!!!!!!! BTree failed to insert" << name;
-        // Without its key the entry would only be found by a check.
+    // Without its key the entry would only be found by a check. A write that failed may have
+    // reached the file in part, so it is taken back too.
+    auto const takeBack = [&] {
         std::uint8_t* const page = open->readPage(DirectoryPage::pageOf(position));
         if (page && DirectoryPage::removeEntry(page, DirectoryPage::offsetOf(position)))
             (void)open->writePage();
         return false;
+    };
+    if (!open->writePage())
+        return takeBack();
+    if (!treeInsert(key)) {
+        MORVA_TRACE(Always) << "!!!!!!! BTree failed to insert" << name;
+        return takeBack();
     }
     MORVA_TRACE(Debug) << "BTree insert" << name;
     count(key, true);

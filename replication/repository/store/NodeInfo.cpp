@@ -219,13 +219,21 @@ bool NodeInfo::replace(NodeStream& entry, std::shared_ptr<StreamHandle> const& t
     return true;
 }
 
-void NodeInfo::duplicateStreamList(Streams& pool) const {
+bool NodeInfo::duplicateStreamList(Streams& pool) const {
     MORVA_METHOD("duplicateStreamList");
+    std::uint64_t const failures = pool.failures();
+    std::vector<std::shared_ptr<StreamHandle>> streams;
     for (NodeStream const& entry : streams_) {
         MORVA_TRACE(Debug) << "IN:duplicate" << entry.id;
-        if (std::shared_ptr<StreamHandle> const stream = open(pool, entry))
-            stream->addReference();
+        if (std::shared_ptr<StreamHandle> stream = open(pool, entry))
+            streams.push_back(std::move(stream));
     }
+    // One that can't be read now is not lost: it would have one reference too few for ever.
+    if (pool.failures() != failures)
+        return scope.result(false);
+    for (auto const& stream : streams)
+        stream->addReference();
+    return scope.result(true);
 }
 
 bool NodeInfo::remove(QString const& streamName) {

@@ -105,7 +105,8 @@ public:
     /// References are the caller's business.
     bool replace(NodeStream& entry, std::shared_ptr<StreamHandle> const& to);
     /// Takes one reference more on every stream, for a second node with the same contents.
-    void duplicateStreamList(Streams& pool) const;
+    /// False, and no reference taken, when one of them can't be read.
+    [[nodiscard]] bool duplicateStreamList(Streams& pool) const;
     /// False when the names are equal or there is no such stream. A stream that has the new name
     /// leaves the list first, its reference the caller's business.
     bool rename(QString const& from, QString const& to);

@@ -100,12 +100,11 @@ FileNode::Pointer PassiveHandles::copyOf(FileNode const& node) {
     to.typeWord(from.typeWord());
     to.nextLink(from.nextLink());
     to.times(from.times());
-    if (!nodes.copyRecord(pin, node.node_)) {
+    if (!nodes.copyRecord(pin, node.node_) || !node.info_.duplicateStreamList(store_.streams())) {
         MORVA_TRACE(Always) << "Failed to copy record of node" << node.id();
         nodes.freeNode(std::move(pin));
         return nullptr;
     }
-    node.info_.duplicateStreamList(store_.streams());
     return enter(std::move(pin), node.info_);
 }
 

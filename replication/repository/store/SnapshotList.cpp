@@ -193,6 +193,8 @@ bool SnapshotList::Private::take(std::function<void(SnapshotFile&)> const& descr
     Instance const next{old.value + 1};
     // Everything that can fail comes before the store moves on, so that a full disk leaves it in
     // the old instance.
+    if (!store.snapshots().writeEntries())
+        return false;
     auto file = std::make_shared<SnapshotFile>(path, next);
     if (!file->instance())
         return false;
@@ -304,11 +306,23 @@ Instance SnapshotList::validateSnapshot() {
 // --- looking and adding
 
 void SnapshotList::addEntry(FileId id, Instance instance) {
-    if (!p_->active || p_->active->addEntry(id, instance))
+    if (!p_->active)
         return;
-    // Nothing would ever free that version.
+    p_->unwritten.push_back({instance, id});
+    if (writeEntries())
+        return;
     MORVA_TRACE(Always) << "Failed to record the end of" << id << "in instance" << instance;
     p_->store.streams().nodeTree().failed();
+}
+
+bool SnapshotList::writeEntries() {
+    auto& unwritten = p_->unwritten;
+    while (!unwritten.empty()) {
+        if (!p_->active || !p_->active->addEntry(unwritten.front()))
+            return false;
+        unwritten.erase(unwritten.begin());
+    }
+    return true;
 }
 
 void SnapshotList::addToDedup(StreamId id) {

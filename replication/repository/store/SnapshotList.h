@@ -80,8 +80,12 @@ public:
                        Morva::Extent& buffer);
 
     /// Enters (id, instance) in the active snapshot: that version has ended. A failure is counted
-    /// by the pool. By the writer of the live tree.
+    /// by the pool; the entry is kept then, for nothing else would ever free the version. By the
+    /// writer of the live tree.
     void addEntry(FileId id, Instance instance);
+    /// Writes the entries kept, if any; false when some are left. By the writer of the live tree,
+    /// or while it stands still.
+    [[nodiscard]] bool writeEntries();
     /// A new stream, to be deduplicated after the next snapshot.
     void addToDedup(StreamId id);
 

@@ -39,6 +39,8 @@ struct SnapshotList::Private {
     std::vector<std::shared_ptr<SnapshotFile>> snapshots MORVA_GUARDED_BY(lock);
     /// Changed by the writer of the live tree alone, under the lock; so that one reads it without.
     std::shared_ptr<SnapshotFile> active;
+    /// Entries that the active file didn't take, in their order. The writer's, as `active`.
+    std::vector<SnapshotEntry> unwritten;
     Morva::TracedMutex dedupLock{{"Lock Dedup List", "Unlock Dedup List"}};
     std::unique_ptr<DedupFile> dedup MORVA_GUARDED_BY(dedupLock);
 };

@@ -289,7 +289,8 @@ bool Store::flushFiles() {
         return control && nodes;
     bool const pointers = pointers_->flush();
     bool const directories = directories_->flush();
-    return control && nodes && pointers && directories;
+    bool const entries = snapshots_->writeEntries();
+    return control && nodes && pointers && directories && entries;
 }
 
 bool Store::flushForFreeze() {

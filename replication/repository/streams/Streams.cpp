@@ -169,7 +169,7 @@ bool Streams::createFiles(QString const& streamsDirectory, QString const& dataPa
 
 Streams::~Streams() {
     MORVA_METHOD("~Streams");
-    for (StreamId id : deferredDeletes_) {
+    for (StreamId id : std::exchange(deferredDeletes_, {})) {
         if (!savedStreams_.contains(id))
             requestDeleteStream(id);
     }
@@ -225,6 +225,9 @@ StreamNode Streams::loadNode(StreamId id) {
         return StreamNode();
     TracedLock lock(nodesLock_);
     StreamNode node(nodes_->getBlock(id.value));
+    // Not a stream that isn't there, but one that can't be read.
+    if (!node && id.value < nodes_->blockCount())
+        streamTree_->failed();
     if (node && node.id() != id) {
         nodes_->discardBlock(node.block());
         return StreamNode();
@@ -350,7 +353,18 @@ std::uint32_t Streams::instance() const {
 // Data blocks are in their file at once. A node marked as indexed is written behind its key.
 bool Streams::flush(bool sync) {
     MORVA_METHOD("flush");
-    bool good = data_->flush();
+    bool good = true;
+    std::vector<StreamId> unsent;
+    {
+        TracedLock lock(nodesLock_);
+        // Once the pool stops, its end asks.
+        if (!stopping_)
+            unsent.swap(deferredDeletes_);
+    }
+    // A stream that has come to life again since is left alone when its request is served.
+    for (StreamId const id : unsent)
+        good = requestDeleteStream(id) && good;
+    good = data_->flush() && good;
     good = indirect_->flush() && good;
     {
         TracedLock lock(dedupLock_);

@@ -158,6 +158,8 @@ bool Streams::requestDeleteStream(StreamId id) {
     if (CleanupRequest::deleteStream(*cleanupQueue_, id))
         return true;
     failures_->fetch_add(1, std::memory_order_relaxed);
+    TracedLock lock(nodesLock_);
+    deferredDeletes_.push_back(id); // the next flush asks again
     return false;
 }
 
