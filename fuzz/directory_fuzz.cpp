@@ -53,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     // On the heap, so that a byte beyond the page is seen.
     auto const memory = std::make_unique<std::uint8_t[]>(DirectoryPage::size);
     auto* const page = memory.get();
-    std::memcpy(page, input.data(), std::min<std::size_t>(input.size(), DirectoryPage::size));
+    std::copy_n(input.data(), std::min<std::size_t>(input.size(), DirectoryPage::size), page);
 
     auto const before = walk(page);
     auto const largest = DirectoryPage::largestSlot(page);
