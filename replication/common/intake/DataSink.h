@@ -132,7 +132,8 @@ protected:
     [[nodiscard]] HandleTable& closedHandles() { return closedHandles_; }
     void ackMode(AckMode mode) { ackMode_ = mode; }
     void state(State next);
-    void dropHandles();
+    /// Lets go of open and closed handles.
+    virtual void dropHandles();
     /// Seconds that closed handles are kept, from the rule set.
     virtual std::uint32_t closedGracePeriod() const = 0;
 
