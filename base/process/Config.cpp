@@ -38,7 +38,7 @@ void syncDirectory(QString const& path) {
 
 std::optional<QByteArray> readWhole(QString const& path, QString& error) {
     auto const file = RawFile::make();
-    if (!file->open(path, RawFile::Mode::ReadWrite)) {
+    if (!file->open(path, RawFile::Mode::ReadOnly)) {
         error = QStringLiteral("can't be opened");
         return std::nullopt;
     }

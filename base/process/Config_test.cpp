@@ -132,8 +132,11 @@ TEST_F(ConfigFiles, TraceStartsAsConfiguredUnlessTheEnvironmentNamesAFile) {
     Context::startTrace();
     EXPECT_TRUE(Trace::enabled(TraceLevel::Normal));
     EXPECT_FALSE(Trace::enabled(TraceLevel::Verbose));
+    Context::traceHandles(TraceLevel::Normal);
     Trace::remove();
-    EXPECT_TRUE(QFile::exists(path("run/morva.trace")));
+    QFile trace(path("run/morva.trace"));
+    ASSERT_TRUE(trace.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(trace.readAll().contains("run/morva.trace")) << "it is open itself";
     qputenv("MORVA_CONTEXT_TRACE_FILE", QFile::encodeName(path("other.trace")));
     Context::startTrace();
     Trace::remove();

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <mutex>
 
 namespace Morva {
@@ -89,6 +90,21 @@ QString Context::traceFile() {
     return environment("MORVA_CONTEXT_TRACE_FILE", {});
 }
 
+void Context::traceHandles(TraceLevel level) {
+    if (!Trace::enabled(level))
+        return;
+    namespace fs = std::filesystem;
+    std::error_code error;
+    for (fs::directory_iterator entry("/proc/self/fd", error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::error_code gone;
+        auto const target = fs::read_symlink(entry->path(), gone);
+        if (!gone)
+            TraceLine(level, __FILE__, __LINE__)
+                << "Handle" << entry->path().filename().string() << target.string();
+    }
+}
+
 void Context::startTrace() {
     auto const settings =
         TraceSettings::read(ConfigLocal(QString::fromLatin1(TraceSettings::fileName)));
@@ -97,7 +113,7 @@ void Context::startTrace() {
     if (file.isEmpty() && settings.toFile && !directory.isEmpty() && FixedPath::make(directory))
         file =
             directory + QLatin1Char('/') + name(QStringLiteral("morva")) + QStringLiteral(".trace");
-    Trace::install(file);
+    Trace::install(file, {settings.linesPerFile, settings.filesToKeep});
     auto* const trace = Trace::object();
     if (!trace)
         return;

@@ -9,6 +9,7 @@
 namespace Morva {
 
 class Log;
+enum class TraceLevel : std::uint8_t;
 
 /// The frame of the process: its clock, its ids, its machine and its name. All is thread-safe but
 /// the setters, which belong to the start of a process or a test.
@@ -36,6 +37,9 @@ public:
     [[nodiscard]] static QString title(QString const& otherwise = {});
     /// From MORVA_CONTEXT_TRACE_FILE.
     [[nodiscard]] static QString traceFile();
+
+    /// Writes the open file descriptors of the process, each with what it stands for, to the trace.
+    static void traceHandles(TraceLevel level);
 
     /// Makes the trace of the process as "runtime.cfg" and the environment want it. A trace file
     /// named in the environment is used whatever the configuration says.

@@ -55,6 +55,8 @@ char const* levelName(LogLevelE level) {
     switch (level) {
     case LogLevelE::Notice:
         return "notice";
+    case LogLevelE::Warning:
+        return "warning";
     case LogLevelE::Error:
         return "error";
     default:

@@ -13,7 +13,7 @@
 
 namespace Morva {
 
-enum class LogLevelE : std::uint32_t { Information = 1, Notice = 2, Error = 4 };
+enum class LogLevelE : std::uint32_t { Information = 1, Notice = 2, Warning = 3, Error = 4 };
 enum class LogProcessStateE : std::uint32_t { Stopped = 0, Starting = 1, Started = 2 };
 
 /// A log insert of HTML content.

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <system_error>
+#include <utility>
 
 #include <unistd.h>
 
@@ -52,9 +53,9 @@ Trace* Trace::object() {
     return processTrace.load(std::memory_order_acquire);
 }
 
-void Trace::install(QString const& fileName) {
+void Trace::install(QString const& fileName, Limits limits) {
     remove();
-    processTrace.store(new Trace(fileName), std::memory_order_release);
+    processTrace.store(new Trace(fileName, limits), std::memory_order_release);
     currentLevel.store(static_cast<int>(TraceLevel::Always), std::memory_order_relaxed);
 }
 
@@ -63,11 +64,30 @@ void Trace::remove() {
     delete processTrace.exchange(nullptr, std::memory_order_acq_rel);
 }
 
-Trace::Trace(QString const& fileName) {
-    if (!fileName.isEmpty())
-        file_ = std::fopen(encodePosixText(fileName).constData(), "ae");
+Trace::Trace(QString const& fileName, Limits limits)
+    : name_(encodePosixText(fileName).toStdString()), limits_(limits) {
+    open();
+}
+
+void Trace::open() {
+    if (!name_.empty())
+        file_ = std::fopen(name_.c_str(), "ae");
     if (!file_)
         file_ = stderr;
+}
+
+void Trace::nextFile() {
+    std::fclose(std::exchange(file_, nullptr));
+    lines_ = 0;
+    auto const numbered = [this](std::uint32_t number) {
+        return number == 0 ? name_ : name_ + '.' + std::to_string(number);
+    };
+    // The last one is overwritten by the one before it; a lone file is begun anew.
+    if (limits_.filesToKeep <= 1)
+        std::remove(name_.c_str());
+    for (std::uint32_t to = limits_.filesToKeep; to-- > 1;)
+        std::rename(numbered(to - 1).c_str(), numbered(to).c_str());
+    open();
 }
 
 Trace::~Trace() {
@@ -105,6 +125,8 @@ void Trace::write(TraceLevel level, char const* file, int line, std::string_view
 
     std::lock_guard const hold(lock_);
     std::fwrite(whole.data(), 1, whole.size(), file_);
+    if (++lines_ == limits_.linesPerFile && file_ != stderr)
+        return nextFile();
     // Errors must be there after a crash; the flood of the finer levels must not cost a call each.
     if (level == TraceLevel::Always)
         std::fflush(file_);

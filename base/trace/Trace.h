@@ -40,9 +40,17 @@ public:
 
     /// The process's trace, null until `install`.
     [[nodiscard]] static Trace* object();
-    /// Makes the process's trace. An empty file name sends lines to standard error. The level is
-    /// `Always` at first.
-    static void install(QString const& fileName = {});
+    /// How much of a trace is kept: a file that has its lines becomes "NAME.1", the one before it
+    /// "NAME.2" and so on, and a new one is begun. 0 lines: one file without end.
+    struct Limits {
+        std::uint32_t linesPerFile = 0;
+        std::uint32_t filesToKeep = 1; ///< with the one that is written
+    };
+
+    /// Makes the process's trace. An empty file name sends lines to standard error, without
+    /// limits. The level is `Always` at first.
+    static void install(QString const& fileName = {}) { install(fileName, Limits()); }
+    static void install(QString const& fileName, Limits limits);
     static void remove();
 
     /// Whether a line of this level would be written.
@@ -61,12 +69,18 @@ public:
     ~Trace();
 
 private:
-    explicit Trace(QString const& fileName);
+    Trace(QString const& fileName, Limits limits);
+    void open();
+    /// Begins the next file, with the lock held.
+    void nextFile();
 
     /// -1 while there is no trace object.
     static std::atomic<int> currentLevel;
 
     std::mutex lock_;
+    std::string const name_; ///< empty for standard error
+    Limits const limits_;
+    std::uint32_t lines_ = 0; ///< written to this file
     std::FILE* file_ = nullptr;
 };
 

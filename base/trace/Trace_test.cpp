@@ -130,6 +130,19 @@ TEST_F(TraceFile, MethodsAndLocksTellTheirBeginAndEnd) {
                        }));
 }
 
+TEST_F(TraceFile, FullFilesAreNumberedAndTheOldestGoes) {
+    Trace::install(path(), {.linesPerFile = 3, .filesToKeep = 3});
+    for (int i = 0; i < 10; ++i)
+        MORVA_TRACE(Always) << i;
+    EXPECT_EQ(lines(), QStringList{QStringLiteral("9")});
+    for (auto const& [name, last] : {std::pair{"/trace.1", "8\n"}, {"/trace.2", "5\n"}}) {
+        QFile file(QFileInfo(path()).path() + QLatin1String(name));
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly)) << name;
+        EXPECT_TRUE(file.readAll().endsWith(last)) << name;
+    }
+    EXPECT_FALSE(QFile::exists(path() + QStringLiteral(".3")));
+}
+
 TEST_F(TraceFile, LinesOfManyThreadsStayWhole) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)

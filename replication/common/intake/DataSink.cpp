@@ -196,8 +196,8 @@ DataSink::Outcome DataSink::handleLog(LogPointer const& log) {
     dropExpiredHandles(log->time());
     if (log->type() == LogType::Message)
         messageLog(*log);
-    else if (log->type() == LogType::PolicyEvent && state_ == eRunning && !resyncPaths_.isEmpty())
-        requestResync(QStringLiteral("Partial"), {});
+    else if (log->type() == LogType::PolicyEvent)
+        policyLog();
     currentLog_ = log;
     if (state_ == eRunningDuringSnapshot && isMessage(*log, EndOfSnapshot) &&
         log->sequenceNumber() == endSnapshotSequence_) {
@@ -228,6 +228,16 @@ void DataSink::messageLog(LogEntry const& log) {
     auto const exclusions = isMessage(log, SourceStarted) || isMessage(log, NotToBackupDetails);
     if (exclusions && (state_ == eRunning || state_ == eValidate))
         takeExclusions(log);
+}
+
+void DataSink::policyLog() {
+    if (batchMode()) {
+        MORVA_TRACE(Normal) << "process batch policy event";
+        sendResyncRequired(QStringLiteral("Required by a batch policy event"), true, 0);
+        requestResync(QStringLiteral("Full"), {});
+    }
+    if (state_ == eRunning && !resyncPaths_.isEmpty())
+        requestResync(QStringLiteral("Partial"), {});
 }
 
 void DataSink::takeExclusions(LogEntry const& log) {

@@ -109,6 +109,8 @@ public:
     virtual void startResync();
     virtual void endResync();
     virtual void setupThread();
+    /// Whether policy events of the target stand for a whole copy of the source.
+    [[nodiscard]] virtual bool batchMode() const { return false; }
     /// A POLICYEVENT. What comes of it is told to the user and doesn't fail the log.
     virtual void policyEvent(LogEntry const& log) = 0;
     /// The list is no longer full: its collector can go on.
@@ -144,6 +146,7 @@ private:
     void reportNewRules() const;
     Outcome handleLog(LogPointer const& log);
     void messageLog(LogEntry const& log);
+    void policyLog();
     void takeExclusions(LogEntry const& log);
     void dropExpiredHandles(std::uint32_t time);
     std::size_t moveOpenToClosed();

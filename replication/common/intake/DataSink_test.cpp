@@ -46,6 +46,7 @@ public:
         return false;
     }
     bool destinationEmpty() override { return true; }
+    bool batchMode() const override { return batch; }
     void policyEvent(LogEntry const&) override {}
     void unstalled() override { ++unstalls; }
     void exclusionsChanged() override { ++exclusionChanges; }
@@ -54,6 +55,7 @@ public:
     std::set<std::uint32_t> unloadable;
     std::set<std::uint64_t> failing;
     std::uint64_t pauseAt = 0;
+    bool batch = false;
     std::uint32_t grace = 100;
     std::vector<std::uint32_t> loaded;
     std::vector<std::uint64_t> replayed;
@@ -389,6 +391,16 @@ TEST_F(DataSinks, FullResyncIsOnlyAskedForWhenRequired) {
     EXPECT_TRUE(said.filter("for a test").isEmpty());
     sink->requestResync("Full", {});
     EXPECT_EQ(sink->resyncs, (QStringList{"Partial", "Full"}));
+
+    // Of a batch source, a policy event stands for a whole copy.
+    sink->resyncs.clear();
+    sink->needsResync(false);
+    for (auto const batch : {false, true}) {
+        sink->batch = batch;
+        EXPECT_EQ(sink->takeLog(log(LogType::PolicyEvent, batch ? 2 : 1)), Outcome::Applied);
+        EXPECT_EQ(sink->needsResync(), batch);
+    }
+    EXPECT_EQ(sink->resyncs, QStringList{"Full"});
 }
 
 TEST_F(DataSinks, StateDecidesOverPathsOfAPartialResync) {

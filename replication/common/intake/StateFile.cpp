@@ -113,11 +113,7 @@ void StateFile::readHeader() {
 }
 
 bool StateFile::upgrade() {
-    auto const header = encode();
-    if (file_->writeAt(0, header.data(), headerSize) == headerSize)
-        return true;
-    MORVA_TRACE(Always) << "Failed to upgrade to version 1" << name_;
-    return false;
+    return write("to upgrade to version 1", "Failed to upgrade to version 1");
 }
 
 void StateFile::readTarget() {
@@ -156,31 +152,35 @@ bool StateFile::sequenceNumber(std::uint64_t sequence, std::uint64_t bytes) {
 }
 
 bool StateFile::lastResync(std::uint32_t time) {
+    MORVA_METHOD("lastResync");
     lastResync_ = time;
-    return write("to write last resync", "Failed to write last resync time to");
+    return scope.result(write("to write last resync", "Failed to write last resync time to"));
 }
 
 bool StateFile::flag(std::uint32_t mask, bool set) {
+    MORVA_METHOD("flag");
     flags_ = set ? flags_ | mask : flags_ & ~mask;
-    return write("to write flags", "Failed to write flags to");
+    return scope.result(write("to write flags", "Failed to write flags to"));
 }
 
 bool StateFile::ruleSet(std::uint32_t number) {
+    MORVA_METHOD("ruleSet");
     ruleSet_ = number;
-    return write("to write rule set", "Failed to write rule set to");
+    return scope.result(write("to write rule set", "Failed to write rule set to"));
 }
 
 bool StateFile::target(QString const& text) {
+    MORVA_METHOD("target");
     auto const bytes = text.toUtf8();
     target_ = text;
     targetSize_ = static_cast<std::uint32_t>(bytes.size());
     if (!write("to write target", "Failed to write target to"))
-        return false;
+        return scope.result(false);
     if (file_->writeAt(headerSize, bytes.constData(), targetSize_) == targetSize_ &&
         file_->setLength(headerSize + targetSize_))
-        return true;
+        return scope.result(true);
     MORVA_TRACE(Always) << "Failed to write target to" << name_;
-    return false;
+    return scope.result(false);
 }
 
 QByteArray StateFile::details() {
@@ -209,12 +209,13 @@ bool StateFile::details(QByteArray const& bytes) {
 }
 
 bool StateFile::remove() {
+    MORVA_METHOD("remove");
     if (!open(RawFile::Mode::Create))
-        return false;
+        return scope.result(false);
     clear();
     auto const removed = file_->deleteOnClose();
     file_->close();
-    return removed;
+    return scope.result(removed);
 }
 
 } // namespace Replication

@@ -54,7 +54,6 @@ private:
     std::uint32_t lastRule_ = 0;
     std::uint32_t ruleCount_ = 0;
     std::uint32_t commsMode_ = eJournaled;
-    bool hasMode_ = false;
     std::uint32_t filterType_ = eFilterFilesystem;
     DataOps dataOps_;
 };

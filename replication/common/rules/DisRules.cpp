@@ -146,40 +146,37 @@ void DisRules::loadPolicyStream(XmlList const& item) {
         clash = std::prev(next);
     if (clash != policies_.end()) {
         auto const& other = *clash->second;
-        MORVA_TRACE(Always) << "Policy" << other.name() << "Rules" << other.firstRule() << "-"
-                            << other.lastRule() << "for policy" << added->name() << "Rules"
+        MORVA_TRACE(Always) << "Policy" << added->name() << "for policy" << added->id() << "Rules"
                             << added->firstRule() << "-" << added->lastRule()
-                            << "conflict with Rules";
+                            << "conflict with Rules" << other.firstRule() << "-" << other.lastRule()
+                            << other.name();
         valid_ = false;
         return;
     }
     policies_.emplace(added->id(), added);
 }
 
-void DisRules::loadMirrorStream(XmlList const& item) {
-    auto const stream = std::make_shared<MirrorStream const>(item, *this);
+template <class Stream>
+void DisRules::loadReplayStreamAs(XmlList const& item, char const* invalid, char const* validated) {
+    auto const stream = std::make_shared<Stream const>(item, *this);
     if (!stream->valid()) {
-        MORVA_TRACE(Always) << "Invalid mirror stream data";
+        MORVA_TRACE(Always) << invalid;
         valid_ = false;
         return;
     }
     attachToPolicies(stream);
     validateReplayStream(stream);
-    MORVA_TRACE(Verbose) << "Validated Mirror Stream" << stream->name();
+    MORVA_TRACE(Verbose) << validated << stream->name();
     addStream(stream->sourceMachine(), stream);
 }
 
+void DisRules::loadMirrorStream(XmlList const& item) {
+    loadReplayStreamAs<MirrorStream>(item, "Invalid mirror stream data", "Validated Mirror Stream");
+}
+
 void DisRules::loadRepositoryStream(XmlList const& item) {
-    auto const stream = std::make_shared<RepositoryStream const>(item, *this);
-    if (!stream->valid()) {
-        MORVA_TRACE(Always) << "Invalid Repository stream data";
-        valid_ = false;
-        return;
-    }
-    attachToPolicies(stream);
-    validateReplayStream(stream);
-    MORVA_TRACE(Verbose) << "Validated Repository Stream" << stream->name();
-    addStream(stream->sourceMachine(), stream);
+    loadReplayStreamAs<RepositoryStream>(item, "Invalid Repository stream data",
+                                         "Validated Repository Stream");
 }
 
 void DisRules::attachToPolicies(DisStreamPointer const& stream) {

@@ -65,6 +65,8 @@ private:
     void readItem(Morva::XmlListIterator const& item);
     void loadReplayStream(Morva::XmlList const& item);
     void loadPolicyStream(Morva::XmlList const& item);
+    template <class Stream>
+    void loadReplayStreamAs(Morva::XmlList const& item, char const* invalid, char const* validated);
     void loadMirrorStream(Morva::XmlList const& item);
     void loadRepositoryStream(Morva::XmlList const& item);
     void loadForwardStream(Morva::XmlList const& item);

@@ -2,13 +2,13 @@
 
 #include "base/trace/Trace.h"
 #include "replication/common/rules/DisRules.h"
+#include "replication/common/rules/RuleItems.h"
 
 #include <iterator>
 
 namespace Replication {
 
 using Morva::XmlList;
-using Morva::XmlListIterator;
 
 DisStream::DisStream(DisRules const& rules) : ruleSet_(rules.ruleSetId()) {}
 
@@ -33,39 +33,34 @@ bool DisStream::addPolicy(DisPolicyInfo const& policy) {
 }
 
 bool DisStream::addPolicies(DisRules const& rules, XmlList const& list) {
-    bool fine = true;
-    bool any = false;
-    for (XmlListIterator item(list); item; ++item) {
-        if (item.name() != QLatin1String("Policy")) {
-            MORVA_TRACE(Normal) << "Ignore unexpected policy item" << item.name();
-            continue;
-        }
-        any = true;
-        if (item.type() != XmlList::ValueTypeE::String) {
-            MORVA_TRACE(Always) << "Unexpected/invalid node item type" << item.type()
-                                << ", expected string";
-            fine = false;
-            continue;
-        }
-        auto const name = item.getString();
-        if (name.isEmpty()) {
-            MORVA_TRACE(Always) << "No or invalid policy name supplied";
-            fine = false;
-            continue;
-        }
-        auto const policy = rules.policy(name);
-        if (!policy || !addPolicy(*policy)) {
-            MORVA_TRACE(Always) << "Failed to add policy" << name;
-            fine = false;
-            continue;
-        }
-        MORVA_TRACE(Debug) << "Added policy" << name;
+    auto const fine = readRuleTexts(list, "Policy", "Ignore unexpected policy item",
+                                    "No or invalid policy name supplied", [&](QString const& name) {
+                                        auto const policy = rules.policy(name);
+                                        if (!policy || !addPolicy(*policy)) {
+                                            MORVA_TRACE(Always) << "Failed to add policy" << name;
+                                            return false;
+                                        }
+                                        MORVA_TRACE(Debug) << "Added policy" << name;
+                                        return true;
+                                    });
+    if (list.contains(QStringLiteral("Policy")))
+        return fine;
+    MORVA_TRACE(Always) << "No policies supplied";
+    return false;
+}
+
+void DisStream::readDispatcher(DisRules const& rules, XmlList const& item, bool& compression) {
+    bool found = false;
+    compression = item.getBool(&found, QStringLiteral("NetworkCompression"));
+    if (!found) {
+        MORVA_TRACE(Always) << "No compression flag supplied";
+        fault();
     }
-    if (!any) {
-        MORVA_TRACE(Always) << "No policies supplied";
-        fine = false;
-    }
-    return fine;
+    auto const policies = item.getXmlList(&found, QStringLiteral("Policies"));
+    if (!found)
+        MORVA_TRACE(Always) << "No policy list supplied";
+    if (!found || !addPolicies(rules, policies))
+        fault();
 }
 
 Morva::TraceLine& operator<<(Morva::TraceLine& line, DisStream::Type type) {

@@ -55,6 +55,10 @@ protected:
     /// fault; the good ones are taken.
     [[nodiscard]] bool addPolicies(DisRules const& rules, Morva::XmlList const& list);
 
+    /// Reads the compression flag and the policies of a stream that a dispatcher sends out; `batch`
+    /// must be known before.
+    void readDispatcher(DisRules const& rules, Morva::XmlList const& item, bool& compression);
+
     bool valid_ = true;
     std::uint32_t ruleSet_ = 0;
     std::uint32_t commsMode_ = eJournaled;

@@ -16,21 +16,8 @@ ReplicationStream::ReplicationStream(XmlList const& item, DisRules const& rules)
         MORVA_TRACE(Always) << "No or invalid interface node id supplied";
         fault();
     }
-    bool found = false;
-    networkCompression_ = item.getBool(&found, QStringLiteral("NetworkCompression"));
-    if (!found) {
-        MORVA_TRACE(Always) << "No compression flag supplied";
-        fault();
-    }
-    // Before the policies, which may differ in their comms modes only in a batch stream.
     batch_ = item.get(QStringLiteral("BatchMode"), false) ? 2 : 1;
-    auto const policies = item.getXmlList(&found, QStringLiteral("Policies"));
-    if (!found) {
-        MORVA_TRACE(Always) << "No policy list supplied";
-        fault();
-    } else if (!addPolicies(rules, policies)) {
-        fault();
-    }
+    readDispatcher(rules, item, networkCompression_);
     if (batch_ == 2)
         readTargets(item);
 }
@@ -82,19 +69,7 @@ ForwardStream::ForwardStream(XmlList const& item, Morva::MachineName targetMachi
                              DisRules const& rules)
     : DisStream(rules), targetMachine_(std::move(targetMachine)) {
     nodeId_ = item.get(QStringLiteral("NodeId"), 0U);
-    bool found = false;
-    networkCompression_ = item.getBool(&found, QStringLiteral("NetworkCompression"));
-    if (!found) {
-        MORVA_TRACE(Always) << "No compression flag supplied";
-        fault();
-    }
-    auto const policies = item.getXmlList(&found, QStringLiteral("Policies"));
-    if (!found) {
-        MORVA_TRACE(Always) << "No policy list supplied";
-        fault();
-    } else if (!addPolicies(rules, policies)) {
-        fault();
-    }
+    readDispatcher(rules, item, networkCompression_);
 }
 
 LoggingStream::LoggingStream(XmlList const& item, DisRules const& rules) : DisStream(rules) {

@@ -24,11 +24,12 @@ bool RuleMachine::read(XmlList const& list) {
     return true;
 }
 
-bool readRuleRoute(XmlList const& list, Morva::MsgRoute& route) {
+bool readRuleTexts(XmlList const& list, char const* key, char const* ignored, char const* empty,
+                   std::function<bool(QString const&)> const& take) {
     bool fine = true;
     for (XmlListIterator item(list); item; ++item) {
-        if (item.name() != QLatin1String("Name")) {
-            MORVA_TRACE(Normal) << "Ignore unexpected route item" << item.name();
+        if (item.name() != QLatin1String(key)) {
+            MORVA_TRACE(Normal) << ignored << item.name();
             continue;
         }
         if (item.type() != XmlList::ValueTypeE::String) {
@@ -37,14 +38,21 @@ bool readRuleRoute(XmlList const& list, Morva::MsgRoute& route) {
             fine = false;
             continue;
         }
-        auto const name = item.getString();
-        if (name.isEmpty()) {
-            MORVA_TRACE(Always) << "No or invalid route machine name supplied";
-            fine = false;
-            continue;
-        }
-        route.append(MachineName(name));
+        auto const text = item.getString();
+        if (text.isEmpty())
+            MORVA_TRACE(Always) << empty;
+        fine = !text.isEmpty() && take(text) && fine;
     }
+    return fine;
+}
+
+bool readRuleRoute(XmlList const& list, Morva::MsgRoute& route) {
+    auto const fine =
+        readRuleTexts(list, "Name", "Ignore unexpected route item",
+                      "No or invalid route machine name supplied", [&route](QString const& name) {
+                          route.append(MachineName(name));
+                          return true;
+                      });
     return fine && !route.empty();
 }
 

@@ -54,6 +54,7 @@ bool Sink::loadRules(std::uint32_t ruleSet) {
         return false;
     sourceRoot_ = stream->source();
     gracePeriod_ = stream->closedGracePeriod();
+    batchMode_ = stream->batchMode();
     noDedupSuffixes_.clear();
     for (auto suffix : stream->dedupExclude()) {
         if (suffix.startsWith(u'*'))

@@ -31,6 +31,7 @@ public:
     [[nodiscard]] bool startResyncProcess(QString const& type) override;
     [[nodiscard]] bool destinationEmpty() override;
     [[nodiscard]] bool snapshotPossible() const override;
+    [[nodiscard]] bool batchMode() const override { return batchMode_; }
     void policyEvent(LogEntry const& log) override;
     void exclusionsChanged() override;
     void handleShutdown() override;
@@ -82,6 +83,7 @@ private:
     std::shared_ptr<Streams> streams_;
     QString sourceRoot_;
     std::uint32_t gracePeriod_ = 0;
+    bool batchMode_ = false;
     QSet<std::uint32_t> versionedRules_;
     QHash<std::uint32_t, QSet<std::uint32_t>> backupPolicies_;
     QHash<std::uint32_t, QSet<std::uint32_t>> cdpPolicies_;
