@@ -1,56 +1,11 @@
 #include "peers/source/OperationLogger.h"
 
-#include "base/trace/Trace.h"
-
-#include <algorithm>
-#include <limits>
 #include <utility>
 
 namespace Replication {
 
-namespace {
-
-/// Stands for no open file; a store never enters it.
-constexpr std::uint32_t noFileId = std::numeric_limits<std::uint32_t>::max();
-
-} // namespace
-
 OperationLogger::OperationLogger(LogSourceOptions options, LogSink& sink)
-    : sink_(sink),
-      clock_(std::move(options.clock)),
-      nextSequenceNumber_(options.firstSequenceNumber) {
-    builder_.source(options.source);
-    builder_.process(options.process);
-    builder_.rules(options.rules);
-    builder_.ruleSet(options.ruleSet);
-}
-
-std::uint32_t OperationLogger::seconds(std::time_t time) {
-    return static_cast<std::uint32_t>(
-        std::clamp<std::int64_t>(time, 0, std::numeric_limits<std::uint32_t>::max()));
-}
-
-std::uint32_t OperationLogger::now() {
-    lastTime_ = std::max(lastTime_, clock_ ? clock_() : seconds(std::time(nullptr)));
-    return lastTime_;
-}
-
-std::uint32_t OperationLogger::newFileId() {
-    if (++lastFileId_ == noFileId)
-        lastFileId_ = 1;
-    return lastFileId_;
-}
-
-LogBuilder& OperationLogger::begin(LogType type) {
-    return builder_.begin(type, nextSequenceNumber_).time(now());
-}
-
-bool OperationLogger::put() {
-    if (!sink_.put(builder_))
-        return false;
-    ++nextSequenceNumber_;
-    return true;
-}
+    : LogMaker(std::move(options), sink) {}
 
 bool OperationLogger::create(std::string_view path, std::uint32_t mode, std::uint32_t uid,
                              std::uint32_t gid, std::uint32_t& fileId) {
@@ -69,34 +24,12 @@ bool OperationLogger::open(std::string_view path, std::uint32_t& fileId) {
     begin(LogType::PosixOpen)
         .number(LogField::FileId, fileId)
         .text(LogField::File, path)
-        .number(LogField::RawTime, lastTime_);
+        .number(LogField::RawTime, lastTime());
     return put();
-}
-
-std::uint8_t* OperationLogger::beginWrite(std::uint32_t fileId, std::uint64_t offset,
-                                          std::uint32_t size) {
-    begin(LogType::Write).number(LogField::FileId, fileId).number(LogField::Offset, offset);
-    return sink_.dataSpace(builder_, size);
-}
-
-bool OperationLogger::endWrite(std::uint8_t const* data, std::uint32_t count) {
-    builder_.number(LogField::Length, count)
-        .bytes(LogField::Data, {static_cast<void const*>(data), count});
-    return put();
-}
-
-bool OperationLogger::write(std::uint32_t fileId, std::uint64_t offset, Morva::Extent const& data) {
-    begin(LogType::Write).number(LogField::FileId, fileId).number(LogField::Offset, offset);
-    return endWrite(data.bytes(), data.size);
 }
 
 bool OperationLogger::truncateOpen(std::uint32_t fileId, std::uint64_t size) {
     begin(LogType::PosixTruncate).number(LogField::FileId, fileId).number(LogField::Size, size);
-    return put();
-}
-
-bool OperationLogger::close(std::uint32_t fileId) {
-    begin(LogType::Close).number(LogField::FileId, fileId);
     return put();
 }
 
@@ -158,7 +91,7 @@ bool OperationLogger::rename(std::string_view from, std::string_view to) {
     begin(LogType::PosixRename)
         .text(LogField::From, from)
         .text(LogField::To, to)
-        .number(LogField::TargetRuleCount, builder_.ruleCount());
+        .number(LogField::TargetRuleCount, builder().ruleCount());
     return put();
 }
 

@@ -1,7 +1,7 @@
 #include "peers/source/TreeLogger.h"
 
 #include "base/trace/Trace.h"
-#include "peers/source/FileLogger.h"
+#include "peers/source/PosixTreeWriter.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,9 +20,6 @@ namespace {
 /// Deeper directories than this have their outer ones closed and opened again on the way back.
 constexpr std::size_t maximumOpenLevels = 128;
 constexpr std::size_t directoryBuffer = 64 * 1024;
-constexpr std::uint32_t timeFlags =
-    posixAttrAccessTime | posixAttrModificationTime | posixAttrChangeTime;
-constexpr std::uint32_t ownFlags = posixAttrMode | posixAttrUid | posixAttrGid;
 
 class Descriptor {
 public:
@@ -98,12 +95,16 @@ class TreeLogger::Walk {
 public:
     explicit Walk(TreeLogger& owner, std::string path)
         : options_(owner.options_),
-          log_(owner.logger_),
+          writer_(owner.writer_),
           counts_(owner.counts_),
           path_(std::move(path)),
           buffer_(directoryBuffer),
-          files_(log_, [this](int error, std::string_view what) { problem(error, what); }),
-          firstLog_(log_.nextSequenceNumber()) {}
+          firstLog_(writer_.nextSequenceNumber()) {
+        writer_.report([this](int error, std::string_view what) { problem(error, what); });
+    }
+    ~Walk() { writer_.report(FileReader::Report()); }
+    Walk(Walk const&) = delete;
+    Walk& operator=(Walk const&) = delete;
 
     Result run(std::string const& root, int& error);
 
@@ -115,19 +116,22 @@ private:
     void subdirectory(int directory, char const* name);
     void otherObject(int directory, char const* name);
     void symlink(int directory, char const* name, struct stat const& status);
-    void fileContents(int file, struct stat const& status);
 
     void pushLevel(Descriptor directory, struct stat const& status);
     void popLevel();
     void readNames(Level& level);
     bool reopenParent(Level const& child, Level& parent);
 
+    [[nodiscard]] TreeObject here(struct stat const& status, int file, int directory,
+                                  char const* name) const {
+        return {path_, status, file, directory, name};
+    }
+    [[nodiscard]] bool leftOut(TreeObject const& object);
     [[nodiscard]] bool unchanged(struct stat const& status);
-    [[nodiscard]] bool linkedToFirstName(struct stat const& status);
-    void setTimes(struct stat const& status);
+    [[nodiscard]] bool linkedToFirstName(TreeObject const& object);
+    void endDirectory(struct stat const& status);
     void problem(int error, std::string_view what);
     void put(bool succeeded) { sinkFailed_ = sinkFailed_ || !succeeded; }
-    void put(LogOutcome outcome) { put(outcome != LogOutcome::SinkFailed); }
     void updateCounts();
 
     struct FirstName {
@@ -136,11 +140,10 @@ private:
     };
 
     TreeOptions const& options_;
-    OperationLogger& log_;
+    TreeWriter& writer_;
     TreeCounts& counts_;
     std::string path_;
     std::vector<char> buffer_;
-    FileLogger files_;
     std::uint64_t firstLog_;
     std::vector<std::unique_ptr<Level>> levels_;
     std::vector<std::unique_ptr<Level>> spareLevels_;
@@ -149,8 +152,16 @@ private:
     bool sinkFailed_ = false;
 };
 
+TreeLogger::TreeLogger(TreeOptions options, TreeWriter& writer)
+    : options_(std::move(options)), writer_(writer) {
+    for (std::string& path : options_.leaveOut)
+        path = absolutePath(path);
+}
+
 TreeLogger::TreeLogger(TreeOptions options, OperationLogger& logger)
-    : options_(std::move(options)), logger_(logger) {
+    : options_(std::move(options)),
+      posix_(std::make_unique<PosixTreeWriter>(logger)),
+      writer_(*posix_) {
     for (std::string& path : options_.leaveOut)
         path = absolutePath(path);
 }
@@ -188,11 +199,7 @@ TreeLogger::Result TreeLogger::Walk::run(std::string const& root, int& error) {
     Descriptor directory = openAt(AT_FDCWD, root.c_str(), O_DIRECTORY);
     struct stat status = {};
     if (directory && ::fstat(directory.get(), &status) == 0) {
-        put(log_.setAttr(path_, {.flags = ownFlags,
-                                 .mode = status.st_mode,
-                                 .uid = status.st_uid,
-                                 .gid = status.st_gid}));
-        put(files_.attributes(directory.get(), path_));
+        put(writer_.beginRoot(here(status, directory.get(), AT_FDCWD, root.c_str())));
         pushLevel(std::move(directory), status);
     } else if (errno == ENOTDIR &&
                ::fstatat(AT_FDCWD, root.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
@@ -222,8 +229,8 @@ TreeLogger::Result TreeLogger::Walk::walkLevels() {
 }
 
 void TreeLogger::Walk::updateCounts() {
-    counts_.bytes.store(files_.bytes(), std::memory_order_relaxed);
-    counts_.logs.store(log_.nextSequenceNumber() - firstLog_, std::memory_order_relaxed);
+    counts_.bytes.store(writer_.bytes(), std::memory_order_relaxed);
+    counts_.logs.store(writer_.nextSequenceNumber() - firstLog_, std::memory_order_relaxed);
 }
 
 void TreeLogger::Walk::visit(Level const& parent, Level::Entry const& entry) {
@@ -258,25 +265,12 @@ void TreeLogger::Walk::regularFile(int directory, char const* name) {
         return problem(errno, "open");
     if (!S_ISREG(status.st_mode))
         return problem(ESTALE, "open");
-    if (linkedToFirstName(status))
+    TreeObject const object = here(status, file.get(), directory, name);
+    if (leftOut(object) || linkedToFirstName(object))
         return;
     add(counts_.files);
-    if (unchanged(status))
-        return;
-    fileContents(file.get(), status);
-    put(files_.attributes(file.get(), path_));
-    setTimes(status);
-}
-
-void TreeLogger::Walk::fileContents(int file, struct stat const& status) {
-    std::uint32_t fileId = 0;
-    put(log_.create(path_, status.st_mode, status.st_uid, status.st_gid, fileId));
-    if (sinkFailed_)
-        return;
-    if (status.st_size)
-        put(files_.contents(file, status, fileId));
-    if (!sinkFailed_)
-        put(log_.close(fileId));
+    if (!unchanged(status))
+        put(writer_.file(object));
 }
 
 void TreeLogger::Walk::subdirectory(int directory, char const* name) {
@@ -288,16 +282,18 @@ void TreeLogger::Walk::subdirectory(int directory, char const* name) {
         return problem(errno, "open");
     if (!S_ISDIR(status.st_mode))
         return problem(ESTALE, "open");
+    TreeObject const object = here(status, child.get(), directory, name);
+    if (leftOut(object))
+        return;
     add(counts_.directories);
-    put(log_.mkdir(path_, status.st_mode, status.st_uid, status.st_gid));
+    put(writer_.beginDirectory(object));
     if (sinkFailed_)
         return;
     if (!child) {
         // The directory itself is known; what is in it is not.
         problem(openError, "open");
-        return setTimes(status);
+        return endDirectory(status);
     }
-    put(files_.attributes(child.get(), path_));
     pushLevel(std::move(child), status);
 }
 
@@ -309,16 +305,14 @@ void TreeLogger::Walk::otherObject(int directory, char const* name) {
         return regularFile(directory, name);
     if (S_ISDIR(status.st_mode))
         return subdirectory(directory, name);
-    if (linkedToFirstName(status))
+    TreeObject const object = here(status, -1, directory, name);
+    if (leftOut(object) || linkedToFirstName(object))
         return;
     if (S_ISLNK(status.st_mode))
         return symlink(directory, name, status);
     add(counts_.specials);
-    if (unchanged(status))
-        return;
-    put(log_.mknod(path_, status.st_mode, status.st_uid, status.st_gid, status.st_rdev));
-    put(files_.attributes(directory, name, path_));
-    setTimes(status);
+    if (!unchanged(status))
+        put(writer_.special(object));
 }
 
 void TreeLogger::Walk::symlink(int directory, char const* name, struct stat const& status) {
@@ -333,10 +327,15 @@ void TreeLogger::Walk::symlink(int directory, char const* name, struct stat cons
     if (length < 0)
         return problem(errno, "read link");
     add(counts_.symlinks);
-    put(log_.symlink({target_.data(), static_cast<std::size_t>(length)}, path_, status.st_uid,
-                     status.st_gid));
-    put(files_.attributes(directory, name, path_));
-    setTimes(status);
+    put(writer_.symlink(here(status, -1, directory, name),
+                        {target_.data(), static_cast<std::size_t>(length)}));
+}
+
+bool TreeLogger::Walk::leftOut(TreeObject const& object) {
+    if (writer_.takes(object))
+        return false;
+    add(counts_.skipped);
+    return true;
 }
 
 bool TreeLogger::Walk::unchanged(struct stat const& status) {
@@ -346,30 +345,24 @@ bool TreeLogger::Walk::unchanged(struct stat const& status) {
     return true;
 }
 
-bool TreeLogger::Walk::linkedToFirstName(struct stat const& status) {
-    if (status.st_nlink < 2)
+bool TreeLogger::Walk::linkedToFirstName(TreeObject const& object) {
+    struct stat const& status = object.status;
+    if (status.st_nlink < 2 || !writer_.hasLinks())
         return false;
     auto const [known, isNew] =
         firstNames_.try_emplace(identityOf(status), FirstName{path_, status.st_nlink - 1});
     if (isNew)
         return false;
     add(counts_.links);
-    put(log_.link(known->second.path, path_));
+    put(writer_.link(object, known->second.path));
     if (--known->second.namesLeft == 0)
         firstNames_.erase(known);
     return true;
 }
 
-void TreeLogger::Walk::setTimes(struct stat const& status) {
-    if (sinkFailed_)
-        return;
-    put(log_.setAttr(path_, {.flags = timeFlags,
-                             .mode = status.st_mode,
-                             .uid = status.st_uid,
-                             .gid = status.st_gid,
-                             .accessTime = OperationLogger::seconds(status.st_atime),
-                             .modificationTime = OperationLogger::seconds(status.st_mtime),
-                             .changeTime = OperationLogger::seconds(status.st_ctime)}));
+void TreeLogger::Walk::endDirectory(struct stat const& status) {
+    if (!sinkFailed_)
+        put(writer_.endDirectory(here(status, -1, -1, nullptr)));
 }
 
 void TreeLogger::Walk::problem(int error, std::string_view what) {
@@ -428,7 +421,7 @@ void TreeLogger::Walk::popLevel() {
     std::unique_ptr<Level> level = std::move(levels_.back());
     levels_.pop_back();
     path_.resize(level->pathLength);
-    setTimes(level->status);
+    endDirectory(level->status);
     if (!levels_.empty() && !levels_.back()->directory && level->directory)
         (void)reopenParent(*level, *levels_.back());
     level->directory.reset();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "peers/source/OperationLogger.h"
+#include "peers/source/TreeWriter.h"
 
 #include <sys/stat.h>
 
@@ -24,7 +25,7 @@ struct TreeCounts {
     std::atomic<std::uint64_t> bytes{0};    ///< of file contents logged, without holes
     std::atomic<std::uint64_t> logs{0};
     std::atomic<std::uint64_t> problems{0};  ///< what could not be read
-    std::atomic<std::uint64_t> skipped{0};   ///< left out as asked for
+    std::atomic<std::uint64_t> skipped{0};   ///< left out as asked for, or by the writer
     std::atomic<std::uint64_t> unchanged{0}; ///< of all these, not logged since they are known
 };
 
@@ -39,22 +40,14 @@ struct TreeOptions {
     std::function<bool()> stop;
 };
 
-/// Walks a directory tree, or one file, and logs it in an order that builds it from nothing:
-///
-///   the root      SETATTR (mode, owner, times)
-///   directory     MKDIR, SETEA, what is in it, SETATTR (times)
-///   file          CREATE, WRITE..., TRUNCATE if it doesn't end in data, CLOSE, SETEA, SETATTR
-///   symlink       SYMLINK, SETEA, SETATTR
-///   other         MKNOD, SETEA, SETATTR
-///   second name   LINK to the first one seen
+/// Walks a directory tree, or one file, and hands it to a writer in an order that builds it from
+/// nothing: a directory before what is in it, a file's first name before its others.
 ///
 /// Names are taken in the order of their bytes. File systems mounted below are walked too; symbolic
 /// links are not followed. A file is logged with its size at the time it was opened; one that
 /// shrinks while it is read is cut to what was read. Writes hold at most 1 MiB and leave out holes.
 class TreeLogger {
 public:
-    static constexpr std::uint32_t writeSize = 1 << 20;
-
     enum class Result {
         Done,   ///< all that could be read was logged; see `problems`
         NoRoot, ///< the root itself can't be opened, `rootError` tells why
@@ -62,7 +55,9 @@ public:
         Stopped
     };
 
-    /// The logger must outlive the walker.
+    /// The writer must outlive the walker.
+    TreeLogger(TreeOptions options, TreeWriter& writer);
+    /// As a POSIX source. The logger must outlive the walker.
     TreeLogger(TreeOptions options, OperationLogger& logger);
     ~TreeLogger();
 
@@ -79,7 +74,8 @@ private:
     class Walk;
 
     TreeOptions options_;
-    OperationLogger& logger_;
+    std::unique_ptr<TreeWriter> posix_;
+    TreeWriter& writer_;
     TreeCounts counts_;
     int rootError_ = 0;
 };

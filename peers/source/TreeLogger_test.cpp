@@ -49,7 +49,7 @@ public:
             break;
         case LogType::Write: {
             EXPECT_EQ(log.length(), log.data().size);
-            EXPECT_LE(log.data().size, TreeLogger::writeSize);
+            EXPECT_LE(log.data().size, FileReader::writeSize);
             std::string& content = files.at(open.at(log.fileId()));
             content.resize(std::max<std::size_t>(content.size(), log.offset() + log.length()));
             content.replace(log.offset(), log.length(), log.data().toByteArray().toStdString());

@@ -1,6 +1,4 @@
-#include "peers/source/FileLogger.h"
-
-#include "peers/source/TreeLogger.h"
+#include "peers/source/FileReader.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -58,16 +56,16 @@ bool nextData(int file, bool sparse, std::uint64_t& at, std::uint64_t size, std:
 
 } // namespace
 
-LogOutcome FileLogger::range(int file, std::uint32_t fileId, std::uint64_t& at, std::uint64_t end) {
+LogOutcome FileReader::range(int file, ContentTarget& target, std::uint64_t& at,
+                             std::uint64_t end) {
     while (at < end) {
-        auto const want =
-            static_cast<std::uint32_t>(std::min<std::uint64_t>(TreeLogger::writeSize, end - at));
-        std::uint8_t* const space = logger_.beginWrite(fileId, at, want);
+        auto const want = static_cast<std::uint32_t>(std::min<std::uint64_t>(writeSize, end - at));
+        std::uint8_t* const space = target.beginWrite(at, want);
         if (!space)
             return LogOutcome::SinkFailed;
         int error = 0;
         std::uint32_t const got = readFully(file, space, want, at, error);
-        if (got > 0 && !logger_.endWrite(space, got))
+        if (got > 0 && !target.endWrite(space, got))
             return LogOutcome::SinkFailed;
         at += got;
         bytes_ += got;
@@ -81,7 +79,7 @@ LogOutcome FileLogger::range(int file, std::uint32_t fileId, std::uint64_t& at, 
     return LogOutcome::Done;
 }
 
-LogOutcome FileLogger::contents(int file, struct stat const& status, std::uint32_t fileId) {
+LogOutcome FileReader::contents(int file, struct stat const& status, ContentTarget& target) {
     auto size = static_cast<std::uint64_t>(status.st_size);
     bool const sparse = static_cast<std::uint64_t>(status.st_blocks) * diskUnit < size;
     if (size >= adviseFrom)
@@ -100,7 +98,7 @@ LogOutcome FileLogger::contents(int file, struct stat const& status, std::uint32
             break;
         }
         std::uint64_t const start = at;
-        outcome = range(file, fileId, at, end);
+        outcome = range(file, target, at, end);
         if (at > start)
             logged = at;
         if (at < end)
@@ -108,11 +106,11 @@ LogOutcome FileLogger::contents(int file, struct stat const& status, std::uint32
     }
     if (outcome == LogOutcome::SinkFailed || logged == size)
         return outcome;
-    return logger_.truncateOpen(fileId, size) ? outcome : LogOutcome::SinkFailed;
+    return target.truncate(size) ? outcome : LogOutcome::SinkFailed;
 }
 
 /// The attribute calls, on a descriptor or on a path.
-struct FileLogger::AttributeSource {
+struct FileReader::AttributeSource {
     int file = -1;
     char const* path = nullptr;
 
@@ -143,18 +141,18 @@ template <class Read> ssize_t readGrowing(std::vector<char>& buffer, std::size_t
 
 } // namespace
 
-LogOutcome FileLogger::attributes(int file, std::string_view path) {
-    return attributes({.file = file}, path);
+LogOutcome FileReader::attributes(int file, Attribute const& attribute) {
+    return attributes({.file = file}, attribute);
 }
 
-LogOutcome FileLogger::attributes(int directory, char const* name, std::string_view path) {
+LogOutcome FileReader::attributes(int directory, char const* name, Attribute const& attribute) {
     // There is no call for a name in a directory; this path leads there however long the real one.
     std::string const source =
         directory == AT_FDCWD ? name : "/proc/self/fd/" + std::to_string(directory) + '/' + name;
-    return attributes({.path = source.c_str()}, path);
+    return attributes({.path = source.c_str()}, attribute);
 }
 
-LogOutcome FileLogger::attributes(AttributeSource const& source, std::string_view path) {
+LogOutcome FileReader::attributes(AttributeSource const& source, Attribute const& attribute) {
     ssize_t const listed = readGrowing(names_, firstListSize, [&](char* names, std::size_t size) {
         return source.list(names, size);
     });
@@ -183,7 +181,7 @@ LogOutcome FileLogger::attributes(AttributeSource const& source, std::string_vie
             outcome = LogOutcome::Problem;
             continue;
         }
-        if (!logger_.setEa(path, name, {value_.data(), static_cast<std::uint32_t>(size)}))
+        if (!attribute(name, {value_.data(), static_cast<std::uint32_t>(size)}))
             return LogOutcome::SinkFailed;
     }
     return outcome;
