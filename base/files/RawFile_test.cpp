@@ -9,8 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <thread>
-
 using namespace Morva;
 
 namespace {
@@ -48,7 +46,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, RawFiles, ::testing::Bool(), [](auto const& info
 
 } // namespace
 
-TEST_P(RawFiles, OpenOfAMissingFileFailsAndMakesNone) {
+TEST_P(RawFiles, OnlyRegularFilesThatAreThereOpen) {
     auto file = RawFile::make();
     EXPECT_FALSE(file->open(path("none"), Mode::ReadWrite));
     EXPECT_EQ(file->lastError(), static_cast<std::uint32_t>(ENOENT));
@@ -56,11 +54,9 @@ TEST_P(RawFiles, OpenOfAMissingFileFailsAndMakesNone) {
     EXPECT_FALSE(QFile::exists(path("none")));
     file->close();
     EXPECT_FALSE(file->create(path("no/such/directory"), Mode::ReadWrite));
-}
 
-TEST_P(RawFiles, OnlyRegularFilesOpenAndAPipeDoesNotBlock) {
+    // Only regular files open, and a pipe doesn't block.
     ASSERT_EQ(::mkfifo(QFile::encodeName(path("pipe")).constData(), 0600), 0);
-    auto file = RawFile::make();
     EXPECT_FALSE(file->open(path("pipe"), Mode::ReadWrite));
     EXPECT_FALSE(file->open(path("pipe"), Mode::ReadOnly));
     EXPECT_FALSE(file->open(QFileInfo(path("pipe")).path(), Mode::ReadOnly));
@@ -138,24 +134,6 @@ TEST_P(RawFiles, ThreadFilesShareTheFileButNotThePosition) {
     other.reset();
     EXPECT_EQ(contents(path("b")), "shared!");
     EXPECT_EQ(file->threadFile(Mode::ReadWrite), nullptr);
-}
-
-TEST_P(RawFiles, PositionedCallsRunOnManyThreads) {
-    auto file = created(path("a"));
-    std::vector<std::thread> threads;
-    for (std::uint64_t i = 0; i < 4; ++i)
-        threads.emplace_back([&, i] {
-            for (std::uint64_t n = 0; n < 200; ++n) {
-                std::uint64_t const value = n * 4 + i;
-                std::uint64_t back = 0;
-                EXPECT_EQ(file->writeAt(value * 8, &value, 8), 8U);
-                EXPECT_EQ(file->readAt(value * 8, &back, 8), 8U);
-                EXPECT_EQ(back, value);
-            }
-        });
-    for (auto& thread : threads)
-        thread.join();
-    EXPECT_EQ(file->length(), 800U * 8);
 }
 
 TEST_P(RawFiles, DeleteOnCloseRemovesTheFileItself) {

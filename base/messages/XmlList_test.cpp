@@ -125,34 +125,25 @@ TEST(XmlList, GettersTellWhetherTheTypeFits) {
     EXPECT_EQ(list.type("Missing"), Type::None);
 }
 
-TEST(XmlList, BothFormsGiveTheSameListBack) {
+TEST(XmlList, BothFormsGiveTheSameListAndEveryCodeUnitBack) {
+    XmlList units = sample();
+    for (std::uint32_t unit = 0; unit < 0x10000; ++unit)
+        units.set("c", QString(QChar(static_cast<char16_t>(unit))), Set::Add);
+    units.set("Pair", QStringLiteral("\U0001F600"));
+    units.set("Ends", QStringLiteral("a\r\nb\tc\rd\n"));
     auto const seed = std::random_device{}();
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
     for (int round = 0; round < 300; ++round) {
-        XmlList const list = round ? randomList(random, 0) : sample();
+        XmlList const list = round ? randomList(random, 0) : units;
         QString error;
         auto const text = XmlList::fromXml(list.toXml(), &error);
-        ASSERT_TRUE(text) << error.toStdString() << list.toXml().toStdString();
-        EXPECT_EQ(*text, list) << list.toXml().toStdString();
+        ASSERT_TRUE(text) << error.toStdString();
+        EXPECT_EQ(*text, list) << round;
         auto const binary = XmlList::fromBinary(list.toBinary());
         ASSERT_TRUE(binary);
         EXPECT_EQ(*binary, list);
     }
-}
-
-TEST(XmlList, EveryCodeUnitSurvivesBothForms) {
-    XmlList list;
-    for (std::uint32_t unit = 0; unit < 0x10000; ++unit)
-        list.set("c", QString(QChar(static_cast<char16_t>(unit))), Set::Add);
-    list.set("Pair", QStringLiteral("\U0001F600"));
-    list.set("Ends", QStringLiteral("a\r\nb\tc\rd\n"));
-    auto const text = XmlList::fromXml(list.toXml());
-    ASSERT_TRUE(text);
-    EXPECT_EQ(*text, list);
-    auto const binary = XmlList::fromBinary(list.toBinary());
-    ASSERT_TRUE(binary);
-    EXPECT_EQ(*binary, list);
 }
 
 TEST(XmlList, BinaryFormHasItsGoldenBytes) {
@@ -212,19 +203,6 @@ TEST(XmlList, ForgedBinaryBodiesAreRefused) {
     };
     for (auto const* body : bodies)
         EXPECT_FALSE(XmlList::fromBinary(framed(QByteArray::fromHex(body)))) << body;
-    auto const seed = std::random_device{}();
-    SCOPED_TRACE(seed);
-    std::mt19937 random(seed);
-    QByteArray const good = sample().toBinary().mid(12);
-    for (int round = 0; round < 20000; ++round) {
-        QByteArray body = good;
-        for (auto n = 1 + random() % 3; n > 0; --n)
-            body[static_cast<qsizetype>(random() % body.size())] = static_cast<char>(random());
-        // Whatever is read must be a sound list again.
-        if (auto const list = XmlList::fromBinary(framed(body))) {
-            EXPECT_EQ(*XmlList::fromBinary(list->toBinary()), *list);
-        }
-    }
 }
 
 TEST(XmlList, NestingIsBoundedBothWays) {

@@ -12,9 +12,6 @@
 
 #include <unistd.h>
 
-#include <set>
-#include <thread>
-
 namespace Morva {
 namespace {
 
@@ -107,28 +104,19 @@ TEST_F(ConfigFiles, RootNeedNotBeUtf8) {
               0);
 }
 
-TEST_F(ConfigFiles, TraceKeysAreRead) {
-    XmlList list;
-    list.set("DefaultTraceLevel", 2U);
-    list.set("TraceDebug", "Repository", XmlList::SetTypeE::Add);
-    list.set("BoolTraceToFile", true);
-    list.set("DefaultTraceFilesToKeep", 3U);
-    auto const settings = TraceSettings::read(list);
-    EXPECT_EQ(settings.level, TraceLevel::Normal);
-    ASSERT_EQ(settings.modules.size(), 1U);
-    EXPECT_EQ(settings.modules[0].second, TraceLevel::Debug);
-    EXPECT_TRUE(settings.toFile);
-    EXPECT_EQ(settings.filesToKeep, 3U);
-    list.set("DefaultTraceLevel", 9U);
-    EXPECT_EQ(TraceSettings::read(list).level, TraceLevel::Always);
-}
-
 TEST_F(ConfigFiles, TraceStartsAsConfiguredUnlessTheEnvironmentNamesAFile) {
     XmlList list;
     list.set("DefaultTraceLevel", 2U);
     list.set("BoolTraceToFile", true);
     ASSERT_TRUE(QDir().mkpath(FixedPath::configuration()));
     ASSERT_TRUE(Config::save(FixedPath::configuration() + "/runtime.cfg", list));
+    auto debug = list.clone();
+    debug.set("TraceDebug", "Repository");
+    debug.set("DefaultTraceLevel", 9U);
+    auto const settings = TraceSettings::read(debug);
+    EXPECT_EQ(settings.level, TraceLevel::Always) << "9 is no level";
+    ASSERT_EQ(settings.modules.size(), 1U);
+    EXPECT_EQ(settings.modules[0].second, TraceLevel::Debug);
     Context::startTrace();
     EXPECT_TRUE(Trace::enabled(TraceLevel::Normal));
     EXPECT_FALSE(Trace::enabled(TraceLevel::Verbose));
@@ -151,30 +139,6 @@ TEST_F(ConfigFiles, PinnedMachineNameOutlivesTheHostsName) {
     ASSERT_TRUE(Context::pinMachineName());
     Context::machineName(MachineName());
     EXPECT_EQ(Context::machineName().name(), QStringLiteral("pinned"));
-}
-
-TEST(Context, NamesComeFromTheEnvironment) {
-    qputenv("MORVA_CONTEXT_TITLE", "A title");
-    EXPECT_EQ(Context::title(QStringLiteral("other")), QStringLiteral("A title"));
-    qunsetenv("MORVA_CONTEXT_TITLE");
-    EXPECT_EQ(Context::title(QStringLiteral("other")), QStringLiteral("other"));
-}
-
-TEST(Context, IdsAreUniqueAcrossThreadsAndNeverZero) {
-    std::vector<std::uint32_t> ids[4];
-    {
-        std::vector<std::jthread> threads;
-        for (auto& mine : ids)
-            threads.emplace_back([&mine] {
-                for (int i = 0; i < 1000; ++i)
-                    mine.push_back(Context::uniqueId());
-            });
-    }
-    std::set<std::uint32_t> all;
-    for (auto const& mine : ids)
-        all.insert(mine.begin(), mine.end());
-    EXPECT_EQ(all.size(), 4000U);
-    EXPECT_FALSE(all.contains(0));
 }
 
 } // namespace

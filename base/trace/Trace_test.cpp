@@ -143,22 +143,6 @@ TEST_F(TraceFile, FullFilesAreNumberedAndTheOldestGoes) {
     EXPECT_FALSE(QFile::exists(path() + QStringLiteral(".3")));
 }
 
-TEST_F(TraceFile, LinesOfManyThreadsStayWhole) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
-        threads.emplace_back([] {
-            for (int n = 0; n < 500; ++n)
-                MORVA_TRACE(Always) << "one"
-                                    << "two"
-                                    << "three";
-        });
-    for (auto& thread : threads)
-        thread.join();
-    QStringList const all = lines();
-    EXPECT_EQ(all.size(), 2000);
-    EXPECT_EQ(all.count(QStringLiteral("one two three")), 2000);
-}
-
 TEST(Log, PutsInsertsInByTheirNumbers) {
     std::vector<LogMessage> sent;
     Log::install([&](LogMessage const& message) { sent.push_back(message); });

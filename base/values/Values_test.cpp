@@ -2,8 +2,6 @@
 #include "base/values/Sha1.h"
 #include "base/values/StringHash.h"
 
-#include <thread>
-
 using namespace Morva;
 
 namespace {
@@ -37,19 +35,6 @@ TEST(Sha1, TakesPiecesAndCanBeginAnew) {
     EXPECT_EQ(sum.result().size, Sha1::digestSize);
     sum.reset();
     EXPECT_EQ(sum.result().toByteArray().toHex(), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
-}
-
-TEST(Sha1, WorksOnManyThreadsAtOnce) {
-    std::vector<std::thread> threads;
-    std::atomic<int> right{0};
-    for (int i = 0; i < 8; ++i)
-        threads.emplace_back([&] {
-            for (int round = 0; round < 200; ++round)
-                right += sha1("abc") == "a9993e364706816aba3e25717850c26c9cd0d89d";
-        });
-    for (auto& thread : threads)
-        thread.join();
-    EXPECT_EQ(right, 8 * 200);
 }
 
 TEST(DataSize, NormaliseKeepsTheNumberAtOrAboveOne) {
