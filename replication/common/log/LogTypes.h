@@ -71,4 +71,38 @@ enum PosixAttrFlag : std::uint32_t {
     posixAttrChangeTime = 0x20
 };
 
+/// Bits of a log's own flags, in its common part.
+enum LogFlag : std::uint32_t {
+    logFlagDirectory = 0x10 ///< of a Windows log with a path: it names a directory
+};
+
+/// The top byte of the OPT of a Windows create or reopen: what was asked of the file system.
+enum class WinDisposition : std::uint32_t {
+    Supersede = 0,
+    Open = 1,
+    Create = 2,
+    OpenIf = 3,
+    Overwrite = 4,
+    OverwriteIf = 5
+};
+inline constexpr std::uint32_t winDispositionShift = 24;
+
+/// Bits of the FLAGS of a WinSetAttr log: which of its values are meant.
+enum WinAttrFlag : std::uint32_t {
+    winAttrModificationTime = 0x10,
+    winAttrChangeTime = 0x20,
+    winAttrAttributes = 0x80
+};
+
+/// Bits of Windows file attributes ([MS-FSCC] 2.6) that the system itself looks at.
+enum WinFileAttribute : std::uint32_t {
+    winFileReadOnly = 0x01,
+    winFileDirectory = 0x10,
+    winFileNormal = 0x80
+};
+
+/// FSCTL_SET_ZERO_DATA ([MS-FSCC] 2.3.71), the one control code that changes a file's content. Its
+/// data are two 64-bit offsets: the first byte to be zero, and the first behind the range.
+inline constexpr std::uint32_t winSetZeroData = 0x980C8;
+
 } // namespace Replication
