@@ -218,19 +218,12 @@ void NodeFile::giveBack(void* block) {
     blocks_->returnBlock(block, false);
 }
 
-std::uint64_t NodeFile::hits() const {
+NodeFileFigures NodeFile::figures() const {
     TracedLock guard(lock_);
-    return blocks_->hits();
-}
-
-std::uint64_t NodeFile::misses() const {
-    TracedLock guard(lock_);
-    return blocks_->misses();
-}
-
-std::uint32_t NodeFile::size() const {
-    TracedLock guard(lock_);
-    return blocks_->size();
+    if (!control_)
+        return {};
+    return {blocks_->blockCount(), blocks_->freeCount(), blocks_->hits(), blocks_->misses(),
+            blocks_->size()};
 }
 
 std::uint64_t NodeFile::totalBlocks() const {

@@ -16,6 +16,15 @@ namespace Replication {
 
 class Streams;
 
+/// What "files" holds at one moment, and its cache.
+struct NodeFileFigures {
+    std::uint64_t blocks = 0; ///< of 1024 bytes, free ones and the control block included
+    std::uint64_t freeBlocks = 0;
+    std::uint64_t hits = 0;
+    std::uint64_t misses = 0;
+    std::uint32_t cacheSize = 0; ///< blocks
+};
+
 /// A store's "files": the block file whose first block is the control block and every other block
 /// a node. The packed record of a node lies in the tree record at the node's end, and beyond 944
 /// bytes in blocks of the pool.
@@ -92,9 +101,8 @@ public:
     /// Clears the record and frees the block.
     void freeNode(NodePin&& node);
 
-    [[nodiscard]] std::uint64_t hits() const;
-    [[nodiscard]] std::uint64_t misses() const;
-    [[nodiscard]] std::uint32_t size() const;
+    /// All zero when the file isn't open.
+    [[nodiscard]] NodeFileFigures figures() const;
     /// Blocks in the file, free ones and the control block included, and how many are free.
     [[nodiscard]] std::uint64_t totalBlocks() const;
     [[nodiscard]] std::uint64_t freeBlocks() const;

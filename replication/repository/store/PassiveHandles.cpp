@@ -122,4 +122,26 @@ std::size_t PassiveHandles::size() const {
     return nodes_.size();
 }
 
+std::size_t PassiveHandles::size(NodeFileFigures& files) const {
+    TracedLock guard(lock_);
+    files = store_.nodes().figures();
+    return nodes_.size();
+}
+
+bool PassiveHandles::erase(NodeNumber number) {
+    thread_local std::vector<std::uint8_t> record;
+    FileNode::Pointer node;
+    {
+        TracedLock guard(lock_);
+        NodePin pin = store_.nodes().getNode(number, record, true);
+        if (!pin)
+            return false;
+        NodeInfo info(store_.caseSensitivity(), Extent(static_cast<void const*>(record.data()),
+                                                       static_cast<std::uint32_t>(record.size())));
+        node = enter(std::move(pin), std::move(info));
+    }
+    node->dropClaims();
+    return true;
+}
+
 } // namespace Replication

@@ -10,6 +10,7 @@
 namespace Replication {
 
 class Store;
+struct NodeFileFigures;
 
 enum class MustExist : bool { No, Yes };
 
@@ -34,6 +35,11 @@ public:
     /// From FileNode's destructor: takes the entry out, frees or returns the block.
     void release(FileNode& node, bool keep);
     [[nodiscard]] std::size_t size() const;
+    /// As `size`; `files` gets the figures of "files" of the same moment.
+    [[nodiscard]] std::size_t size(NodeFileFigures& files) const;
+    /// Frees a node and drops its streams, whatever claims it. False for a block that is no node.
+    /// For the erasing of a store, when nobody else uses it.
+    bool erase(NodeNumber number);
 
 private:
     /// Makes the object of a node and enters it; both under the lock.

@@ -1,6 +1,5 @@
 #include "replication/repository/store/SnapshotList.h"
 
-#include "base/messages/XmlList.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/Directories.h"
 #include "replication/repository/store/Event.h"
@@ -349,12 +348,10 @@ std::vector<std::shared_ptr<SnapshotFile>> SnapshotList::all() const {
     return p_->snapshots;
 }
 
-void SnapshotList::statistics(Morva::XmlList& result) const {
-    FileHandle root = p_->store.rootHandle();
-    root.kind = FileHandle::Snapshot;
+void SnapshotList::forEach(std::function<void(SnapshotFile const&)> const& visit) const {
     TracedLock guard(p_->lock);
     for (auto const& file : p_->snapshots)
-        file->statistics(result, root);
+        visit(*file);
 }
 
 } // namespace Replication

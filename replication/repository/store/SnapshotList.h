@@ -10,10 +10,6 @@
 #include <memory>
 #include <vector>
 
-namespace Morva {
-class XmlList;
-}
-
 namespace Replication {
 
 class Store;
@@ -93,7 +89,8 @@ public:
     [[nodiscard]] std::shared_ptr<SnapshotFile> active() const;
     /// A copy of the list, the active one last.
     [[nodiscard]] std::vector<std::shared_ptr<SnapshotFile>> all() const;
-    void statistics(Morva::XmlList& result) const;
+    /// Calls for each snapshot, the active one last, under the list's lock.
+    void forEach(std::function<void(SnapshotFile const&)> const& visit) const;
 
 private:
     struct Private;

@@ -400,37 +400,4 @@ void Store::settings(bool indexSnapshots, bool dedupSnapshots, bool dedupVersion
     dedupExclude_ = dedupExclude;
 }
 
-void Store::statistics(XmlList& result) const {
-    MORVA_METHOD("statistics (Binary)");
-    auto const set = [&](char const* key, auto value) { result.set(QLatin1String(key), value); };
-    ControlFields::Counters const counters = control_->counters();
-    bool const nodes = nodes_->isOpen();
-    bool const pointers = pointers_->valid();
-    std::uint64_t const blocks = nodes ? nodes_->totalBlocks() : 0;
-    std::uint64_t const freeBlocks = nodes ? nodes_->freeBlocks() : 0;
-    std::uint64_t const zero = 0;
-    set("StoreId", id_.value);
-    set("ReplayId", replayId().value);
-    set("StoreActive", active());
-    set("StoreMarkedForDeletion", markedForDeletion());
-    set("StoreDirecoryCount", counters[0]);
-    set("StoreFileCount", counters[1]);
-    set("StoreFileDirtyCount", counters[2]);
-    set("StoreFileTotalData", blocks * NodeFile::blockSize);
-    set("StoreFileUsedData", (blocks - freeBlocks) * NodeFile::blockSize);
-    set("StoreFileOpenCount", static_cast<std::uint32_t>(passive_->size()));
-    set("StoreDirectoryCacheHits", directories_->cacheHits());
-    set("StoreDirectoryCacheMisses", directories_->cacheMisses());
-    set("StoreDirectoryCacheSize", directories_->cacheSize());
-    set("StoreNodeCacheHits", nodes ? nodes_->hits() : zero);
-    set("StoreNodeCacheMisses", nodes ? nodes_->misses() : zero);
-    set("StoreNodeCacheSize", nodes ? nodes_->size() : 0U);
-    set("StorePointerCacheHits", pointers ? pointers_->hits() : zero);
-    set("StorePointerCacheMisses", pointers ? pointers_->misses() : zero);
-    set("StorePointerCacheSize", pointers ? pointers_->size() : 0U);
-    XmlList snapshots;
-    snapshots_->statistics(snapshots);
-    set("SnapShotList", snapshots);
-}
-
 } // namespace Replication

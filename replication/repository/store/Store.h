@@ -183,11 +183,27 @@ public:
     void markOpen();
     /// Flushes, clears `OpenMark` if that worked, and closes the files. Harmless when closed.
     bool close();
-    /// As the last reference goes.
+    /// As the last reference goes. Of a store that was marked for deletion, the metadata store is
+    /// told now.
     void closed();
-    /// The binary form: the figures of the store and one "SnapShotEntry" for each snapshot. What
-    /// isn't open counts as 0.
+    /// The end of a store that is not valid any more and whose deletion has been told of: frees
+    /// every node and drops its streams, then removes the files, "files" last, so that an end in
+    /// between can be taken up again. True, and nothing done, for any other store. False when the
+    /// disk failed: before all nodes were freed, and then it can be tried again, or with the
+    /// directory still there. The caller holds the only pointer, and not the operation gate.
+    bool erase();
+
+    // --- statistics, from any thread; what isn't open counts as 0 (see StoreStatistics.cpp)
+
+    /// An HTML table with a row for each figure.
+    void statistics(QString& html) const;
+    /// The binary form: the figures of the store and one "SnapShotEntry" for each snapshot.
     void statistics(Morva::XmlList& result) const;
+    /// For the statistics of the process: adds a list "Snapshot" for each snapshot that is told
+    /// of, with the figures of the store, "Instance", and again under "Snapshot" its own figures.
+    /// `machine` and `store` name the store; for the two times see `SnapshotFile::statistics`.
+    void statistics(Morva::XmlList& result, QString const& machine, QString const& store,
+                    std::uint32_t from = 0, std::uint32_t to = 0) const;
 
 private:
     friend class StoreTable;
@@ -204,6 +220,9 @@ private:
     [[nodiscard]] bool openControl();
     [[nodiscard]] bool openTree();
     [[nodiscard]] bool flushFiles();
+    void eraseNodes();
+    struct Figures;
+    [[nodiscard]] Figures figures() const;
     void removeLastLink(DirKey const& key, std::shared_ptr<ActiveHandle> const& handle,
                         bool retire);
 

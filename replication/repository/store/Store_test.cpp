@@ -162,9 +162,6 @@ TEST_F(Stores, ActiveStoreIsNotMarkedForDeletion) {
     EXPECT_TRUE(marked->markedForDeletion());
     EXPECT_FALSE(marked->rootHandle().id);
     EXPECT_EQ(1u, channel_->count(EventRecord::DeleteStore));
-    Morva::XmlList statistics;
-    marked->statistics(statistics);
-    EXPECT_EQ(0u, statistics.getUint64(nullptr, "StoreFileCount"));
 }
 
 TEST_F(Stores, FreezeLeavesACleanStore) {
@@ -181,25 +178,6 @@ TEST_F(Stores, FreezeLeavesACleanStore) {
         EXPECT_EQ(1u, fields.files());
         EXPECT_EQ(1u, fields.directories());
     });
-}
-
-TEST_F(Stores, StatisticsHaveTheirKeysInOrder) {
-    create();
-    ASSERT_TRUE(writeFile("d/a", "1"));
-    (void)snapshot();
-    Morva::XmlList list;
-    store_->statistics(list);
-    EXPECT_EQ(storeId.value, list.getUint64(nullptr, "StoreId"));
-    EXPECT_EQ(1u, list.getUint64(nullptr, "StoreDirecoryCount"));
-    EXPECT_EQ(1u, list.getUint64(nullptr, "StoreFileCount"));
-    EXPECT_EQ(usedNodes() + 2, list.getUint64(nullptr, "StoreFileUsedData") / 1024);
-    EXPECT_LE(list.getUint64(nullptr, "StoreFileUsedData"),
-              list.getUint64(nullptr, "StoreFileTotalData"));
-    EXPECT_EQ(20u, list.size());
-    Morva::XmlList const snapshots = list.getXmlList(nullptr, "SnapShotList");
-    ASSERT_EQ(1u, snapshots.size()); // the Initial one isn't listed
-    EXPECT_EQ(QStringLiteral("Policy"),
-              snapshots.getXmlList(nullptr, "SnapShotEntry").getString(nullptr, "Type"));
 }
 
 TEST_F(Stores, StoreZeroHasNoSnapshots) {

@@ -141,9 +141,9 @@ public:
     [[nodiscard]] Morva::PagedQueue& cleanupQueue() const { return *cleanupQueue_; }
     [[nodiscard]] Morva::PagedQueue& dedupQueue() const { return *dedupQueue_; }
 
-    /// Sets the list "Streams" in `result`.
+    /// Sets the list "Streams" in `result`; it is empty when the pool isn't open.
     void statistics(Morva::XmlList& result);
-    /// Appends an HTML table under a heading.
+    /// Appends a heading and the same figures as an HTML table, a row a line.
     void report(QStringList& lines);
 
     /// For a checker; nothing is changed. The data and indirect stores tell their counts and free

@@ -7,6 +7,7 @@
 #include "replication/repository/streams/DedupKey.h"
 #include "replication/repository/streams/RawRefCountedBlocks.h"
 #include "replication/repository/streams/RefCountedBlocks.h"
+#include "replication/repository/streams/StatisticsRow.h"
 
 namespace Replication {
 
@@ -21,6 +22,8 @@ struct Streams::Statistic {
 
 std::vector<Streams::Statistic> Streams::collectStatistics() {
     std::vector<Statistic> all;
+    if (!valid_)
+        return all;
     auto const add = [&all](char const* key, char const* row, std::uint64_t value) {
         all.push_back({key, row, value});
     };
@@ -85,13 +88,12 @@ void Streams::statistics(Morva::XmlList& result) {
 }
 
 void Streams::report(QStringList& lines) {
-    lines << "<h2>Repository Streams</h2>"
-          << "<table>";
+    lines << "<H2>Repository Streams</H2>"
+          << "<TABLE>";
     for (Statistic const& statistic : collectStatistics())
-        lines << QString("<tr><td>%1</td><td>%2</td></tr>")
-                     .arg(QString::fromLatin1(statistic.row))
-                     .arg(statistic.value);
-    lines << "</table>";
+        lines << statisticsRow(QString::fromLatin1(statistic.row),
+                               QString::number(statistic.value));
+    lines << "</TABLE>";
 }
 
 bool Streams::forEachStream(std::function<void(StreamNode const&)> const& visit) const {

@@ -309,18 +309,42 @@ TEST_F(StreamPool, StatisticsHaveTheirKeysAndRows) {
     Morva::XmlList result;
     pool.streams->statistics(result);
     Morva::XmlList const list = result.getXmlList(nullptr, "Streams");
-    QStringList keys;
-    for (Morva::XmlListIterator entry(list); entry; ++entry)
-        keys << entry.name();
-    EXPECT_EQ(keys.size(), 28);
-    EXPECT_EQ(keys.first(), "NodeCount");
-    EXPECT_EQ(keys.last(), "StreamsCleanupQueueLength");
-    EXPECT_EQ(list.getUint64(nullptr, "StreamsUsedStreamData"), 4u * 4096);
-    EXPECT_EQ(list.getUint64(nullptr, "StreamsDedupQueueLength"), 1u);
     QStringList lines;
     pool.streams->report(lines);
-    EXPECT_TRUE(lines[0].contains("Repository Streams"));
-    EXPECT_EQ(lines.filter("<tr>").size(), 28);
+    ASSERT_EQ(lines.size(), 3 + static_cast<qsizetype>(list.size()));
+    EXPECT_EQ(lines.mid(0, 2).join(' ') + lines.last(),
+              "<H2>Repository Streams</H2> <TABLE></TABLE>");
+    QStringList keys, labels;
+    qsizetype line = 2;
+    for (Morva::XmlListIterator entry(list); entry; ++entry, ++line) {
+        QStringList const row = lines[line].split("<TD align=\"right\">");
+        keys << entry.name();
+        labels << row.first().mid(QString("<TR><TD>").size());
+        EXPECT_EQ(row.last(), QString::number(entry.getUint64())) << lines[line].toStdString();
+    }
+    EXPECT_EQ(keys.join(' '),
+              "NodeCount TotalNodeData UsedNodeData StreamsNodeCacheHits StreamsNodeCacheMisses "
+              "StreamsNodeCacheSize StreamsIndexedStreams StreamsUniqueStreams StreamsIndexedData "
+              "StreamsUniqueData StreamsDedupCacheHits StreamsDedupCacheMisses "
+              "StreamsDedupCacheSize StreamsTotalStreamData StreamsUsedStreamData "
+              "StreamsRefCountCacheHits StreamsRefCountCacheMisses StreamsRefCountCacheSize "
+              "StreamsIndirectTotalSize StreamsIndirectUsedSize StreamsIndirectBlockCacheHits "
+              "StreamsIndirectBlockCacheMisses StreamsIndirectBlockCacheSize "
+              "StreamsIndirectRefCountCacheHits StreamsIndirectRefCountCacheMisses "
+              "StreamsIndirectRefCountCacheSize StreamsDedupQueueLength StreamsCleanupQueueLength");
+    EXPECT_EQ(
+        labels.join(", "),
+        "Total Streams, Total Stream Node Data, Used Stream Node Data, Node Cache Hits, Node "
+        "Cache Misses, Node Cache Size, Indexed Streams, Unique Streams, Indexed Data, Unique "
+        "Data, Dedup Cache Hits, Dedup Cache Misses, Dedup Cache Size, Total Stream Data, "
+        "Used Stream Data, Stream Reference Count Cache Hits, Stream Reference Count Cache "
+        "Misses, Stream Reference Count Cache Size, Total Stream Indirect Data, Used Stream "
+        "Indirect Data, Stream Indirect Block Cache Hits, Stream Indirect Block Cache Misses, "
+        "Stream Indirect Block Cache Size, Stream Indirect Reference Count Cache Hits, Stream "
+        "Indirect Reference Count Cache Misses, Stream Indirect Reference Count Cache Size, "
+        "Dedup Queue Length, Cleanup Queue Length");
+    EXPECT_EQ(list.getUint64(nullptr, "StreamsUsedStreamData"), 4u * 4096);
+    EXPECT_EQ(list.getUint64(nullptr, "StreamsDedupQueueLength"), 1u);
 
     Morva::XmlList settings;
     settings.set("DataGrowSize", std::uint64_t{5});

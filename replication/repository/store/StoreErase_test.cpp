@@ -1,0 +1,143 @@
+#include "replication/repository/store/DedupWorker.h"
+#include "replication/repository/store/StoreFixture.h"
+#include "replication/repository/streams/Cleanup.h"
+
+#include <QFile>
+
+#include <random>
+
+namespace Replication {
+namespace {
+
+/// Several stores over one pool; `store_` is the one that the fixture's operations work on.
+class StoreErase : public StoreFixture {
+protected:
+    void createStore(std::uint64_t id) {
+        store_ = Store::create(StoreId{id}, identity(), true);
+        ASSERT_TRUE(store_);
+    }
+    /// Deduplicates what the snapshots asked for, and works off the deletions.
+    void work() {
+        ASSERT_TRUE(DedupWorker(streams_).drain());
+        ASSERT_TRUE(CleanupWorker(streams_).drain());
+    }
+    static void mark(std::uint64_t id) {
+        StorePointer const store = Store::open(StoreId{id}, false);
+        ASSERT_TRUE(store);
+        store->active(false);
+        ASSERT_TRUE(store->markForDeletion());
+    }
+    static bool erase(std::uint64_t id) {
+        StorePointer const store = Store::open(StoreId{id}, true);
+        return store && store->erase();
+    }
+    /// What of the pool is in use.
+    [[nodiscard]] std::string poolInUse() const {
+        Morva::XmlList all;
+        streams_->statistics(all);
+        Morva::XmlList const list = all.getXmlList(nullptr, "Streams");
+        std::string result;
+        for (auto const* key : {"NodeCount", "StreamsUsedStreamData", "StreamsIndirectUsedSize",
+                                "StreamsIndexedStreams", "StreamsUniqueStreams",
+                                "StreamsDedupQueueLength", "StreamsCleanupQueueLength"})
+            result +=
+                std::string(key) + ' ' + std::to_string(list.get(key, std::uint64_t{0})) + '\n';
+        return result;
+    }
+};
+
+TEST_F(StoreErase, OnlyWhatNoOtherStoreSharesGoes) {
+    auto const seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    // Inline contents, one block, many blocks, an indirect block.
+    std::vector<QByteArray> shared;
+    for (int const size : {100, 4000, 50000, 300000}) {
+        QByteArray content(size, Qt::Uninitialized);
+        for (char& byte : content)
+            byte = static_cast<char>(random());
+        shared.push_back(content);
+    }
+    std::string const empty = poolInUse();
+    constexpr std::uint64_t stores = 3;
+    auto const name = [](int i) { return QString("d%1/file%1").arg(i); };
+    std::vector<std::string> afterEach;
+    auto const fill = [&](std::uint64_t id) {
+        createStore(id);
+        for (int i = 0; i < 4; ++i)
+            ASSERT_TRUE(writeFile(name(i), shared[static_cast<std::size_t>(i)]));
+        // A record beyond what a node holds, and versions that only snapshots see.
+        for (int stream = 0; stream < 40; ++stream)
+            ASSERT_TRUE(store_->paths().createStream(writing(), {"d0", "file0"},
+                                                     QString("stream%1").arg(stream), {}));
+        (void)snapshot();
+        ASSERT_TRUE(writeFile("own", QByteArray(20000, static_cast<char>('a' + id))));
+        (void)snapshot();
+        ASSERT_TRUE(removeFile("own"));
+        ASSERT_TRUE(removeFile(name(3)));
+        (void)snapshot();
+        store_.reset();
+        work();
+    };
+    for (std::uint64_t id = 1; id <= stores; ++id) {
+        ASSERT_NO_FATAL_FAILURE(fill(id));
+        afterEach.push_back(poolInUse());
+    }
+    // Newest first, so that the pool goes back through the states in which it was.
+    for (std::uint64_t id = stores; id > 0; --id) {
+        mark(id);
+        EXPECT_TRUE(erase(id));
+        EXPECT_FALSE(QDir(Store::directoryOf(StoreId{id})).exists());
+        EXPECT_FALSE(Store::open(StoreId{id}, true));
+        work();
+        EXPECT_EQ(id > 1 ? afterEach[id - 2] : empty, poolInUse()) << "store " << id;
+        for (std::uint64_t left = 1; left < id; ++left) {
+            store_ = Store::open(StoreId{left}, false);
+            ASSERT_TRUE(store_);
+            for (int i = 0; i < 4; ++i)
+                EXPECT_EQ(shared[static_cast<std::size_t>(i)], contentAt(name(i), Instance{2}));
+            EXPECT_EQ(QByteArray(20000, static_cast<char>('a' + left)),
+                      contentAt("own", Instance{3}));
+            store_.reset();
+        }
+    }
+    EXPECT_EQ(0u, streams_->failures());
+}
+
+TEST_F(StoreErase, AStoreInAnyOtherStateIsLeftAlone) {
+    createStore(1);
+    ASSERT_TRUE(writeFile("a", "1"));
+    EXPECT_TRUE(store_->erase()); // valid
+    store_->active(false);
+    EXPECT_TRUE(store_->markForDeletion());
+    EXPECT_TRUE(store_->erase()); // nobody was told yet
+    EXPECT_EQ(QByteArray("1"), contentAt("a", Instance{snapshot()}));
+    store_.reset();
+    store_ = Store::open(StoreId{1}, true);
+    ASSERT_TRUE(store_);
+    EXPECT_TRUE(store_->close());
+    EXPECT_TRUE(store_->erase()); // no control block
+    EXPECT_TRUE(QFile::exists(store_->path() + "/files"));
+}
+
+TEST_F(StoreErase, APartlyErasedStoreAndStoreZeroGoAllTheSame) {
+    std::string const empty = poolInUse();
+    for (std::uint64_t const id : {1, 0}) {
+        createStore(id);
+        ASSERT_TRUE(writeFile("d/a", QByteArray(9000, 'x')));
+        QString const path = store_->path();
+        store_.reset();
+        mark(id);
+        QDir(path + "/snapshot").removeRecursively();
+        EXPECT_TRUE(QFile::remove(path + "/files.tree"));
+        EXPECT_TRUE(QFile::remove(path + "/files.ptrs.blocks"));
+        EXPECT_TRUE(erase(id));
+        EXPECT_FALSE(QDir(path).exists());
+    }
+    work();
+    EXPECT_EQ(empty, poolInUse());
+    EXPECT_EQ(1u, channel_->count(EventRecord::DeleteStore)); // of store 0 nobody is told
+}
+
+} // namespace
+} // namespace Replication
