@@ -54,6 +54,13 @@ TEST(LogHeader, GoldenBytesAlignFromTheMagic) {
                                       "03000000"
                                       "3fadde54");
     EXPECT_EQ(header.totalLength(), 44U + 3);
+    LogHeader received;
+    ASSERT_TRUE(receive(received, packed(header)));
+    EXPECT_EQ(received.ruleIds(), (std::vector<std::uint32_t>{5}));
+    EXPECT_EQ(received.sequenceNumber(), 9U);
+    EXPECT_EQ(received.source(), "ab");
+    EXPECT_EQ(received.bodySize(), 3U);
+    EXPECT_EQ(received.totalLength(), 44U + 3);
     header.ruleIds({5, 6});
     EXPECT_EQ(packed(header).size(), 52);
 
@@ -66,28 +73,10 @@ TEST(LogHeader, GoldenBytesAlignFromTheMagic) {
                                             "02000000"
                                             "78000000"
                                             "3fadde54");
-}
-
-TEST(LogHeader, SurvivesEncodingAndDecoding) {
-    LogHeader header = sample();
-    QByteArray const bytes = packed(header);
-    LogHeader received;
-    ASSERT_TRUE(receive(received, bytes));
-    EXPECT_EQ(received.type(), LogHeader::Log);
-    EXPECT_EQ(received.ruleIds(), (std::vector<std::uint32_t>{5, 6, 7}));
-    EXPECT_EQ(received.sequenceNumber(), 0x0102030405060708U);
-    EXPECT_EQ(received.source(), QStringLiteral("m\u00e4"));
-    EXPECT_EQ(received.bodySize(), 100U);
-    EXPECT_EQ(received.totalLength(), static_cast<std::uint64_t>(bytes.size()) + 100);
-
-    LogHeader notification;
-    notification.type(LogHeader::Notification);
-    notification.name("alive");
-    QByteArray const small = packed(notification);
-    ASSERT_TRUE(receive(received, small));
+    ASSERT_TRUE(receive(received, packed(notification)));
     EXPECT_EQ(received.type(), LogHeader::Notification);
-    EXPECT_EQ(received.name(), "alive");
-    EXPECT_EQ(received.totalLength(), static_cast<std::uint64_t>(small.size()));
+    EXPECT_EQ(received.name(), "x");
+    EXPECT_EQ(received.totalLength(), 24U);
 }
 
 TEST(LogHeader, TruncatedAndDamagedHeadersFail) {

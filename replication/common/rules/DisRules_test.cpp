@@ -25,6 +25,36 @@ using Morva::XmlList;
 
 using Change = std::function<void(XmlList&)>;
 
+/// The list at a path of keys, and the last key.
+std::pair<XmlList, QString> place(XmlList list, char const* path) {
+    auto keys = QString::fromLatin1(path).split(u'/');
+    auto const last = keys.takeLast();
+    for (auto const& key : keys)
+        list = list.getXmlList(nullptr, key);
+    return {list, last};
+}
+
+Change drop(char const* path) {
+    return [path](XmlList& item) {
+        auto [list, key] = place(item, path);
+        EXPECT_TRUE(list.remove(key)) << path;
+    };
+}
+
+template <class T>
+Change put(char const* path, T value, XmlList::SetTypeE how = XmlList::SetTypeE::Replace) {
+    return [=](XmlList& item) {
+        auto [list, key] = place(item, path);
+        list.set(key, value, how);
+    };
+}
+
+template <class T> XmlList listOf(char const* key, T value) {
+    XmlList list;
+    list.set(key, value);
+    return list;
+}
+
 /// A rule set in a directory of its own, and the trace of what reading it says.
 class RuleSet : public testing::Test {
 protected:
@@ -198,61 +228,29 @@ TEST_F(RuleSet, EachFaultOfAStreamIsNamedAndRefused) {
         char const* trace;
         Change change;
     } const cases[] = {
-        {"No or invalid replay id supplied", [](XmlList& s) { s.set("ReplayId", 0U); }},
-        {"No or invalid replay id supplied", [](XmlList& s) { s.set("ReplayId", "7"); }},
-        {"No or invalid node dataflow id supplied", [](XmlList& s) { s.remove("NodeId"); }},
-        {"No source machine supplied", [](XmlList& s) { s.remove("SourceMachine"); }},
-        {"No or invalid machine name supplied",
-         [](XmlList& s) { s.getXmlList(nullptr, "SourceMachine").set("Name", ""); }},
-        {"No machine name supplied",
-         [](XmlList& s) { s.getXmlList(nullptr, "SourceMachine").remove("OsType"); }},
-        {"No route supplied", [](XmlList& s) { s.remove("Route"); }},
-        {"Invalid route supplied", [](XmlList& s) { s.set("Route", XmlList()); }},
-        {"elsewhere does not match destination target",
-         [](XmlList& s) { s.getXmlList(nullptr, "Route").set("Name", "elsewhere"); }},
-        {", expected string", [](XmlList& s) { s.getXmlList(nullptr, "Route").set("Name", 5U); }},
-        {"No or invalid route machine name supplied",
-         [](XmlList& s) { s.getXmlList(nullptr, "Route").set("Name", ""); }},
-        {"No policies supplied", [](XmlList& s) { s.remove("Policies"); }},
-        {", expected list",
-         [](XmlList& s) { s.getXmlList(nullptr, "Policies").set("100", "text"); }},
-        {"Unknown policy 5",
-         [](XmlList& s) { s.getXmlList(nullptr, "Policies").set("5", XmlList()); }},
-        {"included more that once",
-         [](XmlList& s) {
-             s.getXmlList(nullptr, "Policies").set("100", XmlList(), XmlList::SetTypeE::Add);
-         }},
-        {"includes invalid data operation value 9",
-         [](XmlList& s) {
-             XmlList operations;
-             operations.set("DataOp", 9U);
-             s.getXmlList(nullptr, "Policies").set("100", operations);
-         }},
-        {", expected uint32",
-         [](XmlList& s) {
-             s.getXmlList(nullptr, "Policies").getXmlList(nullptr, "100").set("DataOp", "1");
-         }},
-        {"Invalid operation list",
-         [](XmlList& s) {
-             s.getXmlList(nullptr, "Policies").getXmlList(nullptr, "100").set("Op", 1U);
-         }},
-        {"Invalid MDS data supplied",
-         [](XmlList& s) {
-             XmlList policies;
-             policies.set("5", XmlList());
-             s.set("MdsPolicies", policies);
-         }},
-        {"Invalid Cloud data supplied",
-         [](XmlList& s) {
-             XmlList clouds;
-             clouds.set("Cloud", XmlList());
-             s.set("Clouds", clouds);
-         }},
-        {"No Mirror or Repository stream supplied", [](XmlList& s) { s.remove("Repository"); }},
-        {"No or invalid store name supplied",
-         [](XmlList& s) { s.getXmlList(nullptr, "Repository").set("StoreName", ""); }},
-        {"No target supplied",
-         [](XmlList& s) { s.getXmlList(nullptr, "Repository").remove("Target"); }},
+        {"No or invalid replay id supplied", put("ReplayId", 0U)},
+        {"No or invalid replay id supplied", put("ReplayId", "7")},
+        {"No or invalid node dataflow id supplied", drop("NodeId")},
+        {"No source machine supplied", drop("SourceMachine")},
+        {"No or invalid machine name supplied", put("SourceMachine/Name", "")},
+        {"No machine name supplied", drop("SourceMachine/OsType")},
+        {"No route supplied", drop("Route")},
+        {"Invalid route supplied", put("Route", XmlList())},
+        {"elsewhere does not match destination target", put("Route/Name", "elsewhere")},
+        {", expected string", put("Route/Name", 5U)},
+        {"No or invalid route machine name supplied", put("Route/Name", "")},
+        {"No policies supplied", drop("Policies")},
+        {", expected list", put("Policies/100", "text")},
+        {"Unknown policy 5", put("Policies/5", XmlList())},
+        {"included more that once", put("Policies/100", XmlList(), XmlList::SetTypeE::Add)},
+        {"includes invalid data operation value 9", put("Policies/100/DataOp", 9U)},
+        {", expected uint32", put("Policies/100/DataOp", "1")},
+        {"Invalid operation list", put("Policies/100/Op", 1U)},
+        {"Invalid MDS data supplied", put("MdsPolicies", listOf("5", XmlList()))},
+        {"Invalid Cloud data supplied", put("Clouds", listOf("Cloud", XmlList()))},
+        {"No Mirror or Repository stream supplied", drop("Repository")},
+        {"No or invalid store name supplied", put("Repository/StoreName", "")},
+        {"No target supplied", drop("Repository/Target")},
     };
     for (auto const& test : cases) {
         files_ = *RuleFiles::posix({source("docs", 7, 100)});
@@ -398,21 +396,19 @@ TEST(DisPolicy, EachFaultLeavesThePolicyWithoutAName) {
         bool valid;
     } const cases[] = {
         {"as it is", [](XmlList&) {}, true},
-        {"no name", [](XmlList& p) { p.remove("Name"); }, false},
-        {"empty name", [](XmlList& p) { p.set("Name", ""); }, false},
-        {"no count", [](XmlList& p) { p.remove("RuleCount"); }, false},
-        {"count 0", [](XmlList& p) { p.set("RuleCount", 0U); }, false},
-        {"count beyond bounds", [](XmlList& p) { p.set("RuleCount", DisPolicy::maxRules + 1); },
-         false},
-        {"first rule 0", [](XmlList& p) { p.set("FirstRule", 0U); }, false},
-        {"last rule", [](XmlList& p) { p.set("FirstRule", 4294967294U); }, true},
-        {"rules past the last number", [](XmlList& p) { p.set("FirstRule", 4294967295U); }, false},
-        {"no mode", [](XmlList& p) { p.remove("Mode"); }, false},
-        {"mode in capitals", [](XmlList& p) { p.set("Mode", "SYNC"); }, false},
-        {"operation without retention",
-         [](XmlList& p) { p.getXmlList(nullptr, "Version").remove("Retention"); }, true},
-        {"operation that is no list", [](XmlList& p) { p.set("Cdp", "x"); }, true},
-        {"unknown item", [](XmlList& p) { p.set("Other", "x"); }, true},
+        {"no name", drop("Name"), false},
+        {"empty name", put("Name", ""), false},
+        {"no count", drop("RuleCount"), false},
+        {"count 0", put("RuleCount", 0U), false},
+        {"count beyond bounds", put("RuleCount", DisPolicy::maxRules + 1), false},
+        {"first rule 0", put("FirstRule", 0U), false},
+        {"last rule", put("FirstRule", 4294967294U), true},
+        {"rules past the last number", put("FirstRule", 4294967295U), false},
+        {"no mode", drop("Mode"), false},
+        {"mode in capitals", put("Mode", "SYNC"), false},
+        {"operation without retention", drop("Version/Retention"), true},
+        {"operation that is no list", put("Cdp", "x"), true},
+        {"unknown item", put("Other", "x"), true},
     };
     for (auto const& test : cases) {
         auto list = policyList("p", 10, 2, "sync");
@@ -502,55 +498,36 @@ TEST_F(RuleSet, DispatcherStreamsBelongToEachOfTheirSources) {
 
 TEST_F(RuleSet, EachFaultOfADispatcherStreamIsNamedAndRefused) {
     auto const batch = [](XmlList& item) {
-        XmlList route;
-        route.set("Name", "t");
-        item.set("BatchMode", true);
-        item.getXmlList(nullptr, "TargetMachines")
-            .getXmlList(nullptr, "Machine")
-            .set("Route", route);
+        put("BatchMode", true)(item);
+        put("TargetMachines/Machine/Route", listOf("Name", "t"))(item);
     };
+    auto const twoTargets = machineList({{"t", "L"}, {"u", "L"}});
     struct {
         char const* key;
         char const* trace; // null where the stream is valid
         Change change;
     } const cases[] = {
         {"ForwardStream", nullptr, [](XmlList&) {}},
-        {"ForwardStream", "Must have single target node",
-         [](XmlList& s) {
-             s.set("TargetMachines", machineList({{"t", "L"}, {"u", "L"}}));
-         }},
-        {"ForwardStream", "Must have single target node",
-         [](XmlList& s) { s.set("TargetMachines", XmlList()); }},
-        {"ForwardStream", "Failed to get nodes list",
-         [](XmlList& s) { s.remove("SourceMachines"); }},
-        {"ForwardStream", "Failed to get node entry",
-         [](XmlList& s) { s.getXmlList(nullptr, "SourceMachines").set("Machine", "a"); }},
+        {"ForwardStream", "Must have single target node", put("TargetMachines", twoTargets)},
+        {"ForwardStream", "Must have single target node", put("TargetMachines", XmlList())},
+        {"ForwardStream", "Failed to get nodes list", drop("SourceMachines")},
+        {"ForwardStream", "Failed to get node entry", put("SourceMachines/Machine", "a")},
         {"ForwardStream", "Conflicting OS types for a",
-         [](XmlList& s) {
-             s.set("TargetMachines", machineList({{"a", "Windows"}}));
-         }},
-        {"ForwardStream", "No compression flag supplied",
-         [](XmlList& s) { s.remove("NetworkCompression"); }},
-        {"ForwardStream", "No policy list supplied", [](XmlList& s) { s.remove("Policies"); }},
-        {"ForwardStream", "No policies supplied", [](XmlList& s) { s.set("Policies", XmlList()); }},
-        {"ForwardStream", "Failed to add policy none",
-         [](XmlList& s) { s.getXmlList(nullptr, "Policies").set("Policy", "none"); }},
-        {"ForwardStream", "No or invalid policy name supplied",
-         [](XmlList& s) { s.getXmlList(nullptr, "Policies").set("Policy", ""); }},
-        {"ReplicationStream", "No or invalid interface node id supplied",
-         [](XmlList& s) { s.set("NodeId", 0U); }},
+         put("TargetMachines", machineList({{"a", "Windows"}}))},
+        {"ForwardStream", "No compression flag supplied", drop("NetworkCompression")},
+        {"ForwardStream", "No policy list supplied", drop("Policies")},
+        {"ForwardStream", "No policies supplied", put("Policies", XmlList())},
+        {"ForwardStream", "Failed to add policy none", put("Policies/Policy", "none")},
+        {"ForwardStream", "No or invalid policy name supplied", put("Policies/Policy", "")},
+        {"ReplicationStream", "No or invalid interface node id supplied", put("NodeId", 0U)},
         {"ReplicationStream", nullptr, batch},
         {"ReplicationStream", "No target data supplied for batch dispatcher stream",
          [&](XmlList& s) { batch(s), s.remove("TargetMachines"); }},
         {"ReplicationStream", "No route to target in batch dispatcher stream",
-         [&](XmlList& s) { s.set("BatchMode", true); }},
+         put("BatchMode", true)},
         {"ReplicationStream", "Multiple targets no permitted for batch dispatcher stream",
-         [&](XmlList& s) {
-             batch(s);
-             auto targets = s.getXmlList(nullptr, "TargetMachines");
-             targets.set("Machine", targets.getXmlList(nullptr, "Machine"), XmlList::SetTypeE::Add);
-         }},
-        {"LoggingStream", "Invalid logging stream data", [](XmlList& s) { s.remove("Policies"); }},
+         [&](XmlList& s) { put("TargetMachines", twoTargets)(s), batch(s); }},
+        {"LoggingStream", "Invalid logging stream data", drop("Policies")},
     };
     for (auto const& test : cases) {
         files_ = *RuleFiles::posix({source("docs", 7, 100)});
