@@ -90,14 +90,6 @@ TEST(ControlBlock, OldVersionsAreUpgraded) {
     }
 }
 
-TEST(ControlBlock, NewerVersionIsInvalid) {
-    ControlBlock::Image image{};
-    ControlFields(image.data()).version(4);
-    Written file;
-    ControlBlock block(file.writer());
-    EXPECT_EQ(ControlBlock::Loaded::Invalid, block.load(image));
-}
-
 TEST(ControlBlock, CountersCostNoWriteAndGoAlongWithTheNext) {
     Written file;
     ControlBlock block(file.writer());

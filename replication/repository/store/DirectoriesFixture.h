@@ -1,48 +1,21 @@
 #pragma once
 
-#include "base/process/FixedPath.h"
-#include "replication/repository/store/ActiveHandles.h"
-#include "replication/repository/store/Directories.h"
+// For tests of this room alone.
+
 #include "replication/repository/store/NodeInfo.h"
-#include "replication/repository/store/PassiveHandles.h"
-#include "replication/repository/store/SnapshotDirectories.h"
-#include "replication/repository/store/SnapshotList.h"
-#include "replication/repository/store/Store.h"
-#include "replication/repository/streams/StreamHandle.h"
-#include "replication/repository/streams/Streams.h"
-
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <memory>
+#include "replication/repository/store/StoreFixture.h"
 
 namespace Replication {
 
-/// A real store in a temporary directory, for tests of its directories.
-class DirectoriesFixture : public testing::Test {
+/// A new store, and short ways to make and to find names in its directories.
+class DirectoriesFixture : public StoreFixture {
 protected:
-    void SetUp() override { make(true); }
-    void TearDown() override {
-        store_.reset();
-        Store::closeAll();
-        streams_.reset();
-    }
+    DirectoriesFixture() { create(); }
 
+    /// Takes another store in place of the one that is there.
     void make(bool caseSensitive) {
-        store_.reset();
-        Store::closeAll();
-        streams_.reset();
-        ASSERT_TRUE(Morva::FixedPath::setRoot(directory_.path()));
-        streams_ =
-            std::make_shared<Streams>(directory_.filePath("streams"),
-                                      directory_.filePath("streams"), Streams::Configuration());
-        ASSERT_TRUE(static_cast<bool>(*streams_));
-        Store::configure({}, streams_, nullptr);
-        store_ = Store::create(StoreId{++lastId}, StoreIdentity(ReplayId{1}, "machine", "store"),
-                               caseSensitive);
-        ASSERT_TRUE(static_cast<bool>(store_));
+        store_ = Store::create(StoreId{storeId.value + 1}, identity(), caseSensitive);
+        ASSERT_TRUE(store_);
     }
 
     Store& store() { return *store_; }
@@ -81,19 +54,8 @@ protected:
     bool valid(FileId directory) {
         return directories().validDirectory(*node(directory), directory);
     }
-    /// Takes a snapshot; the instance at which it is read.
-    Instance snapshot() {
-        EXPECT_TRUE(store_->snapshots().snapshot(++time_, false, 0, 0, 0, {}, {}));
-        return store_->currentInstance();
-    }
     std::uint64_t files() { return store_->control().counters()[1]; }
     std::uint64_t folders() { return store_->control().counters()[0]; }
-
-    inline static std::uint64_t lastId = 0;
-    QTemporaryDir directory_;
-    std::shared_ptr<Streams> streams_;
-    StorePointer store_;
-    std::uint32_t time_ = 1000;
 };
 
 } // namespace Replication

@@ -5,7 +5,6 @@
 #include "replication/repository/store/DirectoryScan.h"
 
 #include <algorithm>
-#include <chrono>
 #include <map>
 #include <random>
 
@@ -23,15 +22,6 @@ std::map<QString, FileId> namesOf(FileNode& node) {
     return result;
 }
 
-TEST_F(Directories_, SplittingTheParentEntryMakesTheFirstSlot) {
-    FileId const id = make(root(), "first");
-    DirKey const key = found(root(), "first");
-    EXPECT_EQ(key.fileId(), id);
-    EXPECT_EQ(key.position(), 32u);
-    EXPECT_EQ(files(), 1u);
-    EXPECT_EQ(folders(), 0u);
-}
-
 TEST_F(Directories_, NameThatDoesNotFitAPageIsRefused) {
     EXPECT_TRUE(make(root(), QString(2033, 'x')));
     EXPECT_EQ(found(root(), QString(2033, 'x')).position(), 4096u);
@@ -42,15 +32,6 @@ TEST_F(Directories_, NameThatDoesNotFitAPageIsRefused) {
     EXPECT_FALSE(make(root(), ""));
     EXPECT_EQ(files(), 1u);
     EXPECT_TRUE(valid(root()));
-}
-
-TEST_F(Directories_, FreedFirstEntryOfAPageIsTakenWhole) {
-    ASSERT_TRUE(make(root(), QString(2033, 'a')));
-    ASSERT_TRUE(removeName(root(), QString(2033, 'a')));
-    ASSERT_TRUE(make(root(), QString(2032, 'b')));
-    DirKey const key = found(root(), QString(2032, 'b'));
-    EXPECT_EQ(key.position(), 4096u);
-    EXPECT_EQ(node(root())->size(), 8192u);
 }
 
 TEST_F(Directories_, CaseInsensitiveStoreKeepsTheFirstSpelling) {
@@ -264,33 +245,6 @@ TEST_F(Directories_, RulesTakeOutWhatIsExcludedAndMarkWhatIsLiveOnly) {
     directories().checkOperations(NotToBackup(), *handle(folder), path);
     EXPECT_FALSE(found(deep, "file1.log").liveOnly());
     EXPECT_EQ(files(), 200u);
-}
-
-TEST_F(Directories_, LargeDirectoryCostsTheSamePerName) {
-    constexpr int count = 20000;
-    using Clock = std::chrono::steady_clock;
-    FileId const folder = make(root(), "folder", directoryType);
-    auto const parent = handle(folder);
-    auto const started = Clock::now();
-    for (int i = 0; i < count; ++i) {
-        DirKey key = directories().key(folder, QString("name-%1").arg(i), fileType);
-        key.fileId(FileId{1000U + i});
-        ASSERT_TRUE(
-            directories().insert(NotToBackup::eNothing, *parent, key, QString("name-%1").arg(i)));
-    }
-    auto const inserted = Clock::now();
-    ASSERT_TRUE(valid(folder));
-    for (int i = count - 1; i >= 0; --i) {
-        DirKey key = found(folder, QString("name-%1").arg(i));
-        ASSERT_TRUE(directories().remove(key, true));
-    }
-    auto const removed = Clock::now();
-    EXPECT_TRUE(directories().emptyDirectory(found(root(), "folder")));
-    auto const perName = [](auto time) {
-        return std::chrono::duration<double, std::micro>(time).count() / count;
-    };
-    std::printf("insert %.1f us, remove %.1f us a name\n", perName(inserted - started),
-                perName(removed - inserted));
 }
 
 /// Random changes of a small tree against a map; snapshots keep copies of the map.

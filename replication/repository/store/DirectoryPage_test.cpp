@@ -95,16 +95,6 @@ TEST(DirectoryPage, RemovedFirstEntryIsAFreeEntryTakenWhole) {
     EXPECT_EQ(page.at(0).entryLength(), 60u);
 }
 
-TEST(DirectoryPage, RemovesNothingBetweenEntries) {
-    Page page;
-    ASSERT_EQ(page.put(QStringLiteral("a"), 2), 0);
-    ASSERT_EQ(page.put(QStringLiteral("b"), 3), 32);
-    auto const before = page.bytes;
-    EXPECT_FALSE(DirectoryPage::removeEntry(page.bytes.data(), 36));
-    EXPECT_FALSE(DirectoryPage::removeEntry(page.bytes.data(), 4092));
-    EXPECT_EQ(page.bytes, before);
-}
-
 TEST(DirectoryPage, InvalidEntryEndsTheWalk) {
     struct {
         char const* what;

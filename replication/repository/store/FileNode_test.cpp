@@ -9,7 +9,7 @@ class FileNodeTest : public NodeFixture {
 protected:
     FileNode::Pointer make(bool liveOnly = false) {
         FileNode::Pointer node =
-            store->passiveHandles().create(fileType, liveOnly, 500, NodeInfo(Qt::CaseSensitive));
+            store_->passiveHandles().create(fileType, liveOnly, 500, NodeInfo(Qt::CaseSensitive));
         EXPECT_TRUE(node);
         return node;
     }
@@ -39,7 +39,7 @@ TEST_F(FileNodeTest, CopyDecisionFollowsClaimsLiveOnlyAndInstance) {
         if (!copy)
             continue;
         EXPECT_NE(copy->id(), node->id());
-        EXPECT_EQ(copy->instance(), store->currentInstance());
+        EXPECT_EQ(copy->instance(), store_->currentInstance());
         EXPECT_EQ(copy->referenceCount(), 1U);
         EXPECT_EQ(copy->versionCount(), 0U);
         EXPECT_FALSE(copy->versioned());
@@ -87,7 +87,7 @@ TEST_F(FileNodeTest, StreamsAreCopiedBeforeTheyChangeUnderAnotherVersion) {
     EXPECT_EQ(contentOf(copy), "new text");
     EXPECT_EQ(node->times().modifiedSource, 700U);
     EXPECT_EQ(copy->times().modifiedSource, 702U);
-    EXPECT_EQ(pool->handle(first, false)->referenceCount(), 1U);
+    EXPECT_EQ(streams_->handle(first, false)->referenceCount(), 1U);
 
     FileNode::Pointer none;
     EXPECT_TRUE(copy->write(none, stream, 3, "er", 2, 703));
@@ -148,7 +148,7 @@ TEST_F(FileNodeTest, ListOfStreamsChangesOnTheCopyAlone) {
     NodeNumber const number = copy->id();
     copy->takeReference();
     copy = nullptr;
-    copy = store->passiveHandles().get(number);
+    copy = store_->passiveHandles().get(number);
     ASSERT_TRUE(copy);
     EXPECT_EQ(copy->streamList().size(), 1U);
     EXPECT_EQ(copy->streamList().front().name, b);
@@ -158,16 +158,16 @@ TEST_F(FileNodeTest, DirtyAndSparseMarkOnceAndOnTheCopy) {
     FileNode::Pointer const node = make();
     FileNode::Pointer copy;
     auto stream = node->createActiveStream(copy, dataStreamName, true);
-    std::uint64_t const before = store->control().counters()[2];
+    std::uint64_t const before = store_->control().counters()[2];
     EXPECT_TRUE(node->dirty(copy, *stream));
     EXPECT_TRUE(node->dirty(copy, *stream));
-    EXPECT_EQ(store->control().counters()[2], before + 1);
+    EXPECT_EQ(store_->control().counters()[2], before + 1);
     snapshot();
     EXPECT_TRUE(node->dirty(copy, *stream));
     EXPECT_FALSE(copy);
     EXPECT_TRUE(node->sparse(copy, *stream));
     EXPECT_TRUE(copy);
-    auto foreign = pool->handle(pool->newStream(), false);
+    auto foreign = streams_->handle(streams_->newStream(), false);
     EXPECT_FALSE(node->dirty(copy, *foreign));
     EXPECT_FALSE(node->write(copy, foreign, 0, "x", 1, 1));
 }
@@ -181,7 +181,7 @@ TEST_F(FileNodeTest, LiveOnlyStateTakesNoCopyAndEndsInTheCurrentInstance) {
     node->liveOnly(copy, false);
     EXPECT_FALSE(copy);
     EXPECT_FALSE(node->liveOnly());
-    EXPECT_EQ(node->instance(), store->currentInstance());
+    EXPECT_EQ(node->instance(), store_->currentInstance());
     snapshot();
     node->liveOnly(copy, true);
     ASSERT_TRUE(copy);
@@ -231,13 +231,13 @@ TEST_F(FileNodeTest, NodeWithoutClaimsIsFreedWithItsStreams) {
     node->releaseVersion();
     node->releaseVersion(); // a count of 0 stays
     node = nullptr;
-    node = store->passiveHandles().get(number);
+    node = store_->passiveHandles().get(number);
     ASSERT_TRUE(node) << "the version claim holds it";
     EXPECT_TRUE(node->versioned());
     node->releaseWeakVersion();
     node = nullptr;
-    EXPECT_FALSE(store->passiveHandles().get(number));
-    EXPECT_FALSE(pool->handle(id, true));
+    EXPECT_FALSE(store_->passiveHandles().get(number));
+    EXPECT_FALSE(streams_->handle(id, true));
     EXPECT_EQ(usedNodes(), nodes);
 }
 
@@ -255,8 +255,8 @@ TEST_F(FileNodeTest, RecordBeyondTheNodeIsSharedByACopyAndSurvivesIt) {
     for (int i = 0; i < 59; ++i)
         ASSERT_TRUE(copy->removeStream(none, copy->streamList().back().name));
     node = copy = nullptr;
-    node = store->passiveHandles().get(oldNumber);
-    copy = store->passiveHandles().get(newNumber);
+    node = store_->passiveHandles().get(oldNumber);
+    copy = store_->passiveHandles().get(newNumber);
     ASSERT_TRUE(node && copy);
     EXPECT_EQ(node->streamIds().size(), 60U);
     EXPECT_EQ(copy->streamIds().size(), 1U);

@@ -103,38 +103,6 @@ TEST_F(NodePointerTest, FreedIdNoLongerResolvesAndItsEntryComesBackUnderAnotherI
     EXPECT_EQ(pointers->getNode(again), node(11));
 }
 
-TEST_F(NodePointerTest, VersionShowsFromTheInstanceAfterItsEntry) {
-    FileId const id = pointers->newId(node(1), in(3));
-    EXPECT_EQ(pointers->newInstance(id, node(2), in(5)), in(3));
-    EXPECT_EQ(pointers->newInstance(id, node(3), in(5)), in(5)) << "the same instance again";
-    struct {
-        std::uint32_t instance;
-        std::uint64_t node;
-    } const cases[] = {{1, 0}, {3, 0}, {4, 1}, {5, 1}, {6, 3}, {100, 3}};
-    for (auto const& c : cases)
-        EXPECT_EQ(pointers->getInstance(id, in(c.instance)), node(c.node)) << c.instance;
-    std::vector<Instance> list;
-    EXPECT_TRUE(pointers->instanceList(id, list));
-    EXPECT_EQ(list, (std::vector{in(3), in(5)}));
-}
-
-TEST_F(NodePointerTest, FreeingTheHeadKeepsTheIdOnTheOlderVersion) {
-    FileId const id = pointers->newId(node(1), in(1));
-    for (std::uint32_t i = 2; i <= 3; ++i)
-        EXPECT_EQ(pointers->newInstance(id, node(i), in(i)), in(i - 1));
-    EXPECT_FALSE(pointers->freeId(id)) << "has older versions";
-    NodeNumber freed;
-    EXPECT_TRUE(pointers->freeInstance(id, in(3), freed));
-    EXPECT_EQ(freed, node(3));
-    EXPECT_EQ(pointers->getNode(id), node(2));
-    EXPECT_EQ(pointers->getInstance(id, in(2)), node(1));
-    Instance last;
-    EXPECT_FALSE(pointers->freeInstance(id, in(3), last));
-    EXPECT_EQ(last, in(2));
-    EXPECT_TRUE(pointers->freeInstance(id, in(1), freed));
-    EXPECT_TRUE(pointers->freeId(id));
-}
-
 /// What the chains should be: instance and node of each version, newest first.
 using Model = std::map<FileId, std::vector<std::pair<Instance, NodeNumber>>>;
 

@@ -197,12 +197,5 @@ TEST_F(RetireLists, ANonFinalVersionIsOnlyThereToBeJoined) {
     EXPECT_FALSE(list().retireDue());
 }
 
-TEST_F(RetireLists, ReleasingAVersionThatIsGoneIsHarmless) {
-    create();
-    store_->releaseFileNode(NodeNumber{999999}, true);
-    store_->releaseFileNode(NodeNumber{}, false);
-    EXPECT_TRUE(writeFile("a", "1"));
-}
-
 } // namespace
 } // namespace Replication

@@ -213,7 +213,7 @@ TEST_F(SnapshotDirectories_, DirscanTellsEveryName) {
     FileId const folder = make(root(), "folder", directoryType);
     ASSERT_TRUE(make(root(), "hidden", fileType, LiveMode::LiveOnly));
     Instance const instance = snapshot();
-    Morva::PagedList list(directory_.filePath("list"));
+    Morva::PagedList list(root_.filePath("list"));
     std::uint32_t count = 0;
     auto const version = store().passiveHandle(root(), instance);
     ASSERT_TRUE(snapshots().dirscan(count, list, *version, root(), instance));
@@ -254,7 +254,7 @@ TEST_F(SnapshotDirectories_, DamagedPageEndsEveryScan) {
     EXPECT_TRUE(part.eof);
     EXPECT_EQ(part.names.size(), 100);
     std::uint32_t count = 0;
-    Morva::PagedList list(directory_.filePath("list"));
+    Morva::PagedList list(root_.filePath("list"));
     EXPECT_FALSE(snapshots().dirscan(count, list, *version, root(), instance));
     EXPECT_EQ(count, 100u);
     // A name that fits before the damage is entered there, any other is refused.

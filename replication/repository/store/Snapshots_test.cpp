@@ -7,7 +7,6 @@
 #include <QFile>
 
 #include <algorithm>
-#include <chrono>
 #include <map>
 #include <random>
 
@@ -137,28 +136,6 @@ TEST_F(Snapshots, MarkingHasItsRules) {
     EXPECT_TRUE(list().markSnapshot(reason, Instance{1})); // never indexed
     reopen();
     EXPECT_TRUE(list().find(Instance{2})->markedForDeletion());
-}
-
-TEST_F(Snapshots, AnalysisIsKept) {
-    create();
-    std::uint64_t size = 0, directories = 0, files = 0;
-    EXPECT_FALSE(list().isSnapshotAnalyzed(size, directories, files, Instance{1}));
-    EXPECT_TRUE(list().snapshotAnalyzed(Instance{1}, 1, 2, 3));
-    EXPECT_FALSE(list().snapshotAnalyzed(Instance{2}, 1, 2, 3));
-    reopen();
-    EXPECT_TRUE(list().isSnapshotAnalyzed(size, directories, files, Instance{1}));
-    EXPECT_EQ(3u, files);
-}
-
-TEST_F(Snapshots, TakingOneCostsTheSameForAnyTree) {
-    create();
-    for (int i = 0; i < 2000; ++i)
-        ASSERT_TRUE(writeFile(QString::number(i), "x"));
-    auto const start = std::chrono::steady_clock::now();
-    for (int i = 0; i < 10; ++i)
-        (void)snapshot();
-    auto const spent = std::chrono::steady_clock::now() - start;
-    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(spent).count(), 500);
 }
 
 TEST_F(Snapshots, EqualContentsAreSharedAfterASnapshot) {
