@@ -3,6 +3,7 @@
 #include "peers/model/Player.h"
 
 #include "peers/morva/FileTree.h"
+#include "replication/repository/statistics/SnapshotAnalysis.h"
 #include "replication/repository/store/Store.h"
 #include "replication/repository/streams/StreamHandle.h"
 
@@ -14,6 +15,7 @@ namespace Morva::Model {
 
 using Replication::FileId;
 using Replication::Instance;
+using Replication::SnapshotAnalysis;
 
 namespace {
 
@@ -132,6 +134,32 @@ private:
     int count_ = 0;
 };
 
+/// The analysis of a snapshot against a count of the model's names.
+std::string compareFigures(Replication::Store const& store, std::uint32_t instance,
+                           ObjectPointer const& tree) {
+    std::uint64_t size = 0;
+    std::uint64_t directories = 1; // the top
+    std::set<Object const*> files;
+    for (auto const& name : allNames(tree)) {
+        if (name.object->kind == Kind::Directory)
+            ++directories;
+        else if (files.insert(name.object.get()).second)
+            size += name.object->content.size();
+    }
+    SnapshotAnalysis analysis(
+        store.fileHandle(store.rootId(), Instance{instance}, Replication::FileHandle::Snapshot));
+    while (analysis.step() == SnapshotAnalysis::State::Walking)
+        continue;
+    if (analysis.state() == SnapshotAnalysis::State::Done && analysis.logicalSize() == size &&
+        analysis.directoryCount() == directories && analysis.fileCount() == files.size())
+        return {};
+    std::ostringstream text;
+    text << "analysis of snapshot " << instance << ": " << analysis.logicalSize() << " bytes, "
+         << analysis.directoryCount() << " directories, " << analysis.fileCount()
+         << " files, and not " << size << ", " << directories << ", " << files.size() << '\n';
+    return text.str();
+}
+
 } // namespace
 
 std::string Player::differences() {
@@ -143,10 +171,13 @@ std::string Player::differences() {
         return comparison.text();
     };
     auto result = compare(Instance{0}, tree_, "live");
-    for (auto const& [instance, tree] : snapshots_)
+    for (auto const& [instance, tree] : snapshots_) {
         // The one before anything was done has no top yet.
-        if (instance != firstSnapshot_)
-            result += compare(Instance{instance}, tree, "snapshot " + std::to_string(instance));
+        if (instance == firstSnapshot_)
+            continue;
+        auto const title = "snapshot " + std::to_string(instance);
+        result += compare(Instance{instance}, tree, title) + compareFigures(*store, instance, tree);
+    }
     return result;
 }
 

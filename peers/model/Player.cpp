@@ -58,6 +58,7 @@ Player::Player(QString const& rootPath, std::uint64_t seed) : rootPath_(rootPath
     options.clock = [this] { return clock_; };
     logger_ = std::make_unique<OperationLogger>(options, sink_);
     root_ = std::make_unique<Root>(rootPath_);
+    poolWithoutStore_ = poolInUse();
     root_->addSource(storeName, sourceRoot, {hugeSuffix});
     open();
     snapshot();
@@ -78,6 +79,8 @@ Player::~Player() {
 void Player::open() {
     if (!root_)
         root_ = std::make_unique<Root>(rootPath_);
+    if (root_->sources().isEmpty())
+        return;
     replay_ = std::make_unique<Replay>(*root_, root_->source(storeName), output_);
     sink_.replay(replay_.get());
 }
@@ -554,6 +557,16 @@ void Player::removeEverything() {
         if (instance != last)
             root_->store(root_->source(storeName))->snapshots().deleteSnapshot(Instance{instance});
     std::erase_if(snapshots_, [last](auto const& each) { return each.first != last; });
+    applyPool();
+}
+
+void Player::eraseStore() {
+    for (auto const& file : open_)
+        must(logger_->close(file.fileId), "close");
+    open_.clear();
+    replay_->end();
+    replay_.reset();
+    root_->erase(storeName, true);
     applyPool();
 }
 

@@ -48,10 +48,14 @@ public:
     [[nodiscard]] std::string faults();
     /// Removes every file and every snapshot that can go.
     void removeEverything();
+    /// Erases the store as it stands, with all its snapshots. Nothing but `poolInUse` and `faults`
+    /// may be called then.
+    void eraseStore();
     /// The pool's figures that tell what is in use, as text.
     [[nodiscard]] std::string poolInUse();
-    /// As `poolInUse` for a repository in which nothing was ever done.
+    /// As `poolInUse` for a repository in which nothing was ever done, and for one without a store.
     [[nodiscard]] std::string const& poolAtStart() const { return poolAtStart_; }
+    [[nodiscard]] std::string const& poolWithoutStore() const { return poolWithoutStore_; }
 
     [[nodiscard]] std::map<std::string, int> const& counts() const { return counts_; }
 
@@ -117,6 +121,7 @@ private:
     std::vector<OpenFile> open_;
     std::map<std::string, int> counts_;
     std::string poolAtStart_;
+    std::string poolWithoutStore_;
     std::uint32_t firstSnapshot_ = 0;
 };
 

@@ -17,12 +17,13 @@ struct CommandLine {
     ExitCode& code;
 };
 
-void addRootCommands(CommandLine& line);     ///< init, stats
-void addLogCommands(CommandLine& line);      ///< log, replay, replicate
-void addSnapshotCommands(CommandLine& line); ///< snapshot, snapshots, delete-snapshot, dedup
-void addBrowseCommands(CommandLine& line);   ///< ls, cat, diff, versions, find
-void addRestoreCommand(CommandLine& line);   ///< restore
-void addCheckCommand(CommandLine& line);     ///< check
-void addInspectCommand(CommandLine& line);   ///< inspect
+void addRootCommands(CommandLine& line);       ///< init, erase
+void addLogCommands(CommandLine& line);        ///< log, replay, replicate
+void addSnapshotCommands(CommandLine& line);   ///< snapshot, snapshots, delete-snapshot, dedup
+void addBrowseCommands(CommandLine& line);     ///< ls, cat, diff, versions, find
+void addRestoreCommand(CommandLine& line);     ///< restore
+void addCheckCommand(CommandLine& line);       ///< check
+void addInspectCommand(CommandLine& line);     ///< inspect
+void addStatisticsCommands(CommandLine& line); ///< stats, analyze
 
 } // namespace Morva

@@ -44,7 +44,7 @@ protected:
         std::filesystem::remove_all(path, error);
     }
 
-    [[nodiscard]] Replication::StorePointer store() { return root->store(root->source("main")); }
+    [[nodiscard]] Replication::StorePointer store() { return root->store(root->source(storeName)); }
     /// Runs `log` with a logger, and applies what it logged to the store.
     template <class Log> void apply(Log&& log) {
         auto const name = path + "/log";
@@ -60,7 +60,7 @@ protected:
         nextLog_ = logger.nextSequenceNumber();
         ASSERT_EQ(::lseek(file, 0, SEEK_SET), 0);
         Replication::LogReadAhead input(file);
-        Replay replay(*root, root->source("main"), output);
+        Replay replay(*root, root->source(storeName), output);
         ASSERT_EQ(replay.readAll(input), "");
         ASSERT_EQ(replay.counts().failed, 0U);
         replay.levelWithSource();
@@ -99,6 +99,7 @@ protected:
     std::string source = path + "/source";
     std::string target = path + "/target";
     std::string problems;
+    char const* storeName = "main"; ///< that the operations work on
     Output output;
     std::optional<Root> root;
 

@@ -46,6 +46,10 @@ QString openMark() {
     return FixedPath::runtime() + "/open";
 }
 
+QString stateFile(Root::Source const& source) {
+    return FixedPath::runtime() + "/state-" + QString::number(source.id);
+}
+
 void setRoot(QString const& path) {
     if (!FixedPath::setRoot(path))
         throw CommandFailure(ExitCode::Failed, "the \"paths.cfg\" of " + path + " can't be read");
@@ -166,7 +170,9 @@ void Root::readSources() {
         if (source.name.isEmpty() || source.id == 0)
             throw CommandFailure(ExitCode::Failed, configFile("sources.cfg") + " is damaged");
         sources_ += source;
+        lastId_ = std::max(lastId_, source.id);
     }
+    lastId_ = std::max(lastId_, list.get("LastId", std::uint32_t{0}));
     ruleSet_ = Replication::latestRuleSetId();
 }
 
@@ -202,11 +208,14 @@ Root::Source const& Root::source(QString const& name) const {
 
 Root::Source const& Root::addSource(QString const& name, QString const& sourceRoot,
                                     QStringList const& dedupExclude) {
-    std::uint32_t highest = 0;
-    for (auto const& source : sources_)
-        highest = std::max(highest, source.id);
-    sources_ += Source{name, sourceRoot, highest + 1, dedupExclude};
+    sources_ += Source{name, sourceRoot, ++lastId_, dedupExclude};
+    saveSources();
+    return sources_.back();
+}
+
+void Root::saveSources() {
     XmlList all;
+    all.set("LastId", lastId_);
     for (auto const& source : std::as_const(sources_)) {
         XmlList entry;
         entry.set("Name", source.name);
@@ -218,7 +227,6 @@ Root::Source const& Root::addSource(QString const& name, QString const& sourceRo
     }
     writeRules();
     save("sources.cfg", all);
-    return sources_.back();
 }
 
 void Root::writeRules() {
@@ -238,7 +246,7 @@ void Root::writeRules() {
     ++ruleSet_;
 }
 
-StorePointer Root::store(Source const& source) {
+StorePointer Root::store(Source const& source, Marked marked) {
     StoreId const id{source.id};
     for (auto const& store : std::as_const(open_))
         if (store->id() == id)
@@ -247,19 +255,70 @@ StorePointer Root::store(Source const& source) {
                                  "repository-" + source.name);
     auto const exists = QFile::exists(Store::directoryOf(id) + "/files");
     auto store = exists ? Store::open(id, identity) : Store::create(id, identity, true);
+    if (!store && exists) {
+        store = Store::open(id, true);
+        if (store && !store->markedForDeletion())
+            store.reset();
+        if (store && marked == Marked::Refused)
+            throw CommandFailure(ExitCode::Failed, "the store " + source.name +
+                                                       " waits for its deletion: 'morva erase " +
+                                                       source.name + "' ends it");
+    }
     if (!store)
         throw CommandFailure(ExitCode::Failed, "the store " + source.name + " does not open");
     open_ += store;
     return store;
 }
 
+void Root::markForDeletion(Source const& source, bool deactivate) {
+    open_.removeIf([&](StorePointer const& store) { return store->id().value == source.id; });
+    StoreId const id{source.id};
+    if (Store::list().contains(id))
+        throw CommandFailure(ExitCode::Failed, "The store is currently in use");
+    auto const store = Store::open(id, true);
+    if (!store)
+        throw CommandFailure(ExitCode::Failed, "the store " + source.name + " does not open");
+    if (store->markedForDeletion())
+        return;
+    if (store->active() && !deactivate)
+        throw CommandFailure(ExitCode::Failed, "the store " + source.name +
+                                                   " is active, since the rules feed it: give "
+                                                   "--deactivate to end that and erase it");
+    store->active(false);
+    if (!store->markForDeletion())
+        throw CommandFailure(ExitCode::Failed, "The store is in the wrong state to be deleted");
+    // The mark stands when the last pointer goes, and nobody can open the store from then on.
+}
+
+void Root::erase(QString const& name, bool deactivate) {
+    // An empty name is most likely one that got lost on the way here.
+    if (!hasSource(name))
+        throw CommandFailure(ExitCode::Failed, "there is no store named \"" + name + '"');
+    Source const source = this->source(name);
+    StoreId const id{source.id};
+    // Without "files" an erasing had come to its end but for what follows here.
+    auto const exists = QFile::exists(Store::directoryOf(id) + "/files");
+    if (exists)
+        markForDeletion(source, deactivate);
+    QFile::remove(stateFile(source));
+    if (auto const store = exists ? Store::open(id, true) : StorePointer();
+        store && !store->erase())
+        throw CommandFailure(ExitCode::Failed,
+                             "not all of the store " + name + " could be erased; try again");
+    QDir(Store::directoryOf(id)).removeRecursively();
+    sources_.removeIf([&](Source const& each) { return each.id == source.id; });
+    saveSources();
+    drain(false);
+}
+
 std::unique_ptr<RepositoryPosix> Root::sink(Source const& source) {
     auto const target = store(source);
+    target->active(true);
     RepositoryPosix::Identity identity;
     identity.name = "repository-" + source.name;
     identity.sourceMachine = Context::machineName().name();
     identity.target = source.name;
-    identity.stateFile = FixedPath::runtime() + "/state-" + QString::number(source.id);
+    identity.stateFile = stateFile(source);
     identity.ruleSet = ruleSet_;
     auto sink = std::make_unique<RepositoryPosix>(identity, ReplayId{source.id}, target, streams_);
     if (!sink->start())

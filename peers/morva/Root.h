@@ -70,9 +70,17 @@ public:
                             QStringList const& dedupExclude = {});
     [[nodiscard]] bool hasSource(QString const& name) const;
 
-    /// The open store of a source; makes it if it has never been there.
-    [[nodiscard]] Replication::StorePointer store(Source const& source);
-    /// A started sink on the store of a source.
+    /// The open store of a source; makes it if it has never been there. A store that is marked for
+    /// deletion can only be looked at, and is not given otherwise.
+    enum class Marked { Refused, Given };
+    [[nodiscard]] Replication::StorePointer store(Source const& source,
+                                                  Marked marked = Marked::Refused);
+    /// Erases a store for good, with all that only it holds in the pool, and takes it out of
+    /// sources.cfg and the rules. Refused, with nothing changed, while the store is active, that
+    /// is, while the rules feed it, unless `deactivate`; and while somebody holds it. What was
+    /// begun can be done again after an end in between. The background threads must not run.
+    void erase(QString const& name, bool deactivate);
+    /// A started sink on the store of a source, which is active from then on.
     [[nodiscard]] std::unique_ptr<Replication::RepositoryPosix> sink(Source const& source);
 
     /// Starts the background threads: cleanup of deleted streams.
@@ -86,13 +94,16 @@ public:
 private:
     void checkIfUnclean(For purpose);
     void readSources();
+    void saveSources();
     void writeRules();
+    void markForDeletion(Source const& source, bool deactivate);
     void openPool();
     void flush();
 
     QString path_;
     Lock lock_;
     QList<Source> sources_;
+    std::uint32_t lastId_ = 0; ///< given to a store; ids aren't given twice
     std::uint32_t ruleSet_ = 0;
     std::shared_ptr<Replication::Streams> streams_;
     std::unique_ptr<Replication::CleanupWorker> cleanup_;

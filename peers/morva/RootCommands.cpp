@@ -1,8 +1,10 @@
 #include "peers/morva/Commands.h"
 #include "peers/morva/Root.h"
-#include "replication/repository/store/Store.h"
 
 #include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <memory>
 
 namespace Morva {
 
@@ -16,45 +18,27 @@ void init(CommandLine& line) {
                         {{"root", line.output.root}});
 }
 
-QJsonValue jsonValue(XmlListIterator const& item) {
-    switch (item.type()) {
-    case XmlList::ValueTypeE::Bool:
-        return item.getBool();
-    case XmlList::ValueTypeE::String:
-        return item.getString();
-    default:
-        return jsonNumber(item.getUint64());
-    }
-}
-
-/// The plain values of a list of figures.
-void printFigures(Output const& output, QString const& title, QString const& type,
-                  XmlList const& list) {
-    QJsonObject object;
-    QString text = title;
-    for (XmlListIterator item(list); item; ++item) {
-        if (item.type() == XmlList::ValueTypeE::List || item.type() == XmlList::ValueTypeE::Buffer)
-            continue;
-        auto const value = jsonValue(item);
-        object.insert(item.name(), value);
-        text += QStringLiteral("\n  %1 %2")
-                    .arg(item.name().leftJustified(40), value.toVariant().toString());
-    }
-    object.insert("name", title);
-    output.result(text, type, object);
-}
-
-void stats(CommandLine& line) {
-    Root root(line.output.root, Root::For::Reading);
+/// Bytes of contents that are in use.
+std::uint64_t usedData(Root& root) {
     XmlList pool;
     root.pool().statistics(pool);
-    printFigures(line.output, QStringLiteral("pool"), "pool", pool.getXmlList(nullptr, "Streams"));
-    for (auto const& source : root.sources()) {
-        XmlList figures;
-        root.store(source)->statistics(figures);
-        printFigures(line.output, source.name, "store", figures);
-    }
+    return pool.getXmlList(nullptr, "Streams").get("StreamsUsedStreamData", std::uint64_t{0});
+}
+
+void erase(CommandLine& line, QString const& name, bool deactivate) {
+    Stopwatch const watch;
+    Root root(line.output.root);
+    auto const before = usedData(root);
+    root.erase(name, deactivate);
+    auto const after = usedData(root);
     root.finish();
+    auto const freed = before - std::min(before, after);
+    line.output.summary(
+        QStringLiteral("the store %1 is gone, which freed %2 of contents, in %3 s")
+            .arg(name, readableSize(freed))
+            .arg(watch.seconds(), 0, 'f', 2),
+        "erased",
+        {{"store", name}, {"freedBytes", jsonNumber(freed)}, {"seconds", watch.seconds()}});
 }
 
 } // namespace
@@ -63,8 +47,19 @@ void addRootCommands(CommandLine& line) {
     line.app.add_subcommand("init", "Makes a repository")->callback([line]() mutable {
         init(line);
     });
-    line.app.add_subcommand("stats", "Prints the figures of the pool and the stores")
-        ->callback([line]() mutable { stats(line); });
+    struct Arguments {
+        std::string store;
+        bool deactivate = false;
+    };
+    auto const given = std::make_shared<Arguments>();
+    auto* const erasing = line.app.add_subcommand(
+        "erase", "Erases a store with all its snapshots and what only it holds");
+    erasing->add_option("store", given->store, "Name of the store")->required();
+    erasing->add_flag("--deactivate", given->deactivate,
+                      "Also a store that is active: take it out of the rules");
+    erasing->callback([line, given]() mutable {
+        erase(line, QString::fromStdString(given->store), given->deactivate);
+    });
 }
 
 } // namespace Morva

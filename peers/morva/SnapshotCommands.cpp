@@ -66,7 +66,7 @@ void listSnapshots(CommandLine& line, Arguments const& given) {
             continue;
         if (!line.output.json && root.sources().size() > 1)
             line.output.result(source.name + ':', {}, {});
-        for (auto const& file : root.store(source)->snapshots().all())
+        for (auto const& file : root.store(source, Root::Marked::Given)->snapshots().all())
             if (isVisible(*file))
                 printSnapshot(line.output, source, *file);
     }

@@ -70,6 +70,7 @@ int run(int argc, char** argv) {
     addRestoreCommand(line);
     addCheckCommand(line);
     addInspectCommand(line);
+    addStatisticsCommands(line);
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& error) {
