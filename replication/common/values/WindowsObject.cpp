@@ -68,7 +68,10 @@ std::optional<WindowsAttributes> WindowsAttributes::decode(Extent const& record,
     WindowsAttributes result;
     std::size_t at = 0;
     auto const* const bytes = record.bytes();
-    for (left = record.size; left != 0; left = record.size - static_cast<std::uint32_t>(at)) {
+    left = record.size;
+    if (record.size > maximumList)
+        return std::nullopt;
+    for (; left != 0; left = record.size - static_cast<std::uint32_t>(at)) {
         auto const head = aligned(at);
         // What a sender aligned behind the last entry holds nothing more.
         if (head >= record.size)

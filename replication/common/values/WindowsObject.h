@@ -33,6 +33,8 @@ public:
     static constexpr std::uint32_t headSize = 12;
     static constexpr std::uint32_t maximumName = 255;
     static constexpr std::uint32_t maximumValue = 65535;
+    /// A longer list is damage: NTFS lets one file have 64 KiB, with smaller heads.
+    static constexpr std::uint32_t maximumList = 4 * 65536;
 
     struct Entry {
         QByteArray name;
@@ -51,8 +53,8 @@ public:
     /// Empty when there are no attributes.
     [[nodiscard]] QByteArray encode() const;
     /// Entries as they stand, also several of one name and with empty values. Nothing when a head
-    /// is cut short or its lengths are out of bounds or go beyond the record. `left` gets the
-    /// bytes behind the last whole entry.
+    /// is cut short, its lengths are out of bounds or go beyond the record, or the record is longer
+    /// than `maximumList`. `left` gets the bytes behind the last whole entry.
     [[nodiscard]] static std::optional<WindowsAttributes> decode(Morva::Extent const& record,
                                                                  std::uint32_t& left);
     /// One more entry behind those that are there, whatever its name. For those who make lists.

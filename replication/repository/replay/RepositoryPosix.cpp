@@ -15,27 +15,11 @@ using Morva::LogLine;
 
 namespace {
 
-/// A larger "Ea" or "Security" stream is damage: Linux bounds what one file can have.
-constexpr std::uint64_t maximumSmallStream = 16 * 1024 * 1024;
-
 QString streamName(char16_t const* name) {
     return QString::fromUtf16(name);
 }
 
 } // namespace
-
-QByteArray RepositoryPosix::readWhole(SinkHandle const& handle, char16_t const* name) {
-    auto const stream = handle.activeHandle->fileNode()->openStream(streamName(name));
-    if (!stream)
-        return {};
-    auto const length = stream->length();
-    if (length > maximumSmallStream)
-        return {};
-    QByteArray bytes(static_cast<qsizetype>(length), '\0');
-    auto const count = stream->read(0, bytes.data(), static_cast<std::uint32_t>(length));
-    bytes.truncate(static_cast<qsizetype>(count));
-    return bytes;
-}
 
 bool RepositoryPosix::replayBody(LogEntry const& log) {
     MORVA_TRACE(Debug) << "Process packet" << static_cast<std::uint32_t>(log.type());
@@ -108,14 +92,6 @@ RepositoryPosix::Place RepositoryPosix::place(std::string_view path, bool isDire
     return translate(parts, path) ? place(std::move(parts), isDirectory) : Place{};
 }
 
-RepositoryPosix::Place RepositoryPosix::place(QStringList path, bool isDirectory) const {
-    Place result;
-    result.path = std::move(path);
-    result.opType = operation(result.path, isDirectory);
-    result.space = result.opType == NotToBackup::eExcluded ? Space::Excluded : Space::Inside;
-    return result;
-}
-
 RepositoryPosix::SinkHandlePointer RepositoryPosix::makeObject(LogEntry const& log,
                                                                Place const& place,
                                                                PosixSecurity const& security) {
@@ -132,14 +108,8 @@ RepositoryPosix::SinkHandlePointer RepositoryPosix::makeObject(LogEntry const& l
         return paths.createStream(context, place.path, streamName(PosixStream::data), file);
     auto const located = store().directories().locate(place.path, PathMode::DoNotBuildPath);
     auto handle = paths.createObject(context, place.path, file);
-    if (handle && located.found && located.key.isDirectory()) {
-        auto const link = handle->link;
-        handle->activeHandle->attributes(link, file.attributes);
-        handle->activeHandle->owner(link, file.owner);
-        if (!paths.replaceContent(context, *handle, streamName(PosixStream::security),
-                                  file.security))
-            return nullptr;
-    }
+    if (handle && located.found && located.key.isDirectory() && !describe(context, *handle, file))
+        return nullptr;
     return handle;
 }
 
@@ -232,11 +202,9 @@ bool RepositoryPosix::opLinkPosix(LogEntry const& log) {
     }
     auto const context = this->context(log, to.path, to.opType);
     auto const source = store().directories().locate(from.path, PathMode::DoNotBuildPath);
-    auto const there = store().directories().locate(to.path, PathMode::DoNotBuildPath);
-    if (source.found && there.found && source.key.fileId() == there.key.fileId())
-        return true;
-    if ((!there.found || store().paths().unlink(context, to.path)) &&
-        store().paths().link(context, from.path, to.path))
+    auto const name = freeName(context, to.path, source.found ? source.key.fileId() : FileId{});
+    if (name == Name::Present ||
+        (name == Name::Free && store().paths().link(context, from.path, to.path)))
         return true;
     MORVA_TRACE(Always) << "Failed to link" << from.path.join(u'/') << to.path.join(u'/');
     return false;
@@ -265,9 +233,7 @@ bool RepositoryPosix::opTruncatePosix(LogEntry const& log) {
     if (known) {
         if (known->type != SinkHandle::Valid)
             return true;
-        FileContext through;
-        through.sourceTime = log.time();
-        return store().paths().truncate(through, *known, log.size(), log.bodyFlags());
+        return store().paths().truncate(through(log), *known, log.size(), log.bodyFlags());
     }
     auto const where = place(log.file(), false);
     return where.space != Space::Inside ||
@@ -288,30 +254,8 @@ bool RepositoryPosix::opWritePath(LogEntry const& log) {
                                  log.data().size);
 }
 
-bool RepositoryPosix::validWrite(LogEntry const& log) const {
-    if (log.length() == log.data().size)
-        return true;
-    MORVA_TRACE(Always) << "mismatching write lengths" << log.length() << log.data().size
-                        << "Failed to write to OpenSeqNo" << log.fileId();
-    LogLine(QStringLiteral("Replication"), LogLevelE::Error)
-        << "Filter on source node '%1m' logged an invalid write operation"
-        << identity().sourceMachine;
-    return false;
-}
-
 bool RepositoryPosix::writeOp(LogEntry const& log) {
-    if (!validWrite(log))
-        return true;
-    auto const data = log.data();
-    auto const known = handle(log.fileId());
-    if (known->type != SinkHandle::Valid)
-        return true;
-    FileContext through;
-    through.sourceTime = log.time();
-    if (store().paths().write(through, *known, log.offset(), data.data, data.size))
-        return true;
-    MORVA_TRACE(Always) << "Failed to write to OpenSeqNo" << log.fileId();
-    return false;
+    return writeOpen(log);
 }
 
 bool RepositoryPosix::opResyncPosix(LogEntry const& log) {
@@ -326,10 +270,7 @@ bool RepositoryPosix::opResyncPosix(LogEntry const& log) {
 }
 
 bool RepositoryPosix::CloseOp(LogEntry const& log) {
-    if (auto const closed = removeHandle(log.fileId()))
-        MORVA_TRACE(Debug) << "Close OpenSeqNo" << log.fileId() << "Writes" << closed->id;
-    else
-        MORVA_TRACE(Normal) << "Failed to close OpenSeqNo, but ignore" << log.fileId();
+    closeOpen(log);
     return true;
 }
 

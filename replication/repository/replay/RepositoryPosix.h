@@ -17,20 +17,12 @@ public:
     using Sink::Sink;
 
 private:
-    /// Where a logged path lies.
-    enum class Space { Outside, Excluded, Inside };
-    struct Place {
-        Space space = Space::Outside;
-        NotToBackup::OpType opType = NotToBackup::eNothing;
-        QStringList path;
-    };
-
     [[nodiscard]] bool replayBody(LogEntry const& log) override;
 
     /// False for a path that doesn't start with the source root.
     [[nodiscard]] bool translate(QStringList& parts, std::string_view path) const;
     [[nodiscard]] Place place(std::string_view path, bool isDirectory) const;
-    [[nodiscard]] Place place(QStringList path, bool isDirectory) const;
+    using Sink::place;
 
     [[nodiscard]] bool opCreatePosix(LogEntry const& log);
     [[nodiscard]] bool opOopenPosix(LogEntry const& log);
@@ -60,10 +52,6 @@ private:
         SinkHandlePointer handle; ///< null, traced, when it can't be opened
     };
     [[nodiscard]] Existing existing(std::string_view path);
-    /// Tells of a write whose length isn't that of its data.
-    [[nodiscard]] bool validWrite(LogEntry const& log) const;
-    /// A small stream of an object; empty when there is none.
-    [[nodiscard]] static QByteArray readWhole(SinkHandle const& handle, char16_t const* name);
     [[nodiscard]] static PosixSecurity readSecurity(SinkHandle const& handle);
     [[nodiscard]] bool changeAttributes(LogEntry const& log,
                                         std::function<void(PosixAttributes&)> const& change);

@@ -94,7 +94,7 @@ RepositoryPosix::Existing RepositoryPosix::existing(std::string_view path) {
 }
 
 PosixSecurity RepositoryPosix::readSecurity(SinkHandle const& handle) {
-    auto const record = readWhole(handle, PosixStream::security);
+    auto const record = readWhole(handle, QString::fromUtf16(PosixStream::security));
     if (auto const security = PosixSecurity::decode(Morva::Extent(record)))
         return *security;
     // Only a directory that was made because a path needed it has none.
@@ -110,7 +110,7 @@ bool RepositoryPosix::changeAttributes(LogEntry const& log,
     if (!object.handle)
         return false;
     auto const& where = object.place;
-    auto const record = readWhole(*object.handle, PosixStream::attributes);
+    auto const record = readWhole(*object.handle, QString::fromUtf16(PosixStream::attributes));
     auto attributes = PosixAttributes::decode(Morva::Extent(record));
     if (!attributes) {
         MORVA_TRACE(Always) << "Damaged extended attributes of" << where.path.join(u'/');

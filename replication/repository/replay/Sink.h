@@ -69,6 +69,33 @@ protected:
 
     std::uint32_t closedGracePeriod() const override;
 
+    /// Where a logged path lies.
+    enum class Space { Outside, Excluded, Inside };
+    struct Place {
+        Space space = Space::Outside;
+        NotToBackup::OpType opType = NotToBackup::eNothing;
+        QStringList path;
+    };
+    /// Asks the exclusions for a path of the store.
+    [[nodiscard]] Place place(QStringList path, bool isDirectory) const;
+    /// What a log says of an operation on an open file.
+    [[nodiscard]] static FileContext through(LogEntry const& log);
+    /// Tells of a write whose length isn't that of its data.
+    [[nodiscard]] bool validWrite(LogEntry const& log) const;
+    /// Writes through the handle of the log's number, if it is a valid one; false when that fails.
+    [[nodiscard]] bool writeOpen(LogEntry const& log);
+    /// Takes the handle of the log's number out and traces its end; null if there is none.
+    SinkHandlePointer closeOpen(LogEntry const& log);
+    /// A small stream of an object; empty when there is none.
+    [[nodiscard]] static QByteArray readWhole(SinkHandle const& handle, QString const& stream);
+    /// Gives an object that was there what a new one is made with; false on failure.
+    [[nodiscard]] bool describe(FileContext const& context, SinkHandle& handle,
+                                PathOperations::NewFile const& file);
+    /// What a further name of a file meets.
+    enum class Name { Free, Present, Failed };
+    /// Frees a name for the file of that id, unless it is one of the file already.
+    [[nodiscard]] Name freeName(FileContext const& context, QStringList const& path, FileId file);
+
 private:
     [[nodiscard]] bool saveRules(std::uint32_t ruleSet, QString const& target);
     void loadSuppressedFiles();
