@@ -93,7 +93,8 @@ public:
     /// A further name for the file of `from`; directories on the way are made.
     [[nodiscard]] bool link(NotToBackup::OpType opType, DirKey& from, QStringList const& path);
     /// Moves a name. What has the new name is removed first, unless it is a directory with names.
-    /// A directory can't be moved into itself or below itself.
+    /// A directory can't be moved into itself or below itself. A name that is the same but for its
+    /// case is spelled anew; onto itself nothing changes.
     [[nodiscard]] bool rename(NotToBackup::OpType opType, ActiveHandle& handle, DirKey& from,
                               DirKey& to, QString const& toName);
     /// Moves a name to a path that must be free; directories on the way are made. Then applies the
@@ -165,6 +166,8 @@ private:
     [[nodiscard]] bool moveName(NotToBackup::OpType opType, ActiveHandle& handle, DirKey& from,
                                 DirKey& to, QString const& toName);
     [[nodiscard]] bool isBelow(FileId directory, FileId ancestor);
+    /// A name as its entry has it; empty on failure.
+    [[nodiscard]] QString spelling(DirKey const& key);
     void tellRenamed(DirKey const& to, QString const& toName);
 
     [[nodiscard]] Step checkPages(NotToBackup const& rules, CheckFrame& frame, QStringList& path);

@@ -26,7 +26,8 @@ bool Directories::rename(NotToBackup::OpType opType, ActiveHandle& handle, DirKe
         (void)findName(target);
         return false;
     }
-    if (to.sameName(from)) {
+    bool const sameName = to.sameName(from);
+    if (sameName && spelling(from) == toName) {
         MORVA_TRACE(Normal) << "Already renamed" << to.name();
         return true;
     }
@@ -40,7 +41,7 @@ bool Directories::rename(NotToBackup::OpType opType, ActiveHandle& handle, DirKe
         return false;
     }
     DirKey existing(to.directoryId(), to.name(), 0);
-    bool const found = find(existing);
+    bool const found = !sameName && find(existing);
     MORVA_TRACE(Debug) << "Check" << to.name() << "exists or not" << found;
     if (found) {
         MORVA_TRACE(Verbose) << "Destination already exists, delete it" << to.name();
@@ -60,6 +61,12 @@ bool Directories::rename(NotToBackup::OpType opType, ActiveHandle& handle, DirKe
         handle.liveOnly(to.link(), to.liveOnly());
     tellRenamed(to, toName);
     return scope.result(true);
+}
+
+QString Directories::spelling(DirKey const& key) {
+    OpenDirectories::Pointer const open = open_.get(key.directoryId(), "rename");
+    std::uint8_t* const entry = open ? entryOf(*open, key) : nullptr;
+    return entry ? DirectoryEntry(entry).name().toString() : QString();
 }
 
 bool Directories::moveName(NotToBackup::OpType opType, ActiveHandle& handle, DirKey& from,
@@ -128,7 +135,7 @@ bool Directories::rename(NotToBackup::OpType opType, NotToBackup const& rules, A
         return false;
     }
     Located const target = locate(path, PathMode::BuildPath);
-    if (target.found) {
+    if (target.found && !target.key.sameName(from)) {
         MORVA_TRACE(Always) << "Destination path exists" << path.join(QLatin1Char('/'));
         return false;
     }

@@ -294,7 +294,7 @@ bool PathOperations::rename(FileContext const& context, NotToBackup const& exclu
     if (!handle)
         return scope.result(false);
     Directories::Located target = directories.locate(to, PathMode::DoNotBuildPath);
-    if (target.found) {
+    if (target.found && !target.key.sameName(source.key)) {
         // Two names of one file: nothing moves, as at the source.
         if (target.key.fileId() == source.key.fileId())
             return scope.result(true);

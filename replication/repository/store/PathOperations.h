@@ -62,7 +62,8 @@ public:
                             QStringList const& to);
     /// A name that is gone already is no failure.
     [[nodiscard]] bool unlink(FileContext const& context, QStringList const& path);
-    /// What has the new name is deleted first; two names of one file stay both.
+    /// What has the new name is deleted first; two names of one file stay both. A name that
+    /// differs in case alone, in a store that compares without it, is spelled anew.
     [[nodiscard]] bool rename(FileContext const& context, NotToBackup const& exclusions,
                               QStringList const& from, QStringList const& to);
     [[nodiscard]] bool write(FileContext const& context, QStringList const& path,
