@@ -15,6 +15,7 @@ constexpr std::uint32_t liveMark = 0x50A6E11E;
 constexpr std::uint32_t deadMark = 0xDEADF4A3;
 constexpr std::size_t smallestTable = 64;
 constexpr std::uint32_t runLimitBytes = 262144;
+constexpr std::uint32_t aheadBytes = 4096;
 constexpr std::uint32_t freeFrameLimit = 32;
 constexpr unsigned victimTries = 8;
 
@@ -43,6 +44,8 @@ void PageCache::detach() {
     table_.clear();
     table_.shrink_to_fit();
     runBytes_ = {};
+    aheadBytes_ = {};
+    expected_ = 0;
     newest_ = oldest_ = dirtyHead_ = nullptr;
     used_ = unpinned_ = freeCount_ = 0;
     file_ = nullptr;
@@ -211,14 +214,46 @@ void* PageCache::pin(std::uint64_t page) {
     }
     ++misses_;
     Frame* frame = takeFrame();
-    if (file_->readAt(page * pageSize_, frame->bytes(), pageSize_) != pageSize_) {
+    frame->number = page;
+    bool const inOrder = page - expected_ < aheadBytes / pageSize_;
+    expected_ = page + 1;
+    if ((!inOrder || !readAhead(frame)) &&
+        file_->readAt(page * pageSize_, frame->bytes(), pageSize_) != pageSize_) {
         MORVA_TRACE(Always) << "Failed to read page" << page << "of" << file_->name();
         dropFrame(frame);
         return nullptr;
     }
-    frame->number = page;
     enter(frame);
     return frame->bytes();
+}
+
+/// Reads the frame's page and those behind it that aren't here; false, with nothing done, when
+/// there are none or the read fails.
+bool PageCache::readAhead(Frame* frame) {
+    std::uint64_t const first = frame->number;
+    std::uint32_t const most = std::min(aheadBytes / pageSize_, target_ / 4);
+    std::uint32_t count = 1;
+    while (count < most && !lookup(first + count))
+        ++count;
+    if (count == 1)
+        return false;
+    aheadBytes_.resize(aheadBytes);
+    std::uint32_t const got =
+        file_->readAt(first * pageSize_, aheadBytes_.data(), count * pageSize_);
+    if (got < pageSize_)
+        return false;
+    count = got / pageSize_;
+    std::memcpy(frame->bytes(), aheadBytes_.data(), pageSize_);
+    for (std::uint32_t i = 1; i < count; ++i) {
+        Frame* const other = takeFrame();
+        std::memcpy(other->bytes(), aheadBytes_.data() + i * pageSize_, pageSize_);
+        other->number = first + i;
+        other->pins = 0;
+        enter(other);
+        park(other);
+    }
+    expected_ = first + count;
+    return true;
 }
 
 void* PageCache::pinZero(std::uint64_t page) {

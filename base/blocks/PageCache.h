@@ -15,7 +15,8 @@ namespace Morva {
 /// A pinned page keeps its address until its last pin is given back. The size is a target for
 /// the pages that nobody pins; pins come on top. The page that was used longest ago goes first,
 /// and takes its dirty neighbours to the file with it. A page that could not be written stays
-/// dirty and in the cache, which then grows; the next flush or eviction tries it again.
+/// dirty and in the cache, which then grows; the next flush or eviction tries it again. Small pages
+/// that are wanted one after the other are read several at a time.
 ///
 /// Not thread-safe. Operations that take a buffer want one that this cache gave out and that is
 /// still pinned; a null pointer and one that has no pin left are refused with an assertion text.
@@ -96,6 +97,7 @@ private:
     void setDirty(Frame* frame);
     void setClean(Frame* frame);
 
+    [[nodiscard]] bool readAhead(Frame* frame);
     Frame* takeFrame();
     Frame* newFrame();
     void dropFrame(Frame* frame);
@@ -119,6 +121,8 @@ private:
     Frame* oldest_ = nullptr;
     Frame* dirtyHead_ = nullptr;
     Frame* free_ = nullptr;
+    std::uint64_t expected_ = 0; // the page behind the last one that was read
+    std::vector<std::uint8_t> aheadBytes_;
     std::vector<std::uint8_t> runBytes_;
     std::vector<Frame*> work_;
 };

@@ -8,6 +8,7 @@
 #include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/store/SnapshotListState.h"
 #include "replication/repository/store/Store.h"
+#include "replication/repository/streams/DedupPass.h"
 #include "replication/repository/streams/DedupStatistics.h"
 #include "replication/repository/streams/OperationGate.h"
 #include "replication/repository/streams/Streams.h"
@@ -245,11 +246,16 @@ bool SnapshotList::dedupSnapshot(std::function<void()> const& checkForFreeze, In
         }
     }
     DedupStatistics statistics;
+    DedupPass pass(p_->store.streams(), checkForFreeze, statistics, buffer);
+    std::uint64_t const begin = list.position();
     bool finished = true;
     StreamId id;
     while (finished && list.read(id))
-        finished = p_->store.dedupStream(checkForFreeze, id, statistics, buffer);
+        finished = !p_->store.markedForDeletion() && pass.add(id);
+    finished = pass.finish() && finished;
     statistics.trace();
+    if (!finished)
+        (void)list.setPosition(begin + pass.done() * DedupFile::entrySize);
     p_->endDedup(instance, list, statistics, finished);
     return scope.result(finished);
 }
@@ -264,9 +270,9 @@ void SnapshotList::Private::endDedup(Instance instance, DedupFile& list,
             file->setDedupStatistics(sum);
             if (finished)
                 file->setDedupState(DedupState::Deduplicated);
-            else if (list.position() >= DedupFile::entrySize)
-                // The stream that was interrupted is done again.
-                file->setDedupOffset(list.position() - DedupFile::entrySize);
+            else
+                // The streams that were in work are done again.
+                file->setDedupOffset(list.position());
             (void)file->writeHeader();
         }
     }

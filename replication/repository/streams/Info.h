@@ -166,7 +166,8 @@ private:
     bool dirty_ = false;
     mutable bool failed_ = false;
     std::array<Level, TreeParameters::maximumDepth + 1> levels_;
-    alignas(8) std::uint8_t scratch_[TreeParameters::blockSize];
+    /// A block under work, within one call; a member would make every open stream larger by it.
+    alignas(8) static inline thread_local std::uint8_t scratch_[TreeParameters::blockSize];
 };
 
 } // namespace Replication

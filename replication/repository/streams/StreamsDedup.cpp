@@ -4,11 +4,10 @@
 #include "base/trace/Trace.h"
 #include "base/trees/BPlusTree.h"
 #include "base/trees/PagedQueue.h"
-#include "base/values/Sha1.h"
 #include "replication/repository/streams/Cleanup.h"
 #include "replication/repository/streams/DedupKey.h"
+#include "replication/repository/streams/DedupPass.h"
 #include "replication/repository/streams/Info.h"
-#include "replication/repository/streams/StreamHandle.h"
 
 #include <cstring>
 
@@ -26,36 +25,9 @@ constexpr std::uint32_t sliceBlocks = 4096;
 bool Streams::dedupStream(std::function<void()> const& checkForFreeze, StreamId id,
                           DedupStatistics& statistics, Morva::Extent& buffer) {
     MORVA_METHOD("dedupStream");
-    std::shared_ptr<StreamHandle> stream = handle(id, true);
-    if (!stream)
-        return scope.result(!stopping());
-    bool hash = false;
-    {
-        OperationGate::Enter gate;
-        hash = stream->prepareDedup(statistics) && buffer.size != 0;
-    }
-    Morva::Sha1 sha;
-    std::uint64_t offset = 0;
-    while (hash && !stopping()) {
-        if (freezing() && checkForFreeze)
-            checkForFreeze();
-        // Zeros for what can't be read would give the digest of another content.
-        auto const count = stream->readWhole(offset, buffer.data, buffer.size);
-        if (!count)
-            break;
-        sha.addData(buffer.data, *count);
-        offset += *count;
-        if (*count == buffer.size)
-            continue;
-        if (offset == stream->length()) {
-            OperationGate::Enter gate;
-            stream->setDigest(Digest::eRepDigestSha1, sha.result().data, statistics);
-        }
-        break;
-    }
-    OperationGate::Enter gate;
-    stream.reset();
-    return scope.result(!stopping());
+    DedupPass pass(*this, checkForFreeze, statistics, buffer);
+    bool const added = pass.add(id);
+    return scope.result(pass.finish() && added);
 }
 
 bool Streams::findDedup(std::uint64_t length, Digest const& digest) {
