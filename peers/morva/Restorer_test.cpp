@@ -323,14 +323,6 @@ TEST_F(RestorerTest, HostileNamesReachNothingAndARingEnds) {
     EXPECT_LT(visited, 100U);
 }
 
-TEST_F(RestorerTest, FileNamesAreToldFromOthers) {
-    for (QByteArray const& name : {QByteArray("a"), QByteArray("..."), QByteArray("\xff\n")})
-        EXPECT_TRUE(isFileName(name)) << name.toStdString();
-    for (QByteArray const& name : {QByteArray(), QByteArray("."), QByteArray(".."),
-                                   QByteArray("a/b"), QByteArray("/"), QByteArray("a\0b", 3)})
-        EXPECT_FALSE(isFileName(name)) << name.toStdString();
-}
-
 TEST_F(RestorerTest, LostContentIsReportedAndTheRestComesBack) {
     for (int i = 0; i < 40; ++i)
         write(at(("file" + std::to_string(100 + i)).c_str()), noise(50000));

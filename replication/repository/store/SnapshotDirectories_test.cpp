@@ -63,22 +63,6 @@ protected:
     }
 };
 
-TEST_F(SnapshotDirectories_, NamesAreThoseOfTheInstance) {
-    FileId const before = make(root(), "name");
-    Instance const first = snapshot();
-    ASSERT_TRUE(removeName(root(), "name"));
-    FileId const after = make(root(), "name");
-    ASSERT_TRUE(make(root(), "other"));
-    Instance const second = snapshot();
-    EXPECT_EQ(snapshots().findName(root(), first, "name"), before);
-    EXPECT_EQ(snapshots().findName(root(), second, "name"), after);
-    EXPECT_FALSE(snapshots().findName(root(), first, "other"));
-    EXPECT_FALSE(snapshots().findName(root(), Instance{0}, "name"));
-    EXPECT_FALSE(snapshots().findName(root(), Instance{second.value + 1}, "name"));
-    EXPECT_FALSE(snapshots().findName(after, second, "name"));
-    EXPECT_FALSE(snapshots().findName(FileId{12345}, second, "name"));
-}
-
 TEST_F(SnapshotDirectories_, LargeDirectoryFindsEveryNameInEitherCase) {
     make(false);
     std::vector<FileId> ids;

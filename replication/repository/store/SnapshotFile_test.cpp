@@ -219,32 +219,6 @@ TEST_F(SnapshotFiles, EntriesComeBackAndATornOneIsOverwritten) {
     EXPECT_FALSE(QFile::exists(name()));
 }
 
-TEST_F(SnapshotFiles, ChangesOfKind) {
-    auto const file = open();
-    file->setType(SnapshotType::Policy, false);
-    EXPECT_FALSE(file->updateResyncSnapshot(1, 2, 3, true, QStringLiteral("no")));
-    EXPECT_EQ(QString(), file->label());
-    file->setType(SnapshotType::Synchronization, true);
-    EXPECT_TRUE(file->updateResyncSnapshot(1, 2, 3, true, QStringLiteral("yes")));
-    EXPECT_EQ(SnapshotType::Policy, file->type());
-    EXPECT_TRUE(file->indexed());
-    EXPECT_TRUE(file->needResync());
-    std::uint64_t size = 0, directories = 0, files = 0;
-    EXPECT_FALSE(file->analysis(size, directories, files));
-    file->setAnalyzed(10, 20, 30);
-    file->setAnalyzed(1, 2, 3);
-    EXPECT_TRUE(file->analysis(size, directories, files));
-    EXPECT_EQ(10u, size);
-    EXPECT_EQ(20u, directories);
-    EXPECT_EQ(30u, files);
-    file->setRetire();
-    EXPECT_EQ(0u, file->directoryCount());
-    EXPECT_EQ(30u, file->fileCount());
-    EXPECT_FALSE(file->retired());
-    file->setRetired();
-    EXPECT_TRUE(file->retired());
-}
-
 TEST_F(SnapshotFiles, StatisticsListWhatAUserCanSee) {
     struct Case {
         SnapshotType type;

@@ -92,31 +92,6 @@ TEST_F(InfoTrees, WriteBeyondTheDeepestTreeIsRefused) {
     EXPECT_EQ(bytesOf(tree.info, end, 2).size(), 0u);
 }
 
-TEST_F(InfoTrees, ZerosTakeNoBlockWhenTheTreeGrows) {
-    Tree tree(pool.streams->streamTree());
-    std::array<std::uint8_t, 100> const zeros{};
-    EXPECT_TRUE(tree.info.write(0, zeros.data(), 100, false));
-    EXPECT_TRUE(tree.info.truncate(50'000'000));
-    EXPECT_EQ(tree.record().depth(), 3u);
-    EXPECT_EQ(usage(*pool.streams), empty);
-    EXPECT_EQ(bytesOf(tree.info, 49'999'998, 9), std::vector<std::uint8_t>(2, 0));
-}
-
-TEST_F(InfoTrees, ZeroDataInABlockClearsItToItsEnd) {
-    Tree tree(pool.streams->streamTree());
-    std::vector<std::uint8_t> const data(20000, 9);
-    tree.info.write(0, data.data(), 20000, false);
-    EXPECT_TRUE(tree.info.zeroData(4100, 4104));
-    EXPECT_EQ(bytesOf(tree.info, 4096, 4), std::vector<std::uint8_t>(4, 9));
-    EXPECT_TRUE(tree.info.isZero(4100, 8192));
-    EXPECT_EQ(bytesOf(tree.info, 8192, 4), std::vector<std::uint8_t>(4, 9));
-    EXPECT_EQ(dataUsed(), 5u);
-    EXPECT_TRUE(tree.info.zeroData(8192, 12288 + 4));
-    EXPECT_EQ(dataUsed(), 4u) << "a whole block becomes a hole";
-    EXPECT_EQ(bytesOf(tree.info, 12292, 1), std::vector<std::uint8_t>(1, 9));
-    tree.info.release();
-}
-
 TEST_F(InfoTrees, TruncateLowersTheDepthAndKeepsNoBlockBehindTheEnd) {
     Tree tree(pool.streams->streamTree());
     std::vector<std::uint8_t> const data(100000, 5);

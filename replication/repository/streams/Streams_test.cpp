@@ -258,30 +258,6 @@ TEST_F(StreamPool, DedupLeavesWhatItCantOrNeedNotHash) {
     EXPECT_FALSE(dedup(known->id()));
 }
 
-TEST_F(StreamPool, EverythingOutlivesAReopening) {
-    auto one = make(10000);
-    auto two = make(10000);
-    ASSERT_TRUE(dedup(one->id()));
-    ASSERT_TRUE(dedup(two->id()));
-    StreamId const id = two->id();
-    EXPECT_EQ(pool.streams->snapshot(), 1u);
-    EXPECT_TRUE(pool.streams->flush());
-    one.reset();
-    two.reset();
-    pool.reopen();
-    ASSERT_TRUE(static_cast<bool>(*pool.streams));
-    EXPECT_EQ(pool.streams->instance(), 1u);
-    EXPECT_EQ(audit(), "");
-    two = pool.streams->handle(id, true);
-    ASSERT_TRUE(two) << "the id of the control record's block isn't taken for a stream's";
-    EXPECT_FALSE(pool.streams->handle(StreamId{1}, true));
-    std::vector<std::uint8_t> got(10000);
-    EXPECT_EQ(two->read(0, got.data(), 10000), 10000u);
-    EXPECT_EQ(got, data);
-    EXPECT_TRUE(pool.cleanup->drain()) << "the duplicate's tree was still waiting";
-    EXPECT_EQ(audit(), "");
-}
-
 TEST_F(StreamPool, MissingFilesNeverMakeANewPoolOfAnOldOne) {
     QString const root = pool.directory.path();
     for (char const* name : {"/data/data.refs", "/data/data.blocks", "/streams/nodes",
