@@ -20,6 +20,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <thread>
 
 namespace Morva {
@@ -43,6 +44,7 @@ struct Arguments {
     std::string source = "/";
     std::string label;
     std::vector<std::string> dedupExclude;
+    Replication::SourceKind kind = Replication::SourceKind::Posix;
 };
 
 /// Rises over all runs on a machine, so that a store that has taken an older log takes this one.
@@ -118,7 +120,7 @@ Root::Source const& sourceFor(Root& root, Arguments const& given, QString const&
     QStringList dedupExclude;
     for (auto const& suffix : given.dedupExclude)
         dedupExclude += QString::fromStdString(suffix);
-    return root.addSource(store, sourceRoot, dedupExclude);
+    return root.addSource(store, sourceRoot, dedupExclude, given.kind);
 }
 
 void replayFile(CommandLine& line, Arguments const& given) {
@@ -218,6 +220,10 @@ void replicate(CommandLine& line, Arguments const& given) {
     root.startWork();
     auto const& source = sourceFor(
         root, given, decodePosixText({directory.data(), static_cast<qsizetype>(directory.size())}));
+    if (source.kind != Replication::SourceKind::Posix)
+        throw CommandFailure(ExitCode::Usage, "the store " + source.name +
+                                                  " is fed by another kind of source than a "
+                                                  "directory of this machine");
     Replay replay(root, source, line.output);
     auto const store = root.store(source);
     FileTree const live(*store, Replication::Instance{0});
@@ -277,6 +283,13 @@ void addLogCommands(CommandLine& line) {
         ->required();
     replay->add_option("--source", given->source,
                        "For a new store: the directory of the source that it holds");
+    replay->add_option("--as", given->kind, "For a new store: the kind of source that it is fed by")
+        ->transform(CLI::CheckedTransformer(
+            std::map<std::string, Replication::SourceKind>{
+                {"posix", Replication::SourceKind::Posix},
+                {"windows", Replication::SourceKind::Windows},
+                {"exchange", Replication::SourceKind::Exchange}},
+            CLI::ignore_case));
     forNewStore(replay);
     replay->add_option("file", given->file, "Log file; standard input without one or for \"-\"");
     replay->callback([line, given]() mutable { replayFile(line, *given); });

@@ -40,7 +40,7 @@ public:
 private:
     Root& root_;
     Output& output_;
-    std::unique_ptr<Replication::RepositoryPosix> sink_;
+    std::unique_ptr<Replication::Sink> sink_;
     Replication::LogPool pool_;
     Counts counts_;
 };

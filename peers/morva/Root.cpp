@@ -28,8 +28,9 @@ using Replication::DedupWorker;
 using Replication::OperationGate;
 using Replication::PosixSource;
 using Replication::ReplayId;
-using Replication::RepositoryPosix;
 using Replication::RuleFiles;
+using Replication::Sink;
+using Replication::SourceKind;
 using Replication::Store;
 using Replication::StoreId;
 using Replication::StoreIdentity;
@@ -174,6 +175,9 @@ void Root::readSources() {
     }
     lastId_ = std::max(lastId_, list.get("LastId", std::uint32_t{0}));
     ruleSet_ = Replication::latestRuleSetId();
+    Replication::DisRules const rules(ruleSet_);
+    for (auto& source : sources_)
+        source.kind = sourceKind(rules, source.id).value_or(SourceKind::Posix);
 }
 
 void Root::openPool() {
@@ -207,8 +211,8 @@ Root::Source const& Root::source(QString const& name) const {
 }
 
 Root::Source const& Root::addSource(QString const& name, QString const& sourceRoot,
-                                    QStringList const& dedupExclude) {
-    sources_ += Source{name, sourceRoot, ++lastId_, dedupExclude};
+                                    QStringList const& dedupExclude, SourceKind kind) {
+    sources_ += Source{name, sourceRoot, ++lastId_, dedupExclude, kind};
     saveSources();
     return sources_.back();
 }
@@ -234,6 +238,7 @@ void Root::writeRules() {
     for (auto const& source : std::as_const(sources_)) {
         PosixSource stream;
         stream.storeName = source.name;
+        stream.kind = source.kind;
         stream.sourceRoot = source.sourceRoot;
         stream.replayId = source.id;
         stream.firstRule = source.id;
@@ -251,10 +256,13 @@ StorePointer Root::store(Source const& source, Marked marked) {
     for (auto const& store : std::as_const(open_))
         if (store->id() == id)
             return store;
-    StoreIdentity const identity(ReplayId{source.id}, Context::machineName().name(),
-                                 "repository-" + source.name);
+    StoreIdentity identity(ReplayId{source.id}, Context::machineName().name(),
+                           "repository-" + source.name);
     auto const exists = QFile::exists(Store::directoryOf(id) + "/files");
-    auto store = exists ? Store::open(id, identity) : Store::create(id, identity, true);
+    if (source.kind == SourceKind::Exchange)
+        identity.filterType = Replication::eFilterExchange;
+    auto store = exists ? Store::open(id, identity)
+                        : Store::create(id, identity, caseSensitive(source.kind));
     if (!store && exists) {
         store = Store::open(id, true);
         if (store && !store->markedForDeletion())
@@ -311,16 +319,19 @@ void Root::erase(QString const& name, bool deactivate) {
     drain(false);
 }
 
-std::unique_ptr<RepositoryPosix> Root::sink(Source const& source) {
+std::unique_ptr<Sink> Root::sink(Source const& source) {
     auto const target = store(source);
+    if (target->caseSensitive() != caseSensitive(source.kind))
+        throw CommandFailure(ExitCode::Failed, "the rules of the store " + source.name +
+                                                   " tell of another kind of source than it has");
     target->active(true);
-    RepositoryPosix::Identity identity;
+    Sink::Identity identity;
     identity.name = "repository-" + source.name;
     identity.sourceMachine = Context::machineName().name();
     identity.target = source.name;
     identity.stateFile = stateFile(source);
     identity.ruleSet = ruleSet_;
-    auto sink = std::make_unique<RepositoryPosix>(identity, ReplayId{source.id}, target, streams_);
+    auto sink = makeSink(source.kind, identity, ReplayId{source.id}, target, streams_);
     if (!sink->start())
         throw CommandFailure(ExitCode::Failed,
                              "the rules of the store " + source.name + " can't be loaded");

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "replication/repository/replay/RepositoryPosix.h"
+#include "replication/repository/replay/SinkFactory.h"
 #include "replication/repository/store/DedupWorker.h"
 #include "replication/repository/store/StoreTable.h"
 #include "replication/repository/streams/Cleanup.h"
@@ -33,6 +33,7 @@ public:
         QString sourceRoot; ///< absolute path on the source
         std::uint32_t id = 0;
         QStringList dedupExclude; ///< ends of names that are not deduplicated
+        Replication::SourceKind kind = Replication::SourceKind::Posix; ///< as the rules have it
     };
 
     /// Makes a root; fails if there is one.
@@ -67,7 +68,8 @@ public:
     [[nodiscard]] Source const& source(QString const& name) const;
     /// Adds a store to sources.cfg and writes a rule set with it.
     Source const& addSource(QString const& name, QString const& sourceRoot,
-                            QStringList const& dedupExclude = {});
+                            QStringList const& dedupExclude = {},
+                            Replication::SourceKind kind = Replication::SourceKind::Posix);
     [[nodiscard]] bool hasSource(QString const& name) const;
 
     /// The open store of a source; makes it if it has never been there. A store that is marked for
@@ -80,8 +82,9 @@ public:
     /// is, while the rules feed it, unless `deactivate`; and while somebody holds it. What was
     /// begun can be done again after an end in between. The background threads must not run.
     void erase(QString const& name, bool deactivate);
-    /// A started sink on the store of a source, which is active from then on.
-    [[nodiscard]] std::unique_ptr<Replication::RepositoryPosix> sink(Source const& source);
+    /// A started sink, of the kind that the rules tell, on the store of a source, which is active
+    /// from then on.
+    [[nodiscard]] std::unique_ptr<Replication::Sink> sink(Source const& source);
 
     /// Starts the background threads: cleanup of deleted streams.
     void startWork();

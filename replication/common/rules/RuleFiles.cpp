@@ -30,11 +30,14 @@ QString policyName(PosixSource const& source) {
 }
 
 bool usable(PosixSource const& source) {
-    char const* const fault = source.storeName.isEmpty()                        ? "no store name"
-                              : !source.sourceRoot.startsWith(QLatin1Char('/')) ? "no absolute root"
-                              : source.replayId == 0                            ? "no replay id"
-                              : source.firstRule == 0                           ? "no first rule"
-                                                                                : nullptr;
+    bool const rooted = source.kind == SourceKind::Windows
+                            ? !source.sourceRoot.isEmpty()
+                            : source.sourceRoot.startsWith(QLatin1Char('/'));
+    char const* const fault = source.storeName.isEmpty() ? "no store name"
+                              : !rooted                  ? "no absolute root"
+                              : source.replayId == 0     ? "no replay id"
+                              : source.firstRule == 0    ? "no first rule"
+                                                         : nullptr;
     if (fault)
         MORVA_TRACE(Always) << "Can't make rules for" << source.storeName << fault;
     return fault == nullptr;
@@ -46,7 +49,8 @@ XmlList policyItem(PosixSource const& source) {
     item.set(QStringLiteral("FirstRule"), source.firstRule);
     item.set(QStringLiteral("RuleCount"), 1U);
     item.set(QStringLiteral("Mode"), "journaled");
-    item.set(QStringLiteral("FilterType"), "FileSystem");
+    item.set(QStringLiteral("FilterType"),
+             source.kind == SourceKind::Exchange ? "Exchange" : "FileSystem");
     if (source.versioned) {
         XmlList version;
         version.set(QStringLiteral("OperationId"), versionOperation);
@@ -79,7 +83,7 @@ XmlList replayItem(PosixSource const& source) {
     XmlList machine;
     machine.set(QStringLiteral("Name"),
                 source.sourceMachine ? source.sourceMachine.name() : here.name());
-    machine.set(QStringLiteral("OsType"), "Linux");
+    machine.set(QStringLiteral("OsType"), source.kind == SourceKind::Posix ? "Linux" : "Windows");
     XmlList route;
     route.set(QStringLiteral("Name"), here.name());
     XmlList operations;

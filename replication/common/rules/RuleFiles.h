@@ -1,16 +1,20 @@
 #pragma once
 
 #include "base/messages/XmlList.h"
+#include "replication/common/rules/SourceKind.h"
 
 #include <QStringList>
 
 namespace Replication {
 
-/// What a rule set for one POSIX source and one store is made of. The rest has one sensible value.
+/// What a rule set for one source (a POSIX one, if nothing else is said) and one store is made of.
+/// The rest has one sensible value.
 struct PosixSource {
     /// Not empty; with "repository-" before it, the name of the store.
     QString storeName;
-    /// The root on the source that the store holds: an absolute path.
+    SourceKind kind = SourceKind::Posix;
+    /// The root on the source that the store holds: an absolute path, of a Windows source one like
+    /// "C:\data". "/" is all of it.
     QString sourceRoot = QStringLiteral("/");
     /// The machine whose files they are; this machine if not set.
     Morva::MachineName sourceMachine;
@@ -35,8 +39,8 @@ struct RuleFiles {
     Morva::XmlList replayRules;
 
     /// Nothing, with a trace, if there is a source that rules can't be made for: an empty store
-    /// name, a root that is not an absolute path, a number that is 0, or the same replay id or
-    /// first rule twice, or the same name.
+    /// name, a root that is not an absolute path (of a Windows source: that is empty), a number
+    /// that is 0, or the same replay id or first rule twice, or the same name.
     [[nodiscard]] static std::optional<RuleFiles> posix(QList<PosixSource> const& sources);
     /// Writes the files into `FixedPath::rules(ruleSetId)`, which is made if need be. False, with
     /// a trace, if that is not set or can't be written. 0 is no id to write.

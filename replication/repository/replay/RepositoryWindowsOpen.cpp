@@ -136,7 +136,10 @@ RepositoryWindows::SinkHandlePointer RepositoryWindows::createNew(LogEntry const
     auto const there = store().directories().locate(where.path, PathMode::DoNotBuildPath);
     if (there.found)
         finishDeletionsOf(there.key.fileId());
-    auto const file = newFile(log, opening);
+    auto file = newFile(log, opening);
+    // A stream says nothing of what it is a stream of.
+    if (there.found && where.stream != dataStreamName)
+        file.nodeType = there.key.type();
     opening.context.user = file.owner;
     auto created = store().paths().createStream(opening.context, where.path, where.stream, file);
     if (!created)
