@@ -365,23 +365,5 @@ TEST(LogEntry, DataReadIntoItsPlaceIsNotCopied) {
     EXPECT_EQ(log.dataSpace(builder, LogLayout::maximumBodySize), nullptr);
 }
 
-TEST(LogEntry, FileTextIsTheNameThatTheLogIsAbout) {
-    struct Case {
-        LogType type;
-        LogField field;
-    };
-    for (Case const one : {Case{LogType::WinCreate, LogField::File},
-                           {LogType::WinReopen, LogField::File},
-                           {LogType::WinWritePath, LogField::File},
-                           {LogType::WinRename, LogField::To},
-                           {LogType::PosixRename, LogField::To}}) {
-        LogBuilder builder;
-        builder.begin(one.type, 1).text(one.field, "/a");
-        LogEntry log;
-        ASSERT_TRUE(log.build(builder));
-        EXPECT_EQ(log.fileText(), "/a");
-    }
-}
-
 } // namespace
 } // namespace Replication

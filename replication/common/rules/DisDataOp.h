@@ -66,53 +66,21 @@ private:
     QString recoveryTimeObjective_;
 };
 
-class ReplicateDataOp : public RetentionDataOp {
+/// A kind of operation that adds nothing but its type.
+template <class Base, DisDataOp::Type kind> class TypedDataOp : public Base {
 public:
-    explicit ReplicateDataOp(Morva::XmlList const& list) : RetentionDataOp(list) {}
-    [[nodiscard]] Type type() const override { return eReplicate; }
+    explicit TypedDataOp(Morva::XmlList const& list) : Base(list) {}
+    [[nodiscard]] DisDataOp::Type type() const override { return kind; }
 };
 
-class VersionDataOp : public RetentionDataOp {
-public:
-    explicit VersionDataOp(Morva::XmlList const& list) : RetentionDataOp(list) {}
-    [[nodiscard]] Type type() const override { return eVersion; }
-};
-
-class CdpDataOp : public RetentionDataOp {
-public:
-    explicit CdpDataOp(Morva::XmlList const& list) : RetentionDataOp(list) {}
-    [[nodiscard]] Type type() const override { return eCdp; }
-};
-
-class BackupDataOp : public RetentionDataOp {
-public:
-    explicit BackupDataOp(Morva::XmlList const& list) : RetentionDataOp(list) {}
-    [[nodiscard]] Type type() const override { return eBackup; }
-};
-
-class BlockDataOp : public DisDataOp {
-public:
-    explicit BlockDataOp(Morva::XmlList const& list) : DisDataOp(list) {}
-    [[nodiscard]] Type type() const override { return eBlock; }
-};
-
-class IndexDataOp : public DisDataOp {
-public:
-    explicit IndexDataOp(Morva::XmlList const& list) : DisDataOp(list) {}
-    [[nodiscard]] Type type() const override { return eIndex; }
-};
-
-class TrackDataOp : public DisDataOp {
-public:
-    explicit TrackDataOp(Morva::XmlList const& list) : DisDataOp(list) {}
-    [[nodiscard]] Type type() const override { return eTrack; }
-};
-
-class ShredDataOp : public DisDataOp {
-public:
-    explicit ShredDataOp(Morva::XmlList const& list) : DisDataOp(list) {}
-    [[nodiscard]] Type type() const override { return eShred; }
-};
+using ReplicateDataOp = TypedDataOp<RetentionDataOp, DisDataOp::eReplicate>;
+using VersionDataOp = TypedDataOp<RetentionDataOp, DisDataOp::eVersion>;
+using CdpDataOp = TypedDataOp<RetentionDataOp, DisDataOp::eCdp>;
+using BackupDataOp = TypedDataOp<RetentionDataOp, DisDataOp::eBackup>;
+using BlockDataOp = TypedDataOp<DisDataOp, DisDataOp::eBlock>;
+using IndexDataOp = TypedDataOp<DisDataOp, DisDataOp::eIndex>;
+using TrackDataOp = TypedDataOp<DisDataOp, DisDataOp::eTrack>;
+using ShredDataOp = TypedDataOp<DisDataOp, DisDataOp::eShred>;
 
 /// "Sensitivity" and "Group" are optional, "CustomType" and "CustomValue" required: without one
 /// the operation has id 0 and all four are empty.

@@ -5,6 +5,7 @@
 #include "base/trees/PagedQueue.h"
 #include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/store/Store.h"
+#include "replication/repository/streams/Cleanup.h"
 #include "replication/repository/streams/DedupRequest.h"
 #include "replication/repository/streams/OperationGate.h"
 #include "replication/repository/streams/Streams.h"
@@ -98,15 +99,8 @@ void DedupWorker::run() {
 bool DedupWorker::drain() {
     bool const wasRunning = running();
     stop();
-    PagedQueue& queue = streams_->dedupQueue();
-    bool good = queue.receiver() == PagedQueue::Result::Success && !streams_->stopping();
-    Extent entry;
-    while (good) {
-        PagedQueue::Result const result = queue.tryReceive(entry);
-        if (result == PagedQueue::Result::Empty)
-            break;
-        good = result == PagedQueue::Result::Success && work(entry);
-    }
+    bool good = drainQueue(*streams_, streams_->dedupQueue(),
+                           [this](Extent const& entry) { return work(entry); });
     close();
     if (wasRunning)
         good = start() && good;

@@ -125,11 +125,9 @@ bool CleanupWorker::work(Extent const& entry) {
     return streams_->deleteInfo(request.record, done) && released;
 }
 
-bool CleanupWorker::drain() {
-    bool const wasRunning = running();
-    stop();
-    PagedQueue& queue = streams_->cleanupQueue();
-    bool good = queue.receiver() == PagedQueue::Result::Success && !streams_->stopping();
+bool drainQueue(Streams const& streams, PagedQueue& queue,
+                std::function<bool(Extent const&)> const& work) {
+    bool good = queue.receiver() == PagedQueue::Result::Success && !streams.stopping();
     Extent entry;
     while (good) {
         PagedQueue::Result const result = queue.tryReceive(entry);
@@ -137,6 +135,14 @@ bool CleanupWorker::drain() {
             break;
         good = result == PagedQueue::Result::Success && work(entry);
     }
+    return good;
+}
+
+bool CleanupWorker::drain() {
+    bool const wasRunning = running();
+    stop();
+    bool good = drainQueue(*streams_, streams_->cleanupQueue(),
+                           [this](Extent const& entry) { return work(entry); });
     if (wasRunning)
         good = start() && good;
     return good;

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -40,6 +41,11 @@ struct CleanupRequest {
     static bool deleteStream(Morva::PagedQueue& queue, StreamId id);
     static bool deleteInfo(Morva::PagedQueue& queue, Morva::Extent const& record);
 };
+
+/// Works off all that waits in a queue of a pool, on the calling thread. `work` releases each entry
+/// that it has done. False when the queue or `work` fails, or the pool is stopping.
+[[nodiscard]] bool drainQueue(Streams const& streams, Morva::PagedQueue& queue,
+                              std::function<bool(Morva::Extent const&)> const& work);
 
 /// Deletes streams and releases trees in the background, in the order asked. A request leaves the
 /// queue only when it is done, so that it outlives a stop or a crash.
