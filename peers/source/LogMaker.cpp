@@ -43,6 +43,11 @@ bool LogMaker::put() {
     return true;
 }
 
+bool LogMaker::message(std::uint32_t type, Morva::Extent const& data) {
+    begin(LogType::Message).number(LogField::MessageType, type).bytes(LogField::Data, data);
+    return put();
+}
+
 std::uint8_t* LogMaker::beginWrite(std::uint32_t fileId, std::uint64_t offset, std::uint32_t size) {
     begin(LogType::Write).number(LogField::FileId, fileId).number(LogField::Offset, offset);
     return sink_.dataSpace(builder_, size);

@@ -34,6 +34,9 @@ public:
     [[nodiscard]] std::uint64_t nextSequenceNumber() const { return nextSequenceNumber_; }
     [[nodiscard]] LogSink& sink() { return sink_; }
 
+    /// What a source tells about itself: `type` is its sub-code, 9 for exclusions.
+    [[nodiscard]] bool message(std::uint32_t type, Morva::Extent const& data);
+
     /// A file time in a log's 32 bits; what doesn't fit becomes the nearest that does.
     [[nodiscard]] static std::uint32_t seconds(std::time_t time);
 

@@ -43,11 +43,16 @@ public:
     /// Also for the root. Only path and status are there.
     [[nodiscard]] virtual bool endDirectory(TreeObject const& directory) = 0;
     [[nodiscard]] virtual bool file(TreeObject const& file) = 0;
-    [[nodiscard]] virtual bool symlink(TreeObject const& link, std::string_view target) = 0;
+    // Only for writers that take them.
+    [[nodiscard]] virtual bool symlink(TreeObject const&, std::string_view /*target*/) {
+        return true;
+    }
     /// A device, fifo or socket.
-    [[nodiscard]] virtual bool special(TreeObject const& object) = 0;
+    [[nodiscard]] virtual bool special(TreeObject const&) { return true; }
     /// A further name of the object that was logged as `existing`.
-    [[nodiscard]] virtual bool link(TreeObject const& object, std::string_view existing) = 0;
+    [[nodiscard]] virtual bool link(TreeObject const&, std::string_view /*existing*/) {
+        return true;
+    }
 
     /// The number that the next log will have.
     [[nodiscard]] virtual std::uint64_t nextSequenceNumber() const = 0;
