@@ -194,8 +194,9 @@ DataSink::Outcome DataSink::handleLog(LogPointer const& log) {
     if (!valid_)
         return Outcome::Waiting;
     dropExpiredHandles(log->time());
+    auto taken = true;
     if (log->type() == LogType::Message)
-        messageLog(*log);
+        taken = messageLog(*log);
     else if (log->type() == LogType::PolicyEvent)
         policyLog();
     currentLog_ = log;
@@ -205,12 +206,13 @@ DataSink::Outcome DataSink::handleLog(LogPointer const& log) {
         endSnapshotSequence_ = 0;
         state(eRunning);
     }
-    auto const outcome = replayLog(log);
+    auto const outcome = replayLog(log, taken);
     currentLog_.reset();
     return outcome;
 }
 
-void DataSink::messageLog(LogEntry const& log) {
+/// False when the exclusions that the log brings could not be applied.
+bool DataSink::messageLog(LogEntry const& log) {
     if (isMessage(log, PingTest)) {
         MORVA_TRACE(Normal) << "Got BINARY_LOG_PING_TEST";
     } else if (isMessage(log, SourceStarted)) {
@@ -226,8 +228,10 @@ void DataSink::messageLog(LogEntry const& log) {
         }
     }
     auto const exclusions = isMessage(log, SourceStarted) || isMessage(log, NotToBackupDetails);
-    if (exclusions && (state_ == eRunning || state_ == eValidate))
-        takeExclusions(log);
+    if (!exclusions || (state_ != eRunning && state_ != eValidate) || log.data().size == 0)
+        return true;
+    auto const details = XmlList::fromBinary(log.data());
+    return !details || takeExclusions(*details, log.data().toByteArray());
 }
 
 void DataSink::policyLog() {
@@ -240,20 +244,22 @@ void DataSink::policyLog() {
         requestResync(QStringLiteral("Partial"), {});
 }
 
-void DataSink::takeExclusions(LogEntry const& log) {
-    if (log.data().size == 0)
-        return;
-    auto const details = XmlList::fromBinary(log.data());
-    if (!details)
-        return;
-    MORVA_TRACE(Normal) << "NotToBackup details" << log.data().size;
-    auto bytes = log.data().toByteArray();
+bool DataSink::exclude(Morva::Extent const& details) {
+    auto const list = XmlList::fromBinary(details);
+    return list && takeExclusions(*list, details.toByteArray());
+}
+
+bool DataSink::takeExclusions(XmlList const& details, QByteArray bytes) {
+    MORVA_TRACE(Normal) << "NotToBackup details" << bytes.size();
     if (bytes == exclusions_)
-        return;
-    exclusions_ = std::move(bytes);
-    notToBackup_ = NotToBackup(*details, caseSensitive_);
+        return true;
+    notToBackup_ = NotToBackup(details, caseSensitive_);
+    exclusionsFailed_ = false;
     exclusionsChanged();
+    // What was not applied is not saved either, so that the same details are taken again.
+    exclusions_ = exclusionsFailed_ ? QByteArray() : std::move(bytes);
     saveState();
+    return !exclusionsFailed_;
 }
 
 void DataSink::loadState() {
@@ -271,8 +277,8 @@ void DataSink::saveState() {
         MORVA_TRACE(Always) << "Failed to save exclusions in" << identity_.stateFile;
 }
 
-DataSink::Outcome DataSink::replayLog(LogPointer const& log) {
-    if (replay(log)) {
+DataSink::Outcome DataSink::replayLog(LogPointer const& log, bool taken) {
+    if (replay(log) && taken) {
         ackLog(log->sequenceNumber(), log->body().size);
         return Outcome::Applied;
     }

@@ -117,6 +117,10 @@ public:
     virtual void unstalled() {}
     /// `notToBackup()` differs from before: what is stored may have to go.
     virtual void exclusionsChanged() {}
+    /// Takes other exclusions, as a log that brings them, and applies them to what is stored. False
+    /// when the details can't be read, or when not all of it could be applied: then they are in
+    /// force, but are taken anew by the next that brings them.
+    [[nodiscard]] bool exclude(Morva::Extent const& details);
     /// Adds a path to the partial resynchronisation's list; false when the state doesn't take it.
     bool addResyncPath(QString const& path, bool first);
 
@@ -134,6 +138,8 @@ protected:
     [[nodiscard]] HandleTable& closedHandles() { return closedHandles_; }
     void ackMode(AckMode mode) { ackMode_ = mode; }
     void state(State next);
+    /// For `exclusionsChanged`: not all of it could be done.
+    void exclusionsFailed() { exclusionsFailed_ = true; }
     /// Lets go of open and closed handles.
     virtual void dropHandles();
     /// Seconds that closed handles are kept, from the rule set.
@@ -145,12 +151,12 @@ private:
     [[nodiscard]] bool changeRules(std::uint32_t ruleSet);
     void reportNewRules() const;
     Outcome handleLog(LogPointer const& log);
-    void messageLog(LogEntry const& log);
+    [[nodiscard]] bool messageLog(LogEntry const& log);
     void policyLog();
-    void takeExclusions(LogEntry const& log);
+    [[nodiscard]] bool takeExclusions(Morva::XmlList const& details, QByteArray bytes);
     void dropExpiredHandles(std::uint32_t time);
     std::size_t moveOpenToClosed();
-    Outcome replayLog(LogPointer const& log);
+    Outcome replayLog(LogPointer const& log, bool taken);
     void ackLog(std::uint64_t sequence, std::uint64_t size);
     void setAck(std::uint64_t sequence);
     void forceAck();
@@ -172,6 +178,7 @@ private:
     LogPointer currentLog_;
     NotToBackup notToBackup_;
     QByteArray exclusions_; ///< the details that notToBackup_ was made from
+    bool exclusionsFailed_ = false;
     QSet<QString> resyncPaths_;
     HandleTable openHandles_;
     HandleTable closedHandles_;

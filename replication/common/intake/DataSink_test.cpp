@@ -49,7 +49,11 @@ public:
     bool batchMode() const override { return batch; }
     void policyEvent(LogEntry const&) override {}
     void unstalled() override { ++unstalls; }
-    void exclusionsChanged() override { ++exclusionChanges; }
+    void exclusionsChanged() override {
+        ++exclusionChanges;
+        if (failExclusions)
+            exclusionsFailed();
+    }
     std::uint32_t closedGracePeriod() const override { return grace; }
 
     std::set<std::uint32_t> unloadable;
@@ -65,6 +69,7 @@ public:
     int closings = 0;
     int unstalls = 0;
     int exclusionChanges = 0;
+    bool failExclusions = false;
 };
 
 struct TestHandle : OpenHandle {
@@ -340,7 +345,21 @@ TEST_F(DataSinks, ExclusionsOutliveTheProcess) {
                   Outcome::Applied);
         sink->handleShutdown();
     }
-    EXPECT_FALSE(excludes(*started(), "a.tmp"));
+    {
+        auto const sink = started();
+        EXPECT_FALSE(excludes(*sink, "a.tmp"));
+        // What could not be applied in full is not saved, and is taken when it comes again.
+        sink->failExclusions = true;
+        EXPECT_EQ(sink->takeLog(message(7, DataSink::NotToBackupDetails, exclusions("*.tmp"))),
+                  Outcome::Failed);
+        EXPECT_TRUE(excludes(*sink, "a.tmp"));
+        EXPECT_FALSE(excludes(*started(), "a.tmp"));
+        sink->failExclusions = false;
+        EXPECT_EQ(sink->takeLog(message(7, DataSink::NotToBackupDetails, exclusions("*.tmp"))),
+                  Outcome::Applied);
+        EXPECT_EQ(sink->exclusionChanges, 2);
+    }
+    EXPECT_TRUE(excludes(*started(), "a.tmp"));
 }
 
 TEST_F(DataSinks, UnreadableStateIsToldAndStartedAnew) {
