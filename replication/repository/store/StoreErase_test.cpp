@@ -107,16 +107,24 @@ TEST_F(StoreErase, OnlyWhatNoOtherStoreSharesGoes) {
 TEST_F(StoreErase, AStoreInAnyOtherStateIsLeftAlone) {
     createStore(1);
     ASSERT_TRUE(writeFile("a", "1"));
-    EXPECT_TRUE(store_->erase()); // valid
-    store_->active(false);
-    EXPECT_TRUE(store_->markForDeletion());
-    EXPECT_TRUE(store_->erase()); // nobody was told yet
-    EXPECT_EQ(QByteArray("1"), contentAt("a", Instance{snapshot()}));
+    EXPECT_TRUE(store_->erase()); // valid, and nobody was told
+    EXPECT_EQ(QByteArray("1"), contentAt("a", snapshot()));
+    QString const files = store_->path() + "/files";
     store_.reset();
+    ASSERT_TRUE(QFile::rename(files + ".tree", files + ".away"));
+    EXPECT_TRUE(erase(1)); // not valid, but nobody was told
+    ASSERT_TRUE(QFile::rename(files + ".away", files + ".tree"));
+    mark(1);
     store_ = Store::open(StoreId{1}, true);
     ASSERT_TRUE(store_);
     EXPECT_TRUE(store_->close());
     EXPECT_TRUE(store_->erase()); // no control block
+    EXPECT_TRUE(QFile::exists(files));
+
+    createStore(0);
+    store_->active(false);
+    EXPECT_TRUE(store_->markForDeletion()); // there is nobody to tell, so that counts as done
+    EXPECT_TRUE(store_->erase());           // but it is valid
     EXPECT_TRUE(QFile::exists(store_->path() + "/files"));
 }
 

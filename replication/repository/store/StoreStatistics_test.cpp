@@ -38,6 +38,9 @@ TEST_F(StoreStatistics, ThreeFormsTellTheSameFiguresInTheirOrder) {
     create();
     for (char const* path : {"d/a", "d/b", "c"})
         ASSERT_TRUE(writeFile(path, "1"));
+    ASSERT_TRUE(writeFile("gone", "1"));
+    ASSERT_TRUE(removeFile("gone"));
+    ASSERT_GT(store_->nodes().freeBlocks(), 0u);
     for (char const* label : {"first", "second"})
         (void)snapshot(label); // instances 2 and 3; the Initial one is listed nowhere
     auto const held = store_->passiveHandle({"d", "a"}, Instance{2});
