@@ -4,6 +4,7 @@
 #include "base/blocks/Blocks.h"
 #include "base/blocks/FreeList.h"
 #include "base/blocks/ReferenceCount.h"
+#include "base/files/JournalTable.h"
 #include "base/messages/XmlList.h"
 #include "base/process/Context.h"
 #include "base/trees/BPlusTree.h"
@@ -13,6 +14,7 @@
 #include "fuzz/Input.h"
 #include "replication/common/intake/StateFile.h"
 #include "replication/common/log/LogBuilder.h"
+#include "replication/common/rules/NotToBackup.h"
 #include "replication/common/rules/RuleFiles.h"
 #include "replication/common/values/PosixObject.h"
 #include "replication/common/values/RepMetadata.h"
@@ -283,6 +285,44 @@ void events() {
          QByteArray(1, '\7') + QByteArray(reinterpret_cast<char const*>(bytes.data()), 24));
 }
 
+void exclusions() {
+    XmlList details;
+    NotToBackup::addEntry(details, QStringLiteral("*.tmp"), false, false);
+    NotToBackup::addEntry(details, QStringLiteral("/home/*/c?che"), true, false);
+    NotToBackup::addEntry(details, QStringLiteral("\\Scratch"), true, true);
+    QByteArray const paths("/a/b.tmp\nhome/me/Cache/x\nscratch/y\n/\n\n");
+    save("exclusions", "sensitive", '\0' + paths + details.toXml());
+    save("exclusions", "insensitive", '\1' + paths + details.toXml());
+}
+
+void mail() {
+    // Open, make a stream, write twice, open a second under a folder, write, delete, close.
+    save("exchange", "row",
+         fromHex("000000"
+                 "010002"
+                 "020002"
+                 "10000000"
+                 "08"
+                 "020002"
+                 "00200000"
+                 "ff"
+                 "000104"
+                 "010100"
+                 "030100"
+                 "00000000"
+                 "01"
+                 "050005"
+                 "040000"
+                 "050000"));
+    LogBuilder builder;
+    builder.begin(LogType::ExchangeCreateObject, 0)
+        .text(LogField::Sque, "1")
+        .text(LogField::ObjectPath, "/mail/raw");
+    auto const log = builder.encode();
+    auto const body = log.head.toByteArray().last(static_cast<qsizetype>(builder.bodySize()));
+    save("exchange", "raw", fromHex("070000") + body);
+}
+
 void security() {
     save("security", "sid", fromHex("01020000000000052000000020020000"));
     // Owner and group Administrators, a DACL with two entries.
@@ -322,6 +362,30 @@ void states() {
     old[16] = '\0';
     old[28] = 14;
     save("state", "version-0", old);
+}
+
+void journals() {
+    JournalTable table;
+    table.sequence = 7;
+    table.files = {{QStringLiteral("/root/streams/nodes"), 9000, {{0, 0, 2}}},
+                   {QStringLiteral("/other/state-1"), 40, {}}};
+    table.hidden = QStringList{QStringLiteral("/root/stores/.removed-6-1")};
+    auto const bytes = '\0' + table.encode(QStringLiteral("/root"));
+    save("journal", "table", bytes);
+    save("journal", "torn", bytes.first(bytes.size() - 9));
+    // The fields of records: type, four numbers, the lengths of two names and the names.
+    save("journal", "fields",
+         QByteArray::fromHex("01"
+                             "01070000000000"
+                             "02280000000361622f00"
+                             "03000001020000"
+                             "04000000000163"
+                             "05000000000000"
+                             "00"
+                             "06000000000000"
+                             "07000000000161"
+                             "00"
+                             "0a000000000000"));
 }
 
 void file(char kind, char const* name, QString const& path) {
@@ -412,11 +476,14 @@ int main(int argc, char** argv) {
     logs();
     nodes();
     directories();
+    journals();
     snapshots();
     ruleSets();
     lists();
     events();
     security();
+    exclusions();
+    mail();
     states();
     files();
 }

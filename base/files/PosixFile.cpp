@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <limits>
 
@@ -195,26 +196,13 @@ std::uint64_t PosixFile::length() const {
     return ::fstat(descriptor_, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
-bool PosixFile::syncDirectory() {
-    QByteArray const path = encodePosixText(name_);
-    qsizetype const slash = path.lastIndexOf('/');
-    QByteArray const directory = slash < 0 ? "." : path.left(slash == 0 ? 1 : slash);
-    int const descriptor =
-        retried([&] { return ::open(directory.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
-    if (descriptor < 0)
-        return failed("Failed to sync directory of file", errno);
-    int const result = retried([&] { return ::fsync(descriptor); });
-    int const error = errno;
-    ::close(descriptor);
-    // Some file systems can't sync a directory, and need not.
-    return result == 0 || error == EINVAL || failed("Failed to sync directory of file", error);
-}
-
 bool PosixFile::sync() {
     if (retried([&] { return ::fdatasync(descriptor_); }) != 0)
         return failed("Failed to sync file", errno);
     if (nameUnsynced_) {
-        if (!syncDirectory())
+        qsizetype const slash = name_.lastIndexOf(u'/');
+        if (!syncDirectory(slash < 0 ? QStringLiteral(".")
+                                     : name_.left(std::max(slash, qsizetype{1}))))
             return false;
         nameUnsynced_ = false;
     }

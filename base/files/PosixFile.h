@@ -41,7 +41,6 @@ public:
 
 private:
     [[nodiscard]] bool openWith(QByteArray const& path, QString const& name, Mode mode, int flags);
-    [[nodiscard]] bool syncDirectory();
     [[nodiscard]] bool grow(std::uint64_t from, std::uint64_t bytes);
     /// Notes the failure, and traces it but for a missing file.
     bool failed(char const* what, int error);

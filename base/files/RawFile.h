@@ -33,6 +33,27 @@ public:
     /// Not thread-safe: for the start of a test.
     static void maker(Maker newMaker);
 
+    /// Stands between the system and its files while it is in force, as a journal does.
+    class Guard {
+    public:
+        virtual ~Guard() = default;
+        /// Takes a closed file that was just made, and gives the one to use instead.
+        [[nodiscard]] virtual std::unique_ptr<RawFile> guarded(std::unique_ptr<RawFile> file) = 0;
+        [[nodiscard]] virtual bool remove(QString const& name) = 0;
+        [[nodiscard]] virtual bool rename(QString const& from, QString const& to) = 0;
+    };
+    /// Puts a guard in force for all files made from now on, or none. Not thread-safe.
+    static void guard(Guard* newGuard);
+    /// A closed file with no guard before it.
+    [[nodiscard]] static std::unique_ptr<RawFile> makeUnguarded();
+
+    /// Removes a file; false when it is not there or can't be removed.
+    [[nodiscard]] static bool remove(QString const& name);
+    /// Renames a file, replacing one that has the new name.
+    [[nodiscard]] static bool rename(QString const& from, QString const& to);
+    /// Brings the names in a directory to the disk itself.
+    [[nodiscard]] static bool syncDirectory(QString const& path);
+
     virtual ~RawFile() = default;
 
     /// Makes a new file, replacing one that is there, and opens it.

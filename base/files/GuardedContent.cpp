@@ -1,0 +1,259 @@
+#include "base/files/GuardedContent.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <mutex>
+
+namespace Morva {
+
+namespace {
+
+constexpr std::uint32_t pageSize = JournalPages::pageSize;
+
+constexpr std::uint64_t pagesFor(std::uint64_t bytes) {
+    return bytes / pageSize + (bytes % pageSize != 0);
+}
+
+} // namespace
+
+GuardedContent::GuardedContent(std::shared_ptr<JournalPages> pages, std::uint64_t length)
+    : pages_(std::move(pages)),
+      length_(length),
+      base_(length),
+      kept_(length),
+      guardedPages_(pagesFor(length)) {}
+
+// --- reading
+
+std::uint32_t GuardedContent::readAt(RawFile& file, std::uint64_t offset, void* buffer,
+                                     std::uint32_t count) const {
+    std::shared_lock const hold(lock_);
+    std::uint64_t const end = length();
+    if (offset >= end)
+        return 0;
+    count = static_cast<std::uint32_t>(std::min<std::uint64_t>(count, end - offset));
+    auto* const bytes = static_cast<std::uint8_t*>(buffer);
+    std::uint64_t const boundary = guardedPages_ * pageSize;
+    std::uint32_t guarded = 0;
+    if (offset < boundary) {
+        guarded = static_cast<std::uint32_t>(std::min<std::uint64_t>(count, boundary - offset));
+        if (!readPages(file, offset, bytes, guarded))
+            return 0;
+    }
+    if (guarded == count)
+        return count;
+    return guarded + file.readAt(offset + guarded, bytes + guarded, count - guarded);
+}
+
+bool GuardedContent::readBase(RawFile& file, std::uint64_t offset, std::uint8_t* buffer,
+                              std::uint32_t count) const {
+    std::uint32_t const kept =
+        offset < kept_ ? static_cast<std::uint32_t>(std::min<std::uint64_t>(count, kept_ - offset))
+                       : 0;
+    if (kept != 0 && file.readAt(offset, buffer, kept) != kept)
+        return false;
+    std::fill(buffer + kept, buffer + count, std::uint8_t{0});
+    return true;
+}
+
+bool GuardedContent::readPages(RawFile& file, std::uint64_t offset, std::uint8_t* buffer,
+                               std::uint32_t count) const {
+    if (slots_.empty())
+        return readBase(file, offset, buffer, count);
+    std::uint64_t const end = offset + count;
+    while (offset < end) {
+        auto const found = slots_.find(offset / pageSize);
+        std::uint64_t stop = std::min((offset / pageSize + 1) * pageSize, end);
+        if (found == slots_.end()) {
+            while (stop < end && !slots_.contains(stop / pageSize))
+                stop = std::min(stop + pageSize, end);
+        }
+        auto const part = static_cast<std::uint32_t>(stop - offset);
+        bool const done =
+            found == slots_.end()
+                ? readBase(file, offset, buffer, part)
+                : pages_->read(found->second, static_cast<std::uint32_t>(offset % pageSize), buffer,
+                               part);
+        if (!done)
+            return false;
+        offset = stop;
+        buffer += part;
+    }
+    return true;
+}
+
+// --- writing
+
+void GuardedContent::grown(std::uint64_t end) {
+    auto now = length_.load(std::memory_order_relaxed);
+    while (now < end && !length_.compare_exchange_weak(now, end, std::memory_order_release))
+        ;
+}
+
+std::uint32_t GuardedContent::writeAt(RawFile& file, std::uint64_t offset, void const* buffer,
+                                      std::uint32_t count) {
+    if (pages_->isBroken())
+        return 0;
+    auto const* const bytes = static_cast<std::uint8_t const*>(buffer);
+    std::uint64_t const boundary = guardedPages_ * pageSize;
+    std::uint32_t done = 0;
+    if (offset < boundary) {
+        auto const guarded =
+            static_cast<std::uint32_t>(std::min<std::uint64_t>(count, boundary - offset));
+        done = writePages(file, offset, bytes, guarded);
+        grown(done == 0 ? 0 : offset + done);
+        if (done != guarded)
+            return done;
+    }
+    if (done == count)
+        return done;
+    std::shared_lock const hold(lock_);
+    written_.store(true, std::memory_order_relaxed);
+    std::uint32_t const direct = file.writeAt(offset + done, bytes + done, count - done);
+    grown(direct == 0 ? 0 : offset + done + direct);
+    return done + direct;
+}
+
+std::uint32_t GuardedContent::writePages(RawFile& file, std::uint64_t offset,
+                                         std::uint8_t const* buffer, std::uint32_t count) {
+    std::uint32_t done = 0;
+    while (done < count) {
+        std::uint64_t const page = (offset + done) / pageSize;
+        auto const within = static_cast<std::uint32_t>((offset + done) % pageSize);
+        std::uint32_t const whole = within == 0 ? (count - done) / pageSize : 0;
+        std::uint32_t part = std::min(pageSize - within, count - done);
+        {
+            std::shared_lock const hold(lock_);
+            if (auto const found = slots_.find(page); found != slots_.end()) {
+                if (!pages_->write(found->second, within, buffer + done, part))
+                    return done;
+                done += part;
+                continue;
+            }
+        }
+        std::unique_lock const hold(lock_);
+        std::uint32_t fresh = 0;
+        while (fresh < whole && !slots_.contains(page + fresh))
+            ++fresh;
+        part = fresh == 0 ? part : fresh * pageSize;
+        bool const written = fresh == 0 ? writePart(file, page, within, buffer + done, part)
+                                        : writeNewPages(page, buffer + done, fresh);
+        if (!written)
+            return done;
+        done += part;
+    }
+    return done;
+}
+
+bool GuardedContent::writeNewPages(std::uint64_t page, std::uint8_t const* buffer,
+                                   std::uint64_t count) {
+    std::uint64_t const slot = pages_->take(count);
+    if (!pages_->write(slot, 0, buffer, static_cast<std::uint32_t>(count * pageSize)))
+        return false;
+    for (std::uint64_t i = 0; i < count; ++i)
+        slots_.emplace(page + i, slot + i);
+    return true;
+}
+
+bool GuardedContent::writePart(RawFile& file, std::uint64_t page, std::uint32_t within,
+                               std::uint8_t const* buffer, std::uint32_t count) {
+    if (auto const found = slots_.find(page); found != slots_.end())
+        return pages_->write(found->second, within, buffer, count);
+    std::array<std::uint8_t, pageSize> bytes;
+    if (!readBase(file, page * pageSize, bytes.data(), pageSize))
+        return false;
+    std::copy_n(buffer, count, bytes.begin() + within);
+    return writeNewPages(page, bytes.data(), 1);
+}
+
+// --- the length
+
+bool GuardedContent::setLength(RawFile& file, std::uint64_t bytes) {
+    if (pages_->isBroken())
+        return false;
+    std::uint64_t const now = length();
+    if (bytes < now)
+        return cut(file, bytes);
+    if (bytes > std::max(now, file.length())) {
+        written_.store(true, std::memory_order_relaxed);
+        if (!file.setLength(bytes))
+            return false;
+    }
+    grown(bytes);
+    return true;
+}
+
+bool GuardedContent::cut(RawFile& file, std::uint64_t bytes) {
+    std::unique_lock const hold(lock_);
+    std::uint64_t const last = bytes / pageSize;
+    if (auto const tail = static_cast<std::uint32_t>(bytes % pageSize);
+        tail != 0 && last < guardedPages_) {
+        std::array<std::uint8_t, pageSize> const zeros{};
+        if (!writePart(file, last, tail, zeros.data(), pageSize - tail))
+            return false;
+    }
+    if (std::uint64_t const floor = std::max(bytes, base_); file.length() > floor) {
+        written_.store(true, std::memory_order_relaxed);
+        if (!file.setLength(floor))
+            return false;
+    }
+    std::erase_if(slots_, [bytes](auto const& slot) { return slot.first >= pagesFor(bytes); });
+    kept_ = std::min(kept_, bytes);
+    length_.store(bytes, std::memory_order_release);
+    return true;
+}
+
+// --- the checkpoint
+
+std::vector<GuardedContent::Run> GuardedContent::runs() const {
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> ordered(slots_.begin(), slots_.end());
+    // What was cut off and grown again would be as it was before.
+    std::uint64_t const end = pagesFor(std::min(base_, length()));
+    for (std::uint64_t page = pagesFor(kept_); page < end; ++page)
+        if (!slots_.contains(page))
+            ordered.emplace_back(page, Run::zeros);
+    std::sort(ordered.begin(), ordered.end());
+    std::vector<Run> result;
+    for (auto const& [page, slot] : ordered) {
+        if (!result.empty() && result.back().page + result.back().count == page &&
+            (slot == Run::zeros ? result.back().slot == slot
+                                : result.back().slot + result.back().count == slot))
+            ++result.back().count;
+        else
+            result.push_back({page, slot, 1});
+    }
+    return result;
+}
+
+bool GuardedContent::apply(RawFile& file, JournalPages const& pages, std::vector<Run> const& runs,
+                           std::uint64_t length) {
+    constexpr std::uint64_t pagesAtOnce = 64;
+    std::vector<std::uint8_t> buffer(pagesAtOnce * pageSize);
+    for (Run const& run : runs) {
+        if (run.slot == Run::zeros)
+            std::fill(buffer.begin(), buffer.end(), std::uint8_t{0});
+        for (std::uint64_t i = 0; i < run.count; i += pagesAtOnce) {
+            std::uint64_t const start = (run.page + i) * pageSize;
+            if (start >= length)
+                break;
+            auto const size = static_cast<std::uint32_t>(std::min(
+                {(run.count - i) * pageSize, std::uint64_t{buffer.size()}, length - start}));
+            if (run.slot != Run::zeros && !pages.read(run.slot + i, 0, buffer.data(), size))
+                return false;
+            if (file.writeAt(start, buffer.data(), size) != size)
+                return false;
+        }
+    }
+    return file.length() <= length || file.setLength(length);
+}
+
+void GuardedContent::settle() {
+    std::unique_lock const hold(lock_);
+    slots_.clear();
+    written_.store(false, std::memory_order_relaxed);
+    base_ = kept_ = length();
+    guardedPages_ = pagesFor(base_);
+}
+
+} // namespace Morva

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "base/files/GuardedContent.h"
+#include "base/files/RawFile.h"
+
+#include <memory>
+
+namespace Morva {
+
+class Journal;
+
+/// A handle on a file while a journal is in force. A file that the journal does not guard is used
+/// as it is.
+class GuardedFile final : public RawFile {
+public:
+    GuardedFile(Journal& journal, std::unique_ptr<RawFile> file);
+    ~GuardedFile() override;
+
+    [[nodiscard]] bool create(QString const& name, Mode mode) override;
+    [[nodiscard]] bool open(QString const& name, Mode mode) override;
+    void close() override;
+    [[nodiscard]] std::uint32_t read(void* buffer, std::uint32_t count) override;
+    using RawFile::write;
+    [[nodiscard]] std::uint32_t write(void const* buffer, std::uint32_t count) override;
+    [[nodiscard]] bool setPosition(std::int64_t offset, Where from) override;
+    [[nodiscard]] std::int64_t position() const override;
+    [[nodiscard]] std::uint32_t readAt(std::uint64_t offset, void* buffer,
+                                       std::uint32_t count) override;
+    [[nodiscard]] std::uint32_t writeAt(std::uint64_t offset, void const* buffer,
+                                        std::uint32_t count) override;
+    [[nodiscard]] bool setLength(std::uint64_t bytes) override;
+    [[nodiscard]] std::uint64_t length() const override;
+    /// Brings nothing to the disk: that is for the next checkpoint to do.
+    [[nodiscard]] bool sync() override;
+    [[nodiscard]] std::unique_ptr<RawFile> threadFile(Mode mode) override;
+    bool deleteOnClose() override;
+    [[nodiscard]] std::uint32_t lastError() const override { return file_->lastError(); }
+    [[nodiscard]] QString const& name() const override { return file_->name(); }
+    [[nodiscard]] bool isOpen() const override { return file_->isOpen(); }
+
+private:
+    Journal*
+        journal_; ///< used while the file is opened, made or removed, when the journal is there
+    std::unique_ptr<RawFile> file_;
+    std::shared_ptr<GuardedContent> content_; ///< null while closed, and for a file not guarded
+    std::int64_t position_ = 0;
+    bool deleteOnClose_ = false;
+};
+
+} // namespace Morva

@@ -1,0 +1,104 @@
+#pragma once
+
+#include "base/files/GuardedContent.h"
+#include "base/files/JournalPages.h"
+#include "base/files/JournalTable.h"
+#include "base/files/RawFile.h"
+
+#include <QHash>
+#include <QString>
+#include <QStringList>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace Morva {
+
+/// Keeps all files below some directories together: whatever happens to the process or to the
+/// power, they are found again as they were, all of them, at the last checkpoint.
+///
+/// A redo journal. What a file held at the last checkpoint stays on the disk as it is; new content
+/// of those pages goes to slots of a scratch file, content behind them to the file itself, where
+/// nothing points to it yet. A checkpoint brings all of it to the disk, puts down in one renamed
+/// file what is to be done, does it, and starts anew. Names that appear, disappear or change are
+/// noted first, so that they can be taken back.
+///
+/// A crash costs what was done since the last checkpoint, never more. Between checkpoints nothing
+/// is synced but the notes of names.
+///
+/// In force from `open` to its end; one at a time. All calls are thread-safe, but nothing may write
+/// to guarded files during `checkpoint` and `rollBack`.
+class Journal final : public RawFile::Guard {
+public:
+    /// Opens the journal in a directory, or makes it, brings all files back to the last checkpoint
+    /// and puts itself in force. `places` are the directories to guard, which exist. Files that
+    /// the journal has never seen are taken as they are. Null when something could not be read or
+    /// written, and then nothing is in force.
+    [[nodiscard]] static std::unique_ptr<Journal> open(QString const& directory,
+                                                       QStringList const& places);
+    ~Journal() override;
+    Journal(Journal const&) = delete;
+    Journal& operator=(Journal const&) = delete;
+
+    /// All that was written so far stays. False when that could not be brought to the disk: the
+    /// last checkpoint holds, and the next call tries again, unless `isBroken`.
+    [[nodiscard]] bool checkpoint();
+    /// Takes back all since the last checkpoint. No guarded file may be open.
+    [[nodiscard]] bool rollBack();
+    /// A checkpoint was made and could not be applied. Nothing can be written any more; the next
+    /// opening tries to apply it again.
+    [[nodiscard]] bool isBroken() const { return pages_->isBroken(); }
+    /// Bytes that the next checkpoint has to copy.
+    [[nodiscard]] std::uint64_t pendingBytes() const {
+        return pages_->used() * JournalPages::pageSize;
+    }
+
+    [[nodiscard]] std::unique_ptr<RawFile> guarded(std::unique_ptr<RawFile> file) override;
+    [[nodiscard]] bool remove(QString const& name) override;
+    [[nodiscard]] bool rename(QString const& from, QString const& to) override;
+
+private:
+    friend class GuardedFile;
+    using ContentPointer = std::shared_ptr<GuardedContent>;
+
+    Journal(QString directory, QStringList places);
+    [[nodiscard]] QString base() const;
+    [[nodiscard]] bool recover();
+    [[nodiscard]] bool apply(JournalTable const& table);
+    [[nodiscard]] bool takeBack(JournalTable const& table);
+    [[nodiscard]] bool takeBack(JournalRecord const& change);
+
+    [[nodiscard]] bool isGuarded(QString const& name) const { return !placeOf(name).isEmpty(); }
+    [[nodiscard]] QString placeOf(QString const& name) const;
+    /// The content of a file that is there; null on failure.
+    [[nodiscard]] ContentPointer contentOf(QString const& name, std::uint64_t length);
+    /// Before a file of that name is made; null on failure.
+    [[nodiscard]] ContentPointer created(QString const& name);
+    [[nodiscard]] bool hide(QString const& name);
+    [[nodiscard]] bool note(JournalRecord const& record);
+    [[nodiscard]] bool noteChange(JournalRecord::Type type, QString const& name,
+                                  QString const& second = {});
+
+    [[nodiscard]] bool isChanged() const;
+    [[nodiscard]] bool syncWritten();
+    [[nodiscard]] JournalTable nextTable() const;
+    /// From its end on the table is what holds, whatever comes.
+    [[nodiscard]] bool putDown(JournalTable const& table);
+    [[nodiscard]] bool finish(JournalTable const& table);
+
+    QString directory_;
+    QStringList places_; ///< each ends with a slash
+    mutable std::mutex lock_;
+    std::shared_ptr<JournalPages> pages_ = std::make_shared<JournalPages>();
+    std::unique_ptr<RawFile> log_;
+    std::uint64_t logEnd_ = 0;
+    std::uint64_t sequence_ = 0;
+    std::uint64_t hiddenCount_ = 0;
+    QHash<QString, std::uint64_t> lengths_; ///< at the last checkpoint, by the names of now
+    QHash<QString, ContentPointer> contents_;
+    std::vector<JournalRecord> changes_; ///< of names, since the last checkpoint
+};
+
+} // namespace Morva

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "base/files/RawFile.h"
+
+#include <QString>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+namespace Morva {
+
+/// The file "journal.pages": slots of one page each for what guarded files have got since the last
+/// checkpoint in place of what they must keep. Without meaning unless the journal names its slots.
+/// Thread-safe but for `open` and `reset`.
+class JournalPages {
+public:
+    static constexpr std::uint32_t pageSize = 4096;
+
+    /// Makes the file anew, or opens it if a checkpoint is yet to be applied from it.
+    [[nodiscard]] bool create(QString const& name);
+    [[nodiscard]] bool open(QString const& name);
+
+    /// The first of `count` adjacent slots that are nobody's.
+    [[nodiscard]] std::uint64_t take(std::uint64_t count) {
+        return next_.fetch_add(count, std::memory_order_relaxed);
+    }
+    [[nodiscard]] std::uint64_t used() const { return next_.load(std::memory_order_relaxed); }
+    [[nodiscard]] bool read(std::uint64_t slot, std::uint32_t within, void* buffer,
+                            std::uint32_t count) const;
+    /// False as well once the journal has broken down.
+    [[nodiscard]] bool write(std::uint64_t slot, std::uint32_t within, void const* buffer,
+                             std::uint32_t count);
+    [[nodiscard]] bool sync() { return file_->sync(); }
+    /// All slots are free again; gives back space beyond 64 MiB.
+    void reset();
+
+    /// Nothing that is guarded may be written any more: the slots belong to a checkpoint that
+    /// could not be applied, and the next opening of the journal has to find them as they are.
+    void breakDown() { broken_.store(true, std::memory_order_relaxed); }
+    [[nodiscard]] bool isBroken() const { return broken_.load(std::memory_order_relaxed); }
+
+private:
+    std::unique_ptr<RawFile> file_;
+    std::atomic<std::uint64_t> next_ = 0;
+    std::atomic<bool> broken_ = false;
+};
+
+} // namespace Morva
