@@ -67,34 +67,6 @@ TEST_F(FileNodeTest, SettingWhatIsThereMakesNoCopy) {
     EXPECT_EQ(copy->times().createdSource, 601U);
 }
 
-TEST_F(FileNodeTest, StreamsAreCopiedBeforeTheyChangeUnderAnotherVersion) {
-    FileNode::Pointer const node = make();
-    FileNode::Pointer copy;
-    auto stream = node->createActiveStream(copy, dataStreamName, true);
-    ASSERT_TRUE(stream);
-    EXPECT_FALSE(node->createActiveStream(copy, dataStreamName, true)) << "is there already";
-    EXPECT_TRUE(node->write(copy, stream, 0, "old text", 8, 700));
-    EXPECT_FALSE(copy);
-    EXPECT_EQ(node->times().modifiedSource, 700U);
-    StreamId const first = stream->id();
-    snapshot();
-    EXPECT_TRUE(node->truncate(copy, stream, 8, 0, 701)) << "has that length";
-    EXPECT_FALSE(copy);
-    EXPECT_TRUE(node->write(copy, stream, 0, "new", 3, 702));
-    ASSERT_TRUE(copy);
-    EXPECT_NE(stream->id(), first);
-    EXPECT_EQ(contentOf(node), "old text");
-    EXPECT_EQ(contentOf(copy), "new text");
-    EXPECT_EQ(node->times().modifiedSource, 700U);
-    EXPECT_EQ(copy->times().modifiedSource, 702U);
-    EXPECT_EQ(streams_->handle(first, false)->referenceCount(), 1U);
-
-    FileNode::Pointer none;
-    EXPECT_TRUE(copy->write(none, stream, 3, "er", 2, 703));
-    EXPECT_FALSE(none);
-    EXPECT_EQ(contentOf(copy), "newerext");
-}
-
 TEST_F(FileNodeTest, FrozenStreamIsCopiedForEveryKindOfChange) {
     using Change =
         std::function<bool(FileNode&, FileNode::Pointer&, std::shared_ptr<StreamHandle>&)>;

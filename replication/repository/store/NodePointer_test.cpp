@@ -91,18 +91,6 @@ TEST_F(NodePointerTest, EntriesOnDiskAreAsTheTableSays) {
                                "0000000000000000");
 }
 
-TEST_F(NodePointerTest, FreedIdNoLongerResolvesAndItsEntryComesBackUnderAnotherId) {
-    FileId const id = pointers->newId(node(9), in(1));
-    EXPECT_TRUE(pointers->freeId(id));
-    EXPECT_EQ(pointers->getNode(id), NodeNumber{});
-    EXPECT_EQ(pointers->newInstance(id, node(10), in(2)), Instance{});
-    EXPECT_FALSE(pointers->freeId(id));
-    FileId const again = pointers->newId(node(11), in(2));
-    EXPECT_EQ(again, FileId{id.value | std::uint64_t{1} << 32});
-    EXPECT_EQ(pointers->getNode(id), NodeNumber{});
-    EXPECT_EQ(pointers->getNode(again), node(11));
-}
-
 /// What the chains should be: instance and node of each version, newest first.
 using Model = std::map<FileId, std::vector<std::pair<Instance, NodeNumber>>>;
 
