@@ -37,6 +37,9 @@ TEST_F(SnapshotAnalyses, CountEachFileOnceInAStepForEachDirectory) {
          {std::pair{"a/b/one", 5000}, {"a/two", 10}, {"three", 0}, {"d/gone", 7}})
         ASSERT_TRUE(writeFile(path, QByteArray(size, 'x')));
     ASSERT_TRUE(store_->paths().link(writing(), {"a", "two"}, {"a", "b", "again"}));
+    FileContext liveOnly = writing(); // snapshots don't have what such a context makes
+    liveOnly.opType = NotToBackup::eLiveOnly;
+    ASSERT_TRUE(store_->paths().createStream(liveOnly, {"a", "passing"}, dataStreamName, {}));
     Instance const first = snapshot();
     // What comes later doesn't show in it, though the node of a second name changes in place.
     ASSERT_TRUE(store_->paths().link(writing(), {"a", "two"}, {"third name"}));
