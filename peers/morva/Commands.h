@@ -19,6 +19,7 @@ struct CommandLine {
 
 void addRootCommands(CommandLine& line);       ///< init, erase
 void addLogCommands(CommandLine& line);        ///< log, replay, replicate
+void addExcludeCommand(CommandLine& line);     ///< exclude
 void addSnapshotCommands(CommandLine& line);   ///< snapshot, snapshots, delete-snapshot, dedup
 void addBrowseCommands(CommandLine& line);     ///< ls, cat, diff, versions, find
 void addRestoreCommand(CommandLine& line);     ///< restore

@@ -7,7 +7,10 @@
 #include "peers/morva/SnapshotName.h"
 #include "peers/source/LogFileSink.h"
 #include "peers/source/LogQueue.h"
+#include "peers/source/MailTreeWriter.h"
+#include "peers/source/PosixTreeWriter.h"
 #include "peers/source/TreeLogger.h"
+#include "peers/source/WindowsTreeWriter.h"
 #include "replication/repository/store/Store.h"
 
 #include <CLI/CLI.hpp>
@@ -31,6 +34,7 @@ using Replication::LogReadAhead;
 using Replication::LogSink;
 using Replication::LogSourceOptions;
 using Replication::OperationLogger;
+using Replication::SourceKind;
 using Replication::TreeCounts;
 using Replication::TreeLogger;
 using Replication::TreeOptions;
@@ -44,7 +48,8 @@ struct Arguments {
     std::string source = "/";
     std::string label;
     std::vector<std::string> dedupExclude;
-    Replication::SourceKind kind = Replication::SourceKind::Posix;
+    SourceKind kind = SourceKind::Posix;
+    Replication::WindowsPlace place;
 };
 
 /// Rises over all runs on a machine, so that a store that has taken an older log takes this one.
@@ -78,19 +83,49 @@ void checkWalk(TreeLogger::Result result, TreeLogger const& logger, std::string 
                                                    ": " + std::strerror(logger.rootError()));
 }
 
+/// Walks the tree and calls back with its writer.
+template <class Walk> void withWriter(Arguments const& given, LogSink& sink, Walk const& walk) {
+    switch (given.kind) {
+    case SourceKind::Posix: {
+        OperationLogger log(sourceOptions(), sink);
+        Replication::PosixTreeWriter writer(log);
+        return walk(writer);
+    }
+    case SourceKind::Windows: {
+        Replication::WindowsLogger log(sourceOptions(), sink);
+        Replication::WindowsTreeWriter writer(
+            log, {TreeLogger::absolutePath(given.directory), given.place});
+        return walk(writer);
+    }
+    case SourceKind::Exchange: {
+        auto const top = given.directory + '/';
+        std::error_code ignored;
+        if (!std::filesystem::is_directory(top + "cur", ignored) &&
+            !std::filesystem::is_directory(top + "new", ignored))
+            throw CommandFailure(ExitCode::Failed, QString::fromStdString(given.directory) +
+                                                       " is no Maildir: it has no \"cur\" and no "
+                                                       "\"new\"");
+        Replication::ExchangeLogger log(sourceOptions(), sink);
+        Replication::MailTreeWriter writer(log);
+        return walk(writer);
+    }
+    }
+}
+
 void logTree(CommandLine& line, Arguments const& given) {
     if (::isatty(STDOUT_FILENO))
         throw CommandFailure(ExitCode::Usage, "logs are binary: send them to a file or a pipe");
     LogFileSink sink(STDOUT_FILENO);
-    OperationLogger operations(sourceOptions(), sink);
-    TreeLogger logger(treeOptions(line.output), operations);
-    auto const result = logger.run(given.directory);
-    checkWalk(result, logger, given.directory);
-    if (result == TreeLogger::Result::SinkFailed || !sink.flush())
-        throw CommandFailure(ExitCode::Failed,
-                             QStringLiteral("can't write the log: ") + std::strerror(sink.error()));
-    if (logger.counts().problems != 0)
-        line.code = ExitCode::SomeUnread;
+    withWriter(given, sink, [&](Replication::TreeWriter& writer) {
+        TreeLogger logger(treeOptions(line.output), writer);
+        auto const result = logger.run(given.directory);
+        checkWalk(result, logger, given.directory);
+        if (result == TreeLogger::Result::SinkFailed || !sink.flush())
+            throw CommandFailure(ExitCode::Failed, QStringLiteral("can't write the log: ") +
+                                                       std::strerror(sink.error()));
+        if (logger.counts().problems != 0)
+            line.code = ExitCode::SomeUnread;
+    });
 }
 
 QString replaySummary(Replay::Counts const& counts, double seconds) {
@@ -269,9 +304,22 @@ void replicate(CommandLine& line, Arguments const& given) {
 
 void addLogCommands(CommandLine& line) {
     auto const given = std::make_shared<Arguments>();
+    auto const ofKind = [given](CLI::App* command, char const* help) {
+        CLI::CheckedTransformer kinds(
+            std::map<std::string, SourceKind>{{"posix", SourceKind::Posix},
+                                              {"windows", SourceKind::Windows},
+                                              {"exchange", SourceKind::Exchange}},
+            CLI::ignore_case);
+        kinds.description("KIND");
+        command->add_option("--as", given->kind, help)->transform(kinds)->type_name("");
+    };
     auto* log =
         line.app.add_subcommand("log", "Writes a directory tree as logs to standard output");
-    log->add_option("directory", given->directory, "Top of the tree")->required();
+    log->add_option("directory", given->directory, "Top of the tree, or a Maildir")->required();
+    ofKind(log, "What kind of source: posix, windows, or exchange for a Maildir");
+    log->add_option("--drive", given->place.drive, "As windows: the drive that the tree is on");
+    log->add_option("--top", given->place.top,
+                    "As windows: the path of the tree's top on the drive; its own if not given");
     log->callback([line, given]() mutable { logTree(line, *given); });
 
     auto const forNewStore = [given](CLI::App* command) {
@@ -283,13 +331,7 @@ void addLogCommands(CommandLine& line) {
         ->required();
     replay->add_option("--source", given->source,
                        "For a new store: the directory of the source that it holds");
-    replay->add_option("--as", given->kind, "For a new store: the kind of source that it is fed by")
-        ->transform(CLI::CheckedTransformer(
-            std::map<std::string, Replication::SourceKind>{
-                {"posix", Replication::SourceKind::Posix},
-                {"windows", Replication::SourceKind::Windows},
-                {"exchange", Replication::SourceKind::Exchange}},
-            CLI::ignore_case));
+    ofKind(replay, "For a new store: the kind of source that feeds it: posix, windows or exchange");
     forNewStore(replay);
     replay->add_option("file", given->file, "Log file; standard input without one or for \"-\"");
     replay->callback([line, given]() mutable { replayFile(line, *given); });

@@ -65,6 +65,7 @@ int run(int argc, char** argv) {
     Morva::CommandLine line{app, output, code};
     addRootCommands(line);
     addLogCommands(line);
+    addExcludeCommand(line);
     addSnapshotCommands(line);
     addBrowseCommands(line);
     addRestoreCommand(line);
