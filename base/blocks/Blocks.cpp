@@ -1,5 +1,6 @@
 #include "base/blocks/Blocks.h"
 
+#include "base/blocks/Failures.h"
 #include "base/blocks/HeaderPage.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
@@ -201,6 +202,7 @@ bool Blocks::markChanged() {
     if (writeHeader())
         return headerChanged_ = true;
     marked_ = false;
+    Failures::note();
     return false;
 }
 
@@ -253,6 +255,7 @@ bool Blocks::reserve() {
     if (growTo(blockCount_ + step) || (step > 1 && growTo(blockCount_ + 1)))
         return true;
     MORVA_TRACE(Always) << "Failed to extend" << file_->name() << file_->lastError();
+    Failures::note();
     return false;
 }
 
@@ -281,9 +284,13 @@ void* Blocks::newBlock(std::uint64_t& number) {
     number = 0;
     if (!header_ || !markChanged())
         return nullptr;
-    if (freeHead_ != 0)
+    if (freeHead_ != 0) {
+        Failures::Watch const watch;
         if (void* block = takeFree(number))
             return block;
+        if (watch.any())
+            return nullptr;
+    }
     if (!reserve())
         return nullptr;
     void* block = cache_.pinZero(blockCount_);
@@ -325,10 +332,15 @@ bool Blocks::freeBlock(void const* block) {
     std::uint64_t const freed = number(block);
     if (freed == 0)
         return false;
-    if (FreeBlock::is(block, freed) || !markChanged()) {
+    if (FreeBlock::is(block, freed)) {
         MORVA_TRACE(Always) << "Failed to free block" << freed << "of" << file_->name();
         cache_.unpin(block, false);
         return false;
+    }
+    // The mark is for blocks handed out: without it a crash can lose the freed one, and no more.
+    {
+        Failures::Pardon const pardon;
+        (void)markChanged();
     }
     auto* bytes = static_cast<std::uint8_t*>(const_cast<void*>(block));
     storeLittle(bytes, std::uint64_t{0});

@@ -1,5 +1,6 @@
 #include "base/blocks/FreeList.h"
 
+#include "base/blocks/Failures.h"
 #include "base/blocks/HeaderPage.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
@@ -261,6 +262,7 @@ bool FreeList::nextPage() {
         if (!file_->setLength((1 + grown) * pageSize) &&
             !file_->setLength((1 + (grown = page)) * pageSize)) {
             MORVA_TRACE(Always) << "Failed to extend" << file_->name() << file_->lastError();
+            Failures::note();
             return false;
         }
         reservedPages_ = grown;

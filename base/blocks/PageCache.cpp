@@ -1,5 +1,6 @@
 #include "base/blocks/PageCache.h"
 
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 
 #include <algorithm>
@@ -220,6 +221,7 @@ void* PageCache::pin(std::uint64_t page) {
     if ((!inOrder || !readAhead(frame)) &&
         file_->readAt(page * pageSize_, frame->bytes(), pageSize_) != pageSize_) {
         MORVA_TRACE(Always) << "Failed to read page" << page << "of" << file_->name();
+        Failures::note();
         dropFrame(frame);
         return nullptr;
     }

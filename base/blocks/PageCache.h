@@ -33,7 +33,8 @@ public:
     /// Forgets all pages, written or not. Pins that are still out become invalid.
     void detach();
 
-    /// The page's buffer, read from the file if it isn't here; null when that fails.
+    /// The page's buffer, read from the file if it isn't here; null when that fails, which
+    /// `Failures` counts.
     [[nodiscard]] void* pin(std::uint64_t page);
     /// The page as zero bytes, whatever the file holds, and already dirty. Null when somebody has
     /// a pin on it.

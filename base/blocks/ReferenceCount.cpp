@@ -1,5 +1,6 @@
 #include "base/blocks/ReferenceCount.h"
 
+#include "base/blocks/Failures.h"
 #include "base/blocks/HeaderPage.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
@@ -183,6 +184,7 @@ bool ReferenceCount::reserve(std::uint64_t number) {
     if (growTo(wanted) || (wanted != needed && growTo(needed)))
         return true;
     MORVA_TRACE(Always) << "Failed to extend" << file_->name() << file_->lastError();
+    Failures::note();
     return false;
 }
 

@@ -1,5 +1,6 @@
 #include "peers/morva/Replay.h"
 
+#include "base/blocks/Failures.h"
 #include "peers/morva/ExitCode.h"
 
 #include <cstring>
@@ -15,7 +16,7 @@ Replay::Replay(Root& root, Root::Source const& source, Output& output)
     : root_(root), output_(output), sink_(root.sink(source)) {}
 
 void Replay::apply(LogPointer const& log) {
-    auto const failuresBefore = root_.pool().failures();
+    Failures::Watch const failures;
     auto const outcome = sink_->takeLog(log);
     switch (outcome) {
     case DataSink::Outcome::Applied:
@@ -34,7 +35,7 @@ void Replay::apply(LogPointer const& log) {
     case DataSink::Outcome::Failed:
         break;
     }
-    if (root_.pool().failures() != failuresBefore)
+    if (failures.any())
         throw CommandFailure(
             ExitCode::Failed,
             QStringLiteral("the repository could not store log %1; is the disk full? All logs "

@@ -1,5 +1,6 @@
 #include "replication/repository/replay/Sink.h"
 
+#include "base/blocks/Failures.h"
 #include "base/process/Config.h"
 #include "base/trace/Log.h"
 #include "base/trace/Trace.h"
@@ -160,18 +161,24 @@ std::uint32_t Sink::closedGracePeriod() const {
 
 bool Sink::replay(LogPointer const& log) {
     OperationGate::Enter const entered;
-    auto const failuresBefore = streams_->failures();
+    Morva::Failures::Watch const failures;
     store_->retired().timeStamp(log->time());
+    if (!store_->settle()) {
+        MORVA_TRACE(Always) << "What earlier logs left over can't be done yet, sequence number"
+                            << log->sequenceNumber();
+        return false;
+    }
     if (log->type() == LogType::PolicyEvent) {
         policyEvent(*log);
     } else if (log->type() >= LogType::Close) {
         if (!replayBody(*log))
             return false;
     }
-    // The data path itself reports success; a log counts as applied only if all its blocks did.
-    if (streams_->failures() == failuresBefore)
+    // The data path itself reports success, and what can't be read looks like what isn't there; a
+    // log counts as applied only if nothing failed.
+    if (!failures.any())
         return true;
-    MORVA_TRACE(Always) << "The stream pool failed while a log was applied, sequence number"
+    MORVA_TRACE(Always) << "The disk failed while a log was applied, sequence number"
                         << log->sequenceNumber();
     return false;
 }

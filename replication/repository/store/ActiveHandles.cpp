@@ -1,5 +1,6 @@
 #include "replication/repository/store/ActiveHandles.h"
 
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/ControlBlock.h"
 #include "replication/repository/store/Directories.h"
@@ -82,7 +83,10 @@ ActiveHandle::Pointer ActiveHandles::create(DirKey& key, QStringList const& path
     if (!enterInDirectory(key, *handle, path, liveOnly)) {
         // With the last pointer the node goes, and with it what was made of its contents.
         store_.directories().forget(id);
-        store_.pointers().freeId(id);
+        store_.unfinished().finish([this, id] {
+            Morva::Failures::Watch const watch;
+            return store_.pointers().freeId(id) || !watch.any();
+        });
         handle->fileNode()->releaseVersion();
         key.fileId({});
         return nullptr;

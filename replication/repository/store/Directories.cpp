@@ -1,5 +1,6 @@
 #include "replication/repository/store/Directories.h"
 
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 #include "base/trees/PagedList.h"
 #include "replication/repository/store/ActiveHandles.h"
@@ -12,6 +13,7 @@
 
 namespace Replication {
 
+using Morva::Failures;
 using Morva::TracedLock;
 
 namespace {
@@ -74,6 +76,83 @@ bool Directories::treeUpdate(DirKey const& key) {
     return tree_.update(key);
 }
 
+// --- what the disk can refuse in the middle of a change
+
+bool Directories::writePage(OpenDirectory& open) {
+    if (open.writePage())
+        return true;
+    if (open.reached())
+        finishImage(open.id(), open.pageNumber(), open.imageBefore());
+    return false;
+}
+
+void Directories::finishPage(OpenDirectory& open) {
+    Failures::Pardon const pardon;
+    if (!open.writePage())
+        finishImage(open.id(), open.pageNumber(), open.image());
+}
+
+void Directories::finishImage(FileId directory, std::uint64_t page,
+                              OpenDirectory::Image const& image) {
+    store_.unfinished().finish([this, directory, page, image] {
+        Failures::Watch const watch;
+        OpenDirectories::Pointer const open = open_.get(directory, "finishImage");
+        return open ? open->writePage(page, image) : !watch.any();
+    });
+}
+
+void Directories::finishParent(FileId directory, FileId parent) {
+    store_.unfinished().finish([this, directory, parent] {
+        Failures::Watch const watch;
+        ActiveHandle::Pointer const handle = store_.activeHandles().get(directory);
+        return (handle && setParent(*handle, parent)) || !watch.any();
+    });
+}
+
+void Directories::finishInsert(NotToBackup::OpType opType, DirKey const& key, QString const& name) {
+    store_.unfinished().finish([this, opType, key = DirKey(key), name]() mutable {
+        Failures::Watch const watch;
+        ActiveHandle::Pointer const parent = store_.activeHandles().get(key.directoryId());
+        if (parent && insert(opType, *parent, key, name))
+            return true;
+        if (watch.any())
+            return false;
+        MORVA_TRACE(Always) << "!!!!!!! Lost name" << name << Morva::hex << key.fileId();
+        return true;
+    });
+}
+
+bool Directories::takeEntryBack(DirKey const& key) {
+    Failures::Watch const watch;
+    OpenDirectories::Pointer const open = open_.get(key.directoryId(), "insert");
+    std::uint8_t* const page =
+        open ? open->readPage(DirectoryPage::pageOf(key.position())) : nullptr;
+    if (!page)
+        return !watch.any();
+    std::uint32_t const offset = DirectoryPage::offsetOf(key.position());
+    DirectoryEntry const entry(page + offset);
+    if (entry.valid(DirectoryPage::size - offset) && entry.fileId() == key.fileId() &&
+        sameEntryName(entry.name(), key.name()) && DirectoryPage::removeEntry(page, offset))
+        finishPage(*open);
+    return true;
+}
+
+bool Directories::finishKey(bool (Directories::*change)(DirKey const&), DirKey const& key) {
+    {
+        Failures::Pardon const pardon;
+        Failures::Watch const watch;
+        if ((this->*change)(key))
+            return true;
+        if (!watch.any())
+            return false;
+    }
+    store_.unfinished().finish([this, change, key] {
+        Failures::Watch const watch;
+        return (this->*change)(key) || !watch.any();
+    });
+    return true;
+}
+
 void Directories::count(DirKey const& key, bool added) {
     if (!key.liveOnly())
         store_.control().countName(key.type(), added);
@@ -82,6 +161,7 @@ void Directories::count(DirKey const& key, bool added) {
 Directories::Located Directories::locate(QStringList const& path, PathMode mode) {
     MORVA_METHOD("locate");
     Located result;
+    Failures::Watch const watch;
     DirKey current = DirKey::root(store_.rootId());
     MORVA_TRACE(Debug) << "Root at" << Morva::hex << current.fileId();
     result.parent = current;
@@ -96,6 +176,10 @@ Directories::Located Directories::locate(QStringList const& path, PathMode mode)
         MORVA_TRACE(Debug) << "Find" << next.name();
         if (find(next)) {
             MORVA_TRACE(Debug) << "Found" << next.name() << Morva::hex << next.fileId();
+        } else if (watch.any()) {
+            MORVA_TRACE(Always) << "Failed to look for" << next.name();
+            result.failed = true;
+            return result;
         } else if (last) {
             MORVA_TRACE(Debug) << "Directory exists, but not file" << path[i];
             result.parentFound = true;
@@ -132,7 +216,7 @@ DirKey Directories::buildElement(DirKey const& parent, QStringList const& path) 
 bool Directories::setParent(ActiveHandle& directory, FileId parent) {
     MORVA_METHOD("setParent");
     WriterScope writer(writer_);
-    if (!directory.fileNode())
+    if (!directory.fileNode() || !store_.settle())
         return false;
     // Pages name ids of this one directory, so that deduplication would never find their like.
     if (!directory.fileNode()->exists(dataStreamName) &&
@@ -143,7 +227,7 @@ bool Directories::setParent(ActiveHandle& directory, FileId parent) {
         return false;
     if (open->pages() == 0) {
         DirectoryPage::makeParent(open->newPage(), parent);
-        return scope.result(open->writePage());
+        return scope.result(writePage(*open));
     }
     std::uint8_t* const page = open->readPage(0);
     PageContext const context{"setParent", directory.id(), 0, open->pages(), {}};
@@ -161,7 +245,7 @@ bool Directories::setParent(ActiveHandle& directory, FileId parent) {
     DirKey key({}, QString(), directoryType);
     key.fileId(parent);
     entry.fill(key, {});
-    return scope.result(open->writePage());
+    return scope.result(writePage(*open));
 }
 
 bool Directories::findName(DirKey& key) {

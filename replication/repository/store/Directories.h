@@ -29,7 +29,8 @@ enum class PathMode : std::uint32_t { DoNotBuildPath = 0, BuildPath = 1 };
 /// The directories of a store's live tree: the page streams and the tree that indexes them, kept
 /// in step. Every change goes to the page first, then to the tree, so that an entry without a key
 /// is the damage that a crash in between leaves; `validDirectory` finds it. A failure in the page
-/// half leaves the tree as it was.
+/// half leaves page and tree as they were; what a removal has left to do behind it, and what undoes
+/// half an insertion, is done later if the disk refuses it (see `Unfinished`).
 ///
 /// The counts of files and directories in the control block: `insert` counts a name,
 /// `Store::removeFileId`, which ends every removal of a name, takes one off, and a rename nets to
@@ -60,6 +61,7 @@ public:
     [[nodiscard]] bool find(DirKey& key);
     struct Located {
         bool found = false;       ///< `key` names the object
+        bool failed = false;      ///< the disk failed: nothing is known
         bool parentFound = false; ///< `parent` names the directory that would hold it
         DirKey key;
         DirKey parent;
@@ -144,6 +146,18 @@ private:
         bool descend = false;
     };
 
+    /// Writes the page that was asked for last. On failure the page is put back to what it was, now
+    /// or later.
+    [[nodiscard]] bool writePage(OpenDirectory& open);
+    /// The same where what the page tells has come about: it is written now or later.
+    void finishPage(OpenDirectory& open);
+    void finishImage(FileId directory, std::uint64_t page, OpenDirectory::Image const& image);
+    /// Takes a name's entry off its page; what is done already is no failure.
+    [[nodiscard]] bool takeEntryBack(DirKey const& key);
+    void finishParent(FileId directory, FileId parent);
+    void finishInsert(NotToBackup::OpType opType, DirKey const& key, QString const& name);
+    /// Makes a change of the tree now or later. False when the tree has no such key.
+    [[nodiscard]] bool finishKey(bool (Directories::*change)(DirKey const&), DirKey const& key);
     [[nodiscard]] bool treeInsert(DirKey& key);
     [[nodiscard]] bool treeRemove(DirKey const& key);
     [[nodiscard]] bool treeUpdate(DirKey const& key);

@@ -1,5 +1,6 @@
 // Names come, go and change: insert, remove, liveOnly, link, unlink.
 
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/ActiveHandles.h"
 #include "replication/repository/store/Directories.h"
@@ -21,6 +22,8 @@ bool Directories::insert(NotToBackup::OpType opType, ActiveHandle& directory, Di
         MORVA_TRACE(Always) << "Hande is not a directory";
         return false;
     }
+    if (!store_.settle())
+        return false;
     OpenDirectories::Pointer const open = open_.get(directory.id(), "insert");
     if (!open)
         return false;
@@ -42,19 +45,13 @@ bool Directories::insert(NotToBackup::OpType opType, ActiveHandle& directory, Di
     key.liveOnly(opType == NotToBackup::eLiveOnly);
     key.position(position);
     DirectoryEntry(slot).fill(key, name);
-    // Without its key the entry would only be found by a check. A write that failed may have
-    // reached the file in part, so it is taken back too.
-    auto const takeBack = [&] {
-        std::uint8_t* const page = open->readPage(DirectoryPage::pageOf(position));
-        if (page && DirectoryPage::removeEntry(page, DirectoryPage::offsetOf(position)))
-            (void)open->writePage();
+    if (!writePage(*open))
         return false;
-    };
-    if (!open->writePage())
-        return takeBack();
     if (!treeInsert(key)) {
+        // Without its key the entry would only be found by a check.
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to insert" << name;
-        return takeBack();
+        store_.unfinished().finish([this, key] { return takeEntryBack(key); });
+        return false;
     }
     MORVA_TRACE(Debug) << "BTree insert" << name;
     count(key, true);
@@ -107,6 +104,8 @@ std::uint8_t* Directories::entryOf(OpenDirectory& directory, DirKey const& key) 
 bool Directories::remove(DirKey& key, bool force) {
     MORVA_METHOD("remove");
     WriterScope writer(writer_);
+    if (!store_.settle())
+        return false;
     if (!force && key.isDirectory() && !emptyDirectory(key)) {
         MORVA_TRACE(Normal) << "Cannot remove an non-empty directory" << key.name();
         return false;
@@ -124,9 +123,9 @@ bool Directories::remove(DirKey& key, bool force) {
         MORVA_TRACE(Always) << "!!!!!!! Failed to remove from directory" << key.name();
         return false;
     }
-    if (!open->writePage())
+    if (!writePage(*open))
         return false;
-    if (!treeRemove(key)) {
+    if (!finishKey(&Directories::treeRemove, key)) {
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to remove" << key.name();
         return false;
     }
@@ -137,6 +136,8 @@ bool Directories::remove(DirKey& key, bool force) {
 bool Directories::liveOnly(DirKey& key) {
     MORVA_METHOD("liveOnly");
     WriterScope writer(writer_);
+    if (!store_.settle())
+        return false;
     OpenDirectories::Pointer const open = open_.get(key.directoryId(), "liveOnly");
     if (!open)
         return false;
@@ -146,11 +147,11 @@ bool Directories::liveOnly(DirKey& key) {
     DirectoryEntry entry(bytes);
     bool const before = entry.liveOnly();
     entry.typeWord(key.typeWord());
-    if (!open->writePage())
+    if (!writePage(*open))
         return false;
     if (before != key.liveOnly())
         store_.control().countName(key.type(), before);
-    if (!treeUpdate(key)) {
+    if (!finishKey(&Directories::treeUpdate, key)) {
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to update" << key.name();
         return false;
     }
@@ -167,8 +168,9 @@ bool Directories::emptyDirectory(DirKey const& key) {
         MORVA_TRACE(Always) << "Unable to open directory" << Morva::hex << key.fileId();
         return false;
     }
+    Morva::Failures::Watch const watch;
     DirectoryScan scan(*handle->fileNode(), key.fileId(), "emptyDirectory");
-    if (!scan.hasData()) {
+    if (!scan.hasData() && !watch.any()) {
         MORVA_TRACE(Verbose) << "No directory data";
         return true;
     }
@@ -176,7 +178,7 @@ bool Directories::emptyDirectory(DirKey const& key) {
         MORVA_TRACE(Verbose) << "Found" << scan.entry().name().toString();
         return false;
     }
-    return scope.result(true);
+    return scope.result(!watch.any());
 }
 
 void Directories::dropObject(DirKey const& key) {
@@ -207,7 +209,10 @@ bool Directories::unlink(DirKey& key, ActiveHandle& handle, QString const& strea
     if (handle.fileNode() && handle.fileNode()->isDirectory() && !discardDirectory(handle))
         return false;
     DirKey current(key.directoryId(), key.name(), 0);
+    Morva::Failures::Watch const watch;
     if (!find(current)) {
+        if (watch.any())
+            return false;
         MORVA_TRACE(Normal) << "Unable to find that file, be happy its gone" << key.name();
         return true;
     }
@@ -230,6 +235,8 @@ bool Directories::link(NotToBackup::OpType opType, DirKey& from, QStringList con
         return false;
     }
     Located const target = locate(path, PathMode::BuildPath);
+    if (target.failed)
+        return false;
     if (target.found) {
         MORVA_TRACE(Always) << "Destination already exists" << path.join(QLatin1Char('/'));
         return false;
@@ -258,10 +265,17 @@ bool Directories::link(NotToBackup::OpType opType, DirKey& from, QStringList con
     }
     DirKey to = key(target.parent.fileId(), path.last(), source->fileNode()->type());
     to.fileId(from.fileId());
-    to.linkId(source->addLink(from.link(), opType == NotToBackup::eLiveOnly));
+    LinkId const link = source->addLink(from.link(), opType == NotToBackup::eLiveOnly);
+    if (!link) {
+        MORVA_TRACE(Always) << "Failed to add a link to" << from.name();
+        return false;
+    }
+    to.linkId(link);
     if (!insert(opType, *parent, to, path.last())) {
         MORVA_TRACE(Always) << "Failed to insert link file" << path.last();
-        source->removeLink(from.link());
+        store_.unfinished().finish([source, link, left = source->linkCount() - 1] {
+            return source->removeLink(link) == left;
+        });
         return false;
     }
     if (store_.event() && store_.indexSnapshots() && to.link() == LinkId{2} && !from.liveOnly()) {

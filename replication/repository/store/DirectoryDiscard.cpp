@@ -62,6 +62,8 @@ bool Directories::discardDirectory(ActiveHandle& directory) {
 }
 
 Directories::Step Directories::discardPages(DiscardFrame& frame) {
+    if (!store_.settle())
+        return Step::Failed;
     OpenDirectories::Pointer const open = open_.get(frame.id, "discardDirectory");
     if (!open) {
         MORVA_TRACE(Always) << "Failed to open data stream of directory" << Morva::hex << frame.id;
@@ -93,7 +95,10 @@ Directories::Step Directories::discardPages(DiscardFrame& frame) {
             DirectoryPage::traceInvalid(context, page, edit.offset());
             frame.failed = true;
         }
-        if (dirty && !open->writePage())
+        // The objects are gone, so the entries go in any case.
+        if (dirty)
+            finishPage(*open);
+        if (!store_.settle())
             return Step::Failed;
         if (descend)
             return Step::Descend;

@@ -1,5 +1,6 @@
 // Moving names within the live tree.
 
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/ActiveHandles.h"
 #include "replication/repository/store/Directories.h"
@@ -12,6 +13,8 @@
 #include <unordered_set>
 
 namespace Replication {
+
+using Morva::Failures;
 
 bool Directories::rename(NotToBackup::OpType opType, ActiveHandle& handle, DirKey& from, DirKey& to,
                          QString const& toName) {
@@ -41,7 +44,10 @@ bool Directories::rename(NotToBackup::OpType opType, ActiveHandle& handle, DirKe
         return false;
     }
     DirKey existing(to.directoryId(), to.name(), 0);
+    Failures::Watch const watch;
     bool const found = !sameName && find(existing);
+    if (watch.any())
+        return false;
     MORVA_TRACE(Debug) << "Check" << to.name() << "exists or not" << found;
     if (found) {
         MORVA_TRACE(Verbose) << "Destination already exists, delete it" << to.name();
@@ -58,7 +64,12 @@ bool Directories::rename(NotToBackup::OpType opType, ActiveHandle& handle, DirKe
     to = target;
     (void)handle.links().insert(to.link(), {to, toName});
     if (handle.fileNode() && handle.fileNode()->liveOnly() != to.liveOnly())
-        handle.liveOnly(to.link(), to.liveOnly());
+        store_.unfinished().finish([this, to] {
+            Failures::Watch const watch;
+            if (ActiveHandle::Pointer const moved = store_.activeHandles().get(to.fileId()))
+                moved->liveOnly(to.link(), to.liveOnly());
+            return !watch.any();
+        });
     tellRenamed(to, toName);
     return scope.result(true);
 }
@@ -88,7 +99,7 @@ bool Directories::moveName(NotToBackup::OpType opType, ActiveHandle& handle, Dir
         return false;
     if (!remove(from, true)) {
         if (moved)
-            (void)setParent(handle, from.directoryId());
+            finishParent(handle.id(), from.directoryId());
         return false;
     }
     count(from, false);
@@ -97,9 +108,8 @@ bool Directories::moveName(NotToBackup::OpType opType, ActiveHandle& handle, Dir
     MORVA_TRACE(Always) << "Failed to insert" << toName << "back to" << fromName;
     DirKey back(from, from.directoryId(), from.name());
     if (moved)
-        (void)setParent(handle, from.directoryId());
-    if (!insert(fromType, source->handle(), back, fromName))
-        MORVA_TRACE(Always) << "!!!!!!! Lost name" << fromName << Morva::hex << from.fileId();
+        finishParent(handle.id(), from.directoryId());
+    finishInsert(fromType, back, fromName);
     return false;
 }
 
@@ -135,6 +145,8 @@ bool Directories::rename(NotToBackup::OpType opType, NotToBackup const& rules, A
         return false;
     }
     Located const target = locate(path, PathMode::BuildPath);
+    if (target.failed)
+        return false;
     if (target.found && !target.key.sameName(from)) {
         MORVA_TRACE(Always) << "Destination path exists" << path.join(QLatin1Char('/'));
         return false;
@@ -150,6 +162,8 @@ bool Directories::rename(NotToBackup::OpType opType, NotToBackup const& rules, A
         return false;
     // Without rules nothing that was moved has a mark to lose.
     if (to.isDirectory() && !rules.empty()) {
+        // Moved it is, whatever becomes of the marks.
+        Failures::Pardon const pardon;
         QStringList moved = path;
         checkOperations(rules, handle, moved);
     }

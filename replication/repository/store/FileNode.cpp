@@ -6,9 +6,11 @@
 #include "replication/repository/store/NodeFile.h"
 #include "replication/repository/store/PassiveHandles.h"
 #include "replication/repository/store/Store.h"
+#include "replication/repository/streams/OperationGate.h"
 #include "replication/repository/streams/Streams.h"
 
 #include <ctime>
+#include <optional>
 
 namespace Replication {
 
@@ -38,8 +40,13 @@ FileNode::FileNode(Store& store, NodePin pin, NodeInfo info)
       node_(std::move(pin)) {}
 
 FileNode::~FileNode() {
+    bool const dead = !discarded_ && node_.node().claims() == 0;
+    // A reader can be the last to hold it.
+    std::optional<OperationGate::Enter> gate;
+    if (dead)
+        gate.emplace();
     // The record isn't rewritten without the streams: the block goes with it.
-    if (!discarded_ && node_.node().claims() == 0)
+    if (dead)
         info_.release(store_.streams(), NodeInfo(info_.caseSensitivity()));
     store_.passiveHandles().release(*this, discarded_);
 }
@@ -277,8 +284,7 @@ bool FileNode::attr(Pointer& copy, bool setModified, std::uint32_t modified, boo
     if (!setAttributes)
         return scope.result(target->writeBlock());
     MORVA_TRACE(Verbose) << "Set Attribute to " << attributes;
-    target->info_.attributes = attributes;
-    return scope.result(target->writeInfo());
+    return scope.result(target->setInfo(target->info_.attributes, attributes));
 }
 
 bool FileNode::owner(Pointer& copy, QString const& text) {
@@ -287,8 +293,7 @@ bool FileNode::owner(Pointer& copy, QString const& text) {
     FileNode* const target = info_.owner == text ? nullptr : writable(copy);
     if (!target)
         return scope.result(false);
-    target->info_.owner = text;
-    (void)target->writeInfo();
+    (void)target->setInfo(target->info_.owner, text);
     return scope.result(copy != nullptr);
 }
 
@@ -298,8 +303,7 @@ bool FileNode::attributes(Pointer& copy, std::uint32_t value) {
     FileNode* const target = info_.attributes == value ? nullptr : writable(copy);
     if (!target)
         return scope.result(false);
-    target->info_.attributes = value;
-    (void)target->writeInfo();
+    (void)target->setInfo(target->info_.attributes, value);
     return scope.result(copy != nullptr);
 }
 
@@ -358,6 +362,12 @@ std::uint32_t FileNode::removeLink(Pointer& copy) {
     target->node_.node().linkCount(count - 1);
     target->writeBlock();
     return scope.result(count - 1);
+}
+
+void FileNode::dropLinks() {
+    TracedLock guard(lock_);
+    node_.node().linkCount(0);
+    writeBlock();
 }
 
 void FileNode::takeReference() {

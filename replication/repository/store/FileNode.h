@@ -116,6 +116,8 @@ public:
     [[nodiscard]] LinkId addLink(Pointer& copy, bool keepLiveOnly);
     /// The remaining link count.
     std::uint32_t removeLink(Pointer& copy);
+    /// The file has no names any more, and this version is the last of it.
+    void dropLinks();
     bool freeStreams(Pointer& copy);
 
     /// The copy decision; true when a copy was made.
@@ -150,8 +152,17 @@ private:
     [[nodiscard]] bool makeWritable(Pointer& copy, std::shared_ptr<StreamHandle>& stream,
                                     FileNode*& target);
     [[nodiscard]] bool writeInfo();
-    /// Takes streams off the list and writes the record; their references go once it names them no
-    /// more. False, with the list as it was, when `change` says so or the record can't be written.
+    /// Changes one value of the record and writes it; the value is as it was when that fails.
+    template <class Value> [[nodiscard]] bool setInfo(Value& value, Value to) {
+        std::swap(value, to);
+        if (writeInfo())
+            return true;
+        std::swap(value, to);
+        return false;
+    }
+    /// Changes the list of streams and writes the record; references of streams taken off go once
+    /// it names them no more. False, with the list as it was, when `change` says so or the record
+    /// can't be written.
     template <class Change> [[nodiscard]] bool changeList(Change&& change);
     bool writeBlock();
     void touch(std::uint32_t sourceTime);

@@ -1,5 +1,6 @@
 // The streams of a file's version: their list and their contents.
 
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/FileNode.h"
 #include "replication/repository/store/SnapshotList.h"
@@ -30,6 +31,8 @@ std::shared_ptr<StreamHandle> FileNode::createStream(QString const& name, bool d
     StreamId const id = pool.newStream();
     std::shared_ptr<StreamHandle> result = id ? pool.handle(id, false) : nullptr;
     if (!result) {
+        if (id)
+            pool.dropReference(id);
         MORVA_TRACE(Always) << "Failed to make stream" << name << "of node" << number_;
         return nullptr;
     }
@@ -142,8 +145,13 @@ bool FileNode::replaceStream(Pointer& copy, StreamHandle const& from,
     FileNode* const target = writable(copy);
     if (!target)
         return scope.result(false);
-    (void)target->info_.replace(*target->info_.find(from.id()), to);
-    return scope.result(target->writeInfo());
+    NodeStream* const entry = target->info_.find(from.id());
+    NodeStream const before = *entry;
+    (void)target->info_.replace(*entry, to);
+    if (target->writeInfo())
+        return scope.result(true);
+    *entry = before;
+    return scope.result(false);
 }
 
 bool FileNode::freeStreams(Pointer& copy) {
@@ -202,12 +210,12 @@ bool FileNode::write(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::
     TracedLock guard(lock_);
     if (count == 0)
         return true;
-    std::uint64_t const failures = store_.streams().failures();
+    Morva::Failures::Watch const failures;
     FileNode* target = nullptr;
     if (!makeWritable(copy, stream, target) || !stream->write(offset, data, count))
         return false;
     target->touch(sourceTime);
-    return store_.streams().failures() == failures;
+    return !failures.any();
 }
 
 bool FileNode::truncate(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t size,
@@ -219,12 +227,12 @@ bool FileNode::truncate(Pointer& copy, std::shared_ptr<StreamHandle>& stream, st
         if (length == size || ((flags & StreamHandle::growOnly) != 0 && length > size))
             return scope.result(true);
     }
-    std::uint64_t const failures = store_.streams().failures();
+    Morva::Failures::Watch const failures;
     FileNode* target = nullptr;
     if (!makeWritable(copy, stream, target) || !stream->truncate(size, flags))
         return scope.result(false);
     target->touch(sourceTime);
-    return scope.result(store_.streams().failures() == failures);
+    return scope.result(!failures.any());
 }
 
 bool FileNode::zeroData(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t start,
@@ -233,12 +241,12 @@ bool FileNode::zeroData(Pointer& copy, std::shared_ptr<StreamHandle>& stream, st
     TracedLock guard(lock_);
     if (start == end)
         return scope.result(true);
-    std::uint64_t const failures = store_.streams().failures();
+    Morva::Failures::Watch const failures;
     FileNode* target = nullptr;
     if (!makeWritable(copy, stream, target) || !stream->zeroData(start, end))
         return scope.result(false);
     target->touch(sourceTime);
-    return scope.result(store_.streams().failures() == failures);
+    return scope.result(!failures.any());
 }
 
 bool FileNode::dirty(Pointer& copy, StreamHandle const& stream) {
@@ -251,7 +259,7 @@ bool FileNode::dirty(Pointer& copy, StreamHandle const& stream) {
     if (info_.dirty(stream.id()))
         return scope.result(true);
     FileNode* const target = writable(copy);
-    if (!target || !target->info_.setDirty(stream.id()) || !target->writeInfo())
+    if (!target || !target->changeList([&](NodeInfo& list) { return list.setDirty(stream.id()); }))
         return scope.result(false);
     store_.control().countDirty();
     return scope.result(true);
@@ -267,7 +275,8 @@ bool FileNode::sparse(Pointer& copy, StreamHandle const& stream) {
     if (info_.sparse(stream.id()))
         return scope.result(true);
     FileNode* const target = writable(copy);
-    return scope.result(target && target->info_.setSparse(stream.id()) && target->writeInfo());
+    return scope.result(
+        target && target->changeList([&](NodeInfo& list) { return list.setSparse(stream.id()); }));
 }
 
 } // namespace Replication

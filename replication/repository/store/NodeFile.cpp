@@ -1,6 +1,7 @@
 #include "replication/repository/store/NodeFile.h"
 
 #include "base/blocks/Blocks.h"
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/streams/Info.h"
 #include "replication/repository/streams/Streams.h"
@@ -146,6 +147,7 @@ NodePin NodeFile::getNode(NodeNumber number, std::vector<std::uint8_t>& record,
         return {};
     }
     Info info(&pool_.nodeTree(), node.record());
+    Morva::Failures::Watch const failures;
     if (info.length() > maximumRecord) {
         MORVA_TRACE(Always) << "Node record too long" << number << info.length();
     } else {
@@ -154,6 +156,11 @@ NodePin NodeFile::getNode(NodeNumber number, std::vector<std::uint8_t>& record,
         if (info.read(0, record.data(), length) != length) {
             MORVA_TRACE(Always) << "Failed to read node record" << number;
             record.clear();
+        }
+        // Not a damaged record, but one that can't be read: it would leave its streams behind.
+        if (failures.any()) {
+            blocks_->returnBlock(block, false);
+            return {};
         }
     }
     return {const_cast<NodeFile*>(this), block};
@@ -173,9 +180,9 @@ bool NodeFile::putRecord(void* block, Extent const& record) {
     }
     // Made beside the old one, so that a failure half-way leaves that in force.
     alignas(8) std::array<std::uint8_t, TreeRecord::nodeSize> fresh{};
-    std::uint64_t const failures = pool_.failures();
+    Morva::Failures::Watch const failures;
     Info info(&parameters, TreeRecord(fresh.data()));
-    if (!info.write(0, record.data, record.size, false) || pool_.failures() != failures ||
+    if (!info.write(0, record.data, record.size, false) || failures.any() ||
         info.length() != record.size) {
         MORVA_TRACE(Always) << "Failed to write node record" << NodeBlock(block).number();
         info.release();

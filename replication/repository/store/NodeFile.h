@@ -85,8 +85,8 @@ public:
     [[nodiscard]] NodePin newNode(Instance instance, std::uint32_t typeWord, NodeTimes const& times,
                                   Morva::Extent const& record);
     /// A node and its packed record. Empty for a block that is no node. With `allowStale` the
-    /// comparison ignores the reserved high bits of the stored number. A record that can't be read
-    /// is given as empty.
+    /// comparison ignores the reserved high bits of the stored number. A damaged record is
+    /// given as empty, and the node with a record that the disk refuses isn't given.
     [[nodiscard]] NodePin getNode(NodeNumber number, std::vector<std::uint8_t>& record,
                                   bool allowStale = false) const;
     /// The pinned node has changed. False when the file didn't take it.

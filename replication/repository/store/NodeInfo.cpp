@@ -1,5 +1,6 @@
 #include "replication/repository/store/NodeInfo.h"
 
+#include "base/blocks/Failures.h"
 #include "base/trace/Log.h"
 #include "base/trace/Trace.h"
 #include "replication/common/values/RepMetadata.h"
@@ -221,7 +222,7 @@ bool NodeInfo::replace(NodeStream& entry, std::shared_ptr<StreamHandle> const& t
 
 bool NodeInfo::duplicateStreamList(Streams& pool) const {
     MORVA_METHOD("duplicateStreamList");
-    std::uint64_t const failures = pool.failures();
+    Morva::Failures::Watch const failures;
     std::vector<std::shared_ptr<StreamHandle>> streams;
     for (NodeStream const& entry : streams_) {
         MORVA_TRACE(Debug) << "IN:duplicate" << entry.id;
@@ -229,7 +230,7 @@ bool NodeInfo::duplicateStreamList(Streams& pool) const {
             streams.push_back(std::move(stream));
     }
     // One that can't be read now is not lost: it would have one reference too few for ever.
-    if (pool.failures() != failures)
+    if (failures.any())
         return scope.result(false);
     for (auto const& stream : streams)
         stream->addReference();
@@ -262,8 +263,10 @@ void NodeInfo::release(Streams& pool, NodeInfo const& later) const {
     for (NodeStream const& entry : streams_) {
         if (later.exists(entry.id))
             continue;
-        if (std::shared_ptr<StreamHandle> const stream = open(pool, entry))
+        if (std::shared_ptr<StreamHandle> const stream = entry.handle.lock())
             stream->releaseReference();
+        else if (!entry.id || !pool.dropReference(entry.id))
+            reportLostStream(entry.id);
     }
 }
 

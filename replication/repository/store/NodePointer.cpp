@@ -1,6 +1,7 @@
 #include "replication/repository/store/NodePointer.h"
 
 #include "base/blocks/Blocks.h"
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 
 #include <algorithm>
@@ -11,6 +12,7 @@ namespace Replication {
 
 using Morva::BlockPin;
 using Morva::Blocks;
+using Morva::Failures;
 using Morva::TracedLock;
 
 namespace {
@@ -215,7 +217,10 @@ bool NodePointer::extend() {
 }
 
 NodePointer::Pin NodePointer::takeFree() {
+    Failures::Watch const watch;
     Pin taken = freeHead() ? get(freeHead()) : Pin();
+    if (watch.any())
+        return {};
     if (freeHead() && (!taken || taken->node())) {
         MORVA_TRACE(Always) << "Free list of node pointers is damaged at" << freeHead();
         taken = {};
@@ -228,8 +233,11 @@ NodePointer::Pin NodePointer::takeFree() {
             return {};
     }
     FileId const head = taken->previous();
+    Pin next = head ? get(head) : Pin();
+    if (watch.any())
+        return {};
     setFreeHead(head);
-    if (Pin next = head ? get(head) : Pin(); next && !next->node())
+    if (next && !next->node())
         next.change().next(head);
     PointerEntry& entry = taken.change();
     entry.instance({});
@@ -239,7 +247,7 @@ NodePointer::Pin NodePointer::takeFree() {
     return taken;
 }
 
-void NodePointer::putFree(Pin& pin) {
+void NodePointer::putFree(Pin& pin, Pin& next) {
     FileId const oldHead = freeHead();
     PointerEntry& entry = pin.change();
     entry.generation(entry.generation() + 1);
@@ -248,14 +256,20 @@ void NodePointer::putFree(Pin& pin) {
     entry.previous(oldHead);
     entry.next(oldHead);
     FileId const head = makeId(numberOf(pin.id()), entry.generation());
-    if (Pin next = oldHead ? get(oldHead) : Pin(); next && !next->node())
+    if (next && !next->node())
         next.change().next(head);
     setFreeHead(head);
 }
 
-void NodePointer::release(Pin& pin) {
+bool NodePointer::release(Pin& pin) {
+    // All that is read comes first, so that a failure leaves the chain as it was.
+    Failures::Watch const watch;
     Pin newer = pin->next() ? getUsed(pin->next()) : Pin();
     Pin behind = older(pin.entry());
+    Pin third = behind ? older(behind.entry()) : Pin();
+    Pin free = freeHead() ? get(freeHead()) : Pin();
+    if (watch.any())
+        return false;
     if (newer || !behind) {
         FileId const previous = pin->previous();
         FileId const next = pin->next();
@@ -263,17 +277,18 @@ void NodePointer::release(Pin& pin) {
             newer.change().previous(previous);
         if (behind && behind->next() == pin.id())
             behind.change().next(next);
-        putFree(pin);
-        return;
+        putFree(pin, free);
+        return true;
     }
     // The head's id has to stay valid: it takes over the older version, whose entry goes.
     PointerEntry& head = pin.change();
-    if (Pin third = older(behind.entry()); third && third->next() == behind.id())
+    if (third && third->next() == behind.id())
         third.change().next(pin.id());
     head.instance(behind->instance());
     head.node(behind->node());
     head.previous(behind->previous());
-    putFree(behind);
+    putFree(behind, free);
+    return true;
 }
 
 FileId NodePointer::newId(NodeNumber node, Instance instance) {
@@ -309,7 +324,9 @@ Instance NodePointer::newInstance(FileId id, NodeNumber node, Instance instance)
         head.change().node(node);
         return instance;
     }
-    Pin version = takeFree();
+    Failures::Watch const watch;
+    Pin behind = older(head.entry());
+    Pin version = watch.any() ? Pin() : takeFree();
     if (!version)
         return {};
     Instance const before = head->instance();
@@ -318,7 +335,7 @@ Instance NodePointer::newInstance(FileId id, NodeNumber node, Instance instance)
     entry.node(head->node());
     entry.next(id);
     entry.previous(head->previous());
-    if (Pin behind = older(entry); behind)
+    if (behind)
         behind.change().next(version.id());
     head.change().instance(instance);
     head.change().node(node);
@@ -335,13 +352,25 @@ NodeNumber NodePointer::getInstance(FileId id, Instance instance) const {
     return scope.result(NodeNumber{});
 }
 
+bool NodePointer::findInstance(FileId id, Instance instance, NodeNumber& node,
+                               bool& current) const {
+    TracedLock guard(lock_);
+    Pin entry = getUsed(id);
+    while (entry && entry->instance() > instance)
+        entry = older(entry.entry());
+    if (!entry || entry->instance() != instance)
+        return false;
+    node = entry->node();
+    current = entry.id() == id;
+    return true;
+}
+
 bool NodePointer::freeId(FileId id) {
     TracedLock guard(lock_);
     Pin head = getUsed(id);
     if (!head || head->previous() || id == rootId())
         return false;
-    release(head);
-    return true;
+    return release(head);
 }
 
 bool NodePointer::freeInstance(FileId id, Instance instance, NodeNumber& node) {
@@ -372,8 +401,7 @@ bool NodePointer::freeVersion(FileId id, Instance instance, NodeNumber& node,
     if (entry.id() == rootId() && !older(entry.entry()))
         return false;
     node = entry->node();
-    release(entry);
-    return true;
+    return release(entry);
 }
 
 bool NodePointer::instanceList(FileId id, std::vector<Instance>& list) const {

@@ -67,8 +67,8 @@ private:
 /// a chain of entries, newest first; instances fall along it. The head entry is what the id points
 /// at; an older version's entry has an id of its own that nothing outside the chain uses.
 ///
-/// A stale id is no failure: it yields 0 or false. So does a block that can't be had, and an id
-/// outside the file. Chains are followed as long as instances fall and generations match, so that
+/// A stale id is no failure: it yields 0 or false. So does an id outside the file, and a block that
+/// can't be had, which `Failures` counts; nothing has changed then. Chains are followed as long as instances fall and generations match, so that
 /// a damaged file can't keep a walk running.
 ///
 /// Thread-safe: one lock covers each operation whole.
@@ -102,6 +102,10 @@ public:
     [[nodiscard]] Instance newInstance(FileId id, NodeNumber node, Instance instance);
     /// The node of the newest version entered before `instance`, or 0.
     [[nodiscard]] NodeNumber getInstance(FileId id, Instance instance) const;
+    /// The node of the version entered in exactly this instance, and whether that is the current
+    /// one. False when there is none.
+    [[nodiscard]] bool findInstance(FileId id, Instance instance, NodeNumber& node,
+                                    bool& current) const;
     /// Frees an id without older versions.
     bool freeId(FileId id);
     /// Frees the version entered in exactly this instance and gives back its node. The id stays
@@ -145,9 +149,10 @@ private:
     void setFreeHead(FileId id);
     /// The head of the free list, taken out and cleared; its generation stays.
     [[nodiscard]] Pin takeFree();
-    void putFree(Pin& entry);
-    /// Frees one entry of a chain.
-    void release(Pin& entry);
+    /// `next` is the free list's head so far, if any.
+    void putFree(Pin& entry, Pin& next);
+    /// Frees one entry of a chain. False, with nothing changed, when a block can't be read.
+    [[nodiscard]] bool release(Pin& entry);
     [[nodiscard]] bool freeVersion(FileId id, Instance instance, NodeNumber& node,
                                    Instance& lastInstance);
 

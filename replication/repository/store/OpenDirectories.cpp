@@ -21,11 +21,22 @@ std::uint8_t* OpenDirectory::readPage(std::uint64_t page) {
     if (page_ == page)
         return buffer_.data();
     page_.reset();
-    if (page >= pages_ || stream_->read(page * DirectoryPage::size, buffer_.data(),
-                                        DirectoryPage::size) != DirectoryPage::size)
+    if (page >= pages_ || stream_->readWhole(page * DirectoryPage::size, buffer_.data(),
+                                             DirectoryPage::size) != DirectoryPage::size)
         return nullptr;
-    page_ = page;
+    before_ = buffer_;
+    page_ = number_ = page;
     return buffer_.data();
+}
+
+bool OpenDirectory::reached() const {
+    return number_ < pages_ || stream_->length() > pages_ * DirectoryPage::size;
+}
+
+bool OpenDirectory::writePage(std::uint64_t page, Image const& image) {
+    buffer_ = image;
+    page_ = number_ = page;
+    return writePage();
 }
 
 bool OpenDirectory::writePage() {
@@ -38,6 +49,7 @@ bool OpenDirectory::writePage() {
         index_.reset();
         return false;
     }
+    before_ = buffer_;
     if (index_) {
         auto const slot = static_cast<std::uint16_t>(DirectoryPage::largestSlot(buffer_.data()));
         if (*page_ < index_->pages())
@@ -50,8 +62,9 @@ bool OpenDirectory::writePage() {
 }
 
 std::uint8_t* OpenDirectory::newPage() {
-    page_ = pages_;
+    page_ = number_ = pages_;
     DirectoryPage::clear(buffer_.data());
+    before_ = buffer_;
     return buffer_.data();
 }
 

@@ -20,9 +20,12 @@ class StreamHandle;
 /// page read or written last, and, once a name was inserted, the index of its free space.
 ///
 /// Every change of a directory's pages goes through the one object of its directory, so that page
-/// and index are true without looking at the stream again. A failed write forgets both.
+/// and index are true without looking at the stream again. A failed write forgets both; what the
+/// stream holds of that page is unknown then, until `writePage` with an image succeeds.
 class OpenDirectory {
 public:
+    using Image = std::array<std::uint8_t, DirectoryPage::size>;
+
     OpenDirectory(ActiveHandle::Pointer handle, std::shared_ptr<StreamHandle> stream);
     ~OpenDirectory();
 
@@ -35,6 +38,15 @@ public:
     [[nodiscard]] std::uint8_t* readPage(std::uint64_t page);
     /// Writes the page that was asked for last, by way of copy-on-write.
     [[nodiscard]] bool writePage();
+    /// The same for an image of any page.
+    [[nodiscard]] bool writePage(std::uint64_t page, Image const& image);
+    /// The number of the page that was asked for last, its bytes as they are now, and as they were
+    /// before they were changed; valid until another page is asked for, also after a failed write.
+    [[nodiscard]] std::uint64_t pageNumber() const { return number_; }
+    /// Whether a failed write can have left something of that page in the stream.
+    [[nodiscard]] bool reached() const;
+    [[nodiscard]] Image const& image() const { return buffer_; }
+    [[nodiscard]] Image const& imageBefore() const { return before_; }
     /// The page that was asked for last was changed in vain: it will be read again.
     void discardPage() { page_.reset(); }
     /// A new page behind the last, one free entry, to be changed and written like any other.
@@ -51,8 +63,10 @@ private:
     std::shared_ptr<StreamHandle> stream_;
     std::uint64_t pages_;
     std::optional<std::uint64_t> page_;
+    std::uint64_t number_ = 0;
     std::optional<DirectoryIndex> index_;
-    alignas(8) std::array<std::uint8_t, DirectoryPage::size> buffer_;
+    alignas(8) Image buffer_;
+    Image before_;
 };
 
 /// The directories worked on last. An entry keeps a directory's handle, and with it the pin on its

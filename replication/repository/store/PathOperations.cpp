@@ -1,5 +1,6 @@
 #include "replication/repository/store/PathOperations.h"
 
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/Directories.h"
 #include "replication/repository/store/Store.h"
@@ -47,6 +48,7 @@ PathOperations::Found PathOperations::find(FileContext const& context, QStringLi
     Found result;
     Directories::Located located = store_.directories().locate(path, PathMode::DoNotBuildPath);
     result.exists = located.found;
+    result.failed = located.failed;
     if (!located.found)
         return result;
     result.key = std::move(located.key);
@@ -255,6 +257,8 @@ bool PathOperations::link(FileContext const& context, QStringList const& from,
 bool PathOperations::unlink(FileContext const& context, QStringList const& path) {
     MORVA_METHOD("unlink");
     Directories::Located located = store_.directories().locate(path, PathMode::DoNotBuildPath);
+    if (located.failed)
+        return scope.result(false);
     if (!located.found) {
         MORVA_TRACE(Normal) << "Path" << shown(path) << "does not exists";
         return scope.result(true);
@@ -294,6 +298,8 @@ bool PathOperations::rename(FileContext const& context, NotToBackup const& exclu
     if (!handle)
         return scope.result(false);
     Directories::Located target = directories.locate(to, PathMode::DoNotBuildPath);
+    if (target.failed)
+        return scope.result(false);
     if (target.found && !target.key.sameName(source.key)) {
         // Two names of one file: nothing moves, as at the source.
         if (target.key.fileId() == source.key.fileId())
@@ -305,6 +311,8 @@ bool PathOperations::rename(FileContext const& context, NotToBackup const& exclu
         MORVA_TRACE(Always) << "Failed to rename" << shown(from) << shown(to);
         return scope.result(false);
     }
+    // Moved it is: done again, the source would be missing.
+    Morva::Failures::Pardon const pardon;
     target = directories.locate(to, PathMode::DoNotBuildPath);
     if (target.found)
         handle->rename(target.key.directoryId(), to, context.user, context.process, context.ruleSet,
@@ -318,6 +326,8 @@ bool PathOperations::write(FileContext const& context, QStringList const& path,
     MORVA_METHOD("write");
     Found const found = find(context, path);
     if (!found.exists) {
+        if (found.failed)
+            return scope.result(false);
         MORVA_TRACE(Normal) << "Failed to find file for write, ignore" << shown(path);
         return scope.result(true);
     }
@@ -341,6 +351,8 @@ bool PathOperations::truncate(FileContext const& context, QStringList const& pat
     MORVA_METHOD("truncate");
     Found const found = find(context, path);
     if (!found.exists) {
+        if (found.failed)
+            return scope.result(false);
         MORVA_TRACE(Normal) << "Failed to find file for truncate, ignore" << shown(path);
         return scope.result(true);
     }

@@ -86,6 +86,7 @@ public:
 private:
     struct Found {
         bool exists = false; ///< the path names an object
+        bool failed = false; ///< the disk failed: nothing is known
         DirKey key;
         ActiveHandle::Pointer handle; ///< null on failure
     };

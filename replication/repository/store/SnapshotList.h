@@ -75,9 +75,9 @@ public:
     bool dedupSnapshot(std::function<void()> const& checkForFreeze, Instance instance,
                        Morva::Extent& buffer);
 
-    /// Enters (id, instance) in the active snapshot: that version has ended. A failure is counted
-    /// by the pool; the entry is kept then, for nothing else would ever free the version. By the
-    /// writer of the live tree.
+    /// Enters (id, instance) in the active snapshot: that version has ended. An entry that the file
+    /// doesn't take is kept, for nothing else would ever free the version, and goes with
+    /// `writeEntries`. By the writer of the live tree.
     void addEntry(FileId id, Instance instance);
     /// Writes the entries kept, if any; false when some are left. By the writer of the live tree,
     /// or while it stands still.

@@ -31,6 +31,8 @@ struct SnapshotList::Private {
     void endDedup(Instance instance, DedupFile& list, struct DedupStatistics const& statistics,
                   bool finished);
     [[nodiscard]] bool freeEntries(SnapshotFile& file, SnapshotFile* previous);
+    /// Frees the version of an entry, if it has ended. False when the disk failed.
+    [[nodiscard]] bool freeEntry(SnapshotEntry const& entry);
 
     Store& store;
     QString path;

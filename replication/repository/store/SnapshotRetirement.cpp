@@ -1,5 +1,6 @@
 // What becomes of snapshots that have been taken: changes, deletion, retirement, deduplication.
 
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/Event.h"
 #include "replication/repository/store/FileNode.h"
@@ -215,14 +216,39 @@ bool SnapshotList::Private::freeEntries(SnapshotFile& file, SnapshotFile* previo
                     return false;
                 continue;
             }
-            MORVA_TRACE(Debug) << "Free instance" << entry.instance << "of" << entry.id;
-            NodeNumber node;
-            if (!store.pointers().freeInstance(entry.id, entry.instance, node))
-                continue;
-            if (auto const handle = store.passiveHandles().get(node, MustExist::Yes))
-                handle->releaseVersion();
+            if (!freeEntry(entry))
+                return false;
         }
     }
+    return true;
+}
+
+bool SnapshotList::Private::freeEntry(SnapshotEntry const& entry) {
+    MORVA_TRACE(Debug) << "Free instance" << entry.instance << "of" << entry.id;
+    Morva::Failures::Watch const watch;
+    NodeNumber node;
+    bool current = false;
+    if (!store.pointers().findInstance(entry.id, entry.instance, node, current))
+        return !watch.any();
+    auto const handle = store.passiveHandles().get(node, MustExist::Yes);
+    if (watch.any())
+        return false;
+    if (current && handle && handle->linkCount() != 0) {
+        // The entry reached the disk before a crash, and the end of the version didn't.
+        MORVA_TRACE(Always) << "Instance" << entry.instance << "of" << entry.id
+                            << "has not ended, leave it";
+        return true;
+    }
+    // Of a deleted file the next older version becomes the current one, and has ended too.
+    FileNode::Pointer older;
+    if (current)
+        older = store.passiveHandles().get(store.pointers().getInstance(entry.id, entry.instance));
+    if (watch.any() || !store.pointers().freeInstance(entry.id, entry.instance, node))
+        return !watch.any();
+    if (older)
+        older->dropLinks();
+    if (handle)
+        handle->releaseVersion();
     return true;
 }
 

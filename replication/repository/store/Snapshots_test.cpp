@@ -97,6 +97,31 @@ TEST_F(Snapshots, DeletionWaitsForTheNextSnapshotWhenActive) {
     EXPECT_FALSE(QFile::exists(store_->snapshotPath() + "/snapshot0000000002"));
 }
 
+TEST_F(Snapshots, AnEntryOfAVersionThatHasNotEndedFreesNothing) {
+    create();
+    ASSERT_TRUE(writeFile("kept", "1"));
+    ASSERT_TRUE(writeFile("changed", "1"));
+    (void)snapshot();
+    auto const located = store_->directories().locate({"kept"}, PathMode::DoNotBuildPath);
+    ASSERT_TRUE(located.found);
+    // As after a crash between the entry and the pages that it tells of.
+    ASSERT_TRUE(list().active()->addEntry(located.key.fileId(), Instance{1}));
+    // A version that is current once more, since the newer one went with the file.
+    ASSERT_TRUE(writeFile("changed", "2"));
+    ASSERT_TRUE(removeFile("changed"));
+    (void)snapshot();
+    EXPECT_TRUE(list().deleteSnapshot(Instance{1}));
+    EXPECT_TRUE(list().deleteSnapshot(Instance{2}));
+    drain();
+    EXPECT_EQ((std::vector<std::uint32_t>{3}), instances());
+    store_->directories().forget();
+    EXPECT_EQ(2u, usedNodes()); // the root and the file that is kept
+    reopen();
+    EXPECT_EQ(QByteArray("1"), contentAt("kept", store_->currentInstance()));
+    ASSERT_TRUE(writeFile("kept", "3"));
+    EXPECT_EQ(QByteArray("1"), contentAt("kept", Instance{3}));
+}
+
 TEST_F(Snapshots, ValidationSnapshotsGoTogether) {
     create();
     (void)list().validateSnapshot();

@@ -114,8 +114,9 @@ bool Store::createFiles(StoreIdentity const& identity, bool caseSensitive) {
     Configuration const& values = shared().configuration;
     QString const files = storePath_ + QStringLiteral("/files");
     // What a store of this id has left behind is of no use to the new one.
-    QFile::remove(statePath_);
-    QDir(snapshotPath_).removeRecursively();
+    (void)RawFile::remove(statePath_);
+    for (QString const& name : QDir(snapshotPath_).entryList(QDir::Files | QDir::Hidden))
+        (void)RawFile::remove(snapshotPath_ + u'/' + name);
     if (!nodes_->create(files, values.fileNodeGrowSize,
                         values.fileNodeRandomAccess ? RawFile::Mode::Random
                                                     : RawFile::Mode::ReadWrite)) {
@@ -243,11 +244,12 @@ bool Store::openControl() {
     unclean_ = control_->openMark();
     if (unclean_)
         MORVA_TRACE(Always) << "Store was not shutdown correctly";
+    // On the disk itself before anything that it is to tell of.
     return control_->update([&](ControlFields& fields) {
         fields.openMark(true);
         if (id_)
             fields.sequence(fields.sequence() + 1);
-    });
+    }) && nodes_->flush();
 }
 
 bool Store::openTree() {
@@ -274,23 +276,28 @@ bool Store::openTree() {
 
 // --- flushing and closing
 
+bool Store::settle() {
+    return unfinished_.settle() && (!snapshots_ || snapshots_->writeEntries());
+}
+
 bool Store::flush() {
     MORVA_METHOD("flush");
+    bool const settled = !valid_ || settle();
     bool const pool = streams_->flush();
-    return scope.result(flushFiles() && pool);
+    return scope.result(flushFiles() && pool && settled);
 }
 
 bool Store::flushFiles() {
     if (!open_)
         return true;
+    bool const settled = !valid_ || settle();
     bool const control = control_->write();
     bool const nodes = nodes_->flush();
     if (!valid_)
         return control && nodes;
     bool const pointers = pointers_->flush();
     bool const directories = directories_->flush();
-    bool const entries = snapshots_->writeEntries();
-    return control && nodes && pointers && directories && entries;
+    return control && nodes && pointers && directories && settled;
 }
 
 bool Store::flushForFreeze() {
@@ -302,8 +309,8 @@ bool Store::flushForFreeze() {
 
 void Store::markOpen() {
     MORVA_METHOD("markOpen");
-    if (open_)
-        (void)control_->update([](ControlFields& fields) { fields.openMark(true); });
+    if (open_ && control_->update([](ControlFields& fields) { fields.openMark(true); }))
+        (void)nodes_->flush();
 }
 
 bool Store::close() {
@@ -311,9 +318,11 @@ bool Store::close() {
     if (!open_)
         return scope.result(true);
     retired_->clear();
+    bool const settled = !valid_ || settle();
+    unfinished_.clear(); // its steps hold handles
     directories_->forget();
     MORVA_CHECK(passive_->size() == 0, "passiveHandles");
-    bool flushed = flushFiles();
+    bool flushed = flushFiles() && settled;
     bool const wasValid = valid_.exchange(false);
     // A store that was found unclean and could not be opened has not become clean by that.
     if (flushed && (wasValid || !unclean_))

@@ -5,6 +5,7 @@
 #include "replication/common/values/Ids.h"
 #include "replication/repository/store/ControlBlock.h"
 #include "replication/repository/store/StoreTable.h"
+#include "replication/repository/store/Unfinished.h"
 
 #include <QString>
 #include <QStringList>
@@ -96,6 +97,7 @@ public:
     [[nodiscard]] SnapshotList& snapshots() const { return *snapshots_; }
     [[nodiscard]] RetireList& retired() const { return *retired_; }
     [[nodiscard]] PathOperations& paths() const { return *paths_; }
+    [[nodiscard]] Unfinished& unfinished() { return unfinished_; }
     [[nodiscard]] Streams& streams() const { return *streams_; }
     /// Null when no metadata store is told of changes.
     [[nodiscard]] Event* event() const { return event_.get(); }
@@ -157,7 +159,7 @@ public:
                                     FileNode& newNode);
     /// Drops one link of the file that `key` names (its name has been taken out of the directory
     /// already) and, with the last one, the file. With `retire` the version goes to the metadata
-    /// store. Takes the name off the counters.
+    /// store. Takes the name off the counters. What the disk refuses stays in `unfinished`.
     void removeFileId(DirKey const& key, bool retire);
     /// A claim on a version is over: with `version` that of a retained version, else a reference.
     void releaseFileNode(NodeNumber node, bool version);
@@ -171,6 +173,9 @@ public:
 
     // --- state
 
+    /// Ends what operations that the disk failed have left over. False when it fails still; nothing
+    /// may change the live tree then. By the writer of the live tree.
+    [[nodiscard]] bool settle();
     /// Writes all that changed to the files and the disk. The pool goes first, since nodes point
     /// to streams; then "files", the pointer file, whose entries point to nodes, and the tree,
     /// whose keys name ids. So what is on the disk never points to what isn't there. `OpenMark`
@@ -223,8 +228,8 @@ private:
     void eraseNodes();
     struct Figures;
     [[nodiscard]] Figures figures() const;
-    void removeLastLink(DirKey const& key, std::shared_ptr<ActiveHandle> const& handle,
-                        bool retire);
+    [[nodiscard]] bool dropLink(DirKey const& key, bool retire);
+    [[nodiscard]] bool dropLastLink(DirKey const& key, ActiveHandle& handle, bool retire);
 
     std::atomic<bool> valid_{false};
     bool caseSensitive_ = true;
@@ -253,6 +258,7 @@ private:
     std::unique_ptr<RetireList> retired_;
     std::unique_ptr<ActiveHandles> active_;
     std::unique_ptr<PathOperations> paths_;
+    Unfinished unfinished_;
 };
 
 } // namespace Replication

@@ -1,5 +1,6 @@
 // How versions of files begin and end in a store: see Store.h.
 
+#include "base/blocks/Failures.h"
 #include "base/trace/Log.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/ActiveHandles.h"
@@ -15,6 +16,8 @@
 #include "replication/repository/streams/Streams.h"
 
 namespace Replication {
+
+using Morva::Failures;
 
 bool Store::updateFileId(std::uint32_t time, FileId id, FileNode& oldNode, FileNode& newNode) {
     MORVA_METHOD("updateFileId");
@@ -53,40 +56,66 @@ void Store::removeFileId(DirKey const& key, bool retire) {
     MORVA_METHOD("removeFileId");
     if (!key.liveOnly())
         control_->countName(key.type(), false);
-    auto const handle = active_->get(key.fileId());
-    if (!handle || !handle->fileNode()) {
-        MORVA_TRACE(Always) << "Failed to find the file of" << key.fileId();
-        return;
-    }
-    std::uint32_t const before = handle->linkCount();
-    if (before != 0 && handle->removeLink(key.link()) == 0)
-        removeLastLink(key, handle, retire);
+    unfinished_.finish([this, key, retire] { return dropLink(key, retire); });
 }
 
-void Store::removeLastLink(DirKey const& key, std::shared_ptr<ActiveHandle> const& handle,
-                           bool retire) {
-    FileNode& node = *handle->fileNode();
+bool Store::dropLink(DirKey const& key, bool retire) {
+    Failures::Watch const watch;
+    auto const handle = active_->get(key.fileId());
+    if (!handle || !handle->fileNode()) {
+        if (watch.any())
+            return false;
+        MORVA_TRACE(Always) << "Failed to find the file of" << key.fileId();
+        return true;
+    }
+    std::uint32_t const before = handle->linkCount();
+    if (before == 0)
+        return true;
+    std::uint32_t const left = handle->removeLink(key.link());
+    if (left == before)
+        return false;
+    if (left == 0)
+        unfinished_.finish([=, this] { return dropLastLink(key, *handle, retire); });
+    return true;
+}
+
+bool Store::dropLastLink(DirKey const& key, ActiveHandle& handle, bool retire) {
+    Failures::Watch const watch;
+    FileNode& node = *handle.fileNode();
     FileId const id = key.fileId();
     Instance const current = currentInstance();
     Instance lastInstance;
-    if (pointers_->freeInstance(id, current, lastInstance)) {
-        // Made in this instance, so that no snapshot has seen it.
+    NodeNumber freed;
+    // A version that becomes the current one again by that has ended too, and is to say so.
+    FileNode::Pointer older;
+    Instance const newest = pointers_->currentInstance(id);
+    if (newest && (newest == current || node.liveOnly()))
+        older = passive_->get(pointers_->getInstance(id, newest));
+    if (watch.any())
+        return false;
+    bool const fresh = pointers_->freeInstance(id, current, lastInstance);
+    // A live-only version is in no snapshot, in whatever instance it was made.
+    bool const unseen =
+        fresh || (node.liveOnly() && pointers_->freeInstance(id, lastInstance, freed));
+    if (watch.any())
+        return false;
+    if (unseen) {
+        if (older)
+            older->dropLinks();
         node.releaseVersion();
     } else if (!node.liveOnly()) {
         MORVA_TRACE(Verbose) << "Delete FileId" << id << "in instance" << current
                              << "record that instance" << lastInstance << "has expired";
         if (id_ && lastInstance)
             snapshots_->addEntry(id, lastInstance);
-    } else if (NodeNumber freed; pointers_->freeInstance(id, lastInstance, freed)) {
-        // A live-only version is in no snapshot, in whatever instance it was made.
-        node.releaseVersion();
     }
     MORVA_TRACE(Verbose) << "File" << id << "has been deleted in instance" << current;
     if (!node.liveOnly() && indexSnapshots_ && event_ && node.notLinked() &&
         !event_->removed(id, key.link(), key.directoryId(), retired_->timeStamp()))
         MORVA_TRACE(Always) << "Failed to send delete event";
     if (retire && !node.isDirectory())
-        retired_->retiredVersion(handle->version(), handle->fileNode(), false);
+        retired_->retiredVersion(handle.version(), handle.fileNode(), false);
+    return true;
 }
 
 void Store::releaseFileNode(NodeNumber node, bool version) {

@@ -217,32 +217,33 @@ bool RawRefCountedBlocks::inFile(std::uint64_t first, std::uint64_t count) const
     return first != 0 && first < next && count <= next - first;
 }
 
+RawFile* RawRefCountedBlocks::fileOf(std::uint64_t first, std::uint64_t blocks,
+                                     char const* failure) {
+    RawFile* file = ownFile(mode_);
+    if (file && inFile(first, blocks))
+        return file;
+    MORVA_TRACE(Always) << failure << name_ << first;
+    return nullptr;
+}
+
 bool RawRefCountedBlocks::readRun(std::uint64_t first, std::uint64_t blocks, void* buffer,
                                   std::uint32_t offset, std::uint32_t count) {
-    RawFile* file = ownFile(mode_);
-    if (!file || !inFile(first, blocks)) {
-        MORVA_TRACE(Always) << "Failed to position for read" << name_ << first;
-        return false;
-    }
-    if (file->readAt(first * blockSize_ + offset, buffer, count) != count) {
+    RawFile* file = fileOf(first, blocks, "Failed to position for read");
+    if (file && file->readAt(first * blockSize_ + offset, buffer, count) == count)
+        return true;
+    if (file)
         MORVA_TRACE(Always) << "Failed to read data" << name_ << first << count;
-        return false;
-    }
-    return true;
+    return false;
 }
 
 bool RawRefCountedBlocks::writeRun(std::uint64_t first, std::uint64_t blocks, void const* buffer,
                                    std::uint32_t offset, std::uint32_t count) {
-    RawFile* file = ownFile(mode_);
-    if (!file || !inFile(first, blocks)) {
-        MORVA_TRACE(Always) << "Failed to position for write" << name_ << first;
-        return false;
-    }
-    if (file->writeAt(first * blockSize_ + offset, buffer, count) != count) {
+    RawFile* file = fileOf(first, blocks, "Failed to position for write");
+    if (file && file->writeAt(first * blockSize_ + offset, buffer, count) == count)
+        return true;
+    if (file)
         MORVA_TRACE(Always) << "Failed to write data" << name_ << first << count;
-        return false;
-    }
-    return true;
+    return false;
 }
 
 bool RawRefCountedBlocks::read(std::uint64_t block, void* buffer, std::uint32_t offset,
@@ -263,20 +264,18 @@ std::uint32_t RawRefCountedBlocks::runLength(std::uint64_t const* blocks,
     return run;
 }
 
-bool RawRefCountedBlocks::read(std::uint64_t const* blocks, std::uint32_t blockCount, void* buffer,
-                               std::uint32_t offset, std::uint32_t count) {
-    auto* at = static_cast<std::uint8_t*>(buffer);
+template <class Bytes, class Run>
+bool RawRefCountedBlocks::inRuns(std::uint64_t const* blocks, std::uint32_t blockCount, Bytes* at,
+                                 std::uint32_t offset, std::uint32_t count, Run&& run) {
     while (count != 0 && blockCount != 0) {
         std::uint64_t const first = *blocks & mask_;
-        std::uint32_t const run = first == 0 ? 1 : runLength(blocks, blockCount);
+        std::uint32_t const length = first == 0 ? 1 : runLength(blocks, blockCount);
         auto const chunk = static_cast<std::uint32_t>(
-            std::min<std::uint64_t>(count, std::uint64_t{run} * blockSize_ - offset));
-        if (first == 0)
-            std::memset(at, 0, chunk);
-        else if (!readRun(first, run, at, offset, chunk))
+            std::min<std::uint64_t>(count, std::uint64_t{length} * blockSize_ - offset));
+        if (!run(first, length, at, offset, chunk))
             return false;
-        blocks += run;
-        blockCount -= run;
+        blocks += length;
+        blockCount -= length;
         at += chunk;
         count -= chunk;
         offset = 0;
@@ -284,27 +283,28 @@ bool RawRefCountedBlocks::read(std::uint64_t const* blocks, std::uint32_t blockC
     return count == 0;
 }
 
+bool RawRefCountedBlocks::read(std::uint64_t const* blocks, std::uint32_t blockCount, void* buffer,
+                               std::uint32_t offset, std::uint32_t count) {
+    return inRuns(blocks, blockCount, static_cast<std::uint8_t*>(buffer), offset, count,
+                  [this](std::uint64_t first, std::uint32_t length, std::uint8_t* at,
+                         std::uint32_t from, std::uint32_t chunk) {
+                      if (first != 0)
+                          return readRun(first, length, at, from, chunk);
+                      std::memset(at, 0, chunk);
+                      return true;
+                  });
+}
+
 bool RawRefCountedBlocks::write(std::uint64_t const* blocks, std::uint32_t blockCount,
                                 void const* buffer, std::uint32_t offset, std::uint32_t count) {
-    auto const* at = static_cast<std::uint8_t const*>(buffer);
-    while (count != 0 && blockCount != 0) {
-        std::uint64_t const first = *blocks & mask_;
-        if (first == 0) {
-            MORVA_TRACE(Always) << "Attempt to write to sparse block" << name_;
-            return false;
-        }
-        std::uint32_t const run = runLength(blocks, blockCount);
-        auto const chunk = static_cast<std::uint32_t>(
-            std::min<std::uint64_t>(count, std::uint64_t{run} * blockSize_ - offset));
-        if (!writeRun(first, run, at, offset, chunk))
-            return false;
-        blocks += run;
-        blockCount -= run;
-        at += chunk;
-        count -= chunk;
-        offset = 0;
-    }
-    return count == 0;
+    return inRuns(blocks, blockCount, static_cast<std::uint8_t const*>(buffer), offset, count,
+                  [this](std::uint64_t first, std::uint32_t length, std::uint8_t const* at,
+                         std::uint32_t from, std::uint32_t chunk) {
+                      if (first != 0)
+                          return writeRun(first, length, at, from, chunk);
+                      MORVA_TRACE(Always) << "Attempt to write to sparse block" << name_;
+                      return false;
+                  });
 }
 
 bool RawRefCountedBlocks::extend(std::uint64_t first) {

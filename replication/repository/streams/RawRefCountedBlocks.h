@@ -141,6 +141,13 @@ private:
     /// The calling thread's handle, opened if it has none; null when that fails.
     [[nodiscard]] Morva::RawFile* ownFile(Morva::RawFile::Mode mode);
     [[nodiscard]] bool inFile(std::uint64_t first, std::uint64_t count) const;
+    /// The calling thread's file, if these blocks lie in it; else null, and `failure` is traced.
+    [[nodiscard]] Morva::RawFile* fileOf(std::uint64_t first, std::uint64_t blocks,
+                                         char const* failure);
+    /// Calls `run` for each run of adjacent blocks, with its part of the bytes at `at`.
+    template <class Bytes, class Run>
+    [[nodiscard]] bool inRuns(std::uint64_t const* blocks, std::uint32_t blockCount, Bytes* at,
+                              std::uint32_t offset, std::uint32_t count, Run&& run);
     [[nodiscard]] bool readRun(std::uint64_t first, std::uint64_t blocks, void* buffer,
                                std::uint32_t offset, std::uint32_t count);
     [[nodiscard]] bool writeRun(std::uint64_t first, std::uint64_t blocks, void const* buffer,

@@ -329,6 +329,20 @@ void Streams::updateControl() {
         streamTree_->failed();
 }
 
+bool Streams::dropReference(StreamId id) {
+    Morva::Failures::Pardon const pardon;
+    Morva::Failures::Watch const watch;
+    if (std::shared_ptr<StreamHandle> const stream = handle(id, true)) {
+        stream->releaseReference();
+        return true;
+    }
+    if (!watch.any())
+        return false;
+    TracedLock lock(nodesLock_);
+    deferredDrops_.push_back(id);
+    return true;
+}
+
 void Streams::saveStream(StreamId id) {
     TracedLock lock(nodesLock_);
     savedStreams_.insert(id);
@@ -354,9 +368,16 @@ std::uint32_t Streams::instance() const {
 bool Streams::flush(bool sync) {
     MORVA_METHOD("flush");
     bool good = true;
-    std::vector<StreamId> unsent;
+    std::vector<StreamId> unsent, undropped;
     {
         TracedLock lock(nodesLock_);
+        undropped.swap(deferredDrops_);
+    }
+    for (StreamId const id : undropped)
+        dropReference(id);
+    {
+        TracedLock lock(nodesLock_);
+        good = deferredDrops_.empty();
         // Once the pool stops, its end asks.
         if (!stopping_)
             unsent.swap(deferredDeletes_);

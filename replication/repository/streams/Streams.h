@@ -91,6 +91,9 @@ public:
     /// The stream's live object. Null when the id names no stream; that is traced as a fault
     /// unless `invalidOk`.
     [[nodiscard]] std::shared_ptr<StreamHandle> handle(StreamId id, bool invalidOk);
+    /// Takes one reference off a stream; what the disk refuses is done at the next flush. False
+    /// when the id names no stream.
+    bool dropReference(StreamId id);
     /// Keeps a stream without references from being deleted at the end of a stopping pool: its
     /// handle was saved and will be taken up again.
     void saveStream(StreamId id);
@@ -224,6 +227,7 @@ private:
     std::atomic<bool> stopping_ = false;        // written under nodesLock_
     std::atomic<bool> freezing_ = false;        // written under nodesLock_
     std::vector<StreamId> deferredDeletes_;     // guarded by nodesLock_
+    std::vector<StreamId> deferredDrops_;       // guarded by nodesLock_
     std::unordered_set<StreamId> savedStreams_; // guarded by nodesLock_
 
     mutable Morva::TracedMutex openLock_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/blocks/Failures.h"
 #include "replication/repository/streams/TreeRecord.h"
 
 #include <array>
@@ -70,8 +71,11 @@ public:
     /// counted then.
     bool decrementEntry(TreeRecord record) const;
 
-    /// Notes a block that could not be read, written or had.
-    void failed() const { failures_->fetch_add(1, std::memory_order_relaxed); }
+    /// Notes a block that could not be read, written or had, also on the calling thread.
+    void failed() const {
+        failures_->fetch_add(1, std::memory_order_relaxed);
+        Morva::Failures::note();
+    }
 
     enum class Visit { Enter, Skip };
     /// Called for every block that a tree names, parents before children. `level` is 0 for a data
