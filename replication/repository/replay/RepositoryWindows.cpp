@@ -151,8 +151,8 @@ bool RepositoryWindows::translate(LogPath const& path, Target& out, QStringList&
         if (i + 1 == names.size() && path.casePreservedStreamOffset != 0)
             name = posixText(path.casePreserved.substr(0, path.casePreservedStreamOffset));
         // The colon of a stream is no part of the file's name; that of a drive is.
-        if (i + 1 == names.size() && out.stream != dataStreamName && name.size() > 2 &&
-            name.endsWith(u':'))
+        bool const drive = i == 0 && prefix.isEmpty();
+        if (i + 1 == names.size() && out.stream != dataStreamName && !drive && name.endsWith(u':'))
             name.chop(1);
         out.unnameable = !isName(name);
         if (!out.unnameable)

@@ -109,7 +109,7 @@ private:
     [[nodiscard]] bool sameStream(QString const& a, QString const& b) const;
     /// The paths of the handles on what was moved follow it.
     void follow(SinkHandle& moved, QStringList const& from, QStringList const& to);
-    /// Handles on names and streams that are gone stand for nothing any more.
+    /// Handles on files and streams that are gone stand for nothing any more.
     void dropNameless(SinkHandle::Type type);
     void dropLostStreams(ActiveHandle const& file);
     static void detach(SinkHandle& handle, SinkHandle::Type type);

@@ -119,11 +119,11 @@ bool RepositoryWindows::opSetFsctlWin(LogEntry const& log) {
 bool RepositoryWindows::zeroData(LogEntry const& log, SinkHandle& handle, std::uint64_t start,
                                  std::uint64_t end) {
     static constexpr std::array<std::uint8_t, blockSize> zeros{};
-    // Nothing behind the end of the file is meant.
-    end = std::min(end, handle.streamHandle->length());
+    auto& file = *handle.activeHandle;
+    // Nothing behind the end is meant. By name, since a copy may have replaced the stream.
+    end = std::min(end, file.size(handle.stream));
     if (start >= end)
         return true;
-    auto& file = *handle.activeHandle;
     // The stream clears a block that it begins within to its end, so that part is written.
     auto const whole = std::min(end, (start + blockSize - 1) / blockSize * blockSize);
     auto const count = static_cast<std::uint32_t>(whole - start);

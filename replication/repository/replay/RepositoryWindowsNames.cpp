@@ -92,7 +92,7 @@ void RepositoryWindows::follow(SinkHandle& moved, QStringList const& from, QStri
 
 void RepositoryWindows::dropNameless(SinkHandle::Type type) {
     for (auto const& each : allHandles())
-        if (each->type == SinkHandle::Valid && !entryOf(*each))
+        if (each->type == SinkHandle::Valid && each->activeHandle->linkCount() == 0)
             detach(*each, type);
 }
 
@@ -235,9 +235,10 @@ bool RepositoryWindows::removeRenamed(LogEntry const& log, SinkHandlePointer con
                                     : "Close renamed out of scope OpenSeqNo")
                        << log.fileId();
     auto const type = excluded ? SinkHandle::Excluded : SinkHandle::Unknown;
-    detach(*old, type);
     dropNameless(type);
-    insertHandle(log.fileId(), type);
+    // The source goes on writing to it, and that still shows under its other names.
+    if (keep->linkCount() == 0)
+        insertHandle(log.fileId(), type);
     return true;
 }
 
@@ -294,9 +295,14 @@ bool RepositoryWindows::renameStream(LogEntry const& log, SinkHandle& old, Targe
         if (sameStream(old.stream, to.stream) ||
             file.renameStream(old.link, old.stream, to.stream)) {
             auto const from = old.stream;
-            for (auto const& each : allHandles())
-                if (each->activeHandle.get() == &file && sameStream(each->stream, from))
+            for (auto const& each : allHandles()) {
+                if (each->activeHandle.get() != &file)
+                    continue;
+                if (sameStream(each->stream, from))
                     each->stream = to.stream;
+                else if (sameStream(each->stream, to.stream))
+                    detach(*each, SinkHandle::Unknown);
+            }
             MORVA_TRACE(Debug) << "Renamed OpenSeqNo" << log.fileId() << to.stream;
             return true;
         }

@@ -133,7 +133,10 @@ PathOperations::NewFile RepositoryWindows::newFile(LogEntry const& log, Opening 
 RepositoryWindows::SinkHandlePointer RepositoryWindows::createNew(LogEntry const& log,
                                                                   Opening& opening) {
     auto const& where = opening.target;
-    auto const there = store().directories().locate(where.path, PathMode::DoNotBuildPath);
+    // Of a plain new file nothing is asked that making it wouldn't find out.
+    auto const asks = opening.isDirectory || where.stream != dataStreamName || !deletions_.empty();
+    auto const there = asks ? store().directories().locate(where.path, PathMode::DoNotBuildPath)
+                            : Directories::Located();
     if (there.found)
         finishDeletionsOf(there.key.fileId());
     auto file = newFile(log, opening);

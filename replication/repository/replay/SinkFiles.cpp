@@ -76,7 +76,8 @@ QByteArray Sink::readWhole(SinkHandle const& handle, QString const& name) {
 bool Sink::describe(FileContext const& context, SinkHandle& handle,
                     PathOperations::NewFile const& file) {
     handle.activeHandle->attributes(handle.link, file.attributes);
-    handle.activeHandle->owner(handle.link, file.owner);
+    if (!file.owner.isEmpty())
+        handle.activeHandle->owner(handle.link, file.owner);
     return file.security.isEmpty() ||
            store().paths().replaceContent(context, handle, securityStreamName, file.security);
 }
