@@ -106,24 +106,8 @@ private:
         auto const stream = FileTree::content(node);
         if (!stream)
             return differs(path, "has no content");
-        same(path, "size", wanted.size(), stream->length());
-        if (stream->length() != wanted.size())
-            return;
-        std::uint64_t at = 0;
-        for (auto const& [number, block] : wanted.blocks()) {
-            auto const start = number * blockSize;
-            auto const count = std::min(blockSize, wanted.size() - start);
-            if (at < start && !stream->isZero(at, start))
-                return differs(path, "is not zero before " + std::to_string(start));
-            Block stored{};
-            if (stream->read(start, stored.data(), static_cast<std::uint32_t>(count)) != count ||
-                !std::equal(stored.begin(), stored.begin() + static_cast<std::ptrdiff_t>(count),
-                            block.begin()))
-                return differs(path, "content at " + std::to_string(start));
-            at = start + count;
-        }
-        if (at < wanted.size() && !stream->isZero(at, wanted.size()))
-            differs(path, "is not zero at its end");
+        if (auto const what = difference(wanted, *stream); !what.empty())
+            differs(path, what);
     }
 
     FileTree const& reader_;
@@ -161,6 +145,26 @@ std::string compareFigures(Replication::Store const& store, std::uint32_t instan
 }
 
 } // namespace
+
+std::string difference(Content const& wanted, Replication::StreamHandle& stored) {
+    if (stored.length() != wanted.size())
+        return "size is " + std::to_string(stored.length()) + ", not " +
+               std::to_string(wanted.size());
+    std::uint64_t at = 0;
+    for (auto const& [number, block] : wanted.blocks()) {
+        auto const start = number * blockSize;
+        auto const count = std::min(blockSize, wanted.size() - start);
+        if (at < start && !stored.isZero(at, start))
+            return "is not zero before " + std::to_string(start);
+        Block bytes{};
+        if (stored.read(start, bytes.data(), static_cast<std::uint32_t>(count)) != count ||
+            !std::equal(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count),
+                        block.begin()))
+            return "content at " + std::to_string(start);
+        at = start + count;
+    }
+    return at < wanted.size() && !stored.isZero(at, wanted.size()) ? "is not zero at its end" : "";
+}
 
 std::string Player::differences() {
     auto const store = root_->store(root_->source("model"));

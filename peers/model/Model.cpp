@@ -32,6 +32,16 @@ void Content::truncate(std::uint64_t size) {
     size_ = size;
 }
 
+void Content::zero(std::uint64_t start, std::uint64_t end) {
+    end = std::min(end, size_);
+    for (auto at = start; at < end;) {
+        auto const count = std::min(end - at, blockSize - at % blockSize);
+        if (auto const block = blocks_.find(at / blockSize); block != blocks_.end())
+            std::memset(block->second.data() + at % blockSize, 0, count);
+        at += count;
+    }
+}
+
 ObjectPointer clone(ObjectPointer const& root) {
     std::unordered_map<Object const*, ObjectPointer> done;
     auto const copy = [&done](auto const& self, ObjectPointer const& object) -> ObjectPointer {

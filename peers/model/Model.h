@@ -6,7 +6,13 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
+#include <string>
 #include <vector>
+
+namespace Replication {
+class StreamHandle;
+}
 
 namespace Morva::Model {
 
@@ -20,11 +26,33 @@ public:
     [[nodiscard]] std::uint64_t size() const { return size_; }
     void write(std::uint64_t offset, QByteArray const& data);
     void truncate(std::uint64_t size);
+    /// Zeros below the size.
+    void zero(std::uint64_t start, std::uint64_t end);
     [[nodiscard]] std::map<std::uint64_t, Block> const& blocks() const { return blocks_; }
 
 private:
     std::uint64_t size_ = 0;
     std::map<std::uint64_t, Block> blocks_;
+};
+
+/// How a stored stream differs; empty when it doesn't.
+[[nodiscard]] std::string difference(Content const& wanted, Replication::StreamHandle& stored);
+
+/// What an object of a Windows source has besides its content. Names are compared without case:
+/// the maps go by their lower case.
+struct WindowsParts {
+    struct Stream {
+        QByteArray name; ///< as spelled, with its colon
+        Content content;
+    };
+    std::uint32_t attributes = 0;
+    QByteArray owner;
+    QByteArray security; ///< its three parts, a digit each
+    std::map<QByteArray, Stream> streams;
+    /// By name in upper case: the name as spelled, a NUL, the value.
+    std::map<QByteArray, QByteArray> extended;
+    /// The streams of which not all is known; an empty name is the content.
+    std::set<QByteArray> dirty;
 };
 
 enum class Kind { Directory, File, Symlink, Special };
@@ -48,6 +76,7 @@ struct Object {
     QByteArray target;
     std::map<QByteArray, QByteArray> attributes;
     Content content;
+    WindowsParts windows;
     std::map<QByteArray, ObjectPointer> names;
 };
 

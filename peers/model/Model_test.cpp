@@ -2,29 +2,19 @@
 // number of operations of each.
 
 #include "peers/model/Player.h"
+#include "peers/model/Seeds.h"
 
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <iostream>
 
 namespace {
 
+using Morva::Model::fromEnvironment;
 using Morva::Model::Player;
-
-std::uint64_t fromEnvironment(char const* name, std::uint64_t otherwise) {
-    auto const* text = std::getenv(name);
-    return text ? std::strtoull(text, nullptr, 0) : otherwise;
-}
-
-/// Two seeds that stay, so that a machine sees the same each time, and one that is new each time.
-std::vector<std::uint64_t> seeds() {
-    if (std::getenv("MORVA_SEED"))
-        return {fromEnvironment("MORVA_SEED", 0)};
-    return {1, 2, std::random_device{}()};
-}
+using Morva::Model::seeds;
 
 class Model : public testing::TestWithParam<std::uint64_t> {};
 

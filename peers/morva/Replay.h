@@ -34,6 +34,8 @@ public:
     void end();
 
     [[nodiscard]] Counts const& counts() const { return counts_; }
+    /// The paths of the store that the logs asked to be resynchronised, so far.
+    [[nodiscard]] QSet<QString> const& resyncPaths() const { return sink_->resyncPaths(); }
     /// A whole tree has been applied: the store is level with its source.
     void levelWithSource();
 

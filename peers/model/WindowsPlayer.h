@@ -1,0 +1,136 @@
+#pragma once
+
+#include "peers/model/Player.h"
+#include "replication/common/log/LogBuilder.h"
+
+#include <QSet>
+
+#include <functional>
+#include <set>
+
+namespace Morva::Model {
+
+/// Random operations of a Windows source, done on a plain tree in memory and logged into a real
+/// repository. Names differ in more than case and are spelled as they were first written; files are
+/// open under numbers, of which several can mean one file.
+///
+/// The model holds what the store is to hold: what lies outside of the source root or is excluded
+/// has no object, and a number that was opened there means nothing until something brings it in,
+/// which asks for a resynchronisation of the path.
+class WindowsPlayer {
+public:
+    WindowsPlayer(QString const& rootPath, std::uint64_t seed);
+    ~WindowsPlayer();
+
+    void play(int operations);
+    /// As `Player::differences`; also compares the paths to be resynchronised.
+    [[nodiscard]] std::string differences();
+    /// As `Player::faults`.
+    [[nodiscard]] std::string faults();
+    [[nodiscard]] std::map<std::string, int> const& counts() const { return counts_; }
+
+private:
+    enum class Type { Valid, Excluded, Unknown };
+    using Parts = std::vector<QByteArray>; ///< of a path below the source root
+
+    /// A number that the source uses. `link` tells which name of the object it was opened by.
+    struct Open {
+        std::uint32_t fileId = 0;
+        Type type = Type::Unknown;
+        ObjectPointer object;
+        int link = 0;
+        QByteArray stream; ///< lower case, empty for the content
+        bool marked = false;
+    };
+    using OpenPointer = std::shared_ptr<Open>;
+    /// A name, there or not.
+    struct Spot {
+        ObjectPointer directory; ///< null outside and where it is excluded
+        Parts parts;             ///< as spelled
+        ObjectPointer object;    ///< null when there is none
+        Type type = Type::Valid; ///< Unknown: outside
+    };
+    using Change = std::function<void(Replication::LogBuilder&)>;
+
+    void open();
+    void close();
+    void log(Replication::LogType type, Change const& change);
+    /// Logs a path value: of some case in the text, of the spelling in what is preserved.
+    void logPath(Replication::LogBuilder& log, Replication::LogField field, Spot const& spot,
+                 QByteArray const& stream = {});
+
+    // Operations.
+    void create();
+    void openExisting();
+    void reopenFile();
+    void write();
+    void writePath();
+    void truncate();
+    void validLength();
+    void zero();
+    void setAttributes();
+    void setSecurity();
+    void setExtended();
+    void rename();
+    void renameStream();
+    void link();
+    void unlink();
+    void closeFile();
+    void askByFilter();
+    void startSnapshot();
+    void snapshot();
+    void retire();
+    void restart();
+
+    // What they do to the model.
+    OpenPointer openNew(Spot const& spot, QByteArray const& stream, std::uint32_t attributes,
+                        bool directory, QByteArray const& owner, QByteArray const& security);
+    OpenPointer attach(Spot const& spot, QByteArray const& stream);
+    void enter(Spot const& spot, ObjectPointer const& object, int link);
+    void removeName(ObjectPointer const& directory, QByteArray const& name);
+    void dropNameless(Type type);
+    void dropStream(Object& object, QByteArray const& stream);
+    void finish(std::function<bool(Open const&)> const& fits, bool also);
+    void perform(Open const& marked);
+    void ask(Parts const& parts);
+    [[nodiscard]] Content* contentOf(Open const& open);
+    void touch(Open const& open);
+
+    [[nodiscard]] std::uint64_t pick(std::uint64_t below) { return random_() % below; }
+    [[nodiscard]] QByteArray randomName();
+    [[nodiscard]] QByteArray randomStream();
+    [[nodiscard]] QByteArray cased(QByteArray const& text);
+    [[nodiscard]] QByteArray randomData(std::uint64_t maximum);
+    [[nodiscard]] std::uint64_t randomOffset(Content const& content);
+    [[nodiscard]] Spot anySpot(bool existing, bool inside);
+    [[nodiscard]] Spot spotOf(Open const& open); ///< of a number that has a name
+    [[nodiscard]] OpenPointer anyOpen(std::function<bool(Open const&)> const& fits);
+    [[nodiscard]] OpenPointer anyValid();
+    OpenPointer& numbered(std::uint32_t fileId);
+    [[nodiscard]] bool hasName(Open const& open) const { return places_.contains(open.link); }
+    void count(char const* what) { ++counts_[what]; }
+
+    QString rootPath_;
+    std::mt19937_64 random_;
+    std::unique_ptr<Root> root_;
+    Output output_;
+    std::unique_ptr<Replay> replay_;
+    DirectSink sink_;
+    Replication::LogBuilder builder_;
+    std::uint64_t sequence_ = 0;
+    std::uint32_t clock_ = 1'700'000'000;
+    std::uint32_t lastFileId_ = 0;
+    ObjectPointer tree_;
+    /// Which name each link is, and back, by directory and lower case.
+    std::map<int, std::pair<ObjectPointer, QByteArray>> places_;
+    std::map<std::pair<Object const*, QByteArray>, int> links_;
+    int lastLink_ = 0;
+    std::map<std::uint32_t, OpenPointer> open_;
+    std::vector<OpenPointer> marked_;
+    std::set<QByteArray> asked_; ///< in lower case
+    std::map<std::uint32_t, ObjectPointer> snapshots_;
+    std::uint64_t dirtied_ = 0; ///< streams that were marked as not all known
+    std::map<std::string, int> counts_;
+};
+
+} // namespace Morva::Model
