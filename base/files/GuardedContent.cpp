@@ -93,6 +93,7 @@ void GuardedContent::grown(std::uint64_t end) {
 
 std::uint32_t GuardedContent::writeAt(RawFile& file, std::uint64_t offset, void const* buffer,
                                       std::uint32_t count) {
+    std::shared_lock const noCheckpoint(pages_->changing());
     if (pages_->isBroken())
         return 0;
     auto const* const bytes = static_cast<std::uint8_t const*>(buffer);
@@ -170,6 +171,7 @@ bool GuardedContent::writePart(RawFile& file, std::uint64_t page, std::uint32_t 
 // --- the length
 
 bool GuardedContent::setLength(RawFile& file, std::uint64_t bytes) {
+    std::shared_lock const noCheckpoint(pages_->changing());
     if (pages_->isBroken())
         return false;
     std::uint64_t const now = length();

@@ -19,7 +19,8 @@ namespace Morva {
 /// slots of the journal's pages; what is written behind them goes to the file itself.
 ///
 /// Shared by all handles on the file. `readAt` and `writeAt` may be called from several threads at
-/// once, all else by one while nobody writes; reading goes on meanwhile.
+/// once, all else by one while nobody writes. A checkpoint holds off whoever changes the file, and
+/// reading goes on.
 class GuardedContent {
 public:
     /// A run of pages that stand in adjacent slots, or are zeros.

@@ -88,6 +88,8 @@ QString Journal::base() const {
 bool Journal::recover() {
     QString const name = directory_ + QStringLiteral("/journal");
     JournalTable table;
+    table.applied = true;
+    log_.reset();
     if (exists(name)) {
         auto const bytes = contentOfFile(name);
         auto decoded = bytes ? JournalTable::decode(*bytes, base()) : std::nullopt;
@@ -105,13 +107,11 @@ bool Journal::recover() {
     }
     contents_.clear();
     lengths_.clear();
-    for (JournalTable::File& file : table.files) {
+    for (JournalTable::File const& file : table.files)
         lengths_.insert(file.name, file.length);
-        file.runs.clear();
-    }
-    table.hidden.clear();
-    table.applied = true;
-    return pages_->create(directory_ + QStringLiteral("/journal.pages")) && putDown(table);
+    sequence_ = table.sequence;
+    return pages_->create(directory_ + QStringLiteral("/journal.pages")) &&
+           (log_ || putDown(table));
 }
 
 bool Journal::apply(JournalTable const& table) {
@@ -162,6 +162,7 @@ bool Journal::takeBack(JournalRecord const& change) {
 
 bool Journal::rollBack() {
     std::lock_guard const hold(lock_);
+    std::unique_lock const alone(pages_->changing());
     changes_.clear();
     return recover();
 }
@@ -273,6 +274,7 @@ bool Journal::isChanged() const {
 
 bool Journal::checkpoint() {
     std::lock_guard const hold(lock_);
+    std::unique_lock const alone(pages_->changing());
     if (isBroken())
         return false;
     if (!isChanged())

@@ -28,8 +28,9 @@ namespace Morva {
 /// A crash costs what was done since the last checkpoint, never more. Between checkpoints nothing
 /// is synced but the notes of names.
 ///
-/// In force from `open` to its end; one at a time. All calls are thread-safe, but nothing may write
-/// to guarded files during `checkpoint` and `rollBack`.
+/// In force from `open` to its end; one at a time. All calls are thread-safe. What a checkpoint
+/// keeps is what was written when it began: it is for its caller to see that this is a state to
+/// keep.
 class Journal final : public RawFile::Guard {
 public:
     /// Opens the journal in a directory, or makes it, brings all files back to the last checkpoint

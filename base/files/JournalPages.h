@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <shared_mutex>
 
 namespace Morva {
 
@@ -35,6 +36,9 @@ public:
     /// All slots are free again; gives back space beyond 64 MiB.
     void reset();
 
+    /// Held shared over each change of a guarded file, alone by a checkpoint.
+    [[nodiscard]] std::shared_mutex& changing() { return changing_; }
+
     /// Nothing that is guarded may be written any more: the slots belong to a checkpoint that
     /// could not be applied, and the next opening of the journal has to find them as they are.
     void breakDown() { broken_.store(true, std::memory_order_relaxed); }
@@ -44,6 +48,7 @@ private:
     std::unique_ptr<RawFile> file_;
     std::atomic<std::uint64_t> next_ = 0;
     std::atomic<bool> broken_ = false;
+    std::shared_mutex changing_;
 };
 
 } // namespace Morva

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -297,8 +296,7 @@ bool PagedList::sortOnDisk() {
     std::unique_ptr<RawFile> sorted = sorter.finish();
     if (!sorted)
         return false;
-    QByteArray const from = encodePosixText(sorted->name());
-    if (std::rename(from.constData(), encodePosixText(path_).constData()) != 0) {
+    if (!RawFile::rename(sorted->name(), path_)) {
         sorted->deleteOnClose();
         sorted->close();
         return false;

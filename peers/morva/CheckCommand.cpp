@@ -16,6 +16,7 @@ void check(CommandLine& line, bool readData) {
     if (!FixedPath::setRoot(line.output.root))
         throw CommandFailure(ExitCode::Failed,
                              "the \"paths.cfg\" of " + line.output.root + " can't be read");
+    auto const journal = Root::openJournal();
     CheckOptions options;
     options.readData = readData;
     options.progress = [&line](std::uint64_t bytesRead) {

@@ -23,6 +23,7 @@ void Replay::apply(LogPointer const& log) {
     case DataSink::Outcome::Forgiven:
         ++counts_.logs;
         counts_.bytes += log->body().size;
+        root_.checkpointIfDue();
         return;
     case DataSink::Outcome::AlreadyReplicated:
         ++counts_.old;
@@ -35,12 +36,14 @@ void Replay::apply(LogPointer const& log) {
     case DataSink::Outcome::Failed:
         break;
     }
-    if (failures.any())
+    if (failures.any()) {
+        root_.checkpoint();
         throw CommandFailure(
             ExitCode::Failed,
             QStringLiteral("the repository could not store log %1; is the disk full? All logs "
                            "before it are stored")
                 .arg(log->sequenceNumber()));
+    }
     ++counts_.failed;
     output_.error(QStringLiteral("log %1 could not be applied: %2")
                       .arg(log->sequenceNumber())

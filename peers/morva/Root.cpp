@@ -1,10 +1,10 @@
 #include "peers/morva/Root.h"
 
+#include "base/files/RawFile.h"
 #include "base/process/Config.h"
 #include "base/process/Context.h"
 #include "base/process/FixedPath.h"
 #include "base/trace/Log.h"
-#include "peers/check/Checker.h"
 #include "peers/morva/ExitCode.h"
 #include "replication/common/rules/RuleFiles.h"
 #include "replication/repository/store/Store.h"
@@ -42,6 +42,11 @@ namespace {
 QString configFile(char const* name) {
     return FixedPath::configuration() + u'/' + QLatin1String(name);
 }
+
+/// A crash costs no more than what was done in this time, a checkpoint not much more than to copy
+/// so many bytes.
+constexpr std::chrono::seconds checkpointInterval{30};
+constexpr std::uint64_t pendingLimit = 256 << 20;
 
 QString openMark() {
     return FixedPath::runtime() + "/open";
@@ -126,9 +131,10 @@ void Root::init(QString const& path) {
         throw CommandFailure(ExitCode::Failed, "can't make " + lock.fileName());
 }
 
-Root::Root(QString const& path, For purpose) : path_(path), lock_(path) {
+Root::Root(QString const& path, For purpose) : path_(path), purpose_(purpose), lock_(path) {
     setRoot(path);
-    checkIfUnclean(purpose);
+    markOpen();
+    journal_ = openJournal();
     readSources();
     openPool();
 }
@@ -141,19 +147,25 @@ Root::~Root() {
     }
 }
 
-void Root::checkIfUnclean(For purpose) {
+void Root::markOpen() {
     QFile mark(openMark());
-    if (mark.exists()) {
-        auto const explanation =
-            "the last process that had " + path_ + " open did not end in order";
-        LogLine("Repository", LogLevelE::Notice) << explanation;
-        if (purpose == For::Changing && !checkRepository(RepositoryPaths::current()).clean())
-            throw CommandFailure(ExitCode::Failed,
-                                 explanation + " and left damage: 'morva check' lists it. What is "
-                                               "there can be read and restored, but not changed");
-    }
+    if (mark.exists())
+        LogLine("Repository", LogLevelE::Notice)
+            << "the last process that had" << path_
+            << "open did not end in order; the repository is as it was at its last checkpoint";
     if (!mark.open(QIODevice::WriteOnly))
         throw CommandFailure(ExitCode::Failed, "can't write " + mark.fileName());
+}
+
+std::unique_ptr<Journal> Root::openJournal() {
+    auto const directory = FixedPath::repository();
+    auto journal =
+        Journal::open(directory, {FixedPath::repositoryStores(), FixedPath::repositoryStreams(),
+                                  FixedPath::repositoryStreamData(), FixedPath::runtime()});
+    if (!journal)
+        throw CommandFailure(ExitCode::Failed,
+                             "the journal in " + directory + " can't be read or carried out");
+    return journal;
 }
 
 void Root::readSources() {
@@ -304,19 +316,25 @@ void Root::erase(QString const& name, bool deactivate) {
         throw CommandFailure(ExitCode::Failed, "there is no store named \"" + name + '"');
     Source const source = this->source(name);
     StoreId const id{source.id};
+    auto const directory = Store::directoryOf(id);
     // Without "files" an erasing had come to its end but for what follows here.
-    auto const exists = QFile::exists(Store::directoryOf(id) + "/files");
-    if (exists)
+    if (QFile::exists(directory + "/files")) {
         markForDeletion(source, deactivate);
-    QFile::remove(stateFile(source));
-    if (auto const store = exists ? Store::open(id, true) : StorePointer();
-        store && !store->erase())
-        throw CommandFailure(ExitCode::Failed,
-                             "not all of the store " + name + " could be erased; try again");
-    QDir(Store::directoryOf(id)).removeRecursively();
+        auto const store = Store::open(id, true);
+        if (!store || !store->erase())
+            throw CommandFailure(ExitCode::Failed,
+                                 "not all of the store " + name + " could be erased; try again");
+    }
+    QDir().rmdir(directory);
+    if (QFile::exists(directory))
+        throw CommandFailure(ExitCode::Failed, "can't remove " + directory);
+    if (QFile::exists(stateFile(source)) && !RawFile::remove(stateFile(source)))
+        throw CommandFailure(ExitCode::Failed, "can't remove " + stateFile(source));
+    drain(false);
+    // The name goes last: until the rest is kept, the store must be there to be named.
+    checkpoint();
     sources_.removeIf([&](Source const& each) { return each.id == source.id; });
     saveSources();
-    drain(false);
 }
 
 std::unique_ptr<Sink> Root::sink(Source const& source) {
@@ -356,15 +374,33 @@ void Root::drain(bool dedup) {
         throw CommandFailure(ExitCode::Failed, "the cleanup queue failed");
 }
 
+CommandFailure Root::notWritten() const {
+    return {ExitCode::Failed, "not everything could be written to " + path_ +
+                                  "; is the disk full? The repository is as it was at its last "
+                                  "checkpoint"};
+}
+
 void Root::flush() {
-    OperationGate::EnterAlone const alone;
     bool flushed = true;
     for (auto const& store : std::as_const(open_))
         flushed = store->flush() && flushed;
     flushed = streams_->flush() && flushed;
     if (!flushed)
-        throw CommandFailure(ExitCode::Failed,
-                             "not everything could be written to " + path_ + "; is the disk full?");
+        throw notWritten();
+}
+
+void Root::checkpoint() {
+    OperationGate::EnterAlone const alone;
+    flush();
+    if (!journal_->checkpoint())
+        throw notWritten();
+    lastCheckpoint_ = std::chrono::steady_clock::now();
+}
+
+void Root::checkpointIfDue() {
+    if (journal_->pendingBytes() > pendingLimit ||
+        std::chrono::steady_clock::now() - lastCheckpoint_ > checkpointInterval)
+        checkpoint();
 }
 
 void Root::finish() {
@@ -372,19 +408,21 @@ void Root::finish() {
         return;
     dedup_.reset();
     cleanup_.reset();
-    auto const flushed = [this] {
-        try {
-            flush();
-            return QString();
-        } catch (CommandFailure const& failure) {
-            return QString::fromUtf8(failure.what());
-        }
-    }();
+    bool flushed = true;
+    try {
+        OperationGate::EnterAlone const alone;
+        flush();
+    } catch (CommandFailure const&) {
+        flushed = false;
+    }
     open_.clear();
     Store::closeAll();
     streams_.reset();
-    if (!flushed.isEmpty())
-        throw CommandFailure(ExitCode::Failed, flushed);
+    bool const kept =
+        purpose_ == For::Reading ? journal_->rollBack() : flushed && journal_->checkpoint();
+    journal_.reset();
+    if (!kept)
+        throw notWritten();
     QFile::remove(openMark());
 }
 

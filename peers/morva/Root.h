@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/files/Journal.h"
+#include "peers/morva/ExitCode.h"
 #include "replication/repository/replay/SinkFactory.h"
 #include "replication/repository/store/DedupWorker.h"
 #include "replication/repository/store/StoreTable.h"
@@ -9,6 +11,7 @@
 #include <QList>
 #include <QString>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -22,7 +25,11 @@ namespace Morva {
 ///  rules/<number>/              one rule set for each change of sources.cfg
 ///  run/state-<target>           how far the sink of a store has come
 ///  run/open                     there while a process has the root open, and after one that died
+///  repository/journal           brings all of the following back to their last checkpoint
 ///  repository/...               the pool and the stores
+///
+/// A checkpoint is made at the end of a process that changes something, and now and then while it
+/// replays logs. What a process did after its last checkpoint is gone when it dies.
 ///
 /// For one thread. Operations that fail throw `CommandFailure`.
 class Root {
@@ -50,10 +57,8 @@ public:
     };
 
     enum class For { Reading, Changing };
-    /// Opens the root and its pool. `NoRepository` when there is none, `InUse` when another
-    /// process has it. When the last process that had it open did not end in order, a root opened
-    /// for changing is checked first, and refused if the check finds a fault: a change could spread
-    /// the damage, while what is there can still be read.
+    /// Opens the root at its last checkpoint, and its pool. `NoRepository` when there is none,
+    /// `InUse` when another process has it. What is done for reading alone makes no checkpoint.
     explicit Root(QString const& path, For purpose = For::Changing);
     /// Closes what is open; use `finish` to learn whether all of it reached the disk.
     ~Root();
@@ -90,21 +95,32 @@ public:
     void startWork();
     /// Works off the queues: deletions always, deduplication and retired snapshots with `dedup`.
     void drain(bool dedup);
-    /// Ends the work, brings everything to the disk and closes. Fails when something could not be
-    /// written.
+    /// Makes what was done so far stay, whatever comes.
+    void checkpoint();
+    /// The same, if there is much that a crash would cost.
+    void checkpointIfDue();
+    /// Ends the work, makes it stay, and closes. Fails when something could not be written; then
+    /// the last checkpoint holds.
     void finish();
 
+    /// The journal of the root that `FixedPath` names, with all files at their last checkpoint.
+    [[nodiscard]] static std::unique_ptr<Journal> openJournal();
+
 private:
-    void checkIfUnclean(For purpose);
+    void markOpen();
     void readSources();
     void saveSources();
     void writeRules();
     void markForDeletion(Source const& source, bool deactivate);
     void openPool();
     void flush();
+    [[nodiscard]] CommandFailure notWritten() const;
 
     QString path_;
+    For purpose_;
     Lock lock_;
+    std::unique_ptr<Journal> journal_;
+    std::chrono::steady_clock::time_point lastCheckpoint_ = std::chrono::steady_clock::now();
     QList<Source> sources_;
     std::uint32_t lastId_ = 0; ///< given to a store; ids aren't given twice
     std::uint32_t ruleSet_ = 0;
