@@ -18,6 +18,7 @@
 #include "replication/common/rules/RuleFiles.h"
 #include "replication/common/values/PosixObject.h"
 #include "replication/common/values/RepMetadata.h"
+#include "replication/common/values/WindowsObject.h"
 #include "replication/repository/store/DirectoryPage.h"
 #include "replication/repository/store/Event.h"
 #include "replication/repository/store/NodeInfo.h"
@@ -344,6 +345,69 @@ void security() {
     save("posix", "attributes", attributes.encode());
 }
 
+/// The inputs of the Windows target: values behind a letter, and logs by their values.
+void windows() {
+    save("windows", "descriptor",
+         's' + fromHex("0100149414000000240000003400000050000000"
+                       "01020000000000052000000020020000"
+                       "01020000000000052000000021020000"
+                       "02001c0001000000"
+                       "02401400ff011f00010100000000000100000000"
+                       "02001c0001000000"
+                       "00001400ff011f00010100000000000100000000"));
+    WindowsAttributes list;
+    list.append({"Name", "value", 0x80});
+    list.append({"name", {}, 0});
+    list.append({"Other", QByteArray(40, 'x'), 0});
+    auto const attributes = list.encode();
+    save("windows", "attributes", 'a' + attributes);
+
+    // A type's place in the target's choice, and the log's flags.
+    auto const begin = [](LogType type, char flags = 0) {
+        auto const number = static_cast<std::uint32_t>(type);
+        return QByteArray(1, static_cast<char>(number < 300 ? (number == 102) : number - 298)) +
+               flags;
+    };
+    auto const text = [](QByteArray const& value) {
+        return static_cast<char>(value.size()) + value;
+    };
+    auto const path = [&](QByteArray const& name, QByteArray const& stream = {}) {
+        return QByteArray(1, '\0') + '\0' + text(name.toLower() + stream) + '\0' + '\0' +
+               text(name + stream) + '\0';
+    };
+    auto const create = [&](char id, QByteArray const& file, char exists, char disposition,
+                            char flags = 0) {
+        return begin(LogType::WinCreate, flags) + id + file + '\0' + '\0' + exists + '\0' + '\0' +
+               '\0' + disposition + '\0' + '\0' + '\0' + '\0' + '\0';
+    };
+    auto const write = [&](char id) {
+        return begin(LogType::Write) + id + '\5' + '\4' + text("data");
+    };
+    auto const close = [&](char id) { return begin(LogType::Close) + id; };
+    auto const rename = [&](char id, QByteArray const& to) {
+        return begin(LogType::WinRename) + id + to + '\0' + '\0';
+    };
+    save("windows", "files",
+         'l' + create(1, path("File"), 0, 2) + write(1) +
+             create(2, path("File", ":s:$Data"), 0, 2) + write(2) + rename(1, path("Other")) +
+             create(3, path("Dir"), 0, 2, 0x10) + rename(1, path("Dir\\file")) +
+             begin(LogType::WinUnlink) + char(2) + close(2) + close(1));
+    save("windows", "links",
+         'l' + create(1, path("File"), 0, 2) + begin(LogType::WinLink) + char(1) + path("Link") +
+             create(2, path("link"), 1, 0) + write(1) + begin(LogType::WinUnlink) + char(1) +
+             begin(LogType::WinRename) + char(2) + path("FILE") + '\0' + '\0' + close(1) +
+             close(2));
+    save("windows", "values",
+         'l' + create(1, path("File"), 0, 2) + begin(LogType::WinSetEa) + char(1) + '\0' +
+             text(attributes.first(21)) + begin(LogType::WinSetSecurity) + char(1) + '\7' +
+             text(fromHex("0100008014000000000000000000000000000000"
+                          "01020000000000052000000020020000")) +
+             '\0' + begin(LogType::WinSetFsctl) + char(1) + '\0' +
+             text(fromHex("01000000000000000900000000000000")) + begin(LogType::WinSetValidLength) +
+             char(1) + '\4' + '\0' + begin(LogType::WinTruncate) + char(1) + path("File") + '\3' +
+             '\0' + begin(LogType::WinWritePath) + path("File") + '\2' + '\4' + text("data"));
+}
+
 void states() {
     auto const name = scratch + "/state-1";
     {
@@ -482,6 +546,7 @@ int main(int argc, char** argv) {
     lists();
     events();
     security();
+    windows();
     exclusions();
     mail();
     states();
