@@ -48,7 +48,8 @@ void Output::error(QString const& text) const {
 }
 
 void Output::progress(std::uint64_t doneBytes, std::uint64_t totalBytes, std::uint64_t files) {
-    if (quiet || json || !::isatty(STDERR_FILENO))
+    static bool const shown = ::isatty(STDERR_FILENO) != 0;
+    if (quiet || json || !shown)
         return;
     auto const now = std::chrono::steady_clock::now();
     if (begun_.time_since_epoch().count() == 0)

@@ -335,6 +335,11 @@ void SnapshotList::addToDedup(StreamId id) {
         MORVA_TRACE(Always) << "Failed to add to the dedup list";
 }
 
+bool SnapshotList::flushDedup() {
+    TracedLock guard(p_->dedupLock);
+    return !p_->dedup || p_->dedup->flush();
+}
+
 std::shared_ptr<SnapshotFile> SnapshotList::find(Instance instance) const {
     TracedLock guard(p_->lock);
     return p_->find(instance);

@@ -82,6 +82,8 @@ public:
     /// Writes the entries kept, if any; false when some are left. By the writer of the live tree,
     /// or while it stands still.
     [[nodiscard]] bool writeEntries();
+    /// Brings the list of new streams to its file.
+    [[nodiscard]] bool flushDedup();
     /// A new stream, to be deduplicated after the next snapshot.
     void addToDedup(StreamId id);
 

@@ -297,6 +297,8 @@ bool Store::flushFiles() {
         return control && nodes;
     bool const pointers = pointers_->flush();
     bool const directories = directories_->flush();
+    // Nothing depends on this list: what is lost of it stays as it is.
+    (void)snapshots_->flushDedup();
     return control && nodes && pointers && directories && settled;
 }
 

@@ -13,6 +13,12 @@ namespace Replication {
 using Morva::BufferedFile;
 using Morva::RawFile;
 
+namespace {
+
+constexpr std::size_t gatheredSize = 4096;
+
+} // namespace
+
 DedupFile::DedupFile(QString const& directory, Instance instance)
     : directory_(directory), instance_(instance) {}
 
@@ -47,13 +53,23 @@ bool DedupFile::openForAppend() {
 }
 
 bool DedupFile::append(StreamId id) {
-    std::array<std::uint8_t, entrySize> bytes;
-    Morva::storeLittle(bytes.data(), id.value);
-    if (!appender_ || appender_->writeAt(position_, bytes.data(), entrySize) != entrySize) {
+    if (!appender_ || (gathered_.size() >= gatheredSize && !flush()))
+        return false;
+    gathered_.resize(gathered_.size() + entrySize);
+    Morva::storeLittle(gathered_.data() + gathered_.size() - entrySize, id.value);
+    return true;
+}
+
+bool DedupFile::flush() {
+    auto const size = static_cast<std::uint32_t>(gathered_.size());
+    if (size == 0)
+        return true;
+    if (!appender_ || appender_->writeAt(position_, gathered_.data(), size) != size) {
         MORVA_TRACE(Always) << "Failed to write" << name();
         return false;
     }
-    position_ += entrySize;
+    position_ += size;
+    gathered_.clear();
     return true;
 }
 
@@ -61,6 +77,7 @@ bool DedupFile::empty() {
     if (!appender_ && !openForAppend())
         return false;
     position_ = 0;
+    gathered_.clear();
     return appender_->setLength(0);
 }
 
@@ -110,8 +127,11 @@ bool DedupFile::setPosition(std::uint64_t position) {
 
 void DedupFile::close() {
     reader_.reset();
-    if (appender_)
+    if (appender_) {
+        (void)flush();
         appender_->close();
+    }
+    gathered_.clear();
     appender_.reset();
     position_ = 0;
 }

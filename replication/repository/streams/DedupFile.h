@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 namespace Replication {
 
@@ -16,7 +17,9 @@ namespace Replication {
 ///
 /// The list of the current period is the file "dedup" and is appended to. At a snapshot it gets
 /// the name "dedup" and the instance in 10 decimal digits ("dedup0000000042") and is read from
-/// then on. A torn last entry, as a crash leaves it, counts as not there.
+/// then on. A torn last entry, as a crash leaves it, counts as not there. Entries are gathered and
+/// reach the file by the page, at a `flush`, and when the list is closed or renamed; a crash loses
+/// those that were made since, and their streams stay as they are.
 ///
 /// Not thread-safe.
 class DedupFile {
@@ -36,6 +39,9 @@ public:
     /// Opens the current file behind its last whole entry, and makes it when it isn't there.
     [[nodiscard]] bool openForAppend();
     [[nodiscard]] bool append(StreamId id);
+    /// Writes what was gathered. When that fails it is kept for another try, and nothing more is
+    /// taken than there is room for.
+    [[nodiscard]] bool flush();
     /// Forgets all entries of the current file.
     [[nodiscard]] bool empty();
     /// Closes the current file, gives it the name of `instance`, and makes a new empty current
@@ -63,6 +69,7 @@ private:
     std::uint64_t position_ = 0;
     std::unique_ptr<Morva::BufferedFile> reader_;
     std::unique_ptr<Morva::RawFile> appender_;
+    std::vector<std::uint8_t> gathered_;
 };
 
 } // namespace Replication

@@ -141,6 +141,8 @@ TEST(DedupFile, ClosesAPeriodUnderItsInstance) {
     torn.close();
     ASSERT_TRUE(current.openForAppend());
     ASSERT_TRUE(current.append(StreamId{6}));
+    EXPECT_EQ(QFile(path + "/dedup").size(), 11) << "gathered";
+    EXPECT_TRUE(current.flush());
     EXPECT_EQ(QFile(path + "/dedup").size(), 16);
     EXPECT_TRUE(current.empty());
     EXPECT_EQ(QFile(path + "/dedup").size(), 0);
