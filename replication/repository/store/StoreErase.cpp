@@ -1,5 +1,7 @@
 // The end of a store.
 
+#include "base/blocks/Failures.h"
+#include "base/files/RawFile.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/NodeFile.h"
 #include "replication/repository/store/PassiveHandles.h"
@@ -21,14 +23,14 @@ constexpr std::uint64_t nodesInSlice = 64;
 /// Removes the files of a directory, `last` after all others, and the directory itself. Goes on
 /// where one can't be removed.
 bool removeDirectory(QString const& path, QString const& last = {}) {
-    QDir directory(path);
+    QDir const directory(path);
     QStringList names = directory.entryList(QDir::Files | QDir::Hidden | QDir::System, QDir::Name);
     if (names.removeOne(last))
         names.append(last);
     MORVA_TRACE(Normal) << "Remove" << names.size() << "files from" << path;
     for (QString const& name : std::as_const(names)) {
         MORVA_TRACE(Verbose) << "Remove" << name;
-        if (!directory.remove(name))
+        if (!Morva::RawFile::remove(path + QLatin1Char('/') + name))
             MORVA_TRACE(Always) << "Failed to remove" << name << "from" << path;
     }
     return directory.rmdir(path);
@@ -48,9 +50,9 @@ bool Store::erase() {
         MORVA_TRACE(Normal) << "No snapshot directory";
     else if (!removeDirectory(snapshotPath_))
         MORVA_TRACE(Always) << "Failed to remove" << snapshotPath_;
-    std::uint64_t const failures = streams_->failures();
+    Morva::Failures::Watch const failures;
     eraseNodes();
-    if (streams_->failures() != failures) {
+    if (failures.any()) {
         // Without the files nobody would know any more what the store held in the pool.
         MORVA_TRACE(Always) << "Failed to free all nodes of store" << id_;
         return scope.result(false);

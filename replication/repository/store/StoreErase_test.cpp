@@ -1,3 +1,4 @@
+#include "base/files/FaultyFiles.h"
 #include "replication/repository/store/DedupWorker.h"
 #include "replication/repository/store/StoreFixture.h"
 #include "replication/repository/streams/Cleanup.h"
@@ -145,6 +146,45 @@ TEST_F(StoreErase, APartlyErasedStoreAndStoreZeroGoAllTheSame) {
     work();
     EXPECT_EQ(empty, poolInUse());
     EXPECT_EQ(1u, channel_->count(EventRecord::DeleteStore)); // of store 0 nobody is told
+}
+
+TEST_F(StoreErase, WhatTheDiskRefusedIsFreedTheNextTime) {
+    std::string const empty = poolInUse();
+    Morva::FaultyFiles files;
+    bool failed = true;
+    int interrupted = 0;
+    for (std::uint64_t reads = 0; failed; reads += 1 + reads / 3) {
+        SCOPED_TRACE("reads before the fault: " + std::to_string(reads));
+        createStore(1);
+        for (int i = 0; i < 20; ++i)
+            ASSERT_TRUE(writeFile(QString("d/%1").arg(i), QByteArray(i * 1000, 'x')));
+        for (int stream = 0; stream < 40; ++stream)
+            ASSERT_TRUE(store_->paths().createStream(writing(), {"d", "0"},
+                                                     QString("stream%1").arg(stream), {}));
+        (void)snapshot();
+        store_.reset();
+        mark(1);
+        closePool(); // so that nothing is in a cache
+        openPool();
+        {
+            StorePointer const store = Store::open(StoreId{1}, true);
+            ASSERT_TRUE(store);
+            std::uint64_t const faultsBefore = files.faults();
+            files.failReadsAfter(reads);
+            bool const erased = store->erase();
+            failed = files.faults() != faultsBefore;
+            files.heal();
+            if (!erased) {
+                ++interrupted;
+                EXPECT_TRUE(store->erase());
+            }
+        }
+        EXPECT_FALSE(QDir(Store::directoryOf(StoreId{1})).exists());
+        EXPECT_TRUE(streams_->flush());
+        work();
+        ASSERT_EQ(empty, poolInUse());
+    }
+    EXPECT_GT(interrupted, 2);
 }
 
 } // namespace
