@@ -51,6 +51,8 @@ private:
         }
     };
     using Handles = std::vector<SinkHandlePointer>;
+    /// Of a handle's flags: what is not stored is a directory.
+    static constexpr std::uint32_t directoryHandle = 1;
 
     [[nodiscard]] bool replayBody(LogEntry const& log) override;
 
@@ -86,6 +88,8 @@ private:
     [[nodiscard]] SinkHandlePointer createNew(LogEntry const& log, Opening& opening);
     [[nodiscard]] PathOperations::NewFile newFile(LogEntry const& log, Opening const& opening);
     [[nodiscard]] SinkHandlePointer createAnyway(Opening const& opening);
+    /// Enters a handle for what isn't stored.
+    void enterAbsent(LogEntry const& log, SinkHandle::Type type, bool isDirectory);
 
     // Open files and names (RepositoryWindowsNames.cpp).
 

@@ -181,8 +181,9 @@ bool RepositoryWindows::opRenameWin(LogEntry const& log) {
     MORVA_METHOD("opRenameWin");
     auto const old = handle(log.fileId());
     auto const valid = old->type == SinkHandle::Valid;
-    auto const isDirectory = valid ? old->activeHandle->fileNode()->isDirectory()
-                                   : (log.flags() & logFlagDirectory) != 0;
+    auto const isDirectory =
+        valid ? old->activeHandle->fileNode()->isDirectory()
+              : (log.flags() & logFlagDirectory) != 0 || (old->flags & directoryHandle) != 0;
     auto const to = target(log, isDirectory);
     if (to.unnameable)
         return scope.result(renameInvalid(log, *old, to));
@@ -196,7 +197,7 @@ bool RepositoryWindows::opRenameWin(LogEntry const& log) {
                                     : "Rename - nonValid file in replication space")
                             << to.path.join(u'/');
         askFor(to.path);
-        insertHandle(log.fileId(), SinkHandle::Unknown);
+        enterAbsent(log, SinkHandle::Unknown, isDirectory);
     } else if (old->type == SinkHandle::Excluded && to.space == Space::Outside) {
         MORVA_TRACE(Normal) << "Rename - excluded file out of replication space";
         MORVA_TRACE(Debug) << (removeHandle(log.fileId())
@@ -238,7 +239,7 @@ bool RepositoryWindows::removeRenamed(LogEntry const& log, SinkHandlePointer con
     dropNameless(type);
     // The source goes on writing to it, and that still shows under its other names.
     if (keep->linkCount() == 0)
-        insertHandle(log.fileId(), type);
+        enterAbsent(log, type, keep->fileNode()->isDirectory());
     return true;
 }
 

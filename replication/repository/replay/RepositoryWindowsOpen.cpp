@@ -26,7 +26,7 @@ bool RepositoryWindows::prepare(LogEntry const& log, Opening& opening, bool& fai
     opening.answer = where.opType;
     if (where.space == Space::Excluded) {
         MORVA_TRACE(Debug) << "Excluded" << where.path.join(u'/');
-        insertHandle(log.fileId(), SinkHandle::Excluded);
+        enterAbsent(log, SinkHandle::Excluded, opening.isDirectory);
         return false;
     }
     MORVA_TRACE(Debug) << "Open/Create file for" << where.path.join(u'/') << where.stream;
@@ -68,8 +68,14 @@ bool RepositoryWindows::opCreateWin(LogEntry const& log) {
     }
     if (opening.exists && opening.answer == NotToBackup::eNothing)
         askFor(opening.target.path);
-    insertHandle(log.fileId(), SinkHandle::Unknown);
+    enterAbsent(log, SinkHandle::Unknown, opening.isDirectory);
     return scope.result(true);
+}
+
+void RepositoryWindows::enterAbsent(LogEntry const& log, SinkHandle::Type type, bool isDirectory) {
+    auto handle = std::make_shared<SinkHandle>(type);
+    handle->flags = isDirectory ? directoryHandle : 0;
+    insertHandle(log.fileId(), std::move(handle));
 }
 
 RepositoryWindows::SinkHandlePointer RepositoryWindows::openExisting(Opening const& opening,
@@ -192,6 +198,7 @@ bool RepositoryWindows::opReOpenWin(LogEntry const& log) {
     MORVA_TRACE(Always) << "Failed to reopen OpenSeqNo" << log.fileId();
     if (opening.answer == NotToBackup::eNothing)
         askFor(opening.target.path);
+    enterAbsent(log, SinkHandle::Unknown, opening.isDirectory);
     return scope.result(true);
 }
 

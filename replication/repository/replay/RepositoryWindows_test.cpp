@@ -222,6 +222,12 @@ TEST_F(WindowsReplay, ExclusionsTakeFilesFromUnderTheirNumbers) {
     EXPECT_FALSE(object("a.tmp"));
     EXPECT_TRUE(rename(1, "C:\\Src\\a.txt"));
     EXPECT_EQ(sink_->resyncPaths(), QSet<QString>{"a.txt"});
+    // The exclusions of files don't hold for a directory, wherever it comes from.
+    ASSERT_TRUE(done(LogType::WinCreate, [](LogBuilder& log) {
+        log.flags(logFlagDirectory).number(F::FileId, 4).path(F::File, path("D:\\dir"));
+    }));
+    EXPECT_TRUE(rename(4, "C:\\Src\\dir.tmp"));
+    EXPECT_TRUE(sink_->resyncPaths().contains("dir.tmp"));
     // A live-only file is stored, without versions.
     ASSERT_TRUE(open(3, path("C:\\Src\\b.live"), false));
     EXPECT_FALSE(object("b.live")->version().versioned());
