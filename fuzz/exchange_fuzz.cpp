@@ -1,0 +1,295 @@
+// Logs of a mail store, in any order and of any content, replayed into a store. What is stored is
+// compared with a plain map of what the logs that were applied say.
+//
+// An input is a row of logs: the operation, a sequence text, a path or stream by number, an offset,
+// a length. Operation 7 takes raw bytes as the body of a log.
+
+#include "base/process/Context.h"
+#include "base/process/FixedPath.h"
+#include "base/values/PosixText.h"
+#include "fuzz/Input.h"
+#include "replication/common/log/LogBuilder.h"
+#include "replication/common/rules/RuleFiles.h"
+#include "replication/repository/replay/RepositoryExchange.h"
+#include "replication/repository/store/Directories.h"
+#include "replication/repository/store/NodeFile.h"
+#include "replication/repository/store/Store.h"
+#include "replication/repository/streams/Cleanup.h"
+#include "replication/repository/streams/StreamHandle.h"
+
+#include <QDir>
+#include <QTemporaryDir>
+
+#include <map>
+#include <memory>
+
+using namespace Replication;
+using Morva::Extent;
+using Morva::FixedPath;
+using Morva::Fuzzing::Input;
+using Morva::Fuzzing::require;
+
+namespace {
+
+char const* const sequences[] = {"1", "2", "", "a text that is longer than most", "\xFF"};
+/// Some are one in a store that compares without case, some are out of place.
+char const* const paths[] = {"/mail/a",    "/Mail/A",     "/mail/b",     "/mail/f/a", "/mail/F/B",
+                             "/mail/f",    "/mail",       "/mail/",      "/mailing",  "",
+                             "/mail/\xFF", "/mail/f/g/h", "/mail/f//g/h"};
+char const* const streams[] = {"Data", "data", "Body", "BODY", "Security", "", "\xFE", "Flags"};
+constexpr std::uint32_t maximumLogs = 200;
+constexpr std::uint32_t maximumOffset = 20000;
+
+QString text(char const* bytes) {
+    return Morva::decodePosixText(bytes);
+}
+
+/// The store, which each input finds empty.
+struct Place {
+    Place() {
+        require(FixedPath::setRoot(directory.path()), "root");
+        Morva::Context::machineName(Morva::MachineName(QStringLiteral("machine")));
+        QDir().mkpath(FixedPath::repositoryStreams());
+        QDir().mkpath(FixedPath::repositoryStreamData());
+        pool =
+            std::make_shared<Streams>(FixedPath::repositoryStreams(),
+                                      FixedPath::repositoryStreamData(), Streams::Configuration{});
+        Store::configure({}, pool, nullptr);
+        store = Store::create(
+            StoreId{7}, {ReplayId{7}, QStringLiteral("machine"), QStringLiteral("repository-mail")},
+            false);
+        require(*pool && store, "store");
+        PosixSource source;
+        source.storeName = QStringLiteral("mail");
+        source.sourceRoot = QStringLiteral("/mail");
+        source.replayId = 7;
+        auto const files = RuleFiles::posix({source});
+        require(files && files->write(1), "rules");
+        DataSink::Identity identity;
+        identity.name = QStringLiteral("repository-mail");
+        identity.stateFile = directory.filePath(QStringLiteral("state"));
+        identity.ruleSet = 1;
+        sink = std::make_unique<RepositoryExchange>(identity, ReplayId{7}, store, pool);
+        require(sink->start(), "sink");
+    }
+    ~Place() {
+        sink.reset();
+        store.reset();
+        Store::closeAll();
+        FixedPath::setRoot({});
+    }
+
+    /// Whether the log was applied.
+    template <class Change> bool apply(LogType type, Change&& change) {
+        builder.begin(type, ++sequence).time(1000);
+        change(builder);
+        auto const log = std::make_shared<LogEntry>();
+        require(log->build(builder), "log");
+        return sink->takeLog(log) == DataSink::Outcome::Applied;
+    }
+    void raw(Input& input) {
+        QByteArray bytes(reinterpret_cast<char const*>(input.data()),
+                         static_cast<qsizetype>(input.size()));
+        Extent source(bytes);
+        auto const log = std::make_shared<LogEntry>();
+        if (log->receive(logIo(source), static_cast<std::uint32_t>(bytes.size())) &&
+            log->sequenceNumber() == 0 && log->type() >= LogType::Close)
+            (void)sink->replay(log);
+    }
+
+    QTemporaryDir directory;
+    std::shared_ptr<Streams> pool;
+    StorePointer store;
+    std::unique_ptr<RepositoryExchange> sink;
+    LogBuilder builder;
+    std::uint64_t sequence = 0;
+};
+
+/// What the logs say.
+struct Object {
+    std::map<QString, QByteArray> streams{{QStringLiteral("data"), QByteArray()}};
+};
+using ObjectPointer = std::shared_ptr<Object>;
+
+class Mail {
+public:
+    explicit Mail(Place& place) : place_(place) {}
+
+    void step(Input& input) {
+        auto const operation = input.byte() % 8;
+        auto const* const sequence = sequences[input.byte() % std::size(sequences)];
+        auto const choice = input.byte();
+        auto const* const path = paths[choice % std::size(paths)];
+        auto const* const stream = streams[choice % std::size(streams)];
+        switch (operation) {
+        case 0:
+            return open(sequence, path);
+        case 1:
+            return makeStream(sequence, stream);
+        case 2:
+        case 3:
+            return write(sequence, stream, input.word() % maximumOffset, input.byte() * 16);
+        case 4:
+            require(place_.apply(LogType::ExchangeCloseObject,
+                                 [&](LogBuilder& log) { log.text(LogField::Sque, sequence); }),
+                    "a close is always done");
+            open_.erase(sequence);
+            return;
+        case 5:
+            return remove(path);
+        case 6:
+            return;
+        default:
+            // Its effects are not foreseen.
+            place_.raw(input);
+            foreseen_ = false;
+        }
+    }
+    [[nodiscard]] bool foreseen() const { return foreseen_; }
+
+    void compare() const {
+        for (auto const& [path, object] : objects_) {
+            auto const located =
+                place_.store->directories().locate(path.split(u'/'), PathMode::DoNotBuildPath);
+            require(located.found, "an object is there");
+            auto const handle = place_.store->activeHandles().get(located.key.fileId());
+            require(handle && handle->streamList().size() == object->streams.size(),
+                    "an object's streams");
+            for (auto const& [name, content] : object->streams) {
+                auto const opened = handle->fileNode()->openStream(name);
+                require(opened && opened->length() == static_cast<std::uint64_t>(content.size()),
+                        "a stream's length");
+                QByteArray stored(content.size(), '\0');
+                require(opened->read(0, stored.data(), static_cast<std::uint32_t>(stored.size())) ==
+                                static_cast<std::uint32_t>(stored.size()) &&
+                            stored == content,
+                        "a stream's content");
+            }
+        }
+    }
+
+private:
+    /// The parts of a path in lower case; nothing for one outside.
+    static std::optional<QStringList> translated(char const* path) {
+        auto whole = text(path).toLower();
+        if (whole != u"/mail" && !whole.startsWith(u"/mail/"))
+            return {};
+        return whole.mid(5).split(u'/', Qt::SkipEmptyParts);
+    }
+    [[nodiscard]] bool isFolder(QString const& path) const {
+        for (auto const& folder : folders_)
+            if (folder == path)
+                return true;
+        return path.isEmpty();
+    }
+
+    void open(char const* sequence, char const* path) {
+        bool const done = place_.apply(LogType::ExchangeCreateObject, [&](LogBuilder& log) {
+            log.text(LogField::Sque, sequence).text(LogField::ObjectPath, path);
+        });
+        auto const parts = translated(path);
+        auto& entered = open_[sequence];
+        entered = nullptr;
+        if (!parts)
+            return require(done, "what is outside is passed over");
+        QStringList above;
+        bool possible = !isFolder(parts->join(u'/'));
+        for (auto const& part : parts->first(std::max<qsizetype>(parts->size() - 1, 0))) {
+            above += part;
+            possible = possible && !objects_.contains(above.join(u'/'));
+            if (possible && !isFolder(above.join(u'/')))
+                folders_ += above.join(u'/');
+        }
+        require(done == possible, "an object is made where it can be");
+        if (!done)
+            return;
+        auto& object = objects_[parts->join(u'/')];
+        if (!object)
+            object = std::make_shared<Object>();
+        entered = object;
+    }
+    /// Null with `known`: the logs of this sequence are passed over.
+    [[nodiscard]] ObjectPointer find(char const* sequence, bool& known) const {
+        auto const found = open_.find(sequence);
+        known = found != open_.end();
+        return known ? found->second : nullptr;
+    }
+    void makeStream(char const* sequence, char const* name) {
+        bool known = false;
+        auto const object = find(sequence, known);
+        bool const done = place_.apply(LogType::ExchangeCreateStream, [&](LogBuilder& log) {
+            log.text(LogField::Sque, sequence).text(LogField::Stream, name);
+        });
+        require(done == (known && (!object || *name != '\0')), "a stream is made");
+        if (object && done)
+            object->streams.try_emplace(text(name).toLower());
+    }
+    void write(char const* sequence, char const* name, std::uint32_t offset, std::uint32_t size) {
+        bool known = false;
+        auto const object = find(sequence, known);
+        QByteArray const data(static_cast<qsizetype>(size), static_cast<char>(offset));
+        bool const done = place_.apply(LogType::ExchangeWriteStream, [&](LogBuilder& log) {
+            log.text(LogField::Sque, sequence).text(LogField::Stream, name);
+            log.number(LogField::Offset, offset).bytes(LogField::Data, Extent(data));
+        });
+        auto const there = object && object->streams.contains(text(name).toLower());
+        require(done == (known && (!object || there)), "a write is done");
+        if (!there || size == 0)
+            return;
+        auto& content = object->streams[text(name).toLower()];
+        auto const end = static_cast<qsizetype>(offset + size);
+        if (content.size() < end)
+            content.append(end - content.size(), '\0');
+        content.replace(static_cast<qsizetype>(offset), data.size(), data);
+    }
+    void remove(char const* path) {
+        bool const done = place_.apply(LogType::ExchangeDeleteObject, [&](LogBuilder& log) {
+            log.text(LogField::ObjectPath, path);
+        });
+        auto const parts = translated(path);
+        require(done == (!parts || !parts->isEmpty()), "an object goes");
+        if (!parts || parts->isEmpty())
+            return;
+        auto const gone = parts->join(u'/');
+        std::erase_if(objects_, [&](auto const& each) {
+            return each.first == gone || each.first.startsWith(gone + u'/');
+        });
+        folders_.removeIf(
+            [&](QString const& each) { return each == gone || each.startsWith(gone + u'/'); });
+    }
+
+    Place& place_;
+    std::map<QString, ObjectPointer> objects_; ///< by path below the root
+    QStringList folders_;
+    std::map<std::string, ObjectPointer> open_;
+    bool foreseen_ = true;
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+    static Place place;
+    static auto const emptyNodes = place.store->nodes().freeBlocks();
+    static auto const allNodes = place.store->nodes().totalBlocks();
+    Input input(data, size);
+    Mail mail(place);
+    for (std::uint32_t i = 0; i < maximumLogs && input.size() != 0 && mail.foreseen(); ++i)
+        mail.step(input);
+    if (mail.foreseen())
+        mail.compare();
+    // Nothing is open any more, and nothing is left.
+    place.builder.begin(LogType::Message, ++place.sequence)
+        .number(LogField::MessageType, DataSink::SourceStarted);
+    auto const log = std::make_shared<LogEntry>();
+    require(log->build(place.builder), "log");
+    (void)place.sink->takeLog(log);
+    auto const root = place.store->activeHandles().get(place.store->rootId());
+    require(root && place.store->directories().discardDirectory(*root), "the store is emptied");
+    require(place.store->nodes().totalBlocks() - place.store->nodes().freeBlocks() ==
+                allNodes - emptyNodes,
+            "every node is given back");
+    static int runs = 0;
+    if (++runs % 64 == 0)
+        require(CleanupWorker(place.pool).drain(), "cleanup");
+    return 0;
+}
