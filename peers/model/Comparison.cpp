@@ -174,7 +174,7 @@ std::string Player::differences() {
         comparison.run(*tree, {QStringLiteral("r")});
         return comparison.text();
     };
-    auto result = compare(Instance{0}, tree_, "live");
+    auto result = compare(Instance{0}, stored(), "live");
     for (auto const& [instance, tree] : snapshots_) {
         // The one before anything was done has no top yet.
         if (instance == firstSnapshot_)

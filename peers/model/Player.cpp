@@ -85,11 +85,15 @@ void Player::open() {
     sink_.replay(replay_.get());
 }
 
-void Player::close() {
-    // Open files end with the process that had them open.
+void Player::closeFiles() {
     for (auto const& file : open_)
         must(logger_->close(file.fileId), "close");
     open_.clear();
+}
+
+void Player::close() {
+    // Open files end with the process that had them open.
+    closeFiles();
     if (replay_)
         replay_->end();
     replay_.reset();
@@ -203,7 +207,7 @@ std::vector<ObjectPointer> Player::allDirectories(std::vector<QByteArray>& paths
 
 bool Player::anyName(Name& result, std::function<bool(Name const&)> const& fits) {
     auto names = allNames(tree_);
-    std::erase_if(names, [&](Name const& name) { return !fits(name); });
+    std::erase_if(names, [&](Name const& name) { return !fits(name) || !usable(name); });
     if (names.empty())
         return false;
     result = names[pick(names.size())];
@@ -325,6 +329,7 @@ void Player::makeLink() {
     enter(to, from.object);
     ++from.object->links;
     count("link");
+    linked(from.path, {to.directory, to.path, to.name, from.object});
 }
 
 void Player::writePath() {
@@ -408,6 +413,8 @@ void Player::rename() {
         if (movesDirectory != ontoDirectory || (ontoDirectory && !to.object->names.empty()))
             return;
     }
+    if (to.object == from.object && !renamesOntoItself())
+        return;
     must(logger_->rename(pathOf(from).toStdString(), pathOf(to).toStdString()), "rename");
     count("rename");
     if (to.object == from.object)
@@ -419,6 +426,7 @@ void Player::rename() {
     enter(to, from.object);
     if (movesDirectory)
         from.object->modifiedKnown = false;
+    renamed(from.path, {to.directory, to.path, to.name, from.object});
 }
 
 void Player::unlink() {
@@ -502,7 +510,7 @@ void Player::outside() {
 void Player::snapshot() {
     auto const store = root_->store(root_->source(storeName));
     must(store->snapshots().userSnapshot(0, clock_, QStringLiteral("model")), "snapshot");
-    snapshots_[store->currentInstance().value] = clone(tree_);
+    snapshots_[store->currentInstance().value] = shown();
     count("snapshot");
 }
 
@@ -540,9 +548,7 @@ std::string Player::faults() {
 }
 
 void Player::removeEverything() {
-    for (auto const& file : open_)
-        must(logger_->close(file.fileId), "close");
-    open_.clear();
+    closeFiles();
     auto names = allNames(tree_);
     for (auto name = names.rbegin(); name != names.rend(); ++name) {
         auto const path = pathOf(*name).toStdString();

@@ -36,7 +36,9 @@ private:
 class Player {
 public:
     Player(QString const& rootPath, std::uint64_t seed);
-    ~Player();
+    virtual ~Player();
+    Player(Player const&) = delete;
+    Player& operator=(Player const&) = delete;
 
     /// Does that many random operations, some of which are snapshots, retirements, deduplication
     /// and reopening.
@@ -59,14 +61,26 @@ public:
 
     [[nodiscard]] std::map<std::string, int> const& counts() const { return counts_; }
 
-private:
+protected:
     struct OpenFile {
         std::uint32_t fileId;
         ObjectPointer object;
     };
 
+    // For a store that doesn't hold all of the source's tree.
+    /// What the live tree and the next snapshot should show of the model.
+    [[nodiscard]] virtual ObjectPointer stored() { return tree_; }
+    [[nodiscard]] virtual ObjectPointer shown() { return clone(tree_); }
+    /// Whether an operation may choose this name.
+    [[nodiscard]] virtual bool usable(Name const&) { return true; }
+    /// Two names of one object may be given to a rename, which does nothing then.
+    [[nodiscard]] virtual bool renamesOntoItself() const { return true; }
+    virtual void renamed(QByteArray const& /*from*/, Name const& /*to*/) {}
+    virtual void linked(QByteArray const& /*from*/, Name const& /*to*/) {}
+
     void open();
     void close();
+    void closeFiles();
     void applyPool();
 
     // Operations. Each does nothing when the tree has nothing that fits.

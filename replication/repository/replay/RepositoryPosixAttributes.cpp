@@ -145,8 +145,16 @@ bool RepositoryPosix::opRename(LogEntry const& log) {
     auto const located = fromSpace ? store().directories().locate(parts, PathMode::DoNotBuildPath)
                                    : Directories::Located{};
     auto const isDirectory = located.found && located.key.isDirectory();
-    auto const from = fromSpace ? place(std::move(parts), isDirectory) : Place{};
-    auto const to = place(log.to(), isDirectory);
+    auto from = fromSpace ? place(std::move(parts), isDirectory) : Place{};
+    auto to = place(log.to(), isDirectory);
+    if (!located.found) {
+        // What was never stored may be either: excluded as the one is excluded, wanted as the one
+        // is wanted.
+        if (from.space == Space::Inside && operation(from.path, true) == NotToBackup::eExcluded)
+            from.space = Space::Excluded;
+        if (to.space == Space::Excluded)
+            to = place(log.to(), true);
+    }
     if (from.space == Space::Outside && to.space == Space::Outside)
         return false;
     if (from.space == Space::Inside && to.space == Space::Inside) {
