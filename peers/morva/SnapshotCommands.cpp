@@ -41,21 +41,25 @@ void snapshot(CommandLine& line, Arguments const& given) {
 
 void printSnapshot(Output const& output, Root::Source const& source, SnapshotFile const& file) {
     auto const kind = SnapshotFile::typeText(file.type());
-    auto const text = QStringLiteral("%1  %2  %3  %4 files  %5 directories  %6")
-                          .arg(file.instance().value, 5)
-                          .arg(readableTime(file.sourceTime()), kind.leftJustified(8))
-                          .arg(file.fileCount(), 9)
-                          .arg(file.directoryCount(), 8)
-                          .arg(file.label());
-    output.result(text, "snapshot",
-                  {{"store", source.name},
-                   {"snapshot", jsonNumber(file.instance().value)},
-                   {"time", jsonNumber(file.sourceTime())},
-                   {"kind", kind},
-                   {"files", jsonNumber(file.fileCount())},
-                   {"directories", jsonNumber(file.directoryCount())},
-                   {"label", file.label()},
-                   {"retired", file.retire() || file.retired()}});
+    auto const analyzed = file.analyzed();
+    auto const text =
+        QStringLiteral("%1  %2  %3  %4 files  %5 directories  %6%7")
+            .arg(file.instance().value, 5)
+            .arg(readableTime(file.sourceTime()), kind.leftJustified(8))
+            .arg(file.fileCount(), 9)
+            .arg(file.directoryCount(), 8)
+            .arg(analyzed ? readableSize(file.logicalSize()) + "  " : QString(), file.label());
+    QJsonObject object{{"store", source.name},
+                       {"snapshot", jsonNumber(file.instance().value)},
+                       {"time", jsonNumber(file.sourceTime())},
+                       {"kind", kind},
+                       {"files", jsonNumber(file.fileCount())},
+                       {"directories", jsonNumber(file.directoryCount())},
+                       {"label", file.label()},
+                       {"retired", file.retire() || file.retired()}};
+    if (analyzed)
+        object.insert("bytes", jsonNumber(file.logicalSize()));
+    output.result(text, "snapshot", object);
 }
 
 void listSnapshots(CommandLine& line, Arguments const& given) {
