@@ -257,10 +257,20 @@ public:
     }
     [[nodiscard]] Root& root() { return *root_; }
     [[nodiscard]] Replication::Store& store() { return *root_->store(root_->source(storeName)); }
+    /// Brings everything to the files or, with `checkpoints`, makes a checkpoint of it.
     [[nodiscard]] bool flush() {
-        Replication::OperationGate::EnterAlone const alone;
-        bool const stored = store().flush();
-        return root_->pool().flush() && stored;
+        if (!checkpoints) {
+            Replication::OperationGate::EnterAlone const alone;
+            bool const stored = store().flush();
+            return root_->pool().flush() && stored;
+        }
+        try {
+            root_->checkpoint();
+        } catch (CommandFailure const& failure) {
+            message = failure.what();
+            return false;
+        }
+        return true;
     }
     /// Applies the next log; false when that was told to have failed.
     [[nodiscard]] bool apply() {
@@ -335,6 +345,7 @@ public:
         return bytes;
     }
 
+    bool checkpoints = false;
     std::size_t applied = 0;
     std::size_t flushed = SIZE_MAX;
     std::map<std::size_t, Instance> snapshots; ///< by the count of logs before it

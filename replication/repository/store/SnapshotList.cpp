@@ -11,6 +11,7 @@
 #include "replication/repository/streams/Streams.h"
 
 #include <QDir>
+#include <QFile>
 
 #include <algorithm>
 #include <map>
@@ -188,6 +189,17 @@ void SnapshotList::Private::moveDedup(Instance instance) {
         (void)DedupRequests::dedupSnapshot(store.streams(), store.id(), instance);
 }
 
+void SnapshotList::Private::discard(Instance instance) {
+    store.unfinished().finish([name = path + QLatin1Char('/') + SnapshotFile::fileName(instance)] {
+        auto const file = Morva::RawFile::make();
+        if (QFile::exists(name) && file->open(name, Morva::RawFile::Mode::ReadWrite)) {
+            file->deleteOnClose();
+            file->close();
+        }
+        return !QFile::exists(name);
+    });
+}
+
 bool SnapshotList::Private::take(std::function<void(SnapshotFile&)> const& describe) {
     Instance const old = store.currentInstance();
     Instance const next{old.value + 1};
@@ -196,13 +208,16 @@ bool SnapshotList::Private::take(std::function<void(SnapshotFile&)> const& descr
     if (!store.settle())
         return false;
     auto file = std::make_shared<SnapshotFile>(path, next);
-    if (!file->instance())
+    if (!file->instance()) {
+        discard(next);
         return false;
+    }
     describe(*file);
     if (!file->snapshot(store.control().counters(), store.retired().timeStamp(), old,
                         store.dedupSnapshots()) ||
         !file->openForAppend()) {
         file->remove();
+        discard(next);
         return false;
     }
     // Cached handles on directories and their pages belong to the instance that ends.
@@ -223,6 +238,7 @@ bool SnapshotList::Private::take(std::function<void(SnapshotFile&)> const& descr
             fields.deleteLastInstance(deleteLastBefore);
         });
         file->remove();
+        discard(next);
         return false;
     }
     store.currentInstance_.store(next.value, std::memory_order_release);

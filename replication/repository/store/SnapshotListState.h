@@ -27,6 +27,8 @@ struct SnapshotList::Private {
     /// Closes the current instance and opens the next. `describe` says on the new file what kind
     /// of snapshot it is. False, and the instance unchanged, when a file can't be made or written.
     [[nodiscard]] bool take(std::function<void(SnapshotFile&)> const& describe);
+    /// Removes the file of a snapshot that could not be taken, now or later.
+    void discard(Instance instance);
     void moveDedup(Instance instance);
     void endDedup(Instance instance, DedupFile& list, struct DedupStatistics const& statistics,
                   bool finished);
