@@ -88,8 +88,8 @@ bool DedupFile::rename(Instance instance) {
     QString const closed = nameOf(directory_, instance);
     // A list of the same instance can only be left from a snapshot that was never made.
     if (QFile::exists(closed))
-        QFile::remove(closed);
-    bool const renamed = !QFile::exists(name()) || QFile::rename(name(), closed);
+        (void)RawFile::remove(closed);
+    bool const renamed = !QFile::exists(name()) || RawFile::rename(name(), closed);
     if (!renamed)
         MORVA_TRACE(Always) << "Failed to rename" << name() << "to" << closed;
     return openForAppend() && renamed;
@@ -138,7 +138,7 @@ void DedupFile::close() {
 
 bool DedupFile::remove() {
     close();
-    return !QFile::exists(name()) || QFile::remove(name());
+    return !QFile::exists(name()) || RawFile::remove(name());
 }
 
 } // namespace Replication
