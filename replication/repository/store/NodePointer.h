@@ -68,8 +68,8 @@ private:
 /// at; an older version's entry has an id of its own that nothing outside the chain uses.
 ///
 /// A stale id is no failure: it yields 0 or false. So does an id outside the file, and a block that
-/// can't be had, which `Failures` counts; nothing has changed then. Chains are followed as long as instances fall and generations match, so that
-/// a damaged file can't keep a walk running.
+/// can't be had, which `Failures` counts; nothing has changed then. Chains are followed as long as
+/// instances fall and generations match, so that a damaged file can't keep a walk running.
 ///
 /// Thread-safe: one lock covers each operation whole.
 class NodePointer {
