@@ -148,12 +148,12 @@ bool RepositoryPosix::opRename(LogEntry const& log) {
     auto from = fromSpace ? place(std::move(parts), isDirectory) : Place{};
     auto to = place(log.to(), isDirectory);
     if (!located.found) {
-        // What was never stored may be either: excluded as the one is excluded, wanted as the one
-        // is wanted.
-        if (from.space == Space::Inside && operation(from.path, true) == NotToBackup::eExcluded)
-            from.space = Space::Excluded;
-        if (to.space == Space::Excluded)
+        // What was never stored may be a directory, unless that would have been stored.
+        auto const asDirectory = fromSpace ? place(log.from(), true).space : Space::Outside;
+        auto const certain = from.space == Space::Inside && asDirectory == Space::Excluded;
+        if (asDirectory != Space::Inside && (certain || to.space == Space::Excluded))
             to = place(log.to(), true);
+        from.space = certain ? Space::Excluded : from.space;
     }
     if (from.space == Space::Outside && to.space == Space::Outside)
         return false;

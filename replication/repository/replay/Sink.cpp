@@ -220,12 +220,16 @@ bool Sink::snapshotPossible() const {
 
 void Sink::exclusionsChanged() {
     OperationGate::Enter const entered;
-    auto const root = store_->activeHandles().get(store_->rootId());
+    Morva::Failures::Watch const failures;
+    auto const root =
+        store_->settle() ? store_->activeHandles().get(store_->rootId()) : ActiveHandle::Pointer();
     QStringList path;
     if (root)
         store_->directories().checkOperations(notToBackup(), *root, path);
-    else
-        MORVA_TRACE(Always) << "Failed to apply exclusions to the store";
+    if (root && !failures.any())
+        return;
+    MORVA_TRACE(Always) << "Failed to apply exclusions to the store";
+    exclusionsFailed();
 }
 
 void Sink::handleShutdown() {
