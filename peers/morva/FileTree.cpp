@@ -2,6 +2,7 @@
 
 #include "base/trace/Trace.h"
 #include "base/values/PosixText.h"
+#include "replication/common/values/WindowsObject.h"
 #include "replication/repository/store/Directories.h"
 #include "replication/repository/store/DirectoryScan.h"
 #include "replication/repository/store/NodePointer.h"
@@ -152,6 +153,18 @@ void FileTree::walk(Entry const& start, QByteArray const& path, Visitor const& v
     }
 }
 
+namespace {
+
+/// Whether an object has nothing of a POSIX source: it is that of a Windows machine or a mail
+/// store, or a directory that was made because a path needed it.
+bool isForeign(FileNode& node, QByteArray const& security) {
+    if (!security.isEmpty())
+        return Replication::WindowsSecurity::valid(Extent(security));
+    return node.isDirectory() || (node.attributes() & S_IFMT) == 0;
+}
+
+} // namespace
+
 std::optional<ObjectAttributes> FileTree::attributes(FileNode& node) {
     auto const record = readSmall(node, Replication::securityStreamName);
     if (!record)
@@ -161,8 +174,8 @@ std::optional<ObjectAttributes> FileTree::attributes(FileNode& node) {
     result.links = node.linkCount();
     if (auto const security = PosixSecurity::decode(Extent(*record)))
         result.security = *security;
-    else if (node.isDirectory() && record->isEmpty()) {
-        result.security.mode = S_IFDIR | 0755;
+    else if (isForeign(node, *record)) {
+        result.security.mode = node.isDirectory() ? S_IFDIR | 0755 : S_IFREG | 0644;
         result.described = false;
     } else
         return std::nullopt;

@@ -27,7 +27,7 @@ struct ObjectAttributes {
     Replication::PosixSecurity security;
     std::uint32_t modified = 0; ///< seconds since 1970
     std::uint32_t links = 1;
-    /// False for a directory that no log ever described; `security` is then a plain default.
+    /// False for what no log of a POSIX source ever described; `security` is then a plain default.
     bool described = true;
 };
 
