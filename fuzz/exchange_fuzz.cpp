@@ -268,7 +268,8 @@ private:
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-    static Place place;
+    // Of the thread, since it must end before what the thread keeps of the pool's files.
+    thread_local Place place;
     static auto const emptyNodes = place.store->nodes().freeBlocks();
     static auto const allNodes = place.store->nodes().totalBlocks();
     Input input(data, size);
