@@ -104,7 +104,7 @@ void WindowsPlayer::openExisting() {
     } else if (truncates && disposition != 4 && (spot.object || stream.isEmpty())) {
         openNew(spot, stream, 0, false, {}, {});
     } else {
-        numbered(++lastFileId_);
+        numbered(++lastFileId_)->directory = isDirectory;
         ask(spot.parts);
     }
 }
@@ -338,7 +338,7 @@ void WindowsPlayer::rename() {
     if (!open || (open->type == Type::Valid && !hasName(*open)))
         return;
     auto const valid = open->type == Type::Valid;
-    auto const directory = valid && open->object->kind == Kind::Directory;
+    auto const directory = valid ? open->object->kind == Kind::Directory : open->directory;
     auto to = anySpot(pick(4) == 0, pick(4) != 0);
     auto const from = valid ? spotOf(*open) : Spot();
     auto const below = [](Parts const& a, Parts const& b) {
@@ -361,9 +361,7 @@ void WindowsPlayer::rename() {
     if (overlong)
         to.parts.back() = QByteArray(2034, 'n');
     log(LogType::WinRename, [&](LogBuilder& log) {
-        log.flags(directoryFlag(directory))
-            .number(F::FileId, open->fileId)
-            .number(F::TargetRuleCount, pick(3));
+        log.number(F::FileId, open->fileId).number(F::TargetRuleCount, pick(3));
         logPath(log, F::To, to);
     });
     count("rename");
@@ -372,13 +370,13 @@ void WindowsPlayer::rename() {
             ask(from.parts);
         to.parts.pop_back();
         ask(to.parts);
-        numbered(open->fileId);
+        numbered(open->fileId)->directory = directory;
         return;
     }
     if (!valid) {
         if (to.type == Type::Valid) {
             ask(to.parts);
-            numbered(open->fileId);
+            numbered(open->fileId)->directory = directory;
         } else if (open->type == Type::Excluded && to.type == Type::Unknown) {
             open_.erase(open->fileId);
         }

@@ -286,6 +286,7 @@ void WindowsPlayer::dropNameless(Type type) {
     for (auto const& [fileId, each] : open_)
         if (each->type == Type::Valid && each->object->links == 0) {
             each->type = type;
+            each->directory = each->object->kind == Kind::Directory;
             each->object.reset();
         }
 }
@@ -295,6 +296,7 @@ void WindowsPlayer::dropStream(Object& object, QByteArray const& stream) {
     for (auto const& [fileId, each] : open_)
         if (each->object.get() == &object && each->stream == stream) {
             each->type = Type::Unknown;
+            each->directory = object.kind == Kind::Directory;
             each->object.reset();
         }
 }

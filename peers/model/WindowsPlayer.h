@@ -41,6 +41,7 @@ private:
         int link = 0;
         QByteArray stream; ///< lower case, empty for the content
         bool marked = false;
+        bool directory = false; ///< of a number that means nothing: what it stands for is one
     };
     using OpenPointer = std::shared_ptr<Open>;
     /// A name, there or not.

@@ -98,7 +98,8 @@ private:
     [[nodiscard]] bool renameInside(LogEntry const& log, SinkHandlePointer const& old,
                                     Target const& to);
     [[nodiscard]] bool renameStream(LogEntry const& log, SinkHandle& old, Target const& to);
-    [[nodiscard]] bool renameInvalid(LogEntry const& log, SinkHandle const& old, Target const& to);
+    [[nodiscard]] bool renameInvalid(LogEntry const& log, SinkHandle const& old, Target const& to,
+                                     bool isDirectory);
     /// Takes the name of a file that left the store away and closes it.
     [[nodiscard]] bool removeRenamed(LogEntry const& log, SinkHandlePointer const& old,
                                      Target const& to);

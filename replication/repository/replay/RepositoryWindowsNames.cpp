@@ -66,6 +66,8 @@ bool RepositoryWindows::isNamed(SinkHandle const& handle) const {
 
 void RepositoryWindows::detach(SinkHandle& handle, SinkHandle::Type type) {
     handle.type = type;
+    auto const& node = handle.activeHandle->fileNode();
+    handle.flags = node && node->isDirectory() ? directoryHandle : 0;
     handle.streamHandle.reset();
     handle.activeHandle.reset();
 }
@@ -186,7 +188,7 @@ bool RepositoryWindows::opRenameWin(LogEntry const& log) {
               : (log.flags() & logFlagDirectory) != 0 || (old->flags & directoryHandle) != 0;
     auto const to = target(log, isDirectory);
     if (to.unnameable)
-        return scope.result(renameInvalid(log, *old, to));
+        return scope.result(renameInvalid(log, *old, to, isDirectory));
     if (valid && to.space == Space::Inside)
         return scope.result(renameInside(log, old, to));
     if (valid)
@@ -208,14 +210,14 @@ bool RepositoryWindows::opRenameWin(LogEntry const& log) {
     return scope.result(true);
 }
 
-bool RepositoryWindows::renameInvalid(LogEntry const& log, SinkHandle const& old,
-                                      Target const& to) {
+bool RepositoryWindows::renameInvalid(LogEntry const& log, SinkHandle const& old, Target const& to,
+                                      bool isDirectory) {
     MORVA_TRACE(Always) << "Failed to translate to path" << log.to();
     // The old name has gone at the source, and the new one is somewhere below.
     if (old.type == SinkHandle::Valid)
         askFor(pathOf(old));
     askFor(to.path);
-    insertHandle(log.fileId(), SinkHandle::Unknown);
+    enterAbsent(log, SinkHandle::Unknown, isDirectory);
     return true;
 }
 
