@@ -235,7 +235,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
         security(rest);
         return 0;
     }
-    static Target target;
+    // Of the thread, since it must end before what the thread keeps of the pool's files.
+    thread_local Target target;
     Maker maker(input);
     for (int left = 60; left > 0 && input.size() != 0; --left)
         maker.run(target);
