@@ -11,7 +11,7 @@
 #include "replication/repository/streams/Streams.h"
 
 #include <QDir>
-#include <QFile>
+#include <QFileInfo>
 
 #include <algorithm>
 #include <map>
@@ -191,12 +191,7 @@ void SnapshotList::Private::moveDedup(Instance instance) {
 
 void SnapshotList::Private::discard(Instance instance) {
     store.unfinished().finish([name = path + QLatin1Char('/') + SnapshotFile::fileName(instance)] {
-        auto const file = Morva::RawFile::make();
-        if (QFile::exists(name) && file->open(name, Morva::RawFile::Mode::ReadWrite)) {
-            file->deleteOnClose();
-            file->close();
-        }
-        return !QFile::exists(name);
+        return !QFileInfo(name).isFile() || Morva::RawFile::remove(name);
     });
 }
 
