@@ -11,6 +11,9 @@ namespace {
 
 constexpr std::uint32_t pageSize = JournalPages::pageSize;
 
+/// So much is worth bringing to the disk before the checkpoint waits for it.
+constexpr std::uint64_t syncStep = 16 << 20;
+
 constexpr std::uint64_t pagesFor(std::uint64_t bytes) {
     return bytes / pageSize + (bytes % pageSize != 0);
 }
@@ -112,6 +115,10 @@ std::uint32_t GuardedContent::writeAt(RawFile& file, std::uint64_t offset, void 
     std::shared_lock const hold(lock_);
     written_.store(true, std::memory_order_relaxed);
     std::uint32_t const direct = file.writeAt(offset + done, bytes + done, count - done);
+    if (unsynced_.fetch_add(direct, std::memory_order_relaxed) + direct >= syncStep) {
+        unsynced_.store(0, std::memory_order_relaxed);
+        file.startSync();
+    }
     grown(direct == 0 ? 0 : offset + done + direct);
     return done + direct;
 }

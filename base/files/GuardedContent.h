@@ -74,6 +74,7 @@ private:
     mutable std::shared_mutex lock_;
     std::unordered_map<std::uint64_t, std::uint64_t> slots_; ///< by page
     std::atomic<bool> written_ = false;
+    std::atomic<std::uint64_t> unsynced_ = 0; ///< bytes written to the file since it began to sync
     std::atomic<std::uint64_t> length_;
     std::uint64_t base_; ///< length at the checkpoint
     std::uint64_t kept_; ///< bytes of it that were never cut off since; behind them are zeros

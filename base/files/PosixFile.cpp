@@ -196,6 +196,10 @@ std::uint64_t PosixFile::length() const {
     return ::fstat(descriptor_, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
+void PosixFile::startSync() {
+    (void)::sync_file_range(descriptor_, 0, 0, SYNC_FILE_RANGE_WRITE);
+}
+
 bool PosixFile::sync() {
     if (retried([&] { return ::fdatasync(descriptor_); }) != 0)
         return failed("Failed to sync file", errno);

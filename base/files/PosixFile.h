@@ -29,6 +29,7 @@ public:
 
     [[nodiscard]] bool setLength(std::uint64_t bytes) override;
     [[nodiscard]] std::uint64_t length() const override;
+    void startSync() override;
     /// The first sync of a file made by this handle also syncs its directory, or the name could
     /// be missing after a crash.
     [[nodiscard]] bool sync() override;

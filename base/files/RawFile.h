@@ -83,6 +83,8 @@ public:
     /// length can't fail for want of space; false, and nothing changed, when there is none.
     [[nodiscard]] virtual bool setLength(std::uint64_t bytes) = 0;
     [[nodiscard]] virtual std::uint64_t length() const = 0;
+    /// Begins to bring what was written to the disk, so that a later `sync` has less to wait for.
+    virtual void startSync() {}
     /// Brings all that was written to the disk itself.
     [[nodiscard]] virtual bool sync() = 0;
 
