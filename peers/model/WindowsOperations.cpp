@@ -374,8 +374,9 @@ void WindowsPlayer::rename() {
         return;
     }
     if (!valid) {
-        if (to.type == Type::Valid) {
-            ask(to.parts);
+        if (to.type != Type::Unknown) {
+            if (to.type == Type::Valid)
+                ask(to.parts);
             numbered(open->fileId)->directory = directory;
         } else if (open->type == Type::Excluded && to.type == Type::Unknown) {
             open_.erase(open->fileId);

@@ -35,9 +35,9 @@ bool RepositoryExchange::replayBody(LogEntry const& log) {
     default:
         break;
     }
-    if (log.type() >= LogType::WinCreate)
+    if (log.type() >= LogType::WinCreate && log.type() <= LogType::WinSetValidLength)
         MORVA_TRACE(Normal) << "Do not handle Windows logs";
-    else
+    else if (log.type() >= LogType::Close && log.type() <= LogType::PosixReopen)
         MORVA_TRACE(Normal) << "Do not handle Posix logs";
     return true;
 }

@@ -152,7 +152,7 @@ bool RepositoryWindows::translate(LogPath const& path, Target& out, QStringList&
             name = posixText(path.casePreserved.substr(0, path.casePreservedStreamOffset));
         // The colon of a stream is no part of the file's name; that of a drive is.
         bool const drive = i == 0 && prefix.isEmpty();
-        if (i + 1 == names.size() && out.stream != dataStreamName && !drive && name.endsWith(u':'))
+        if (i + 1 == names.size() && !drive && name.endsWith(u':'))
             name.chop(1);
         out.unnameable = !isName(name);
         if (!out.unnameable)

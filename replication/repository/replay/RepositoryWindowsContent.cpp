@@ -66,10 +66,10 @@ bool RepositoryWindows::opTruncateWin(LogEntry const& log) {
 
 bool RepositoryWindows::truncatePath(LogEntry const& log) {
     auto const where = target(log, false);
-    if (where.space != Space::Inside) {
+    if (where.space == Space::Outside)
         MORVA_TRACE(Normal) << "Failed to translate" << log.file();
+    if (where.space != Space::Inside)
         return true;
-    }
     auto const context = this->context(log, where.path, where.opType);
     bool done = true;
     if (where.stream == dataStreamName) {

@@ -12,11 +12,11 @@ namespace Replication {
 namespace {
 
 /// Whether a path is that of something in a directory, at any depth.
-bool isBelow(QStringList const& path, QStringList const& directory) {
+bool isBelow(Directories const& names, QStringList const& path, QStringList const& directory) {
     if (path.size() <= directory.size())
         return false;
     for (qsizetype i = 0; i < directory.size(); ++i)
-        if (path[i].compare(directory[i], Qt::CaseInsensitive) != 0)
+        if (names.normal(path[i]) != names.normal(directory[i]))
             return false;
     return true;
 }
@@ -79,6 +79,7 @@ void RepositoryWindows::follow(SinkHandle& moved, QStringList const& from, QStri
     };
     auto const& file = moved.activeHandle;
     auto const isDirectory = file->fileNode()->isDirectory();
+    auto const& names = store().directories();
     set(moved);
     if (!isDirectory && file.use_count() == 1)
         return;
@@ -87,7 +88,7 @@ void RepositoryWindows::follow(SinkHandle& moved, QStringList const& from, QStri
             continue;
         if (each->activeHandle == file && each->link == moved.link)
             set(*each);
-        else if (isDirectory && isBelow(pathOf(*each), from))
+        else if (isDirectory && isBelow(names, pathOf(*each), from))
             each->parent = to + each->parent.sliced(from.size());
     }
 }
@@ -193,14 +194,15 @@ bool RepositoryWindows::opRenameWin(LogEntry const& log) {
         return scope.result(renameInside(log, old, to));
     if (valid)
         return scope.result(removeRenamed(log, old, to));
-    if (to.space == Space::Inside) {
+    if (to.space != Space::Outside) {
         MORVA_TRACE(Normal) << (old->type == SinkHandle::Unknown
                                     ? "Rename into replication space"
                                     : "Rename - nonValid file in replication space")
                             << to.path.join(u'/');
-        askFor(to.path);
+        if (to.space == Space::Inside)
+            askFor(to.path);
         enterAbsent(log, SinkHandle::Unknown, isDirectory);
-    } else if (old->type == SinkHandle::Excluded && to.space == Space::Outside) {
+    } else if (old->type == SinkHandle::Excluded) {
         MORVA_TRACE(Normal) << "Rename - excluded file out of replication space";
         MORVA_TRACE(Debug) << (removeHandle(log.fileId())
                                    ? "Close excluded renamed out of scope OpenSeqNo"
@@ -267,7 +269,9 @@ bool RepositoryWindows::renameInside(LogEntry const& log, SinkHandlePointer cons
         return renameStream(log, *old, to);
     auto const from = pathOf(*old);
     auto const entry = entryOf(*old);
-    if (!entry || to.path.isEmpty() || isBelow(to.path, from) || isBelow(from, to.path)) {
+    auto const& names = store().directories();
+    if (!entry || to.path.isEmpty() || isBelow(names, to.path, from) ||
+        isBelow(names, from, to.path)) {
         // The store has lost the file, or what has the new name.
         detach(*old, SinkHandle::Unknown);
         askFor(log, *old, "Failed to rename");

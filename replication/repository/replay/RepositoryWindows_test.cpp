@@ -137,6 +137,7 @@ TEST_F(WindowsReplay, PathsBecomeNamesAndStreams) {
         {"C:\\Src\\B:S", 8, "b:s:$data", 1, "b", ":s"},
         {"C:\\Src\\C", 8, "c:$data", 1, "c"},
         {"C:\\Src\\D:", 9, "d:s", 2, "d", ":s"}, // the offsets lie behind the colon
+        {"C:\\Src\\D2::$DATA", 10, "d2::$data", 3, "d2"},
         {"C:\\Src\\E:s:$Data", 8, "", 0, "E", ":s"},
         {"C:\\Src\\F:data", 8, "", 0, "F", ":data"}, // no stream of the store's own
         {"C:\\Src\\G\xff", 9, "g\xff", 2, "g\xff"},

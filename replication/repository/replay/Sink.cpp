@@ -170,7 +170,7 @@ bool Sink::replay(LogPointer const& log) {
     }
     if (log->type() == LogType::PolicyEvent) {
         policyEvent(*log);
-    } else if (log->type() >= LogType::Close) {
+    } else if (log->type() != LogType::Header && log->type() != LogType::Message) {
         if (!replayBody(*log))
             return false;
     }
