@@ -253,9 +253,9 @@ bool Journal::rename(QString const& from, QString const& to) {
         return false;
     if (auto const content = contents_.take(from))
         contents_.insert(to, content);
-    if (auto const length = lengths_.constFind(from); length != lengths_.cend()) {
-        lengths_.insert(to, *length);
-        lengths_.remove(from);
+    if (lengths_.contains(from)) {
+        auto const length = lengths_.take(from);
+        lengths_.insert(to, length);
     }
     return true;
 }

@@ -8,11 +8,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <map>
 #include <optional>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Morva {
@@ -272,6 +274,53 @@ TEST(Journal, ADiskThatFailsForATimeFailsACheckpointAndLosesNothing) {
         player.close();
         ASSERT_TRUE(player.open());
         ASSERT_EQ(player.found(), player.now);
+    }
+}
+
+TEST(Journal, ThreadsReadAndWriteWhileCheckpointsAreMade) {
+    FaultyFiles const withoutSyncs;
+    QTemporaryDir directory;
+    auto const journal = Journal::open(directory.path(), {directory.path()});
+    ASSERT_TRUE(journal);
+    auto const file = RawFile::make();
+    ASSERT_TRUE(file->create(directory.path() + "/file", RawFile::Mode::ReadWrite));
+    constexpr std::uint32_t record = 1000;
+    constexpr std::uint64_t records = 60;
+    // Each record of a writer holds one number all over, which rises with every round.
+    auto const write = [&](std::uint64_t writer) {
+        for (std::uint8_t round = 1; round < 20; ++round)
+            for (std::uint64_t i = writer; i < records; i += 2) {
+                Bytes const bytes(record, round);
+                EXPECT_EQ(file->writeAt(i * record, bytes.data(), record), record);
+            }
+    };
+    std::atomic<bool> ended = false;
+    auto const read = [&] {
+        Bytes bytes(record);
+        std::vector<std::uint8_t> seen(records);
+        while (!ended)
+            for (std::uint64_t i = 0; i < records; ++i) {
+                if (file->readAt(i * record, bytes.data(), record) != record)
+                    continue;
+                auto const oldest = std::min(bytes.front(), bytes.back());
+                EXPECT_GE(oldest, seen[i]);
+                seen[i] = oldest;
+            }
+    };
+    std::thread reader(read);
+    std::thread first(write, 0);
+    std::thread second(write, 1);
+    for (int i = 0; i < 30; ++i)
+        EXPECT_TRUE(journal->checkpoint());
+    first.join();
+    second.join();
+    ended = true;
+    reader.join();
+    ASSERT_TRUE(journal->checkpoint());
+    Bytes bytes(record);
+    for (std::uint64_t i = 0; i < records; ++i) {
+        ASSERT_EQ(file->readAt(i * record, bytes.data(), record), record);
+        ASSERT_EQ(bytes, Bytes(record, 19)) << i;
     }
 }
 

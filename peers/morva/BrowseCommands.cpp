@@ -78,7 +78,7 @@ private:
                 : QString::number(size);
         auto text = QStringLiteral("%1 %2 %3 %4 %5 %6 ")
                         .arg(modeText(security.mode))
-                        .arg(attributes.links, 3)
+                        .arg(attributes.links ? QString::number(attributes.links) : "?", 3)
                         .arg(security.uid, 5)
                         .arg(security.gid, 5)
                         .arg(sizeText, 12)
@@ -89,11 +89,12 @@ private:
         QJsonObject object{{"path", decodePosixText(path)},
                            {"kind", kindText(security.mode)},
                            {"mode", QString::number(security.mode & 07777, 8)},
-                           {"links", jsonNumber(attributes.links)},
                            {"uid", jsonNumber(security.uid)},
                            {"gid", jsonNumber(security.gid)},
                            {"size", jsonNumber(size)},
                            {"modified", jsonNumber(attributes.modified)}};
+        if (attributes.links != 0)
+            object.insert("links", jsonNumber(attributes.links));
         if (isDevice)
             object.insert("device", sizeText);
         if (!target.isEmpty())

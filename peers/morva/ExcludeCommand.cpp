@@ -61,12 +61,13 @@ void exclude(CommandLine& line, Arguments const& given) {
     Root root(line.output.root);
     auto const& source = root.source(QString::fromStdString(given.store));
     auto sink = root.sink(source);
-    auto const store = root.store(source);
+    auto store = root.store(source);
     Names const before(*store);
     auto const applied = sink->exclude(Extent(details.toBinary()));
     sink->handleShutdown();
     sink.reset();
     Names const after(*store);
+    store.reset();
     root.drain(false);
     root.finish();
     line.output.summary(
@@ -98,7 +99,7 @@ void addExcludeCommand(CommandLine& line) {
     auto const given = std::make_shared<Arguments>();
     auto* exclude = line.app.add_subcommand(
         "exclude", "Says what is not stored, or stored without snapshots, and applies it");
-    exclude->add_option("--store", given->store, "Name of the store");
+    exclude->add_option("--store", given->store, "Name of the store; the only one by default");
     exclude->add_option("--details", given->details, "File with the entries")->required();
     exclude->callback([line, given]() mutable { Morva::exclude(line, *given); });
 }

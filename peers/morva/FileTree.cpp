@@ -171,7 +171,8 @@ std::optional<ObjectAttributes> FileTree::attributes(FileNode& node) {
         return std::nullopt;
     ObjectAttributes result;
     result.modified = node.times().modifiedSource;
-    result.links = node.linkCount();
+    // A version that has ended counts its names no more.
+    result.links = node.linkCount() == 0 && node.notLinked() ? 1 : node.linkCount();
     if (auto const security = PosixSecurity::decode(Extent(*record)))
         result.security = *security;
     else if (isForeign(node, *record)) {

@@ -26,6 +26,8 @@ struct ObjectAttributes {
     /// `mode` has the type bits, which always fit the node's type.
     Replication::PosixSecurity security;
     std::uint32_t modified = 0; ///< seconds since 1970
+    /// 0 for an older version of a file that has had several names: how many there were is not
+    /// kept.
     std::uint32_t links = 1;
     /// False for what no log of a POSIX source ever described; `security` is then a plain default.
     bool described = true;

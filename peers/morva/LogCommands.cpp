@@ -23,7 +23,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <map>
+#include <optional>
 #include <thread>
 
 namespace Morva {
@@ -152,6 +152,8 @@ Root::Source const& sourceFor(Root& root, Arguments const& given, QString const&
     auto const store = QString::fromStdString(given.store);
     if (root.hasSource(store))
         return root.source(store);
+    if (given.kind == SourceKind::Windows ? sourceRoot.isEmpty() : !sourceRoot.startsWith(u'/'))
+        throw CommandFailure(ExitCode::Usage, "--source is no absolute path: " + sourceRoot);
     QStringList dedupExclude;
     for (auto const& suffix : given.dedupExclude)
         dedupExclude += QString::fromStdString(suffix);
@@ -170,18 +172,21 @@ void replayFile(CommandLine& line, Arguments const& given) {
     root.startWork();
     auto const& source = sourceFor(root, given, QString::fromStdString(given.source));
     LogReadAhead input(descriptor);
-    Replay replay(root, source, line.output);
-    auto const failure = replay.readAll(input);
-    replay.end();
+    std::optional<Replay> replay(std::in_place, root, source, line.output);
+    auto const failure = replay->readAll(input);
+    replay->end();
+    auto const counts = replay->counts();
+    // The store closes with the root, so that the last checkpoint has it closed.
+    replay.reset();
     root.finish();
     if (fromFile)
         ::close(descriptor);
     line.output.endProgress();
-    line.output.summary(replaySummary(replay.counts(), watch.seconds()), "replay",
-                        replayObject(replay.counts(), watch.seconds()));
+    line.output.summary(replaySummary(counts, watch.seconds()), "replay",
+                        replayObject(counts, watch.seconds()));
     if (!failure.isEmpty())
         throw CommandFailure(ExitCode::Failed, failure);
-    if (replay.counts().failed != 0)
+    if (counts.failed != 0)
         line.code = ExitCode::Failed;
 }
 
@@ -259,8 +264,8 @@ void replicate(CommandLine& line, Arguments const& given) {
         throw CommandFailure(ExitCode::Usage, "the store " + source.name +
                                                   " is fed by another kind of source than a "
                                                   "directory of this machine");
-    Replay replay(root, source, line.output);
-    auto const store = root.store(source);
+    std::optional<Replay> replay(std::in_place, root, source, line.output);
+    auto store = root.store(source);
     FileTree const live(*store, Replication::Instance{0});
     LogQueue queue;
     OperationLogger operations(sourceOptions(), queue);
@@ -281,22 +286,25 @@ void replicate(CommandLine& line, Arguments const& given) {
         };
         Reader reader(walk, queue);
         while (auto const log = queue.take()) {
-            replay.apply(log);
+            replay->apply(log);
             line.output.progress(logger.counts().bytes, 0, logger.counts().files);
         }
         checkWalk(reader.join(), logger, given.directory);
     }
-    replay.levelWithSource();
-    replay.end();
+    replay->levelWithSource();
+    replay->end();
+    auto const failed = replay->counts().failed;
     auto const snapshot = takeSnapshot(*store, QString::fromStdString(given.label)).value;
     root.drain(false);
+    replay.reset();
+    store.reset();
     root.finish();
     line.output.endProgress();
     replicateSummary(line.output, source.name, logger.counts(), leveller, snapshot,
                      watch.seconds());
     if (logger.counts().problems != 0)
         line.code = ExitCode::SomeUnread;
-    if (replay.counts().failed != 0)
+    if (failed != 0)
         line.code = ExitCode::Failed;
 }
 
@@ -305,33 +313,38 @@ void replicate(CommandLine& line, Arguments const& given) {
 void addLogCommands(CommandLine& line) {
     auto const given = std::make_shared<Arguments>();
     auto const ofKind = [given](CLI::App* command, char const* help) {
-        CLI::CheckedTransformer kinds(
-            std::map<std::string, SourceKind>{{"posix", SourceKind::Posix},
-                                              {"windows", SourceKind::Windows},
-                                              {"exchange", SourceKind::Exchange}},
-            CLI::ignore_case);
-        kinds.description("KIND");
-        command->add_option("--as", given->kind, help)->transform(kinds)->type_name("");
+        auto const set = [given](std::string const& name) {
+            given->kind = name == "windows"    ? SourceKind::Windows
+                          : name == "exchange" ? SourceKind::Exchange
+                                               : SourceKind::Posix;
+        };
+        command->add_option_function<std::string>("--as", set, help)
+            ->check(CLI::IsMember({"posix", "windows", "exchange"}))
+            ->type_name("KIND");
     };
     auto* log =
         line.app.add_subcommand("log", "Writes a directory tree as logs to standard output");
     log->add_option("directory", given->directory, "Top of the tree, or a Maildir")->required();
-    ofKind(log, "What kind of source: posix, windows, or exchange for a Maildir");
+    ofKind(log, "The kind of source; exchange for a Maildir");
     log->add_option("--drive", given->place.drive, "As windows: the drive that the tree is on");
     log->add_option("--top", given->place.top,
                     "As windows: the path of the tree's top on the drive; its own if not given");
     log->callback([line, given]() mutable { logTree(line, *given); });
 
     auto const forNewStore = [given](CLI::App* command) {
-        command->add_option("--no-dedup", given->dedupExclude,
-                            "For a new store: an end of names that are not deduplicated");
+        command
+            ->add_option("--no-dedup", given->dedupExclude,
+                         "For a new store: an end of names that are not deduplicated; may be "
+                         "given again")
+            ->allow_extra_args(false)
+            ->type_name("SUFFIX");
     };
     auto* replay = line.app.add_subcommand("replay", "Applies logs to a store");
     replay->add_option("--store", given->store, "Name of the store; made if it isn't there")
         ->required();
     replay->add_option("--source", given->source,
                        "For a new store: the directory of the source that it holds");
-    ofKind(replay, "For a new store: the kind of source that feeds it: posix, windows or exchange");
+    ofKind(replay, "For a new store: the kind of source that feeds it");
     forNewStore(replay);
     replay->add_option("file", given->file, "Log file; standard input without one or for \"-\"");
     replay->callback([line, given]() mutable { replayFile(line, *given); });

@@ -9,7 +9,9 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace Morva {
 
@@ -17,9 +19,19 @@ std::atomic<bool> Output::interrupted{false};
 
 namespace {
 
-void print(std::FILE* file, QByteArray const& line) {
-    std::fwrite(line.constData(), 1, static_cast<std::size_t>(line.size()), file);
-    std::fputc('\n', file);
+bool print(std::FILE* file, QByteArray const& line) {
+    auto const size = static_cast<std::size_t>(line.size());
+    return std::fwrite(line.constData(), 1, size, file) == size && std::fputc('\n', file) != EOF;
+}
+
+void checkWritten(bool written) {
+    if (written)
+        return;
+    // Whoever has stopped reading needs no message.
+    auto const why = errno == EPIPE
+                         ? QString()
+                         : QStringLiteral("can't write the results: ") + std::strerror(errno);
+    throw CommandFailure(ExitCode::Failed, why);
 }
 
 } // namespace
@@ -27,15 +39,19 @@ void print(std::FILE* file, QByteArray const& line) {
 void Output::result(QString const& text, QString const& type, QJsonObject object) const {
     if (json) {
         object.insert("type", type);
-        print(stdout, QJsonDocument(object).toJson(QJsonDocument::Compact));
+        checkWritten(print(stdout, QJsonDocument(object).toJson(QJsonDocument::Compact)));
     } else if (!text.isEmpty()) {
-        print(stdout, encodePosixText(text));
+        checkWritten(print(stdout, encodePosixText(text)));
     }
 }
 
 void Output::summary(QString const& text, QString const& type, QJsonObject object) const {
     if (json || !quiet)
         result(text, type, std::move(object));
+}
+
+void Output::flushResults() const {
+    checkWritten(std::fflush(stdout) == 0);
 }
 
 void Output::remark(QString const& text) const {

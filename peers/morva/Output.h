@@ -19,10 +19,13 @@ public:
     bool quiet = false;
     bool verbose = false;
 
-    /// A result: text, or the object with --json. Nothing for an empty text or object.
+    /// A result: text, or the object with --json. Nothing for an empty text or object. Ends the
+    /// command when standard output takes no more.
     void result(QString const& text, QString const& type, QJsonObject object) const;
     /// A summary: as `result`, but its text is left out with --quiet.
     void summary(QString const& text, QString const& type, QJsonObject object) const;
+    /// To be called at the end: what `result` has gathered goes out, or the command fails.
+    void flushResults() const;
     /// A remark for --verbose, as text on standard error.
     void remark(QString const& text) const;
     void error(QString const& text) const;

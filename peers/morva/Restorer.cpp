@@ -228,7 +228,7 @@ void Restorer::restore(Place const& place, ObjectWriter::Buffer& buffer) {
                 node ? QStringLiteral("its attributes are damaged")
                      : QStringLiteral("its record can't be read"));
         release(place.directory);
-    } else if (attributes->links > 1) {
+    } else if (attributes->links != 1) {
         restoreLinked(place, *node, *attributes, buffer);
     } else {
         makeObject(place, *node, *attributes, buffer);
@@ -271,7 +271,7 @@ void Restorer::restoreLinked(Place const& place, FileNode& node, ObjectAttribute
                 return;
             }
             auto const made = object;
-            if (object.names >= attributes.links)
+            if (object.names == attributes.links)
                 linked_.erase(at);
             guard.unlock();
             makeLink(place, made, node, attributes, buffer);
@@ -288,7 +288,7 @@ void Restorer::restoreLinked(Place const& place, FileNode& node, ObjectAttribute
     at->second.made = made;
     auto const waiting = std::exchange(at->second.waiting, {});
     auto const object = at->second;
-    if (!made || object.names >= attributes.links)
+    if (!made || object.names == attributes.links)
         linked_.erase(at);
     guard.unlock();
     for (auto const& other : waiting) {

@@ -244,6 +244,23 @@ TEST_F(RestorerTest, PartsOfATreeAreRestoredAlone) {
     EXPECT_EQ(problems, "");
 }
 
+TEST_F(RestorerTest, AnOlderVersionOfALinkedFileComesBackAsOneFile) {
+    write(at("first"), "old");
+    fs::create_hard_link(at("first"), at("second"));
+    write(at("alone"), "old");
+    setTimes(source);
+    replicate();
+    auto const instance = snapshot();
+    auto const before = treeState(source);
+    write(at("first"), "newer");
+    write(at("alone"), "newer");
+    replicate();
+    static_cast<void>(snapshot());
+    ASSERT_EQ(restore(FileTree(*store(), instance), "", {}), Restorer::Result::Done);
+    EXPECT_EQ(problems, "");
+    EXPECT_EQ(treeState(target), before);
+}
+
 TEST_F(RestorerTest, WhatIsInTheWayStaysWithoutOverwrite) {
     fs::create_directories(source + "/dir");
     write(at("dir/in"), "in");

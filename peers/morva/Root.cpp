@@ -5,6 +5,7 @@
 #include "base/process/Context.h"
 #include "base/process/FixedPath.h"
 #include "base/trace/Log.h"
+#include "base/trace/Trace.h"
 #include "peers/morva/ExitCode.h"
 #include "replication/common/rules/RuleFiles.h"
 #include "replication/repository/store/Store.h"
@@ -91,6 +92,9 @@ XmlList initialConfiguration() {
 } // namespace
 
 Root::Lock::Lock(QString const& path) {
+    if (path.isEmpty())
+        throw CommandFailure(ExitCode::NoRepository,
+                             "no repository is named: say where with --root or MORVA_ROOT");
     auto const name = QFile::encodeName(path + "/morva.lock");
     descriptor_ = ::open(name.constData(), O_RDWR | O_CLOEXEC);
     if (descriptor_ < 0)
@@ -150,7 +154,7 @@ Root::~Root() {
 void Root::markOpen() {
     QFile mark(openMark());
     if (mark.exists())
-        LogLine("Repository", LogLevelE::Notice)
+        LogLine("Repository", LogLevelE::Warning)
             << "the last process that had" << path_
             << "open did not end in order; the repository is as it was at its last checkpoint";
     if (!mark.open(QIODevice::WriteOnly))
@@ -417,6 +421,9 @@ void Root::finish() {
     }
     open_.clear();
     Store::closeAll();
+    if (streams_.use_count() != 1)
+        MORVA_TRACE(Always)
+            << "The pool is in use beyond its end, and its files stay marked as open";
     streams_.reset();
     bool const kept =
         purpose_ == For::Reading ? journal_->rollBack() : flushed && journal_->checkpoint();

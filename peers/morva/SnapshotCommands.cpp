@@ -23,10 +23,11 @@ void snapshot(CommandLine& line, Arguments const& given) {
     Stopwatch const watch;
     Root root(line.output.root);
     auto const& source = root.source(QString::fromStdString(given.store));
-    auto const store = root.store(source);
+    auto store = root.store(source);
     Stopwatch const taking;
     auto const instance = takeSnapshot(*store, QString::fromStdString(given.label));
     auto const milliseconds = taking.seconds() * 1000;
+    store.reset();
     root.finish();
     line.output.summary(QStringLiteral("snapshot %1 of %2 taken in %3 ms (%4 ms in all)")
                             .arg(instance.value)
@@ -82,10 +83,11 @@ void listSnapshots(CommandLine& line, Arguments const& given) {
 void deleteSnapshot(CommandLine& line, Arguments const& given) {
     Root root(line.output.root);
     auto const& source = root.source(QString::fromStdString(given.store));
-    auto const store = root.store(source);
+    auto store = root.store(source);
     auto const instance = snapshotNamed(*store, QString::fromStdString(given.snapshot));
     auto const atOnce = instance != store->currentInstance();
     store->snapshots().deleteSnapshot(instance);
+    store.reset();
     if (atOnce)
         root.drain(true);
     root.finish();

@@ -30,9 +30,13 @@ Instance snapshotNamed(Store& store, QString const& name) {
     }
     bool isNumber = false;
     Instance const instance{name.toUInt(&isNumber)};
+    if (!isNumber && name == QLatin1String("live"))
+        throw CommandFailure(ExitCode::Usage, "\"live\" is no snapshot: give one's number");
     if (!isNumber)
-        throw CommandFailure(ExitCode::Usage,
-                             "\"" + name + "\" is neither a snapshot's number nor \"latest\"");
+        throw CommandFailure(ExitCode::Usage, "\"" + name +
+                                                  "\" is neither a snapshot's number nor a name as "
+                                                  "\"latest\"; a path stands behind it, as "
+                                                  "latest:PATH");
     auto const file = store.snapshots().find(instance);
     if (!file || !isVisible(*file))
         throw CommandFailure(ExitCode::Failed, "there is no snapshot " + name);

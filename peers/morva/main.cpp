@@ -35,7 +35,7 @@ void catchSignals() {
 
 void logToUser(Output& output) {
     Morva::Log::install([&output](Morva::LogMessage const& message) {
-        if (message.level == Morva::LogLevelE::Error)
+        if (message.level >= Morva::LogLevelE::Warning)
             output.error(message.text);
         else
             output.remark(message.text);
@@ -74,12 +74,14 @@ int run(int argc, char** argv) {
     addStatisticsCommands(line);
     try {
         app.parse(argc, argv);
+        output.flushResults();
     } catch (CLI::ParseError const& error) {
         auto const result = app.exit(error);
         return result == 0 ? 0 : static_cast<int>(ExitCode::Usage);
     } catch (Morva::CommandFailure const& failure) {
         output.endProgress();
-        output.error(QString::fromUtf8(failure.what()));
+        if (*failure.what())
+            output.error(QString::fromUtf8(failure.what()));
         return static_cast<int>(failure.code());
     } catch (std::exception const& fault) {
         output.error(QStringLiteral("unexpected failure: ") + fault.what());

@@ -9,6 +9,7 @@
 #include "replication/repository/store/WriterScope.h"
 
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace Replication {
@@ -60,6 +61,8 @@ void Directories::checkOperations(NotToBackup const& rules, ActiveHandle& direct
 
 Directories::Step Directories::checkPages(NotToBackup const& rules, CheckFrame& frame,
                                           QStringList& path) {
+    if (!store_.settle())
+        return Step::Failed;
     OpenDirectories::Pointer const open = open_.get(frame.id, "checkOperations");
     if (!open)
         return Step::Failed;
@@ -72,7 +75,7 @@ Directories::Step Directories::checkPages(NotToBackup const& rules, CheckFrame& 
         }
         Check check{rules, frame, path};
         PageEdit edit(page);
-        while (!check.descend && edit.next()) {
+        while (!check.descend && !check.failed && edit.next()) {
             if (edit.offset() < frame.offset || !edit.entry().inUse())
                 continue;
             DirectoryEntry entry = edit.entry();
@@ -82,7 +85,10 @@ Directories::Step Directories::checkPages(NotToBackup const& rules, CheckFrame& 
         }
         if (edit.invalid())
             DirectoryPage::traceInvalid(context, page, edit.offset());
-        if (check.dirty && !open->writePage())
+        // Objects and keys have changed, so the entries follow in any case.
+        if (check.dirty)
+            finishPage(*open);
+        if (check.failed || !store_.settle())
             return Step::Failed;
         if (check.descend)
             return Step::Descend;
@@ -114,8 +120,13 @@ bool Directories::checkEntry(Check& check, OpenDirectory& open, DirectoryEntry& 
         MORVA_TRACE(Always) << "Should not get here, treat as eNothing" << name;
     if (opType == NotToBackup::eExcluded) {
         // What was changed on this page so far is written before another directory changes.
-        if (key.isDirectory() && check.dirty && open.writePage())
-            check.dirty = false;
+        if (key.isDirectory() && std::exchange(check.dirty, false)) {
+            finishPage(open);
+            // An image that waits to be written must not meet later changes of its page.
+            check.failed = !store_.settle();
+            if (check.failed)
+                return false;
+        }
         bool const gone = checkRemove(key);
         check.dirty = check.dirty || gone;
         return gone;

@@ -104,7 +104,8 @@ public:
     [[nodiscard]] bool rename(NotToBackup::OpType opType, NotToBackup const& rules,
                               ActiveHandle& handle, DirKey& from, QStringList const& path);
     /// Applies exclusion rules to all that is stored below a directory: removes what is excluded
-    /// and sets or clears liveOnly. `path` is the directory's, and is the same on return.
+    /// and sets or clears liveOnly. `path` is the directory's, and is the same on return. Where the
+    /// disk fails, what was begun is left to `Unfinished`, and the rest to the next pass.
     void checkOperations(NotToBackup const& rules, ActiveHandle& directory, QStringList& path);
     /// Writes the parent entry; makes the data stream and the first page if they are missing.
     [[nodiscard]] bool setParent(ActiveHandle& directory, FileId parent);
@@ -144,6 +145,7 @@ private:
         QStringList& path;
         bool dirty = false;
         bool descend = false;
+        bool failed = false;
     };
 
     /// Writes the page that was asked for last. On failure the page is put back to what it was, now

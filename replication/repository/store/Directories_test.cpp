@@ -1,5 +1,6 @@
 #include "replication/repository/store/Directories.h"
 
+#include "base/files/FaultyFiles.h"
 #include "base/messages/XmlList.h"
 #include "replication/repository/store/DirectoriesFixture.h"
 #include "replication/repository/store/DirectoryScan.h"
@@ -245,6 +246,51 @@ TEST_F(Directories_, RulesTakeOutWhatIsExcludedAndMarkWhatIsLiveOnly) {
     directories().checkOperations(NotToBackup(), *handle(folder), path);
     EXPECT_FALSE(found(deep, "file1.log").liveOnly());
     EXPECT_EQ(files(), 200u);
+}
+
+struct Faults {
+    Morva::FaultyFiles files_;
+};
+class FaultyDirectories : protected Faults, public DirectoriesFixture {};
+
+TEST_F(FaultyDirectories, RulesThatTheDiskCutShortAreAppliedWholeTheNextTime) {
+    Morva::XmlList details;
+    NotToBackup::addEntry(details, "*.tmp", false, false);
+    NotToBackup::addEntry(details, "*.log", false, true);
+    NotToBackup::addEntry(details, "gone", true, false);
+    NotToBackup const rules(details, true);
+    files_.onlyNamesEndingWith("data.blocks");
+    bool cut = true;
+    for (int writes = 0; cut; ++writes) {
+        SCOPED_TRACE(writes);
+        QString const name = QString("folder%1").arg(writes);
+        FileId const folder = make(root(), name, directoryType);
+        ASSERT_TRUE(make(folder, "a.tmp"));
+        ASSERT_TRUE(make(folder, "b.log"));
+        ASSERT_TRUE(make(make(folder, "gone", directoryType), "below"));
+        ASSERT_TRUE(make(folder, "c.log"));
+        ASSERT_TRUE(make(folder, "d.tmp"));
+        snapshot();
+        QStringList path{name};
+        std::uint64_t const before = files_.faults();
+        files_.failWritesAfter(writes);
+        directories().checkOperations(rules, *handle(folder), path);
+        cut = files_.faults() != before;
+        files_.heal();
+        ASSERT_TRUE(store().settle());
+        directories().checkOperations(rules, *handle(folder), path);
+        EXPECT_TRUE(valid(folder));
+        QStringList left;
+        DirectoryScan scan(*node(folder), folder, "test");
+        while (scan.nextName())
+            if (scan.entry().liveOnly() == found(folder, scan.entry().name().toString()).liveOnly())
+                left.append(scan.entry().name().toString());
+        EXPECT_EQ(left, (QStringList{"b.log", "c.log"}));
+        EXPECT_TRUE(found(folder, "b.log").liveOnly());
+        EXPECT_TRUE(found(folder, "c.log").liveOnly());
+        EXPECT_EQ(files(), 0u);
+        EXPECT_EQ(folders(), writes + 1u);
+    }
 }
 
 /// Random changes of a small tree against a map; snapshots keep copies of the map.

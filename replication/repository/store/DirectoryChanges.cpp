@@ -146,7 +146,7 @@ bool Directories::liveOnly(DirKey& key) {
         return false;
     DirectoryEntry entry(bytes);
     bool const before = entry.liveOnly();
-    entry.typeWord(key.typeWord());
+    entry.typeWord(key.typeWord() & (DirKey::liveOnlyBit | DirKey::typeMask));
     if (!writePage(*open))
         return false;
     if (before != key.liveOnly())
@@ -228,6 +228,10 @@ bool Directories::link(NotToBackup::OpType opType, DirKey& from, QStringList con
     WriterScope writer(writer_);
     if (from.isDirectory()) {
         MORVA_TRACE(Always) << "Cannot link to a directory";
+        return false;
+    }
+    if (from.name().isEmpty()) {
+        MORVA_TRACE(Always) << "Invalid handle supplied";
         return false;
     }
     if (path.isEmpty()) {

@@ -29,7 +29,7 @@ void DirectoryEntry::fill(DirKey const& key, QStringView name) {
     storeLittle(bytes_ + 4, length);
     fileId(key.fileId());
     storeLittle(bytes_ + 16, key.link().value);
-    typeWord(key.typeWord());
+    typeWord(key.typeWord() & (DirKey::liveOnlyBit | DirKey::typeMask));
     if (length != 0)
         std::memcpy(bytes_ + fixedSize, name.utf16(), 2 * std::size_t{length});
     storeLittle(bytes_ + fixedSize + 2 * length, std::uint16_t{0});

@@ -73,8 +73,9 @@ std::uint32_t SnapshotDirectories::readDir(Morva::XmlList& reply, Extent& buffer
     if (!node->isDirectory())
         return Status::notDirectory;
     bool eof = true;
-    std::uint32_t const status =
-        dirRead(eof, buffer, *node, directory.instance, cookie, maximum, attributes, fileHandles);
+    FileId const id = directory.kind == FileHandle::Snapshot ? store_.rootId() : directory.fileId();
+    std::uint32_t const status = dirRead(eof, buffer, *node, directory.instance, cookie, maximum,
+                                         attributes, fileHandles, id);
     if (status == Status::ok)
         reply.set(QStringLiteral("DirEOF"), eof);
     return scope.result(status);
@@ -82,8 +83,8 @@ std::uint32_t SnapshotDirectories::readDir(Morva::XmlList& reply, Extent& buffer
 
 std::uint32_t SnapshotDirectories::dirRead(bool& eof, Extent& buffer, FileNode& node,
                                            Instance instance, std::uint64_t cookie,
-                                           std::uint32_t maximum, bool attributes,
-                                           bool fileHandles) {
+                                           std::uint32_t maximum, bool attributes, bool fileHandles,
+                                           FileId directory) {
     MORVA_METHOD("dirRead");
     eof = true;
     std::uint32_t const space = buffer.size;
@@ -92,7 +93,8 @@ std::uint32_t SnapshotDirectories::dirRead(bool& eof, Extent& buffer, FileNode& 
         MORVA_TRACE(Normal) << "Not a directory";
         return Status::badHandle;
     }
-    DirectoryScan scan(node, FileId{}, "Snapshot readDir", instance, DirectoryPage::pageOf(cookie));
+    DirectoryScan scan(node, directory, "Snapshot readDir", instance,
+                       DirectoryPage::pageOf(cookie));
     bool reached = DirectoryPage::offsetOf(cookie) == 0;
     std::uint32_t written = 0;
     std::uint32_t count = 0;

@@ -15,8 +15,13 @@ DirectoryScan::DirectoryScan(FileNode& node, FileId directory, char const* opera
       instance_(instance),
       stream_(node.openStream(dataStreamName)),
       page_(firstPage) {
-    if (!stream_)
+    if (!stream_) {
+        failed_ = node.exists(dataStreamName);
+        if (failed_)
+            MORVA_TRACE(Always) << operation_ << "Failed to open data stream of directory"
+                                << Morva::hex << directory_;
         return;
+    }
     pages_ = (stream_->length() + DirectoryPage::size - 1) >> DirectoryPage::shift;
     end_ = firstPage >= pages_ ? firstPage : firstPage + std::min(pages_ - firstPage, pageLimit);
 }
@@ -82,10 +87,15 @@ bool DirectoryScan::nextName() {
 }
 
 FileId parentOf(FileNode& directory) {
+    // The content of a file isn't to pass for entries.
+    if (!directory.isDirectory()) {
+        MORVA_TRACE(Normal) << "Not a directory" << directory.id();
+        return {};
+    }
     auto const stream = directory.openStream(dataStreamName);
     alignas(8) std::array<std::uint8_t, DirectoryEntry::minimumSize> head;
     if (!stream || stream->read(0, head.data(), head.size()) != head.size()) {
-        MORVA_TRACE(Normal) << "Failed to read parent directory entry";
+        MORVA_TRACE(Always) << "Failed to read parent directory entry";
         return {};
     }
     DirectoryEntry const entry(head.data());

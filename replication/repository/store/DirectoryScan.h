@@ -31,7 +31,8 @@ public:
     DirectoryScan(DirectoryScan const&) = delete;
     DirectoryScan& operator=(DirectoryScan const&) = delete;
 
-    /// False when the directory has no data stream; there is nothing to scan then.
+    /// False when there is nothing to scan: the directory has no data stream, or, and then the scan
+    /// has failed, has one that can't be opened.
     [[nodiscard]] bool hasData() const { return stream_ != nullptr; }
     /// The next entry of any kind; false at the end.
     [[nodiscard]] bool next();
@@ -69,7 +70,8 @@ private:
     bool failed_ = false;
 };
 
-/// The parent of a directory, by the first entry of its pages; 0 when that can't be read.
+/// The parent of a directory, by the first entry of its pages; 0 when that can't be read, and for a
+/// node that is no directory.
 [[nodiscard]] FileId parentOf(FileNode& directory);
 
 } // namespace Replication

@@ -78,10 +78,12 @@ public:
     ///  had zeros to a multiple of 8
     ///
     /// `eof` is false when something was left out: no space for the next entry, `maximum` entries
-    /// (0: no limit), or a cookie that isn't an entry's offset. A status.
+    /// (0: no limit), or a cookie that isn't an entry's offset. `directory` is for the reports
+    /// alone. A status.
     [[nodiscard]] std::uint32_t dirRead(bool& eof, Morva::Extent& buffer, FileNode& node,
                                         Instance instance, std::uint64_t cookie,
-                                        std::uint32_t maximum, bool attributes, bool fileHandles);
+                                        std::uint32_t maximum, bool attributes, bool fileHandles,
+                                        FileId directory = {});
     /// Writes a `DirscanRecord` for every name, liveOnly ones too, and adds to `count`. False when
     /// the node is no directory, a page failed or the list didn't take a record.
     [[nodiscard]] bool dirscan(std::uint32_t& count, Morva::PagedList& list, FileNode& node,

@@ -164,6 +164,11 @@ TEST_F(SnapshotDirectories_, PathsAndNamesClimbToTheRoot) {
     FileId const b = make(a, "b", directoryType);
     FileId const c = make(b, "c", directoryType);
     FileId const file = make(b, "file");
+    // The content of this one would pass for a parent entry.
+    QByteArray forged(32, '\0');
+    forged[0] = 32;
+    forged[8] = 1;
+    ASSERT_TRUE(writeFile("forged", forged));
     Instance const first = snapshot();
     ASSERT_TRUE(move(b, "c", root(), "moved"));
     Instance const second = snapshot();
@@ -191,6 +196,9 @@ TEST_F(SnapshotDirectories_, PathsAndNamesClimbToTheRoot) {
               Status::stale);
     EXPECT_EQ(snapshots().parentId(*store().passiveHandle(c, first)), b);
     EXPECT_EQ(snapshots().parentId(*store().passiveHandle(c, second)), root());
+    FileHandle handle =
+        store().fileHandle(found(root(), "forged").fileId(), first, FileHandle::Passive);
+    EXPECT_EQ(store().lookupParent(handle, handle), Status::serverFault);
 }
 
 TEST_F(SnapshotDirectories_, DirscanTellsEveryName) {

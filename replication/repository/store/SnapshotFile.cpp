@@ -95,6 +95,9 @@ SnapshotFile::SnapshotFile(QString const& directory, Instance instance) : reader
     bool good = false;
     if (file->open(path_, RawFile::Mode::ReadWrite)) {
         good = load(*file, false);
+    } else if (QFileInfo::exists(path_)) {
+        // To make it anew would wipe out what it says of its snapshot.
+        MORVA_TRACE(Always) << "Failed to open snapshot file" << path_ << file->lastError();
     } else {
         MORVA_TRACE(Normal) << "Create" << path_ << "as it does not exist";
         good = create(*file);
@@ -425,8 +428,8 @@ void SnapshotFile::markForDeletion() {
     header_[atMarkedForDeletion] = 1;
 }
 
-void SnapshotFile::setAnalyzed(std::uint64_t logicalSize, std::uint64_t directories,
-                               std::uint64_t files) {
+void SnapshotFile::analyzed(std::uint64_t logicalSize, std::uint64_t directories,
+                            std::uint64_t files) {
     TracedLock lock(lock_);
     if (header_[atAnalyzed])
         return;

@@ -89,7 +89,8 @@ public:
     static constexpr std::uint32_t headerSize = 320;
     static constexpr std::uint32_t maximumLabel = 1023;
 
-    /// Opens the file of an instance below `directory`, or makes it where there is none. On failure
+    /// Opens the file of an instance below `directory`, or makes it where there is none. One that
+    /// is there and can't be opened stays as it is. On failure
     /// `instance()` is 0, and every operation does nothing and returns false.
     SnapshotFile(QString const& directory, Instance instance);
     /// For a look at a file that must not change: none is made and none is converted. Of the
@@ -155,7 +156,7 @@ public:
     void clearRetired();
     void markForDeletion();
     /// The first analysis stands: nothing changes when Analyzed is set already.
-    void setAnalyzed(std::uint64_t logicalSize, std::uint64_t directories, std::uint64_t files);
+    void analyzed(std::uint64_t logicalSize, std::uint64_t directories, std::uint64_t files);
     /// The three values together, if the snapshot was analysed.
     [[nodiscard]] bool analysis(std::uint64_t& logicalSize, std::uint64_t& directories,
                                 std::uint64_t& files) const;

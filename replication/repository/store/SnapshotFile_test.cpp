@@ -71,7 +71,7 @@ TEST_F(SnapshotFiles, HeaderHasItsGoldenBytes) {
         file->setDedupOffset(0x41);
         file->setIndexed(true);
         file->markForDeletion();
-        file->setAnalyzed(0x51, 0x52, 0x53);
+        file->analyzed(0x51, 0x52, 0x53);
         file->setLabel(QStringLiteral("Aé"));
         ASSERT_TRUE(file->writeHeader());
         EXPECT_EQ(7u, file->instance().value);
@@ -254,7 +254,7 @@ TEST_F(SnapshotFiles, StatisticsListWhatAUserCanSee) {
 TEST_F(SnapshotFiles, NamedStatisticsKeepTheOrderOfTheirKeys) {
     auto const file = open();
     EXPECT_TRUE(file->snapshot({}, 500, Instance{6}, true));
-    file->setAnalyzed(1, 2, 3);
+    file->analyzed(1, 2, 3);
     file->setPolicy(3, 4, 5, false);
     file->setLabel("label");
     SnapshotFile::Origin origin;

@@ -146,7 +146,7 @@ bool SnapshotList::snapshotAnalyzed(Instance instance, std::uint64_t logicalSize
         MORVA_TRACE(Always) << "Did not find instance" << instance;
         return scope.result(false);
     }
-    file->setAnalyzed(logicalSize, directories, files);
+    file->analyzed(logicalSize, directories, files);
     return scope.result(file->writeHeader());
 }
 
