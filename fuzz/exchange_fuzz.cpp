@@ -59,11 +59,11 @@ struct Place {
             StoreId{7}, {ReplayId{7}, QStringLiteral("machine"), QStringLiteral("repository-mail")},
             false);
         require(*pool && store, "store");
-        PosixSource source;
+        SourceRules source;
         source.storeName = QStringLiteral("mail");
         source.sourceRoot = QStringLiteral("/mail");
         source.replayId = 7;
-        auto const files = RuleFiles::posix({source});
+        auto const files = RuleFiles::make({source});
         require(files && files->write(1), "rules");
         DataSink::Identity identity;
         identity.name = QStringLiteral("repository-mail");

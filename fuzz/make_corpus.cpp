@@ -194,17 +194,17 @@ QByteArray ruleInput(RuleFiles const& files) {
 
 void ruleSets() {
     Context::machineName(MachineName(QStringLiteral("machine")));
-    PosixSource one;
+    SourceRules one;
     one.storeName = QStringLiteral("one");
-    auto const small = RuleFiles::posix({one});
-    PosixSource two;
+    auto const small = RuleFiles::make({one});
+    SourceRules two;
     two.storeName = QStringLiteral("two");
     two.replayId = 2;
     two.firstRule = 5;
     two.sourceRoot = QStringLiteral("/home");
     two.dedupExclude = {QStringLiteral(".gz")};
     two.versioned = false;
-    auto const both = RuleFiles::posix({one, two});
+    auto const both = RuleFiles::make({one, two});
     require(small && both, "rules");
     save("rules", "one", ruleInput(*small));
     save("rules", "two", ruleInput(*both));

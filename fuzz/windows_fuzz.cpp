@@ -62,11 +62,11 @@ public:
         QDir().mkpath(FixedPath::repositoryStreams());
         QDir().mkpath(FixedPath::repositoryStreamData());
         Context::machineName(MachineName(QStringLiteral("machine")));
-        PosixSource source;
+        SourceRules source;
         source.kind = SourceKind::Windows;
         source.storeName = QStringLiteral("store");
         source.sourceRoot = QStringLiteral("C:\\S");
-        auto const files = RuleFiles::posix({source});
+        auto const files = RuleFiles::make({source});
         require(files && files->write(1), "rules");
         streams_ =
             std::make_shared<Streams>(FixedPath::repositoryStreams(),

@@ -33,9 +33,9 @@ public:
         for (auto const& path : {FixedPath::repositoryStores(), FixedPath::repositoryStreams(),
                                  FixedPath::repositoryStreamData(), FixedPath::runtime()})
             must(QDir().mkpath(path), "mkpath");
-        Replication::PosixSource source;
+        Replication::SourceRules source;
         source.storeName = QStringLiteral("sample");
-        auto const rules = Replication::RuleFiles::posix({source});
+        auto const rules = Replication::RuleFiles::make({source});
         must(rules && rules->write(1), "rules");
         open();
     }

@@ -27,11 +27,11 @@ namespace Morva {
 using Replication::CleanupWorker;
 using Replication::DedupWorker;
 using Replication::OperationGate;
-using Replication::PosixSource;
 using Replication::ReplayId;
 using Replication::RuleFiles;
 using Replication::Sink;
 using Replication::SourceKind;
+using Replication::SourceRules;
 using Replication::Store;
 using Replication::StoreId;
 using Replication::StoreIdentity;
@@ -250,9 +250,9 @@ void Root::saveSources() {
 }
 
 void Root::writeRules() {
-    QList<PosixSource> streams;
+    QList<SourceRules> streams;
     for (auto const& source : std::as_const(sources_)) {
-        PosixSource stream;
+        SourceRules stream;
         stream.storeName = source.name;
         stream.kind = source.kind;
         stream.sourceRoot = source.sourceRoot;
@@ -261,7 +261,7 @@ void Root::writeRules() {
         stream.dedupExclude = source.dedupExclude;
         streams += stream;
     }
-    auto const files = RuleFiles::posix(streams);
+    auto const files = RuleFiles::make(streams);
     if (!files || !files->write(ruleSet_ + 1))
         throw CommandFailure(ExitCode::Failed, "can't write the rule files of " + path_);
     ++ruleSet_;

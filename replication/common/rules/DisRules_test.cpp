@@ -61,7 +61,7 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(FixedPath::setRoot(root_.path()));
         Context::machineName(MachineName(QStringLiteral("target")));
-        files_ = *RuleFiles::posix({source("docs", 7, 100)});
+        files_ = *RuleFiles::make({source("docs", 7, 100)});
         restartTrace();
     }
     void TearDown() override {
@@ -70,8 +70,8 @@ protected:
         Context::machineName(MachineName());
     }
 
-    static PosixSource source(char const* name, std::uint32_t replayId, std::uint32_t rule) {
-        PosixSource result;
+    static SourceRules source(char const* name, std::uint32_t replayId, std::uint32_t rule) {
+        SourceRules result;
         result.storeName = QString::fromLatin1(name);
         result.sourceMachine = MachineName(QStringLiteral("source"));
         result.replayId = replayId;
@@ -142,7 +142,7 @@ TEST_F(RuleSet, WrittenFilesLoadBackAsOneRepositoryStream) {
     wanted.dedupExclude = QStringList({".zip", ".jpg"});
     wanted.dedupVersions = false;
     wanted.closedGracePeriodSeconds = 60;
-    files_ = *RuleFiles::posix({wanted, source("other", 8, 101)});
+    files_ = *RuleFiles::make({wanted, source("other", 8, 101)});
     auto const rules = load();
     ASSERT_TRUE(rules.valid());
     EXPECT_EQ(rules.streamList(MachineName(QStringLiteral("source"))).size(), 2);
@@ -171,12 +171,12 @@ TEST_F(RuleSet, WrittenFilesLoadBackAsOneRepositoryStream) {
 TEST_F(RuleSet, SourcesThatRulesCantBeMadeForAreRefused) {
     auto relative = source("a", 1, 1);
     relative.sourceRoot = QStringLiteral("data");
-    EXPECT_FALSE(RuleFiles::posix({relative}));
-    EXPECT_FALSE(RuleFiles::posix({source("", 1, 1)}));
-    EXPECT_FALSE(RuleFiles::posix({source("a", 0, 1)}));
-    EXPECT_FALSE(RuleFiles::posix({source("a", 1, 0)}));
-    EXPECT_FALSE(RuleFiles::posix({source("a", 1, 1), source("b", 1, 2)}));
-    EXPECT_FALSE(RuleFiles::posix({source("a", 1, 1), source("a", 2, 2)}));
+    EXPECT_FALSE(RuleFiles::make({relative}));
+    EXPECT_FALSE(RuleFiles::make({source("", 1, 1)}));
+    EXPECT_FALSE(RuleFiles::make({source("a", 0, 1)}));
+    EXPECT_FALSE(RuleFiles::make({source("a", 1, 0)}));
+    EXPECT_FALSE(RuleFiles::make({source("a", 1, 1), source("b", 1, 2)}));
+    EXPECT_FALSE(RuleFiles::make({source("a", 1, 1), source("a", 2, 2)}));
     EXPECT_FALSE(files_.write(0));
     ASSERT_TRUE(FixedPath::setRoot({}));
     EXPECT_FALSE(files_.write(1));
@@ -253,7 +253,7 @@ TEST_F(RuleSet, EachFaultOfAStreamIsNamedAndRefused) {
         {"No target supplied", drop("Repository/Target")},
     };
     for (auto const& test : cases) {
-        files_ = *RuleFiles::posix({source("docs", 7, 100)});
+        files_ = *RuleFiles::make({source("docs", 7, 100)});
         auto item = stream();
         test.change(item);
         forgetTrace();
@@ -530,7 +530,7 @@ TEST_F(RuleSet, EachFaultOfADispatcherStreamIsNamedAndRefused) {
         {"LoggingStream", "Invalid logging stream data", drop("Policies")},
     };
     for (auto const& test : cases) {
-        files_ = *RuleFiles::posix({source("docs", 7, 100)});
+        files_ = *RuleFiles::make({source("docs", 7, 100)});
         auto item = dispatcherItem();
         test.change(item);
         files_.forwardRules.set(QString::fromLatin1(test.key), item);

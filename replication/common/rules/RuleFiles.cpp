@@ -25,11 +25,11 @@ namespace {
 
 constexpr std::uint32_t versionOperation = 1;
 
-QString policyName(PosixSource const& source) {
+QString policyName(SourceRules const& source) {
     return QStringLiteral("policy-%1").arg(source.storeName);
 }
 
-bool usable(PosixSource const& source) {
+bool usable(SourceRules const& source) {
     bool const rooted = source.kind == SourceKind::Windows
                             ? !source.sourceRoot.isEmpty()
                             : source.sourceRoot.startsWith(QLatin1Char('/'));
@@ -43,7 +43,7 @@ bool usable(PosixSource const& source) {
     return fault == nullptr;
 }
 
-XmlList policyItem(PosixSource const& source) {
+XmlList policyItem(SourceRules const& source) {
     XmlList item;
     item.set(QStringLiteral("Name"), policyName(source));
     item.set(QStringLiteral("FirstRule"), source.firstRule);
@@ -62,7 +62,7 @@ XmlList policyItem(PosixSource const& source) {
     return item;
 }
 
-XmlList repositoryItem(PosixSource const& source) {
+XmlList repositoryItem(SourceRules const& source) {
     XmlList list;
     list.set(QStringLiteral("StoreName"), source.storeName);
     list.set(QStringLiteral("Target"), QString::number(source.replayId));
@@ -78,7 +78,7 @@ XmlList repositoryItem(PosixSource const& source) {
     return list;
 }
 
-XmlList replayItem(PosixSource const& source) {
+XmlList replayItem(SourceRules const& source) {
     auto const here = Context::machineName();
     XmlList machine;
     machine.set(QStringLiteral("Name"),
@@ -105,7 +105,7 @@ XmlList replayItem(PosixSource const& source) {
 
 } // namespace
 
-std::optional<RuleFiles> RuleFiles::posix(QList<PosixSource> const& sources) {
+std::optional<RuleFiles> RuleFiles::make(QList<SourceRules> const& sources) {
     RuleFiles files;
     QSet<std::uint32_t> replayIds;
     QSet<std::uint32_t> rules;

@@ -7,9 +7,9 @@
 
 namespace Replication {
 
-/// What a rule set for one source (a POSIX one, if nothing else is said) and one store is made of.
+/// What the rules for one source (a POSIX one, if nothing else is said) and its store are made of.
 /// The rest has one sensible value.
-struct PosixSource {
+struct SourceRules {
     /// Not empty; with "repository-" before it, the name of the store.
     QString storeName;
     SourceKind kind = SourceKind::Posix;
@@ -41,7 +41,7 @@ struct RuleFiles {
     /// Nothing, with a trace, if there is a source that rules can't be made for: an empty store
     /// name, a root that is not an absolute path (of a Windows source: that is empty), a number
     /// that is 0, or the same replay id or first rule twice, or the same name.
-    [[nodiscard]] static std::optional<RuleFiles> posix(QList<PosixSource> const& sources);
+    [[nodiscard]] static std::optional<RuleFiles> make(QList<SourceRules> const& sources);
     /// Writes the files into `FixedPath::rules(ruleSetId)`, which is made if need be. False, with
     /// a trace, if that is not set or can't be written. 0 is no id to write.
     [[nodiscard]] bool write(std::uint32_t ruleSetId) const;

@@ -70,7 +70,7 @@ protected:
     }
     /// Rules that version, back up and protect continuously.
     void writeRules(std::uint32_t ruleSet, bool resyncRequired = false) {
-        auto files = RuleFiles::posix({source_});
+        auto files = RuleFiles::make({source_});
         ASSERT_TRUE(files);
         auto policy = files->policyRules.getXmlList(nullptr, "Policy");
         auto const add = [&policy](DisDataOp::Type type, std::uint32_t id) {
@@ -182,7 +182,7 @@ protected:
         return record ? PosixSecurity::decode(Morva::Extent(*record)) : std::nullopt;
     }
 
-    PosixSource source_;
+    SourceRules source_;
     std::uint32_t ruleSet_ = 1;
     std::uint64_t sequence_ = 0;
     QStringList said_;

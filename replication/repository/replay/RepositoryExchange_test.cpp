@@ -15,11 +15,11 @@ protected:
 
     ExchangeReplay() {
         Morva::Log::install([this](Morva::LogMessage const& message) { said_ += message.text; });
-        PosixSource source;
+        SourceRules source;
         source.storeName = "mail";
         source.sourceRoot = "/mail";
         source.replayId = 7;
-        auto const files = RuleFiles::posix({source});
+        auto const files = RuleFiles::make({source});
         EXPECT_TRUE(files && files->write(1));
         create(false);
         DataSink::Identity identity;

@@ -34,12 +34,12 @@ class WindowsReplay : protected FaultyDisk, public StoreFixture {
 protected:
     WindowsReplay() {
         Morva::Log::install([this](Morva::LogMessage const& message) { said_ += message.text; });
-        PosixSource source;
+        SourceRules source;
         source.kind = SourceKind::Windows;
         source.storeName = "home";
         source.sourceRoot = "C:\\Src\\";
         source.replayId = 7;
-        auto const files = RuleFiles::posix({source});
+        auto const files = RuleFiles::make({source});
         EXPECT_TRUE(files && files->write(1));
         create(false);
         DataSink::Identity identity;
@@ -275,15 +275,15 @@ TEST_F(WindowsReplay, StorageFailureFailsTheLog) {
 TEST(SourceKinds, FollowFromTheRules) {
     QTemporaryDir root;
     ASSERT_TRUE(Morva::FixedPath::setRoot(root.path()));
-    QList<PosixSource> sources;
+    QList<SourceRules> sources;
     for (auto const kind : {SourceKind::Posix, SourceKind::Windows, SourceKind::Exchange}) {
-        PosixSource source;
+        SourceRules source;
         source.kind = kind;
         source.replayId = source.firstRule = static_cast<std::uint32_t>(sources.size() + 1);
         source.storeName = QString::number(source.replayId);
         sources += source;
     }
-    auto const files = RuleFiles::posix(sources);
+    auto const files = RuleFiles::make(sources);
     ASSERT_TRUE(files && files->write(1));
     DisRules const rules(1);
     for (auto const& source : sources)
