@@ -66,7 +66,6 @@ public:
     Root& operator=(Root const&) = delete;
 
     [[nodiscard]] Replication::Streams& pool() { return *streams_; }
-    [[nodiscard]] std::shared_ptr<Replication::Streams> const& sharedPool() { return streams_; }
     [[nodiscard]] QList<Source> const& sources() const { return sources_; }
     /// The source of that name; of the only store for an empty name. Fails when there is none, or
     /// when the name is empty and there are several.
