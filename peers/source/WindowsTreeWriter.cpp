@@ -99,7 +99,7 @@ QByteArray reparseData(QString const& target) {
 bool WindowsTreeWriter::takes(TreeObject const& object) {
     auto const mode = object.status.st_mode;
     if (!S_ISREG(mode) && !S_ISDIR(mode) && !S_ISLNK(mode)) {
-        reader().report(ENOTSUP, "log");
+        reader().report(ENOTSUP, "log a device, fifo or socket");
         return false;
     }
     if (levels_.empty())
