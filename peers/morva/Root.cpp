@@ -290,6 +290,8 @@ StorePointer Root::store(Source const& source, Marked marked) {
     }
     if (!store)
         throw CommandFailure(ExitCode::Failed, "the store " + source.name + " does not open");
+    if (store->unclean() && store->valid() && purpose_ == For::Changing)
+        store->freeUnclaimed();
     open_ += store;
     return store;
 }

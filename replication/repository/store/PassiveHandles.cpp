@@ -128,20 +128,32 @@ std::size_t PassiveHandles::size(NodeFileFigures& files) const {
     return nodes_.size();
 }
 
-bool PassiveHandles::erase(NodeNumber number) {
+FileNode::Pointer PassiveHandles::enterStale(NodeNumber number, bool unclaimed) {
     thread_local std::vector<std::uint8_t> record;
-    FileNode::Pointer node;
-    {
-        TracedLock guard(lock_);
-        NodePin pin = store_.nodes().getNode(number, record, true);
-        if (!pin)
-            return false;
-        NodeInfo info(store_.caseSensitivity(), Extent(static_cast<void const*>(record.data()),
-                                                       static_cast<std::uint32_t>(record.size())));
-        node = enter(std::move(pin), std::move(info));
+    TracedLock guard(lock_);
+    if (unclaimed && nodes_.contains(number))
+        return {};
+    NodePin pin = store_.nodes().getNode(number, record, true);
+    if (!pin)
+        return {};
+    if (unclaimed && pin.node().claims() != 0) {
+        store_.nodes().returnNode(std::move(pin));
+        return {};
     }
-    node->dropClaims();
-    return true;
+    NodeInfo info(store_.caseSensitivity(), Extent(static_cast<void const*>(record.data()),
+                                                   static_cast<std::uint32_t>(record.size())));
+    return enter(std::move(pin), std::move(info));
+}
+
+bool PassiveHandles::erase(NodeNumber number) {
+    FileNode::Pointer const node = enterStale(number, false);
+    if (node)
+        node->dropClaims();
+    return node != nullptr;
+}
+
+bool PassiveHandles::freeUnclaimed(NodeNumber number) {
+    return enterStale(number, true) != nullptr;
 }
 
 } // namespace Replication

@@ -40,10 +40,14 @@ public:
     /// Frees a node and drops its streams, whatever claims it. False for a block that is no node.
     /// For the erasing of a store, when nobody else uses it.
     bool erase(NodeNumber number);
+    /// Frees a node that nothing claims and nobody has in memory; whether there was one.
+    bool freeUnclaimed(NodeNumber number);
 
 private:
     /// Makes the object of a node and enters it; both under the lock.
     [[nodiscard]] FileNode::Pointer enter(NodePin pin, NodeInfo info) MORVA_REQUIRES(lock_);
+    /// As a node stands in its block, and only an unclaimed one if so asked.
+    [[nodiscard]] FileNode::Pointer enterStale(NodeNumber number, bool unclaimed);
     [[nodiscard]] FileNode::Pointer load(NodeNumber number) MORVA_REQUIRES(lock_);
 
     Store& store_;

@@ -106,6 +106,8 @@ public:
     [[nodiscard]] StoreId id() const { return id_; }
     [[nodiscard]] ReplayId replayId() const;
     [[nodiscard]] bool valid() const { return valid_; }
+    /// The process that last had it open did not close it.
+    [[nodiscard]] bool unclean() const { return unclean_; }
     [[nodiscard]] bool caseSensitive() const { return caseSensitive_; }
     [[nodiscard]] Qt::CaseSensitivity caseSensitivity() const {
         return caseSensitive_ ? Qt::CaseSensitive : Qt::CaseInsensitive;
@@ -197,6 +199,10 @@ public:
     /// disk failed: before all nodes were freed, and then it can be tried again, or with the
     /// directory still there. The caller holds the only pointer, and not the operation gate.
     bool erase();
+    /// Frees the versions that nothing claims: those of files that were deleted while they were
+    /// open, when the process that had them open is gone. Reads every node. For a store that was
+    /// just opened. The caller doesn't hold the operation gate.
+    void freeUnclaimed();
 
     // --- statistics, from any thread; what isn't open counts as 0 (see StoreStatistics.cpp)
 
@@ -226,6 +232,7 @@ private:
     [[nodiscard]] bool openTree();
     [[nodiscard]] bool flushFiles();
     void eraseNodes();
+    void forEachNode(bool (PassiveHandles::*work)(NodeNumber));
     struct Figures;
     [[nodiscard]] Figures figures() const;
     [[nodiscard]] bool dropLink(DirKey const& key, bool retire);

@@ -67,12 +67,20 @@ bool Store::erase() {
 
 void Store::eraseNodes() {
     // Neither ids nor directories are needed: every node says itself what it holds.
+    forEachNode(&PassiveHandles::erase);
+}
+
+void Store::freeUnclaimed() {
+    forEachNode(&PassiveHandles::freeUnclaimed);
+}
+
+void Store::forEachNode(bool (PassiveHandles::*work)(NodeNumber)) {
     std::uint64_t const end = nodes_->totalBlocks();
     for (std::uint64_t number = nodes_->firstBlock() + 1; number < end;) {
         OperationGate::Enter const gate;
         std::uint64_t const sliceEnd = std::min(number + nodesInSlice, end);
         for (; number < sliceEnd; ++number)
-            passive_->erase(NodeNumber{number});
+            (passive_.get()->*work)(NodeNumber{number});
     }
 }
 
