@@ -155,8 +155,9 @@ void Root::markOpen() {
     QFile mark(openMark());
     if (mark.exists())
         LogLine("Repository", LogLevelE::Warning)
-            << "the last process that had" << path_
-            << "open did not end in order; the repository is as it was at its last checkpoint";
+            << "The last process that had %1s open did not end in order; the repository is as it "
+               "was at its last checkpoint"
+            << path_;
     if (!mark.open(QIODevice::WriteOnly))
         throw CommandFailure(ExitCode::Failed, "can't write " + mark.fileName());
 }

@@ -376,13 +376,20 @@ bool Streams::flush(bool sync) {
     for (StreamId const id : undropped)
         dropReference(id);
     {
+        TracedLock open(openLock_);
         TracedLock lock(nodesLock_);
         good = deferredDrops_.empty();
         // Once the pool stops, its end asks.
-        if (!stopping_)
+        if (!stopping_) {
             unsent.swap(deferredDeletes_);
+            // The last handle asks for it as it goes, but it may never come to that.
+            for (auto const& [id, handle] : open_)
+                if (handle->node_.referenceCount() == 0)
+                    unsent.push_back(id);
+        }
     }
-    // A stream that has come to life again since is left alone when its request is served.
+    // A stream that is open, or has come to life again since, is left alone when its request is
+    // served.
     for (StreamId const id : unsent)
         good = requestDeleteStream(id) && good;
     good = data_->flush() && good;
