@@ -1,10 +1,19 @@
 #include "peers/model/Model.h"
 
+#include "peers/check/Checker.h"
+
 #include <algorithm>
 #include <cstring>
 #include <unordered_map>
 
 namespace Morva::Model {
+
+std::string faultsOnDisk() {
+    std::string result;
+    for (auto const& line : checkRepository(RepositoryPaths::current()).lines())
+        result += line.toStdString() + '\n';
+    return result;
+}
 
 void Content::write(std::uint64_t offset, QByteArray const& data) {
     auto const* bytes = data.constData();

@@ -55,6 +55,9 @@ struct WindowsParts {
     std::set<QByteArray> dirty;
 };
 
+/// The faults of the closed repository that `FixedPath` names, a line for each.
+[[nodiscard]] std::string faultsOnDisk();
+
 enum class Kind { Directory, File, Symlink, Special };
 
 struct Object;

@@ -1,6 +1,5 @@
 #include "peers/model/Player.h"
 
-#include "peers/check/Checker.h"
 #include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/store/Store.h"
 
@@ -539,10 +538,7 @@ void Player::reopen() {
 
 std::string Player::faults() {
     close();
-    auto const report = checkRepository(RepositoryPaths::current());
-    std::string result;
-    for (auto const& line : report.lines())
-        result += line.toStdString() + '\n';
+    auto result = faultsOnDisk();
     open();
     return result;
 }

@@ -1,6 +1,5 @@
 #include "peers/model/WindowsPlayer.h"
 
-#include "peers/check/Checker.h"
 #include "peers/model/WindowsValues.h"
 #include "replication/common/values/WindowsObject.h"
 #include "replication/repository/store/SnapshotList.h"
@@ -445,10 +444,7 @@ void WindowsPlayer::restart() {
 
 std::string WindowsPlayer::faults() {
     close();
-    auto const report = checkRepository(RepositoryPaths::current());
-    std::string result;
-    for (auto const& line : report.lines())
-        result += line.toStdString() + '\n';
+    auto result = faultsOnDisk();
     open();
     return result;
 }
