@@ -17,7 +17,8 @@ constexpr std::uint32_t deadMark = 0xDEADF4A3;
 constexpr std::size_t smallestTable = 64;
 constexpr std::uint32_t runLimitBytes = 262144;
 constexpr std::uint32_t aheadBytes = 4096;
-constexpr std::uint32_t freeFrameLimit = 32;
+constexpr std::uint32_t smallestSlab = 4; // frames
+constexpr std::uint32_t largestSlabBytes = 262144;
 constexpr unsigned victimTries = 8;
 
 } // namespace
@@ -37,18 +38,16 @@ void PageCache::attach(RawFile& file, std::uint32_t pageSize) {
 }
 
 void PageCache::detach() {
-    for (Slot& slot : table_)
-        if (slot.frame)
-            freeFrame(slot.frame);
-    while (free_)
-        freeFrame(std::exchange(free_, free_->newer));
+    slabs_.clear();
+    slabFrames_ = slabUsed_ = 0;
+    free_ = nullptr;
     table_.clear();
     table_.shrink_to_fit();
     runBytes_ = {};
     aheadBytes_ = {};
     expected_ = 0;
     newest_ = oldest_ = dirtyHead_ = nullptr;
-    used_ = unpinned_ = freeCount_ = 0;
+    used_ = unpinned_ = 0;
     file_ = nullptr;
 }
 
@@ -146,25 +145,28 @@ void PageCache::setClean(Frame* frame) {
 
 // --- Frames -----------------------------------------------------------------------------------
 
-PageCache::Frame* PageCache::newFrame() {
-    void* memory = ::operator new (sizeof(Frame) + pageSize_, std::align_val_t{alignof(Frame)});
-    return ::new (memory) Frame{};
+void PageCache::FreeSlab::operator()(void* memory) const {
+    ::operator delete (memory, std::align_val_t{alignof(Frame)});
 }
 
-void PageCache::freeFrame(Frame* frame) {
-    frame->mark = deadMark;
-    ::operator delete (frame, std::align_val_t{alignof(Frame)});
+PageCache::Frame* PageCache::newFrame() {
+    std::size_t const size =
+        (sizeof(Frame) + pageSize_ + alignof(Frame) - 1) / alignof(Frame) * alignof(Frame);
+    if (slabUsed_ == slabFrames_) {
+        auto const most =
+            std::max(smallestSlab, static_cast<std::uint32_t>(largestSlabBytes / size));
+        slabFrames_ = std::clamp(slabFrames_ * 2, smallestSlab, most);
+        slabUsed_ = 0;
+        slabs_.emplace_back(::operator new (size* slabFrames_, std::align_val_t{alignof(Frame)}));
+    }
+    auto* const bytes = static_cast<std::uint8_t*>(slabs_.back().get());
+    return ::new (bytes + size * slabUsed_++) Frame{};
 }
 
 void PageCache::dropFrame(Frame* frame) {
     frame->mark = deadMark;
-    if (freeCount_ >= freeFrameLimit) {
-        freeFrame(frame);
-        return;
-    }
     frame->newer = free_;
     free_ = frame;
-    ++freeCount_;
 }
 
 /// The coldest unpinned page that is clean or can be written; null when the first few can't.
@@ -186,10 +188,8 @@ PageCache::Frame* PageCache::takeFrame() {
         if (Frame* extra = victim())
             dropFrame(extra);
     Frame* frame = unpinned_ >= target_ ? victim() : nullptr;
-    if (!frame && free_) {
+    if (!frame && free_)
         frame = std::exchange(free_, free_->newer);
-        --freeCount_;
-    }
     if (!frame)
         frame = newFrame();
     *frame = Frame{};

@@ -16,7 +16,8 @@ namespace Morva {
 /// the pages that nobody pins; pins come on top. The page that was used longest ago goes first,
 /// and takes its dirty neighbours to the file with it. A page that could not be written stays
 /// dirty and in the cache, which then grows; the next flush or eviction tries it again. Small pages
-/// that are wanted one after the other are read several at a time.
+/// that are wanted one after the other are read several at a time. Memory is given back when the
+/// work on a file ends.
 ///
 /// Not thread-safe. Operations that take a buffer want one that this cache gave out and that is
 /// still pinned; a null pointer and one that has no pin left are refused with an assertion text.
@@ -102,7 +103,6 @@ private:
     Frame* takeFrame();
     Frame* newFrame();
     void dropFrame(Frame* frame);
-    void freeFrame(Frame* frame);
     Frame* victim();
     bool writeAround(Frame* frame);
     bool writeRun(Frame* const* frames, std::size_t count);
@@ -112,7 +112,6 @@ private:
     std::uint32_t const target_;
     std::uint32_t used_ = 0;
     std::uint32_t unpinned_ = 0;
-    std::uint32_t freeCount_ = 0;
     std::uint64_t hits_ = 0;
     std::uint64_t misses_ = 0;
 
@@ -122,6 +121,12 @@ private:
     Frame* oldest_ = nullptr;
     Frame* dirtyHead_ = nullptr;
     Frame* free_ = nullptr;
+    struct FreeSlab {
+        void operator()(void* memory) const;
+    };
+    std::vector<std::unique_ptr<void, FreeSlab>> slabs_; // of frames, each larger than the last
+    std::uint32_t slabFrames_ = 0;                       // in the last one
+    std::uint32_t slabUsed_ = 0;
     std::uint64_t expected_ = 0; // the page behind the last one that was read
     std::vector<std::uint8_t> aheadBytes_;
     std::vector<std::uint8_t> runBytes_;

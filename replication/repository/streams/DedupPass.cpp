@@ -5,191 +5,173 @@
 #include "replication/repository/streams/OperationGate.h"
 #include "replication/repository/streams/StreamHandle.h"
 #include "replication/repository/streams/Streams.h"
-#include "replication/repository/streams/TreeParameters.h"
 
-#include <algorithm>
-#include <cstring>
 #include <system_error>
 
 namespace Replication {
 
+using Morva::Extent;
+
 namespace {
 
-constexpr std::uint32_t mostBatches = 4;
-constexpr std::uint32_t smallestBatch = 65536;
-/// Their results are entered in one hold of the operation gate.
-constexpr std::size_t mostPieces = 256;
-constexpr std::uint32_t blockSize = TreeParameters::blockSize;
-constexpr std::uint32_t alignment = 64;
+/// A second thread has as much room as the first one, or there is none.
+constexpr std::uint32_t smallestRoom = 65536;
+/// A job is full when it has one of these; its results are entered in one hold of the gate.
+constexpr std::uint64_t fullBytes = 262144;
+constexpr std::size_t fullCount = 256;
 
 } // namespace
 
 DedupPass::DedupPass(Streams& pool, std::function<void()> checkForFreeze,
-                     DedupStatistics& statistics, Morva::Extent const& buffer)
+                     DedupStatistics& statistics, Extent const& buffer)
     : pool_(pool), checkForFreeze_(std::move(checkForFreeze)), statistics_(statistics) {
     if (buffer.size == 0)
         return;
-    batches_.resize(std::clamp(buffer.size / smallestBatch, 1u, mostBatches));
-    batchSize_ = buffer.size / static_cast<std::uint32_t>(batches_.size());
-    auto* room = static_cast<std::uint8_t*>(buffer.data);
-    for (Batch& batch : batches_)
-        batch.room = std::exchange(room, room + batchSize_);
+    std::uint32_t const room = buffer.size >= 2 * smallestRoom ? buffer.size / 2 : buffer.size;
+    auto* bytes = static_cast<std::uint8_t*>(buffer.data);
+    ownHasher_ = std::make_unique<StreamHasher>(
+        pool.data(), Extent(static_cast<void*>(bytes), room), [this] { return goOn(); });
+    if (room < buffer.size)
+        secondHasher_ = std::make_unique<StreamHasher>(
+            pool.data(), Extent(static_cast<void*>(bytes + room), room),
+            [&pool] { return !pool.stopping(); });
 }
 
 DedupPass::~DedupPass() {
-    if (hasher_.joinable()) {
+    if (second_.joinable()) {
         {
             std::lock_guard const guard(lock_);
             quit_ = true;
         }
         changed_.notify_all();
-        hasher_.join();
+        second_.join();
     }
     OperationGate::Enter const gate;
-    batches_.clear();
+    for (Job& job : jobs_)
+        job.items.clear();
 }
 
-bool DedupPass::add(StreamId id) {
-    if (std::shared_ptr<StreamHandle> stream = pool_.handle(id, true)) {
-        bool wanted = false;
-        {
-            OperationGate::Enter const gate;
-            wanted = stream->prepareDedup(statistics_) && batchSize_ != 0;
-        }
-        bool const read = !wanted || readStream(stream);
-        OperationGate::Enter const gate;
-        stream.reset();
-        if (!read)
-            return false;
-    }
-    ++added_;
+bool DedupPass::goOn() {
+    if (pool_.freezing() && !pool_.stopping() && checkForFreeze_)
+        checkForFreeze_();
     return !pool_.stopping();
 }
 
-bool DedupPass::readStream(std::shared_ptr<StreamHandle> const& stream) {
-    for (std::uint64_t offset = 0;;) {
-        if (pool_.stopping())
-            return false;
-        if (pool_.freezing() && checkForFreeze_)
-            checkForFreeze_();
-        Batch& batch = batchWithRoom();
-        std::uint32_t const left = batchSize_ - batch.used;
-        std::uint32_t const room = left < blockSize ? left : left / blockSize * blockSize;
-        // Zeros for what can't be read would give the digest of another content.
-        auto const count = stream->readWhole(offset, batch.room + batch.used, room);
-        offset += count.value_or(0);
-        bool const last = !count || *count < room;
-        batch.pieces.push_back(
-            {stream, batch.used, count.value_or(0), last, count && offset == stream->length(), {}});
-        batch.used += std::min(left, (count.value_or(0) + alignment - 1) / alignment * alignment);
-        if (last)
-            return true;
+bool DedupPass::add(StreamId id) {
+    if (!goOn())
+        return false;
+    if (std::shared_ptr<StreamHandle> stream = pool_.handle(id, true)) {
+        OperationGate::Enter const gate;
+        if (stream->prepareDedup(statistics_) && ownHasher_) {
+            Job& gathering = job(handed_);
+            std::uint64_t const length = stream->length();
+            gathering.bytes += length;
+            gathering.items.push_back({std::move(stream), length, false, {}});
+        }
+        stream.reset();
     }
+    ++added_;
+    if (Job const& gathering = job(handed_);
+        gathering.bytes >= fullBytes || gathering.items.size() >= fullCount)
+        handOn(true);
+    return !pool_.stopping();
 }
 
-DedupPass::Batch& DedupPass::batchWithRoom() {
-    Batch& batch = batches_[handed_ % batches_.size()];
-    if (batchSize_ - batch.used >= std::min(batchSize_, blockSize) &&
-        batch.pieces.size() < mostPieces)
-        return batch;
-    handOn(true);
-    return batches_[handed_ % batches_.size()];
-}
-
-/// Has the batch at hand hashed and finds another one; `more` when there is going to be more.
+/// Has the job at hand worked off and finds another one; `more` when there is going to be more.
 void DedupPass::handOn(bool more) {
-    Batch& batch = batches_[handed_ % batches_.size()];
-    batch.ended = added_;
-    if (more && batches_.size() > 1 && !alone_ && !hasher_.joinable())
-        startHashing();
-    if (!hasher_.joinable()) {
-        hash(batch);
-        ++handed_;
-        ++hashed_;
-        settle();
-        return;
-    }
+    job(handed_).ended = added_;
+    if (more && secondHasher_ && !second_.joinable())
+        startSecond();
     {
         std::lock_guard const guard(lock_);
         ++handed_;
     }
     changed_.notify_one();
-    // When all are full, half of them saves changes of threads.
-    bool const full = handed_ - settled_ == batches_.size();
-    settleHashed(full ? settled_ + batches_.size() / 2 : settled_);
+    if (handed_ - settled_ == mostJobs || !second_.joinable())
+        helpUntilDone(settled_);
+    settleDone();
 }
 
-void DedupPass::startHashing() {
+void DedupPass::startSecond() {
     try {
-        hasher_ = std::thread([this] { hashBatches(); });
+        second_ = std::thread([this] { work(); });
     } catch (std::system_error const& error) {
         MORVA_TRACE(Always) << "Failed to start a thread that hashes" << error.what();
-        alone_ = true;
+        secondHasher_.reset();
     }
 }
 
-/// Enters what is hashed, once that are `atLeast` batches in all.
-void DedupPass::settleHashed(std::uint64_t atLeast) {
-    std::uint64_t hashed = 0;
-    {
-        std::unique_lock guard(lock_);
-        wanted_ = atLeast;
-        changed_.wait(guard, [this] { return hashed_ >= wanted_; });
-        hashed = hashed_;
+void DedupPass::work() {
+    pool_.beginThread();
+    std::unique_lock guard(lock_);
+    for (;;) {
+        changed_.wait(guard, [this] { return quit_ || claimed_ < handed_; });
+        if (quit_)
+            break;
+        std::uint64_t const number = claimed_++;
+        guard.unlock();
+        secondHasher_->hash(job(number).items);
+        guard.lock();
+        job(number).done = true;
+        if (number == wanted_)
+            changed_.notify_one();
     }
-    while (settled_ < hashed)
-        settle();
+    guard.unlock();
+    pool_.endThread();
 }
 
-void DedupPass::settle() {
-    Batch& batch = batches_[settled_++ % batches_.size()];
+void DedupPass::helpUntilDone(std::uint64_t number) {
+    std::unique_lock guard(lock_);
+    wanted_ = number;
+    while (!job(number).done) {
+        if (claimed_ == handed_) {
+            changed_.wait(guard, [&] { return job(number).done; });
+            return;
+        }
+        Job& claimed = job(claimed_++);
+        guard.unlock();
+        ownHasher_->hash(claimed.items);
+        guard.lock();
+        claimed.done = true;
+    }
+}
+
+bool DedupPass::isDone(std::uint64_t number) {
+    std::lock_guard const guard(lock_);
+    return number < handed_ && job(number).done;
+}
+
+void DedupPass::settleDone() {
+    while (isDone(settled_))
+        settle(job(settled_++));
+}
+
+void DedupPass::settle(Job& job) {
     bool const goes = !pool_.stopping();
     OperationGate::Enter const gate;
-    for (Piece const& piece : batch.pieces)
-        if (goes && piece.last && piece.whole)
-            piece.stream->setDigest(Digest::eRepDigestSha1, piece.digest.data(), statistics_);
-    batch.pieces.clear();
-    batch.used = 0;
+    for (StreamHasher::Item const& item : job.items)
+        if (goes && item.whole)
+            item.stream->setDigest(Digest::eRepDigestSha1, item.digest.data(), statistics_);
+    job.items.clear();
+    job.bytes = 0;
+    job.done = false;
     if (goes)
-        done_ = batch.ended;
+        done_ = job.ended;
 }
 
 bool DedupPass::finish() {
-    if (batchSize_ != 0 && !pool_.stopping()) {
-        if (!batches_[handed_ % batches_.size()].pieces.empty())
+    if (!pool_.stopping()) {
+        if (!job(handed_).items.empty())
             handOn(false);
-        settleHashed(handed_);
+        while (settled_ < handed_) {
+            helpUntilDone(settled_);
+            settleDone();
+        }
     }
     if (pool_.stopping())
         return false;
     done_ = added_;
     return true;
-}
-
-void DedupPass::hash(Batch& batch) {
-    for (Piece& piece : batch.pieces) {
-        sha_.addData(batch.room + piece.at, piece.count);
-        if (!piece.last)
-            continue;
-        std::memcpy(piece.digest.data(), sha_.result().data, piece.digest.size());
-        sha_.reset();
-    }
-}
-
-void DedupPass::hashBatches() {
-    std::unique_lock guard(lock_);
-    for (;;) {
-        changed_.wait(guard, [this] { return quit_ || handed_ > hashed_; });
-        if (quit_)
-            return;
-        Batch& batch = batches_[hashed_ % batches_.size()];
-        guard.unlock();
-        hash(batch);
-        guard.lock();
-        ++hashed_;
-        if (hashed_ == wanted_)
-            changed_.notify_one();
-    }
 }
 
 } // namespace Replication

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "base/values/Extent.h"
-#include "base/values/Sha1.h"
 #include "replication/common/values/Ids.h"
+#include "replication/repository/streams/StreamHasher.h"
 
 #include <array>
 #include <condition_variable>
@@ -22,16 +22,17 @@ struct DedupStatistics;
 /// Deduplicates one stream after the other: hashes each as far as that is needed and enters it in
 /// the pool's index, in the order in which they were added.
 ///
-/// What is read goes in batches to a thread that does nothing but hash, so that one processor
-/// reads and enters while another one hashes. That thread starts when the first batch is full: few
-/// small streams are hashed by the caller. It touches the batch at hand and nothing of the pool.
+/// Streams are gathered in jobs. A second thread takes one job after the other, and so does the
+/// owner when enough of them wait, so that both processors have work to the end. The second thread
+/// starts when the first job is full: few small streams are hashed by the caller. It reads the pool
+/// and changes nothing there.
 ///
 /// A pass belongs to one thread. The operation gate is held for changes of the pool only; the
 /// caller must not hold it.
 class DedupPass {
 public:
-    /// `checkForFreeze` is called between two reads while the pool is freezing, and holds the
-    /// thread until that is over. All reading goes to `buffer`, which must outlive the pass; with
+    /// `checkForFreeze` is called between two reads of the owner while the pool is freezing, and
+    /// holds it until that is over. All reading goes to `buffer`, which must outlive the pass; with
     /// an empty one streams are frozen and entered only where their digests are known.
     DedupPass(Streams& pool, std::function<void()> checkForFreeze, DedupStatistics& statistics,
               Morva::Extent const& buffer);
@@ -49,48 +50,41 @@ public:
     [[nodiscard]] std::uint64_t done() const { return done_; }
 
 private:
-    /// A part of a stream.
-    struct Piece {
-        std::shared_ptr<StreamHandle> stream;
-        std::uint32_t at;
-        std::uint32_t count;
-        bool last;
-        bool whole; ///< of a last one: all of the stream was read
-        std::array<std::uint8_t, Morva::Sha1::digestSize> digest;
-    };
-    struct Batch {
-        std::uint8_t* room = nullptr;
-        std::uint32_t used = 0;
-        std::uint64_t ended = 0; ///< streams that have ended with this batch
-        std::vector<Piece> pieces;
+    static constexpr std::size_t mostJobs = 32;
+
+    struct Job {
+        std::vector<StreamHasher::Item> items;
+        std::uint64_t bytes = 0;
+        std::uint64_t ended = 0; ///< streams that were added before the job was handed on
+        bool done = false;       ///< guarded by lock_
     };
 
-    [[nodiscard]] bool readStream(std::shared_ptr<StreamHandle> const& stream);
-    [[nodiscard]] Batch& batchWithRoom();
+    [[nodiscard]] bool goOn();
+    [[nodiscard]] Job& job(std::uint64_t number) { return jobs_[number % mostJobs]; }
     void handOn(bool more);
-    void startHashing();
-    void settle();
-    void settleHashed(std::uint64_t atLeast);
-    void hash(Batch& batch);
-    void hashBatches();
+    void startSecond();
+    void work();
+    void helpUntilDone(std::uint64_t number);
+    [[nodiscard]] bool isDone(std::uint64_t number);
+    void settleDone();
+    void settle(Job& job);
 
     Streams& pool_;
     std::function<void()> checkForFreeze_;
     DedupStatistics& statistics_;
-    std::vector<Batch> batches_; // used in turn
-    std::uint32_t batchSize_ = 0;
+    std::array<Job, mostJobs> jobs_; // used in turn
+    std::unique_ptr<StreamHasher> ownHasher_;
+    std::unique_ptr<StreamHasher> secondHasher_; // null: there is no second thread to be had
     std::uint64_t added_ = 0;
     std::uint64_t done_ = 0;
-    std::uint64_t settled_ = 0; // batches
-    Morva::Sha1 sha_;           // of the thread that hashes
+    std::uint64_t settled_ = 0; // jobs
 
-    std::thread hasher_;
-    bool alone_ = false; // no thread to be had
+    std::thread second_;
     std::mutex lock_;
     std::condition_variable changed_;
-    std::uint64_t handed_ = 0; // batches; guarded by lock_, as are the rest
-    std::uint64_t hashed_ = 0;
-    std::uint64_t wanted_ = 0; // batches that the owner waits for
+    std::uint64_t handed_ = 0; // jobs; guarded by lock_, as are the rest; written by the owner only
+    std::uint64_t claimed_ = 0;
+    std::uint64_t wanted_ = 0; // the job that the owner waits for
     bool quit_ = false;
 };
 

@@ -51,6 +51,10 @@ public:
     bool write(std::uint64_t offset, void const* data, std::uint32_t count, bool noExtend);
     /// Bytes delivered: `count`, or what there is up to the length.
     [[nodiscard]] std::uint32_t read(std::uint64_t offset, void* data, std::uint32_t count);
+    /// The data blocks of the first `count` bytes, 0 for a hole: one entry of `blocks` for each
+    /// block begun. False when they don't all lie in blocks that are told here: at depth 0, behind
+    /// the length, and where an indirect block can't be read.
+    [[nodiscard]] bool locate(std::uint64_t count, std::uint64_t* blocks);
     /// Finds the next content at or behind `start`: `start` moves to it, and `end` is where a hole
     /// or the stream's end follows, or an earlier point where more content may follow at once.
     /// False when there are only holes up to the end. Reads no data, only indirect blocks; the
@@ -143,6 +147,15 @@ private:
     [[nodiscard]] bool replaceBlock(std::uint32_t leaf, std::uint64_t old);
     [[nodiscard]] std::uint64_t doRead(std::uint64_t offset, std::uint64_t end,
                                        std::uint8_t* buffer);
+    /// The blocks from the one of `offset` on, as far as one leaf level names them.
+    struct Run {
+        std::uint64_t end; ///< the bytes up to here lie in them, or in a hole
+        std::uint32_t count = 0;
+        bool hole = false;
+        bool failed = false; ///< of a hole: a block that can't be had
+        std::array<std::uint64_t, TreeParameters::fanOut> blocks;
+    };
+    void findRun(std::uint64_t offset, std::uint64_t end, Run& run);
     void readBlocks(std::uint64_t const* blocks, std::uint32_t blockCount, std::uint8_t* buffer,
                     std::uint32_t offset, std::uint32_t count);
 

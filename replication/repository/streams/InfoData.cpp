@@ -210,29 +210,58 @@ std::uint32_t Info::read(std::uint64_t offset, void* data, std::uint32_t count) 
     return count;
 }
 
-std::uint64_t Info::doRead(std::uint64_t offset, std::uint64_t end, std::uint8_t* buffer) {
+void Info::findRun(std::uint64_t offset, std::uint64_t end, Run& run) {
     setOffset(offset);
     std::uint32_t last = 0;
-    bool const loaded = loadPath(last);
-    if (!loaded || last + 1 < depth()) {
-        std::uint64_t const hole = std::min(end, holeEnd(offset, last));
-        MORVA_TRACE(Debug) << "Sparse block zero" << hole - offset
-                           << (hole < end ? "bytes until next block" : "remaining bytes");
-        std::memset(buffer, 0, hole - offset);
-        giveBack(last);
-        return hole;
+    run.failed = !loadPath(last);
+    run.hole = run.failed || last + 1 < depth();
+    if (run.hole) {
+        run.end = std::min(end, holeEnd(offset, last));
+    } else {
+        std::uint32_t const within = offset & offsetMask;
+        std::uint32_t const index = levels_[last].index;
+        std::uint32_t const room = entriesOf(last) - index;
+        run.count = static_cast<std::uint32_t>(
+            std::min<std::uint64_t>((within + (end - offset) + offsetMask) / blockSize, room));
+        run.end = std::min(end, offset - within + std::uint64_t{run.count} * blockSize);
+        std::memcpy(run.blocks.data(), levels_[last].buffer + index * 8, run.count * 8);
     }
-    std::uint32_t const within = offset & offsetMask;
-    std::uint32_t const index = levels_[last].index;
-    std::uint32_t const room = entriesOf(last) - index;
-    auto const wanted = static_cast<std::uint32_t>(
-        std::min<std::uint64_t>((within + (end - offset) + offsetMask) / blockSize, room));
-    end = std::min(end, offset - within + std::uint64_t{wanted} * blockSize);
-    BlockRun run;
-    std::memcpy(run.data(), levels_[last].buffer + index * 8, wanted * 8);
     giveBack(last);
-    readBlocks(run.data(), wanted, buffer, within, static_cast<std::uint32_t>(end - offset));
-    return end;
+}
+
+std::uint64_t Info::doRead(std::uint64_t offset, std::uint64_t end, std::uint8_t* buffer) {
+    Run run;
+    findRun(offset, end, run);
+    auto const size = run.end - offset;
+    if (run.hole) {
+        MORVA_TRACE(Debug) << "Sparse block zero" << size
+                           << (run.end < end ? "bytes until next block" : "remaining bytes");
+        std::memset(buffer, 0, size);
+    } else {
+        readBlocks(run.blocks.data(), run.count, buffer, offset & offsetMask,
+                   static_cast<std::uint32_t>(size));
+    }
+    return run.end;
+}
+
+bool Info::locate(std::uint64_t count, std::uint64_t* blocks) {
+    if (depth() == 0 || damaged() || count > length() || count > parameters_->maximum(depth()))
+        return false;
+    std::uint64_t offset = 0;
+    Run run;
+    while (offset < count) {
+        findRun(offset, count, run);
+        if (run.failed)
+            return false;
+        auto const found = static_cast<std::uint32_t>((run.end - offset + offsetMask) / blockSize);
+        if (run.hole)
+            std::fill_n(blocks, found, 0);
+        else
+            std::memcpy(blocks, run.blocks.data(), found * sizeof *blocks);
+        blocks += found;
+        offset = run.end;
+    }
+    return true;
 }
 
 void Info::readBlocks(std::uint64_t const* blocks, std::uint32_t blockCount, std::uint8_t* buffer,

@@ -90,6 +90,11 @@ std::optional<std::uint32_t> StreamHandle::readWhole(std::uint64_t offset, void*
     return result;
 }
 
+bool StreamHandle::locate(std::uint64_t count, std::uint64_t* blocks) {
+    TracedLock lock(lock_);
+    return info_.locate(count, blocks);
+}
+
 bool StreamHandle::findData(std::uint64_t& start, std::uint64_t& end) {
     TracedLock lock(lock_);
     return info_.findData(start, end);

@@ -54,6 +54,9 @@ public:
     /// As `read`; nothing when a part of it could not be read and zeros stand in its place.
     [[nodiscard]] std::optional<std::uint32_t> readWhole(std::uint64_t offset, void* data,
                                                          std::uint32_t count);
+    /// See `Info::locate`. What is told holds as long as the stream is frozen and not in the index,
+    /// where alone `setDigest` takes a digest.
+    [[nodiscard]] bool locate(std::uint64_t count, std::uint64_t* blocks);
     /// See `Info::findData`.
     [[nodiscard]] bool findData(std::uint64_t& start, std::uint64_t& end);
     /// False on a frozen stream and past the largest length. With `growOnly` a stream that is long
