@@ -278,11 +278,6 @@ void* PageCache::pinZero(std::uint64_t page) {
     return frame->bytes();
 }
 
-void PageCache::pinAgain(void const* buffer) {
-    if (Frame* frame = frameOf(buffer))
-        ++frame->pins;
-}
-
 bool PageCache::unpin(void const* buffer, bool dirty) {
     Frame* frame = frameOf(buffer);
     if (!frame)

@@ -40,8 +40,6 @@ public:
     /// The page as zero bytes, whatever the file holds, and already dirty. Null when somebody has
     /// a pin on it.
     [[nodiscard]] void* pinZero(std::uint64_t page);
-    /// One more pin on a page that is pinned already.
-    void pinAgain(void const* buffer);
     /// Gives one pin back.
     bool unpin(void const* buffer, bool dirty);
     /// Marks a pinned page as changed.

@@ -2,6 +2,8 @@
 
 #include "base/trace/Trace.h"
 
+#include <QFile>
+
 namespace Morva {
 
 namespace {
@@ -11,8 +13,13 @@ constexpr std::uint64_t keptBytes = 64 << 20;
 } // namespace
 
 bool JournalPages::create(QString const& name) {
+    // To write over pages costs less than to take new ones from the file system and the memory.
     file_ = RawFile::makeUnguarded();
-    return file_->create(name, RawFile::Mode::ReadWrite);
+    if (QFile::exists(name) ? !file_->open(name, RawFile::Mode::ReadWrite)
+                            : !file_->create(name, RawFile::Mode::ReadWrite))
+        return false;
+    shorten();
+    return true;
 }
 
 bool JournalPages::open(QString const& name) {
@@ -31,9 +38,14 @@ bool JournalPages::write(std::uint64_t slot, std::uint32_t within, void const* b
 }
 
 void JournalPages::reset() {
-    if (used() * pageSize > keptBytes && !file_->setLength(keptBytes))
-        MORVA_TRACE(Always) << "Failed to set length of file" << file_->name();
+    if (used() * pageSize > keptBytes)
+        shorten();
     next_.store(0, std::memory_order_relaxed);
+}
+
+void JournalPages::shorten() {
+    if (file_->length() > keptBytes && !file_->setLength(keptBytes))
+        MORVA_TRACE(Always) << "Failed to set length of file" << file_->name();
 }
 
 } // namespace Morva

@@ -18,8 +18,9 @@ class JournalPages {
 public:
     static constexpr std::uint32_t pageSize = 4096;
 
-    /// Makes the file anew, or opens it if a checkpoint is yet to be applied from it.
+    /// For new pages; takes over the space of a file that is there.
     [[nodiscard]] bool create(QString const& name);
+    /// For a checkpoint that is yet to be applied. False when the file isn't there.
     [[nodiscard]] bool open(QString const& name);
 
     /// The first of `count` adjacent slots that are nobody's.
@@ -45,6 +46,8 @@ public:
     [[nodiscard]] bool isBroken() const { return broken_.load(std::memory_order_relaxed); }
 
 private:
+    void shorten();
+
     std::unique_ptr<RawFile> file_;
     std::atomic<std::uint64_t> next_ = 0;
     std::atomic<bool> broken_ = false;

@@ -76,6 +76,12 @@ int run(int argc, char** argv) {
         app.parse(argc, argv);
         output.flushResults();
     } catch (CLI::ParseError const& error) {
+        auto const rest = app.remaining();
+        if (app.get_subcommands().empty() && !rest.empty() && !rest.front().starts_with('-')) {
+            output.error("there is no command '" + QFile::decodeName(rest.front().c_str()) +
+                         "': 'morva --help' lists them");
+            return static_cast<int>(ExitCode::Usage);
+        }
         auto const result = app.exit(error);
         return result == 0 ? 0 : static_cast<int>(ExitCode::Usage);
     } catch (Morva::CommandFailure const& failure) {

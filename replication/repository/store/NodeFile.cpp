@@ -87,10 +87,6 @@ bool NodeFile::writeControl() {
     return blocks_->writeThrough(control_);
 }
 
-void NodeFile::markControl() {
-    blocks_->updateBlock(control_);
-}
-
 void* NodeFile::allocate(Instance instance) {
     std::uint64_t number = 0;
     void* const block = control_ ? blocks_->newBlock(number) : nullptr;

@@ -68,12 +68,6 @@ public:
         change(control_);
         return writeControl();
     }
-    /// As `changeControl`, but the change goes to the file with the next one that does.
-    template <class Change> void touchControl(Change&& change) {
-        Morva::TracedLock guard(lock_);
-        change(control_);
-        markControl();
-    }
 
     // Nodes.
 
@@ -113,7 +107,6 @@ private:
     class File;
 
     [[nodiscard]] bool writeControl() MORVA_REQUIRES(lock_);
-    void markControl() MORVA_REQUIRES(lock_);
     [[nodiscard]] void* allocate(Instance instance) MORVA_REQUIRES(lock_);
     [[nodiscard]] bool putRecord(void* block, Morva::Extent const& record) MORVA_REQUIRES(lock_);
     void giveBack(void* block);

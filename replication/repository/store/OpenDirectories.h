@@ -47,8 +47,6 @@ public:
     [[nodiscard]] bool reached() const;
     [[nodiscard]] Image const& image() const { return buffer_; }
     [[nodiscard]] Image const& imageBefore() const { return before_; }
-    /// The page that was asked for last was changed in vain: it will be read again.
-    void discardPage() { page_.reset(); }
     /// A new page behind the last, one free entry, to be changed and written like any other.
     [[nodiscard]] std::uint8_t* newPage();
 

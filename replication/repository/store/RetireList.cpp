@@ -194,10 +194,6 @@ void RetireList::timeStamp(std::uint32_t time) {
     p_->retire(0);
 }
 
-void RetireList::restoreClock(std::uint32_t time) {
-    p_->clock = time;
-}
-
 bool RetireList::retireDue() {
     if (!p_->store.valid() || p_->resync || p_->busy || p_->wake == 0 ||
         Morva::Context::systemTime() < p_->wake)

@@ -36,8 +36,6 @@ public:
     /// Moves the clock and sends what has waited long enough. A time of 0, or not above the
     /// clock's, does nothing.
     void timeStamp(std::uint32_t time);
-    /// For loading saved state: sets the clock without a run.
-    void restoreClock(std::uint32_t time);
 
     /// Whether a run is due by the machine's clock; if so the list is busy until one of the next
     /// two. `retireRun` takes the source's time; `retireIdle` is for when there is none, and tries

@@ -163,8 +163,6 @@ public:
     forEachFreeNode(std::function<bool(std::uint64_t number)> const& visit) const;
     /// Every key of the index. Under the dedup lock. False when the tree is damaged.
     [[nodiscard]] bool forEachKey(std::function<void(DedupKey&)> const& visit) const;
-    /// Checks the structure of the index's file; adds a line for each fault.
-    [[nodiscard]] bool verifyIndex(QStringList& faults) const;
     /// The pool's control record; a copy of its 256 bytes.
     [[nodiscard]] QByteArray controlRecord() const;
     /// Streams whose handle is open now.

@@ -133,11 +133,6 @@ bool Streams::forEachKey(std::function<void(DedupKey&)> const& visit) const {
     return reached && whole;
 }
 
-bool Streams::verifyIndex(QStringList& faults) const {
-    TracedLock lock(dedupLock_);
-    return dedup_->verify(faults);
-}
-
 QByteArray Streams::controlRecord() const {
     TracedLock dedup(dedupLock_);
     TracedLock nodes(nodesLock_);
