@@ -60,7 +60,7 @@ template <class T> T field(std::uint8_t const* header, std::uint32_t offset) {
 
 } // namespace
 
-Blocks::Blocks(std::uint32_t cacheBlocks) : BlockCache(cacheBlocks) {}
+Blocks::Blocks(std::uint32_t cacheBlocks) : HeadedFile(cacheBlocks) {}
 
 Blocks::~Blocks() {
     close();
@@ -70,14 +70,6 @@ void Blocks::setUp(std::uint32_t blockSize, std::uint64_t growSize) {
     blockSize_ = blockSize;
     std::uint64_t const step = (growSize ? growSize : defaultGrowSize) / blockSize;
     growBlocks_ = static_cast<std::uint32_t>(std::clamp<std::uint64_t>(step, 1, 0x10000000));
-    cache_.attach(*file_, blockSize);
-}
-
-/// Forgets the file without writing to it.
-void Blocks::giveUp() {
-    cache_.detach();
-    header_ = nullptr;
-    file_.reset();
 }
 
 bool Blocks::create(QString const& name, std::uint32_t blockSize, std::uint32_t reservedBits,
@@ -89,43 +81,22 @@ bool Blocks::create(QString const& name, std::uint32_t blockSize, std::uint32_t 
         MORVA_TRACE(Always) << "Invalid block size or reserved bits" << blockSize << reservedBits;
         return scope.result(false);
     }
-    file_ = RawFile::make();
-    if (!file_->create(name, mode)) {
-        MORVA_TRACE(Always) << "Failed to create file" << name << file_->lastError();
-        giveUp();
+    if (!beginCreation(name, mode, blockSize))
         return scope.result(false);
-    }
     setUp(blockSize, growSize);
     reservedBits_ = reservedBits;
     mask_ = ~std::uint64_t{0} >> reservedBits;
     blockCount_ = reservedCount_ = firstBlock();
     freeCount_ = freeHead_ = 0;
     marked_ = true;
-    header_ = file_->setLength(blockSize) ? static_cast<std::uint8_t*>(cache_.pinZero(0)) : nullptr;
-    if (!header_ || !writeHeader()) {
-        MORVA_TRACE(Always) << "Failed to write the header of" << name;
-        file_->deleteOnClose();
-        giveUp();
-        return scope.result(false);
-    }
-    return scope.result(true);
+    return scope.result(endCreation(writeHeader()));
 }
 
 bool Blocks::open(QString const& name, std::uint64_t growSize, RawFile::Mode mode) {
     MORVA_METHOD("open");
     close();
-    file_ = RawFile::make();
-    if (!file_->open(name, mode)) {
-        MORVA_TRACE(Normal) << "Failed to open file" << name << file_->lastError();
-        giveUp();
-        return scope.result(false);
-    }
-    if (!readHeader(growSize)) {
-        MORVA_TRACE(Always) << "Invalid block file header in" << name;
-        giveUp();
-        return scope.result(false);
-    }
-    return scope.result(true);
+    return scope.result(beginOpening(name, mode) &&
+                        endOpening(readHeader(growSize), "Invalid block file header in"));
 }
 
 bool Blocks::readHeader(std::uint64_t growSize) {
@@ -154,8 +125,7 @@ bool Blocks::readHeader(std::uint64_t growSize) {
     if (field<std::uint32_t>(header, Header::atInUse) != 0)
         recoverCount();
     marked_ = headerChanged_ = false;
-    header_ = static_cast<std::uint8_t*>(cache_.pin(0));
-    return header_ != nullptr;
+    return pinHeader(blockSize);
 }
 
 /// After a crash the header's block count may be older than blocks that were written. A block
@@ -215,7 +185,6 @@ bool Blocks::close() {
         marked_ = false;
         closed = writeHeader();
     }
-    file_->close();
     giveUp();
     return scope.result(closed);
 }
@@ -226,10 +195,6 @@ bool Blocks::flush() {
     if (headerChanged_)
         storeHeader();
     return cache_.flush();
-}
-
-bool Blocks::sync() {
-    return header_ && file_->sync();
 }
 
 // --- Blocks of the file -----------------------------------------------------------------------

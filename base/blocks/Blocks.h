@@ -1,13 +1,10 @@
 #pragma once
 
-#include "base/blocks/BlockCache.h"
-#include "base/files/RawFile.h"
-
+#include "base/blocks/HeadedFile.h"
 #include <QString>
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <utility>
 
 namespace Morva {
@@ -22,7 +19,7 @@ namespace Morva {
 /// The file grows in steps whose disk space is reserved at once, so a full disk is a null from
 /// `newBlock`, with nothing changed, and never a failed write later. Its format and what a crash
 /// can leave: docs/formats/block-file.md. Failures are traced. Not thread-safe.
-class Blocks : public BlockCache {
+class Blocks : public HeadedFile {
 public:
     static constexpr std::uint32_t minimumBlockSize = 256;
     static constexpr std::uint32_t maximumBlockSize = 32768;
@@ -30,8 +27,6 @@ public:
     explicit Blocks(std::uint32_t cacheBlocks);
     /// Closes the file.
     ~Blocks();
-    Blocks(Blocks const&) = delete;
-    Blocks& operator=(Blocks const&) = delete;
 
     /// Makes a new file, replacing one that is there. The block size is a multiple of 8 from 256
     /// to 32768; `reservedBits`, below 64, is the count of high bits that aren't part of a block
@@ -47,9 +42,6 @@ public:
     /// Writes all changed blocks and the header to the file; what fails stays changed and is
     /// tried again at the next flush. Doesn't sync.
     bool flush();
-    /// Brings what was flushed to the disk itself.
-    bool sync();
-    [[nodiscard]] explicit operator bool() const { return header_ != nullptr; }
 
     [[nodiscard]] std::uint32_t blockSize() const { return blockSize_; }
     /// The largest block number that the file can hold.
@@ -98,10 +90,7 @@ private:
     [[nodiscard]] bool reserve();
     [[nodiscard]] bool growTo(std::uint64_t blocks);
     [[nodiscard]] void* takeFree(std::uint64_t& number);
-    void giveUp();
 
-    std::unique_ptr<RawFile> file_;
-    std::uint8_t* header_ = nullptr; // pinned while the file is open
     std::uint32_t blockSize_ = 0;
     std::uint32_t growBlocks_ = 0;
     std::uint64_t mask_ = 0;

@@ -54,66 +54,38 @@ bool joins(Run const& low, Run const& high) {
 
 } // namespace
 
-FreeList::FreeList(std::uint32_t pages) : cache_(pages) {}
+FreeList::FreeList(std::uint32_t pages) : HeadedFile(pages) {}
 
 FreeList::~FreeList() {
     close();
 }
 
-void FreeList::giveUp() {
-    cache_.detach();
-    header_ = page_ = nullptr;
-    pageNumber_ = runs_ = count_ = 0;
-    file_.reset();
-}
-
 bool FreeList::create(QString const& name, std::uint64_t limit) {
     MORVA_METHOD("create");
     close();
-    file_ = RawFile::make();
-    if (!file_->create(name, RawFile::Mode::ReadWrite)) {
-        MORVA_TRACE(Always) << "Failed to create file" << name << file_->lastError();
-        giveUp();
+    if (!beginCreation(name, RawFile::Mode::ReadWrite, pageSize))
         return scope.result(false);
-    }
-    cache_.attach(*file_, pageSize);
     limit_ = limit;
     runs_ = count_ = reservedPages_ = 0;
-    header_ = file_->setLength(pageSize) ? static_cast<std::uint8_t*>(cache_.pinZero(0)) : nullptr;
-    if (header_)
-        storeHeader();
-    if (!header_ || !cache_.writeNow(header_)) {
-        MORVA_TRACE(Always) << "Failed to write the header of" << name;
-        file_->deleteOnClose();
-        giveUp();
-        return scope.result(false);
-    }
-    return scope.result(true);
+    storeHeader();
+    return scope.result(endCreation(cache_.writeNow(header_)));
 }
 
 bool FreeList::open(QString const& name, std::uint64_t limit, RawFile::Mode mode) {
     MORVA_METHOD("open");
     close();
-    file_ = RawFile::make();
-    if (!file_->open(name, mode)) {
-        MORVA_TRACE(Normal) << "Failed to open file" << name << file_->lastError();
-        giveUp();
+    if (!beginOpening(name, mode))
         return scope.result(false);
-    }
-    if (!readHeader(limit)) {
-        MORVA_TRACE(Always) << "Invalid free list header in" << name;
-        giveUp();
-        return scope.result(false);
-    }
-    return scope.result(true);
+    bool const sound = endOpening(readHeader(limit), "Invalid free list header in");
+    if (!sound)
+        runs_ = count_ = 0;
+    return scope.result(sound);
 }
 
 bool FreeList::readHeader(std::uint64_t limit) {
-    cache_.attach(*file_, pageSize);
-    std::uint64_t const length = file_->length();
-    if (length < pageSize || !(header_ = static_cast<std::uint8_t*>(cache_.pin(0))))
+    if (!pinHeader(pageSize))
         return false;
-    reservedPages_ = length / pageSize - 1;
+    reservedPages_ = file_->length() / pageSize - 1;
     limit_ = loadLittle<std::uint64_t>(header_ + Header::atLimit);
     runs_ = loadLittle<std::uint64_t>(header_ + Header::atRuns);
     count_ = loadLittle<std::uint64_t>(header_ + Header::atCount);
@@ -142,8 +114,9 @@ bool FreeList::close() {
         return true;
     MORVA_METHOD("close");
     bool const closed = flush();
-    file_->close();
     giveUp();
+    page_ = nullptr;
+    pageNumber_ = runs_ = count_ = 0;
     return scope.result(closed);
 }
 
@@ -153,10 +126,6 @@ bool FreeList::flush() {
     if (changed_)
         storeHeader();
     return cache_.flush();
-}
-
-bool FreeList::sync() {
-    return header_ && file_->sync();
 }
 
 bool FreeList::valid(std::uint64_t first, std::uint64_t count) const {

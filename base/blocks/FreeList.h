@@ -1,13 +1,11 @@
 #pragma once
 
-#include "base/blocks/PageCache.h"
-#include "base/files/RawFile.h"
+#include "base/blocks/HeadedFile.h"
 
 #include <QString>
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 
 namespace Morva {
 
@@ -17,7 +15,7 @@ namespace Morva {
 /// side; `put` adds to the top. Both cost the same however many numbers there are. The set can't
 /// tell whether a number is in it already: putting one twice gives it out twice.
 /// Format: docs/formats/free-list.md. Failures are traced. Not thread-safe.
-class FreeList {
+class FreeList : private HeadedFile {
 public:
     /// `pages` is the cache size in pages of 4096 bytes.
     explicit FreeList(std::uint32_t pages);
@@ -34,8 +32,8 @@ public:
     bool close();
     /// Writes what changed to the file. What fails is tried again at the next flush.
     bool flush();
-    bool sync();
-    [[nodiscard]] explicit operator bool() const { return header_ != nullptr; }
+    using HeadedFile::sync;
+    using HeadedFile::operator bool;
 
     /// Removes and gives one number; false, with `number` unchanged, when the set is empty or
     /// can't be read.
@@ -61,11 +59,7 @@ private:
     void mergeDown();
     [[nodiscard]] bool nextPage();
     [[nodiscard]] bool push(std::uint64_t first, std::uint64_t count);
-    void giveUp();
 
-    std::unique_ptr<RawFile> file_;
-    mutable PageCache cache_;
-    std::uint8_t* header_ = nullptr;       // pinned while the file is open
     mutable std::uint8_t* page_ = nullptr; // pinned page of the top run, if pageNumber_ isn't 0
     mutable std::uint64_t pageNumber_ = 0;
     std::uint64_t limit_ = 0;

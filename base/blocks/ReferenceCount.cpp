@@ -63,17 +63,10 @@ private:
 
 } // namespace
 
-ReferenceCount::ReferenceCount(std::uint32_t cacheSize) : cache_(cacheSize) {}
+ReferenceCount::ReferenceCount(std::uint32_t cacheSize) : HeadedFile(cacheSize) {}
 
 ReferenceCount::~ReferenceCount() {
     close();
-}
-
-void ReferenceCount::giveUp() {
-    cache_.detach();
-    header_ = nullptr;
-    pages_ = 0;
-    file_.reset();
 }
 
 void ReferenceCount::setGrow(std::uint64_t grow) {
@@ -83,50 +76,27 @@ void ReferenceCount::setGrow(std::uint64_t grow) {
 bool ReferenceCount::create(QString const& name, std::uint64_t limit, std::uint64_t grow) {
     MORVA_METHOD("create");
     close();
-    file_ = RawFile::make();
-    if (!file_->create(name, RawFile::Mode::ReadWrite)) {
-        MORVA_TRACE(Always) << "Failed to create file" << name << file_->lastError();
-        giveUp();
+    if (!beginCreation(name, RawFile::Mode::ReadWrite, pageSize))
         return scope.result(false);
-    }
-    cache_.attach(*file_, pageSize);
     setGrow(grow);
     limit_ = limit;
     pages_ = 0;
-    header_ = file_->setLength(pageSize) ? static_cast<std::uint8_t*>(cache_.pinZero(0)) : nullptr;
-    if (!header_ || !storeHeader()) {
-        MORVA_TRACE(Always) << "Failed to write the header of" << name;
-        file_->deleteOnClose();
-        giveUp();
-        return scope.result(false);
-    }
-    return scope.result(true);
+    return scope.result(endCreation(storeHeader()));
 }
 
 bool ReferenceCount::open(QString const& name, std::uint64_t limit, std::uint64_t grow,
                           RawFile::Mode mode) {
     MORVA_METHOD("open");
     close();
-    file_ = RawFile::make();
-    if (!file_->open(name, mode)) {
-        MORVA_TRACE(Normal) << "Failed to open file" << name << file_->lastError();
-        giveUp();
-        return scope.result(false);
-    }
     setGrow(grow);
-    if (!readHeader(limit)) {
-        MORVA_TRACE(Always) << "Invalid reference count header in" << name;
-        giveUp();
-        return scope.result(false);
-    }
-    return scope.result(true);
+    return scope.result(beginOpening(name, mode) &&
+                        endOpening(readHeader(limit), "Invalid reference count header in"));
 }
 
 bool ReferenceCount::readHeader(std::uint64_t limit) {
-    cache_.attach(*file_, pageSize);
-    std::uint64_t const length = file_->length();
-    if (length < pageSize || !(header_ = static_cast<std::uint8_t*>(cache_.pin(0))))
+    if (!pinHeader(pageSize))
         return false;
+    std::uint64_t const length = file_->length();
     limit_ = loadLittle<std::uint64_t>(header_ + Header::atLimit);
     pages_ = loadLittle<std::uint64_t>(header_ + Header::atPages);
     return std::memcmp(header_, Header::magic, 8) == 0 &&
@@ -152,17 +122,12 @@ bool ReferenceCount::close() {
         return true;
     MORVA_METHOD("close");
     bool const closed = flush();
-    file_->close();
     giveUp();
     return scope.result(closed);
 }
 
 bool ReferenceCount::flush() {
     return header_ && cache_.flush();
-}
-
-bool ReferenceCount::sync() {
-    return header_ && file_->sync();
 }
 
 bool ReferenceCount::growTo(std::uint64_t pages) {

@@ -1,13 +1,11 @@
 #pragma once
 
-#include "base/blocks/PageCache.h"
-#include "base/files/RawFile.h"
+#include "base/blocks/HeadedFile.h"
 
 #include <QString>
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 
 namespace Morva {
 
@@ -16,7 +14,7 @@ namespace Morva {
 /// A count of 0 and no count are the same. The table grows in steps whose disk space is reserved
 /// at once, so a full disk is a false from `newId`, with nothing changed.
 /// Format: docs/formats/reference-count.md. Failures are traced. Not thread-safe.
-class ReferenceCount {
+class ReferenceCount : private HeadedFile {
 public:
     /// `cacheSize` is in pages of 4096 bytes, 1024 counts each.
     explicit ReferenceCount(std::uint32_t cacheSize);
@@ -34,8 +32,8 @@ public:
     bool close();
     /// Writes what changed to the file. What fails is tried again at the next flush.
     bool flush();
-    bool sync();
-    [[nodiscard]] explicit operator bool() const { return header_ != nullptr; }
+    using HeadedFile::sync;
+    using HeadedFile::operator bool;
 
     /// Starts the count of `number` at 1. False when it has one already, above the limit, and when
     /// the disk is full.
@@ -54,9 +52,9 @@ public:
     bool
     forEach(std::function<bool(std::uint64_t number, std::uint32_t count)> const& callback) const;
 
-    [[nodiscard]] std::uint64_t cacheHits() const { return cache_.hits(); }
-    [[nodiscard]] std::uint64_t cacheMisses() const { return cache_.misses(); }
-    [[nodiscard]] std::uint32_t cacheSize() const { return cache_.size(); }
+    [[nodiscard]] std::uint64_t cacheHits() const { return hits(); }
+    [[nodiscard]] std::uint64_t cacheMisses() const { return misses(); }
+    [[nodiscard]] std::uint32_t cacheSize() const { return size(); }
 
 private:
     [[nodiscard]] bool readHeader(std::uint64_t limit);
@@ -65,11 +63,7 @@ private:
     [[nodiscard]] bool reserve(std::uint64_t number);
     [[nodiscard]] bool growTo(std::uint64_t pages);
     [[nodiscard]] bool inTable(std::uint64_t number) const;
-    void giveUp();
 
-    std::unique_ptr<RawFile> file_;
-    mutable PageCache cache_;
-    std::uint8_t* header_ = nullptr; // pinned while the file is open
     std::uint64_t limit_ = 0;
     std::uint64_t pages_ = 0; // pages of counts
     std::uint64_t growPages_ = 0;
