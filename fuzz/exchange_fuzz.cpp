@@ -4,30 +4,21 @@
 // An input is a row of logs: the operation, a sequence text, a path or stream by number, an offset,
 // a length. Operation 7 takes raw bytes as the body of a log.
 
-#include "base/process/Context.h"
-#include "base/process/FixedPath.h"
 #include "base/values/PosixText.h"
-#include "fuzz/Input.h"
-#include "replication/common/log/LogBuilder.h"
-#include "replication/common/rules/RuleFiles.h"
+#include "fuzz/SinkPlace.h"
 #include "replication/repository/replay/RepositoryExchange.h"
-#include "replication/repository/store/Directories.h"
 #include "replication/repository/store/NodeFile.h"
-#include "replication/repository/store/Store.h"
 #include "replication/repository/streams/Cleanup.h"
 #include "replication/repository/streams/StreamHandle.h"
-
-#include <QDir>
-#include <QTemporaryDir>
 
 #include <map>
 #include <memory>
 
 using namespace Replication;
 using Morva::Extent;
-using Morva::FixedPath;
 using Morva::Fuzzing::Input;
 using Morva::Fuzzing::require;
+using Morva::Fuzzing::SinkPlace;
 
 namespace {
 
@@ -44,48 +35,15 @@ QString text(char const* bytes) {
     return Morva::decodePosixText(bytes);
 }
 
-/// The store, which each input finds empty.
-struct Place {
-    Place() {
-        require(FixedPath::setRoot(directory.path()), "root");
-        Morva::Context::machineName(Morva::MachineName(QStringLiteral("machine")));
-        QDir().mkpath(FixedPath::repositoryStreams());
-        QDir().mkpath(FixedPath::repositoryStreamData());
-        pool =
-            std::make_shared<Streams>(FixedPath::repositoryStreams(),
-                                      FixedPath::repositoryStreamData(), Streams::Configuration{});
-        Store::configure({}, pool, nullptr);
-        store = Store::create(
-            StoreId{7}, {ReplayId{7}, QStringLiteral("machine"), QStringLiteral("repository-mail")},
-            false);
-        require(*pool && store, "store");
-        SourceRules source;
-        source.storeName = QStringLiteral("mail");
-        source.sourceRoot = QStringLiteral("/mail");
-        source.replayId = 7;
-        auto const files = RuleFiles::make({source});
-        require(files && files->write(1), "rules");
-        DataSink::Identity identity;
-        identity.name = QStringLiteral("repository-mail");
-        identity.stateFile = directory.filePath(QStringLiteral("state"));
-        identity.ruleSet = 1;
-        sink = std::make_unique<RepositoryExchange>(identity, ReplayId{7}, store, pool);
-        require(sink->start(), "sink");
-    }
-    ~Place() {
-        sink.reset();
-        store.reset();
-        Store::closeAll();
-        FixedPath::setRoot({});
-    }
+/// The store of a mail source, and what logs do to it.
+struct Place : SinkPlace<RepositoryExchange> {
+    Place() : SinkPlace(mailSource()) {}
 
     /// Whether the log was applied.
     template <class Change> bool apply(LogType type, Change&& change) {
         builder.begin(type, ++sequence).time(1000);
         change(builder);
-        auto const log = std::make_shared<LogEntry>();
-        require(log->build(builder), "log");
-        return sink->takeLog(log) == DataSink::Outcome::Applied;
+        return take(builder) == DataSink::Outcome::Applied;
     }
     void raw(Input& input) {
         QByteArray bytes(reinterpret_cast<char const*>(input.data()),
@@ -97,12 +55,14 @@ struct Place {
             (void)sink->replay(log);
     }
 
-    QTemporaryDir directory;
-    std::shared_ptr<Streams> pool;
-    StorePointer store;
-    std::unique_ptr<RepositoryExchange> sink;
     LogBuilder builder;
-    std::uint64_t sequence = 0;
+
+private:
+    static SourceRules mailSource() {
+        SourceRules source;
+        source.sourceRoot = QStringLiteral("/mail");
+        return source;
+    }
 };
 
 /// What the logs say.
@@ -268,7 +228,6 @@ private:
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-    // Of the thread, since it must end before what the thread keeps of the pool's files.
     thread_local Place place;
     static auto const emptyNodes = place.store->nodes().freeBlocks();
     static auto const allNodes = place.store->nodes().totalBlocks();
@@ -278,14 +237,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
         mail.step(input);
     if (mail.foreseen())
         mail.compare();
-    // Nothing is open any more, and nothing is left.
-    place.builder.begin(LogType::Message, ++place.sequence)
-        .number(LogField::MessageType, DataSink::SourceStarted);
-    auto const log = std::make_shared<LogEntry>();
-    require(log->build(place.builder), "log");
-    (void)place.sink->takeLog(log);
-    auto const root = place.store->activeHandles().get(place.store->rootId());
-    require(root && place.store->directories().discardDirectory(*root), "the store is emptied");
+    place.empty();
     require(place.store->nodes().totalBlocks() - place.store->nodes().freeBlocks() ==
                 allNodes - emptyNodes,
             "every node is given back");

@@ -1,5 +1,9 @@
-// Writes the corpus of every fuzz target from real records: make_corpus FOLDER.
+// Writes the corpus of the fuzz targets from real records: make_corpus FOLDER.
 // To be run again when a format changes.
+//
+// Not made here but kept as they are: security/*, windows/descriptor, whose format is another's,
+// and journal/fields, exchange/row, windows/files, windows/links, windows/values, which are steps
+// of their targets.
 
 #include "base/blocks/Blocks.h"
 #include "base/blocks/FreeList.h"
@@ -20,10 +24,9 @@
 #include "replication/common/values/RepMetadata.h"
 #include "replication/common/values/WindowsObject.h"
 #include "replication/repository/store/DirectoryPage.h"
-#include "replication/repository/store/Event.h"
+#include "replication/repository/store/EventSamples.h"
 #include "replication/repository/store/NodeInfo.h"
 #include "replication/repository/store/SnapshotFile.h"
-#include "replication/repository/store/Version.h"
 #include "replication/repository/streams/DedupFile.h"
 #include "replication/repository/streams/DedupRequest.h"
 
@@ -49,10 +52,6 @@ void save(char const* corpus, char const* name, QByteArray const& bytes) {
 
 QByteArray record(PackBuffer& packed) {
     return packed.extentWithoutSize().toByteArray();
-}
-
-QByteArray fromHex(char const* text) {
-    return QByteArray::fromHex(text);
 }
 
 void logs() {
@@ -233,17 +232,7 @@ void lists() {
 
 void events() {
     PackBuffer packed;
-    Version version;
-    version.fileNode = NodeNumber{5};
-    version.prevFileNode = NodeNumber{4};
-    version.directory = FileId{2};
-    version.path = {QStringLiteral("dir"), QStringLiteral("file")};
-    version.user = QStringLiteral("user");
-    version.process = QStringLiteral("process");
-    version.time = 1700000000;
-    version.ruleSet = 3;
-    version.rules = {1, 2, 3};
-    version.pack(packed);
+    sampleVersion().pack(packed);
     save("event", "version-3", QByteArray(1, '\5') + record(packed));
     // The older forms have no link ids: the three ids stand side by side.
     auto old = record(packed);
@@ -272,13 +261,7 @@ void events() {
         int count = 0;
     };
     Event event(std::make_shared<Keep>(), StoreId{1}, ReplayId{1}, 1, 1);
-    metadata = {};
-    metadata.kind = RepMetadata::eSnapshot;
-    (void)event.version(version, metadata, false);
-    (void)event.snapshot(Instance{2}, 3, 4, 5, false, 1700000000);
-    (void)event.userSnapshot(Instance{3}, 5, false, 1700000000, QStringLiteral("label"));
-    (void)event.created(FileId{9}, LinkId{1}, FileId{2}, QStringLiteral("name"), 1700000000);
-    (void)event.changed(FileId{9}, LinkId{1}, FileId{2}, FileId{2}, 1700000000);
+    require(sendEveryKind(event), "events");
     DedupRequest request;
     request.type = 1;
     auto const bytes = request.encode();
@@ -297,115 +280,32 @@ void exclusions() {
 }
 
 void mail() {
-    // Open, make a stream, write twice, open a second under a folder, write, delete, close.
-    save("exchange", "row",
-         fromHex("000000"
-                 "010002"
-                 "020002"
-                 "10000000"
-                 "08"
-                 "020002"
-                 "00200000"
-                 "ff"
-                 "000104"
-                 "010100"
-                 "030100"
-                 "00000000"
-                 "01"
-                 "050005"
-                 "040000"
-                 "050000"));
     LogBuilder builder;
     builder.begin(LogType::ExchangeCreateObject, 0)
         .text(LogField::Sque, "1")
         .text(LogField::ObjectPath, "/mail/raw");
     auto const log = builder.encode();
     auto const body = log.head.toByteArray().last(static_cast<qsizetype>(builder.bodySize()));
-    save("exchange", "raw", fromHex("070000") + body);
+    save("exchange", "raw", QByteArray("\7\0\0", 3) + body);
 }
 
-void security() {
-    save("security", "sid", fromHex("01020000000000052000000020020000"));
-    // Owner and group Administrators, a DACL with two entries.
-    save("security", "descriptor",
-         fromHex("0100049414000000240000000000000034000000"
-                 "01020000000000052000000020020000"
-                 "01020000000000052000000020020000"
-                 "0200340002000000"
-                 "00031400ff011f00010100000000000100000000"
-                 "00001800a9001200010200000000000520000000"
-                 "20020000"));
-    PosixSecurity posix;
-    posix.mode = 0100644;
-    posix.uid = 1000;
-    save("posix", "security", posix.encode());
+void posix() {
+    PosixSecurity security;
+    security.mode = 0100644;
+    security.uid = 1000;
+    save("posix", "security", security.encode());
     PosixAttributes attributes;
     attributes.set("user.one", "value");
     attributes.set("user.two", QByteArray(40, 'x'));
     save("posix", "attributes", attributes.encode());
 }
 
-/// The inputs of the Windows target: values behind a letter, and logs by their values.
 void windows() {
-    save("windows", "descriptor",
-         's' + fromHex("0100149414000000240000003400000050000000"
-                       "01020000000000052000000020020000"
-                       "01020000000000052000000021020000"
-                       "02001c0001000000"
-                       "02401400ff011f00010100000000000100000000"
-                       "02001c0001000000"
-                       "00001400ff011f00010100000000000100000000"));
     WindowsAttributes list;
     list.append({"Name", "value", 0x80});
     list.append({"name", {}, 0});
     list.append({"Other", QByteArray(40, 'x'), 0});
-    auto const attributes = list.encode();
-    save("windows", "attributes", 'a' + attributes);
-
-    // A type's place in the target's choice, and the log's flags.
-    auto const begin = [](LogType type, char flags = 0) {
-        auto const number = static_cast<std::uint32_t>(type);
-        return QByteArray(1, static_cast<char>(number < 300 ? (number == 102) : number - 298)) +
-               flags;
-    };
-    auto const text = [](QByteArray const& value) {
-        return static_cast<char>(value.size()) + value;
-    };
-    auto const path = [&](QByteArray const& name, QByteArray const& stream = {}) {
-        return QByteArray(1, '\0') + '\0' + text(name.toLower() + stream) + '\0' + '\0' +
-               text(name + stream) + '\0';
-    };
-    auto const create = [&](char id, QByteArray const& file, char exists, char disposition,
-                            char flags = 0) {
-        return begin(LogType::WinCreate, flags) + id + file + '\0' + '\0' + exists + '\0' + '\0' +
-               '\0' + disposition + '\0' + '\0' + '\0' + '\0' + '\0';
-    };
-    auto const write = [&](char id) {
-        return begin(LogType::Write) + id + '\5' + '\4' + text("data");
-    };
-    auto const close = [&](char id) { return begin(LogType::Close) + id; };
-    auto const rename = [&](char id, QByteArray const& to) {
-        return begin(LogType::WinRename) + id + to + '\0' + '\0';
-    };
-    save("windows", "files",
-         'l' + create(1, path("File"), 0, 2) + write(1) +
-             create(2, path("File", ":s:$Data"), 0, 2) + write(2) + rename(1, path("Other")) +
-             create(3, path("Dir"), 0, 2, 0x10) + rename(1, path("Dir\\file")) +
-             begin(LogType::WinUnlink) + char(2) + close(2) + close(1));
-    save("windows", "links",
-         'l' + create(1, path("File"), 0, 2) + begin(LogType::WinLink) + char(1) + path("Link") +
-             create(2, path("link"), 1, 0) + write(1) + begin(LogType::WinUnlink) + char(1) +
-             begin(LogType::WinRename) + char(2) + path("FILE") + '\0' + '\0' + close(1) +
-             close(2));
-    save("windows", "values",
-         'l' + create(1, path("File"), 0, 2) + begin(LogType::WinSetEa) + char(1) + '\0' +
-             text(attributes.first(21)) + begin(LogType::WinSetSecurity) + char(1) + '\7' +
-             text(fromHex("0100008014000000000000000000000000000000"
-                          "01020000000000052000000020020000")) +
-             '\0' + begin(LogType::WinSetFsctl) + char(1) + '\0' +
-             text(fromHex("01000000000000000900000000000000")) + begin(LogType::WinSetValidLength) +
-             char(1) + '\4' + '\0' + begin(LogType::WinTruncate) + char(1) + path("File") + '\3' +
-             '\0' + begin(LogType::WinWritePath) + path("File") + '\2' + '\4' + text("data"));
+    save("windows", "attributes", 'a' + list.encode());
 }
 
 void states() {
@@ -437,19 +337,6 @@ void journals() {
     auto const bytes = '\0' + table.encode(QStringLiteral("/root"));
     save("journal", "table", bytes);
     save("journal", "torn", bytes.first(bytes.size() - 9));
-    // The fields of records: type, four numbers, the lengths of two names and the names.
-    save("journal", "fields",
-         QByteArray::fromHex("01"
-                             "01070000000000"
-                             "02280000000361622f00"
-                             "03000001020000"
-                             "04000000000163"
-                             "05000000000000"
-                             "00"
-                             "06000000000000"
-                             "07000000000161"
-                             "00"
-                             "0a000000000000"));
 }
 
 void file(char kind, char const* name, QString const& path) {
@@ -545,7 +432,7 @@ int main(int argc, char** argv) {
     ruleSets();
     lists();
     events();
-    security();
+    posix();
     windows();
     exclusions();
     mail();

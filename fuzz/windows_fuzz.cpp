@@ -5,18 +5,9 @@
 // An input of logs is read from its front: for each log its type, then its values in the order of
 // their marshalling, a byte or a few each.
 
-#include "base/process/Context.h"
-#include "base/process/FixedPath.h"
-#include "fuzz/Input.h"
-#include "replication/common/log/LogBuilder.h"
-#include "replication/common/rules/RuleFiles.h"
+#include "fuzz/SinkPlace.h"
 #include "replication/common/values/WindowsObject.h"
 #include "replication/repository/replay/RepositoryWindows.h"
-#include "replication/repository/store/Directories.h"
-#include "replication/repository/store/Store.h"
-
-#include <QDir>
-#include <QTemporaryDir>
 
 #include <string>
 #include <vector>
@@ -54,32 +45,9 @@ void security(Extent const& descriptor) {
     }
 }
 
-/// A pool, a store and a sink, which all inputs use; each begins with an empty store.
-class Target {
-public:
-    Target() {
-        require(FixedPath::setRoot(root_.path()), "root");
-        QDir().mkpath(FixedPath::repositoryStreams());
-        QDir().mkpath(FixedPath::repositoryStreamData());
-        Context::machineName(MachineName(QStringLiteral("machine")));
-        SourceRules source;
-        source.kind = SourceKind::Windows;
-        source.storeName = QStringLiteral("store");
-        source.sourceRoot = QStringLiteral("C:\\S");
-        auto const files = RuleFiles::make({source});
-        require(files && files->write(1), "rules");
-        streams_ =
-            std::make_shared<Streams>(FixedPath::repositoryStreams(),
-                                      FixedPath::repositoryStreamData(), Streams::Configuration{});
-        Store::configure({}, streams_, nullptr);
-        store_ = Store::create(StoreId{1}, {ReplayId{1}, "machine", "repository-store"}, false);
-        require(static_cast<bool>(store_), "store");
-        DataSink::Identity identity;
-        identity.stateFile = root_.filePath(QStringLiteral("state-1"));
-        identity.ruleSet = 1;
-        sink_ = std::make_unique<RepositoryWindows>(identity, ReplayId{1}, store_, streams_);
-        require(sink_->start(), "sink");
-    }
+/// The store of a Windows source, and what logs do to it.
+struct Target : Fuzzing::SinkPlace<RepositoryWindows> {
+    Target() : SinkPlace(windowsSource()) {}
 
     /// False when the log failed.
     [[nodiscard]] bool apply(LogBuilder& builder) {
@@ -90,29 +58,21 @@ public:
         auto const log = std::make_shared<LogEntry>();
         // A path whose offsets lie beyond its text doesn't get this far.
         return !header.receive(logIo(wire)) || !log->receive(logIo(wire), header) ||
-               sink_->replay(log);
+               sink->replay(log);
     }
     void check() {
-        auto const root = store_->activeHandles().get(store_->rootId());
-        require(root && store_->directories().validDirectory(*root->fileNode(), root->id()),
+        auto const root = store->activeHandles().get(store->rootId());
+        require(root && store->directories().validDirectory(*root->fileNode(), root->id()),
                 "the root's names and the tree agree");
-    }
-    void empty() {
-        LogBuilder builder;
-        builder.begin(LogType::Message, 1).number(LogField::MessageType, DataSink::SourceStarted);
-        auto const log = std::make_shared<LogEntry>();
-        require(log->build(builder), "start log");
-        sink_->closeAllFiles();
-        static_cast<void>(sink_->takeLog(log));
-        auto const root = store_->activeHandles().get(store_->rootId());
-        require(root && store_->directories().discardDirectory(*root), "the store is emptied");
     }
 
 private:
-    QTemporaryDir root_;
-    std::shared_ptr<Streams> streams_;
-    StorePointer store_;
-    std::unique_ptr<RepositoryWindows> sink_;
+    static SourceRules windowsSource() {
+        SourceRules source;
+        source.kind = SourceKind::Windows;
+        source.sourceRoot = QStringLiteral("C:\\S");
+        return source;
+    }
 };
 
 /// Logs whose result doesn't depend on what they say.
@@ -235,7 +195,6 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
         security(rest);
         return 0;
     }
-    // Of the thread, since it must end before what the thread keeps of the pool's files.
     thread_local Target target;
     Maker maker(input);
     for (int left = 60; left > 0 && input.size() != 0; --left)

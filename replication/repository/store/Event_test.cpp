@@ -1,5 +1,4 @@
-#include "replication/repository/store/Event.h"
-
+#include "replication/repository/store/EventSamples.h"
 #include "replication/repository/store/FileEventChannel.h"
 
 #include <gtest/gtest.h>
@@ -99,42 +98,8 @@ TEST(Event, NumbersBeginAnewAtEachOpeningAndCountLostEvents) {
     EXPECT_EQ((std::uint64_t{2} << 32) + 1, channel->last().sequence);
 }
 
-/// Every kind of event, as its sender fills it in.
 std::vector<EventRecord> everyKind(Sender& sender) {
-    Version version;
-    version.fileNode = NodeNumber{0x21};
-    version.prevFileNode = NodeNumber{0x22};
-    version.prevLink = LinkId{4};
-    version.path = {QStringLiteral("a"), QStringLiteral("bc")};
-    version.user = QStringLiteral("u");
-    version.process = QStringLiteral("p");
-    version.time = 12;
-    version.ruleSet = 5;
-    version.rules = {7, 8};
-    RepMetadata metadata;
-    metadata.kind = RepMetadata::eSnapshot;
-    metadata.size = 0x123456789A;
-    metadata.owner = QStringLiteral("0");
-    Event& event = sender.event;
-    EXPECT_TRUE(event.version(version, metadata, false));
-    version.weak = true;
-    version.prevFileNode = {};
-    version.rules.clear();
-    EXPECT_TRUE(event.version(version, metadata, false));
-    version.resync = true;
-    EXPECT_TRUE(event.version(version, metadata, false)); // outside of a resynchronisation: weak
-    EXPECT_TRUE(event.version(version, metadata, true));
-    EXPECT_TRUE(event.snapshot(Instance{3}, 1, 2, 3, true, 4));
-    EXPECT_TRUE(event.userSnapshot(Instance{3}, 1, true, 4, QStringLiteral("label")));
-    EXPECT_TRUE(event.resyncSnapshot(Instance{3}, 1, 4));
-    EXPECT_TRUE(event.created(FileId{1}, LinkId{2}, FileId{3}, QStringLiteral("n"), 4));
-    EXPECT_TRUE(event.changed(FileId{1}, LinkId{2}, FileId{3}, FileId{5}, 4));
-    EXPECT_TRUE(event.changed(FileId{1}, LinkId{1}, {}, {}, 4));
-    EXPECT_TRUE(event.removed(FileId{1}, LinkId{2}, FileId{3}, 4));
-    EXPECT_TRUE(event.renamed(FileId{1}, LinkId{2}, FileId{3}, QStringLiteral("n"), 4));
-    EXPECT_TRUE(event.snapshotDeduped(Instance{3}));
-    EXPECT_TRUE(event.deleteStore(ReplayId{88}, StoreId{99}));
-    EXPECT_TRUE(event.deleteSnapshot(Instance{3}));
+    EXPECT_TRUE(sendEveryKind(sender.event));
     std::vector<EventRecord> result;
     for (QByteArray const& bytes : sender.channel->events)
         result.push_back(EventRecord::decode(Morva::Extent(bytes)).value_or(EventRecord{}));

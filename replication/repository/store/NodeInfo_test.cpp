@@ -1,6 +1,6 @@
 #include "replication/repository/store/NodeInfo.h"
 
-#include "replication/repository/store/Version.h"
+#include "replication/repository/store/EventSamples.h"
 
 #include <gtest/gtest.h>
 
@@ -154,17 +154,8 @@ TEST(NodeInfo, StreamNamesFollowTheCaseOfTheStore) {
 }
 
 TEST(Version, ReadsItsThreeFormsAndRefusesTheRest) {
-    Version version;
-    version.fileNode = NodeNumber{11};
-    version.link = LinkId{2};
-    version.prevFileNode = NodeNumber{10};
-    version.prevLink = LinkId{3};
-    version.directory = FileId{256};
-    version.path = {QStringLiteral("a"), QStringLiteral("b")};
-    version.user = QStringLiteral("u");
+    Version version = sampleVersion();
     version.weak = true;
-    version.ruleSet = 4;
-    version.rules = {7, 8};
     PackBuffer buffer;
     version.pack(buffer);
     QByteArray const record = buffer.extentWithoutSize().toByteArray();
@@ -183,7 +174,7 @@ TEST(Version, ReadsItsThreeFormsAndRefusesTheRest) {
     PackBuffer old;
     for (std::uint64_t id : {11, 10, 256})
         old.append(id);
-    old.append(QStringLiteral("/a//b/"));
+    old.append(QStringLiteral("/a//bc/"));
     old.append(QStringLiteral("u"));
     old.append(QString());
     old.append(false);
