@@ -48,18 +48,16 @@ bool DataSink::start() {
     setupThread();
     if (!valid_ || !stateFile_.open(Morva::RawFile::Mode::ReadWrite)) {
         MORVA_TRACE(Always) << "Failed to open state file for update" << identity_.stateFile;
-        LogLine(logSource, LogLevelE::Error)
-            << "Failed to open state file '%1s' for update" << identity_.stateFile;
+        line(LogLevelE::Error) << "Failed to open state file '%1s' for update"
+                               << identity_.stateFile;
         valid_ = false;
         return scope.result(false);
     }
     // Rules with another target cut the saved exclusions off.
     loadState();
-    auto const loaded = ackSequence_ != 0 ? startWithState() : startWithoutState();
-    if (!loaded)
-        valid_ = false;
+    rulesLoaded_ = ackSequence_ != 0 ? startWithState() : startWithoutState();
     forceAck();
-    return scope.result(loaded);
+    return scope.result(rulesLoaded_);
 }
 
 bool DataSink::startWithState() {
@@ -68,42 +66,39 @@ bool DataSink::startWithState() {
         MORVA_TRACE(Normal) << "Ruleset from the state file matches current ruleset" << saved;
         if (loadRules(saved))
             return true;
-        LogLine(logSource, LogLevelE::Error) << "Failed to load current ruleset %1i" << saved;
+        line(LogLevelE::Error) << "Failed to load current ruleset %1i" << saved;
         return false;
     }
     MORVA_TRACE(Normal) << "load ruleset from state file" << saved;
     if (!loadRules(saved)) {
         MORVA_TRACE(Always) << "Failed to load rule set from state file" << saved;
-        LogLine(logSource, LogLevelE::Error) << "Failed to load current rules";
-        LogLine(logSource, LogLevelE::Error) << "Failed to load ruleset %1i" << saved;
+        line(LogLevelE::Error) << "Failed to load current rules";
+        line(LogLevelE::Error) << "Failed to load ruleset %1i" << saved;
         needsResync(true);
         if (!loadRules(identity_.ruleSet)) {
             MORVA_TRACE(Always) << "Failed to load rule set" << identity_.ruleSet;
-            LogLine(logSource, LogLevelE::Error)
-                << "Failed to current ruleset %1i" << identity_.ruleSet;
+            line(LogLevelE::Error) << "Failed to current ruleset %1i" << identity_.ruleSet;
             return false;
         }
-        if (rules_ && rules_->resyncRequired())
+        if (rulesRequireResync())
             reportNewRules();
     }
     return true;
 }
 
 void DataSink::reportNewRules() const {
-    LogLine(logSource, LogLevelE::Error) << "New rules require a resynchronization";
-    LogLine(logSource, LogLevelE::Error)
-        << "New rules (%1i) require a resynchronization" << identity_.ruleSet;
+    line(LogLevelE::Error) << "New rules require a resynchronization";
+    line(LogLevelE::Error) << "New rules (%1i) require a resynchronization" << identity_.ruleSet;
 }
 
 bool DataSink::startWithoutState() {
     MORVA_TRACE(Normal) << "Don't have valid state information, perform initial synchronization";
-    if (!loadRules(identity_.ruleSet)) {
+    auto const loaded = loadRules(identity_.ruleSet);
+    if (!loaded)
         MORVA_TRACE(Always) << "Failed to load rule set" << identity_.ruleSet;
-        return false;
-    }
     needsResync(true);
     requestResync(QStringLiteral("Initial"), {});
-    return true;
+    return loaded;
 }
 
 void DataSink::handleShutdown() {
@@ -142,64 +137,85 @@ DataSink::Outcome DataSink::takeLog(LogPointer const& log) {
     MORVA_TRACE(Debug) << "Received a binary log message sequence number" << log->sequenceNumber()
                        << "using rule set" << log->ruleSet() << "timestamp" << log->time();
     if (log->ruleSet() > stateFile_.ruleSet()) {
-        if (!changeRules(log->ruleSet()))
+        if (!changeRules(*log))
             return Outcome::Waiting;
         return handleLog(log);
     }
+    if (!rulesLoaded_ && !(rulesLoaded_ = loadRules(identity_.ruleSet)))
+        return Outcome::Waiting;
     if (log->sequenceNumber() > ackSequence_)
         return handleLog(log);
     MORVA_TRACE(Normal) << "Already replicated sequence id" << log->sequenceNumber();
     return Outcome::AlreadyReplicated;
 }
 
-bool DataSink::changeRules(std::uint32_t ruleSet) {
+bool DataSink::changeRules(LogEntry const& log) {
     MORVA_TRACE(Normal) << "Need to change from rule set" << stateFile_.ruleSet() << "to"
-                        << ruleSet;
+                        << log.ruleSet();
     forceAck();
-    if (!loadRules(ruleSet)) {
-        MORVA_TRACE(Always) << "Failed to load rule set" << ruleSet;
+    if (!loadRules(log.ruleSet())) {
+        MORVA_TRACE(Always) << "Failed to load rule set" << log.ruleSet();
         return false;
     }
-    auto const moved = moveOpenToClosed();
+    rulesLoaded_ = true;
+    auto const moved = moveOpenToClosed(log.time());
     MORVA_TRACE(Normal) << moved << "Closed handle(s)"
                         << "Changed Rules";
-    if (rules_ && rules_->resyncRequired())
+    if (rulesRequireResync())
         sendResyncRequired(QStringLiteral("Rules change requires resynchronization"), true, 3);
     return true;
 }
 
-std::size_t DataSink::moveOpenToClosed() {
+bool DataSink::rulesRequireResync() const {
+    return rules_ && rules_->resyncRequired();
+}
+
+std::size_t DataSink::moveOpenToClosed(std::uint32_t time) {
     auto const moved = static_cast<std::size_t>(openHandles_.size());
+    if (moved == 0)
+        return 0;
     closedHandles_.insert(openHandles_);
     openHandles_.clear();
+    auto const limit = std::uint64_t{time} + closedGracePeriod();
+    closedGraceLimit_ = static_cast<std::uint32_t>(
+        std::min<std::uint64_t>(limit, std::numeric_limits<std::uint32_t>::max()));
     return moved;
 }
 
 void DataSink::dropHandles() {
     openHandles_.clear();
+    dropClosedHandles();
+}
+
+void DataSink::dropClosedHandles() {
+    if (!closedHandles_.isEmpty())
+        MORVA_TRACE(Normal) << "All Closed handled released";
     closedHandles_.clear();
     closedGraceLimit_ = 0;
 }
 
 void DataSink::dropExpiredHandles(std::uint32_t time) {
-    if (closedHandles_.isEmpty() || closedGraceLimit_ == 0 || time <= closedGraceLimit_)
+    if (closedHandles_.isEmpty()) {
+        closedGraceLimit_ = 0; // the last was taken up again
+        return;
+    }
+    if (closedGraceLimit_ == 0 || time <= closedGraceLimit_)
         return;
     MORVA_TRACE(Testing) << "ClosedGracePeriod expired with" << closedHandles_.size()
                          << "closed handle(s)";
-    closedHandles_.clear();
-    closedGraceLimit_ = 0;
+    dropClosedHandles();
 }
 
 DataSink::Outcome DataSink::handleLog(LogPointer const& log) {
     if (!valid_)
         return Outcome::Waiting;
     dropExpiredHandles(log->time());
+    currentLog_ = log;
     auto taken = true;
     if (log->type() == LogType::Message)
         taken = messageLog(*log);
     else if (log->type() == LogType::PolicyEvent)
         policyLog();
-    currentLog_ = log;
     if (state_ == eRunningDuringSnapshot && isMessage(*log, EndOfSnapshot) &&
         log->sequenceNumber() == endSnapshotSequence_) {
         MORVA_TRACE(Normal) << "Got the end snapshot log we are looking for";
@@ -220,12 +236,8 @@ bool DataSink::messageLog(LogEntry const& log) {
         dropHandles();
     } else if (isMessage(log, StartOfSnapshot)) {
         closeAllFiles();
-        if (auto const moved = moveOpenToClosed(); moved != 0) {
+        if (auto const moved = moveOpenToClosed(log.time()); moved != 0)
             MORVA_TRACE(Normal) << "Start Snapshot" << moved << "Closed handle(s)";
-            auto const limit = std::uint64_t{log.time()} + closedGracePeriod();
-            closedGraceLimit_ = static_cast<std::uint32_t>(
-                std::min<std::uint64_t>(limit, std::numeric_limits<std::uint32_t>::max()));
-        }
     }
     auto const exclusions = isMessage(log, SourceStarted) || isMessage(log, NotToBackupDetails);
     if (!exclusions || (state_ != eRunning && state_ != eValidate) || log.data().size == 0)
@@ -306,7 +318,7 @@ void DataSink::ackLog(std::uint64_t sequence, std::uint64_t size) {
         written = stateFile_.sequenceNumber(sequence, stateFile_.bytesProcessed() + size);
     }
     if (!written)
-        LogLine(logSource, LogLevelE::Error) << "Failed to write to state file";
+        line(LogLevelE::Error) << "Failed to write to state file";
     if (ackMode_ == AckToSource)
         sendAck(sequence);
 }
@@ -318,7 +330,7 @@ void DataSink::setAck(std::uint64_t sequence) {
     std::unique_lock lock(stateLock_);
     ackSequence_ = sequence;
     if (!stateFile_.sequenceNumber(sequence))
-        LogLine(logSource, LogLevelE::Error) << "Failed to write to state file";
+        line(LogLevelE::Error) << "Failed to write to state file";
 }
 
 void DataSink::forceAck() {
@@ -356,12 +368,27 @@ void DataSink::needsResync(bool value) {
         MORVA_TRACE(Always) << "Failed to update flags" << identity_.stateFile;
 }
 
+Morva::LogTags DataSink::tagList(bool yes, QString const& text) const {
+    Morva::LogTags tags;
+    Morva::Log::addTagToList(tags, QStringLiteral("Source"), identity_.name);
+    Morva::Log::addTagToList(tags, QStringLiteral("Machine"), identity_.sourceMachine);
+    Morva::Log::addTagToList(tags, QStringLiteral("Target"), identity_.target);
+    Morva::Log::addTagToList(tags, QStringLiteral("Resync"),
+                             yes ? QStringLiteral("Yes") : QStringLiteral("No"));
+    Morva::Log::addTagToList(tags, QStringLiteral("Text"), text);
+    return tags;
+}
+
+LogLine DataSink::line(LogLevelE level, QString const& text) const {
+    return LogLine(logSource, level, tagList(needsResync_, text));
+}
+
 void DataSink::sendResyncRequired(QString const& reason, bool flag, std::uint32_t level) {
     if (flag)
         needsResync(true);
     if (level == 0)
         return;
-    LogLine(logSource, static_cast<LogLevelE>(level))
+    line(static_cast<LogLevelE>(level), reason)
         << "A resynchronization of %1m to %2s is required, %3s" << identity_.sourceMachine
         << identity_.target << reason;
 }

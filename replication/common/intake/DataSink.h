@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/messages/MsgAddress.h"
+#include "base/trace/Log.h"
 #include "replication/common/intake/OpenHandle.h"
 #include "replication/common/intake/StateFile.h"
 #include "replication/common/log/LogEntry.h"
@@ -64,7 +65,8 @@ public:
     DataSink& operator=(DataSink const&) = delete;
 
     /// Opens the state file and loads the rules that it names, or the current ones. False when
-    /// there is no usable state file or no rule set: no log is applied then.
+    /// there is no usable state file, and then no log is applied, or no rule set: then each log
+    /// waits until one can be loaded.
     [[nodiscard]] bool start();
     /// Saves state and closes all files.
     virtual void handleShutdown();
@@ -96,6 +98,9 @@ public:
     virtual void sendAck(std::uint64_t sequence) = 0;
     virtual void sendNak(std::uint64_t sequence) = 0;
     virtual void closeAllFiles() = 0;
+    /// The tags of the lines that this sink logs: source, machine and target, "Yes" or "No", and a
+    /// text.
+    [[nodiscard]] virtual Morva::LogTags tagList(bool yes, QString const& text) const;
     /// Logs that a resynchronisation is required. `flag` also sets `needsResync`; `level` is that
     /// of the log line, 0 is silent.
     virtual void sendResyncRequired(QString const& reason, bool flag, std::uint32_t level);
@@ -131,6 +136,10 @@ protected:
     [[nodiscard]] Identity const& identity() const { return identity_; }
     [[nodiscard]] std::shared_ptr<DisRules const> const& rules() const { return rules_; }
     void rules(std::shared_ptr<DisRules const> rules) { rules_ = std::move(rules); }
+    /// Whether the rules in force are marked as needing a resynchronisation.
+    [[nodiscard]] virtual bool rulesRequireResync() const;
+    /// The log in hand; null between two.
+    [[nodiscard]] LogPointer const& currentLog() const { return currentLog_; }
     [[nodiscard]] NotToBackup const& notToBackup() const { return notToBackup_; }
     [[nodiscard]] bool caseSensitive() const { return caseSensitive_; }
     void caseSensitive(bool value) { caseSensitive_ = value; }
@@ -148,14 +157,17 @@ protected:
 private:
     [[nodiscard]] bool startWithState();
     [[nodiscard]] bool startWithoutState();
-    [[nodiscard]] bool changeRules(std::uint32_t ruleSet);
+    [[nodiscard]] bool changeRules(LogEntry const& log);
+    [[nodiscard]] Morva::LogLine line(Morva::LogLevelE level, QString const& text = {}) const;
     void reportNewRules() const;
     Outcome handleLog(LogPointer const& log);
     [[nodiscard]] bool messageLog(LogEntry const& log);
     void policyLog();
     [[nodiscard]] bool takeExclusions(Morva::XmlList const& details, QByteArray bytes);
     void dropExpiredHandles(std::uint32_t time);
-    std::size_t moveOpenToClosed();
+    /// Gives how many; they are kept for the grace period from `time` on.
+    std::size_t moveOpenToClosed(std::uint32_t time);
+    void dropClosedHandles();
     Outcome replayLog(LogPointer const& log, bool taken);
     void ackLog(std::uint64_t sequence, std::uint64_t size);
     void setAck(std::uint64_t sequence);
@@ -163,6 +175,7 @@ private:
 
     Identity identity_;
     bool valid_ = false;
+    bool rulesLoaded_ = false;
     bool paused_ = false;
     bool inLogLoop_ = false;
     bool caseSensitive_ = true;

@@ -198,10 +198,12 @@ TEST_F(DataSinks, StartTakesTheRulesThatTheStateFileNames) {
         EXPECT_EQ(sink->start(), each.starts) << each.what;
         EXPECT_EQ(sink->loaded, each.loaded) << each.what;
         EXPECT_EQ(sink->needsResync(), each.needsResync) << each.what;
-        if (!each.starts) {
-            EXPECT_EQ(sink->takeLog(close(6)), Outcome::Waiting);
-            EXPECT_TRUE(sink->replayed.empty());
-        }
+        if (each.starts)
+            continue;
+        EXPECT_EQ(sink->takeLog(close(6)), Outcome::Waiting);
+        EXPECT_TRUE(sink->replayed.empty());
+        sink->unloadable = {};
+        EXPECT_EQ(sink->takeLog(close(6)), Outcome::Applied) << "the rules can be had now";
     }
 }
 
@@ -230,6 +232,16 @@ TEST_F(DataSinks, NewRulesAreLoadedBeforeTheirFirstLog) {
     // Logs of the rules before are no reason to go back.
     EXPECT_EQ(sink->takeLog(close(4, 1)), Outcome::Applied);
     EXPECT_EQ(sink->loaded.size(), 3U);
+
+    // What the source had open is kept for the grace period from here on, whatever was before.
+    sink->closedHandles().clear();
+    time += 10 * sink->grace;
+    sink->openHandles().insert(7, std::make_shared<TestHandle>());
+    EXPECT_EQ(sink->takeLog(close(5, 3)), Outcome::Applied);
+    EXPECT_EQ(sink->closedHandles().size(), 1);
+    time += sink->grace + 1;
+    EXPECT_EQ(sink->takeLog(close(6, 3)), Outcome::Applied);
+    EXPECT_EQ(sink->closedHandles().size(), 0);
 }
 
 TEST_F(DataSinks, FailedLogIsRefusedAndAsksForAResync) {

@@ -194,7 +194,6 @@ void DisRules::validateReplayStream(ReplayStreamPointer const& stream) {
                                 << "on node" << stream->sourceMachine();
     }
     MORVA_TRACE(Debug) << "Checked existing streams";
-    resyncRequired_ = resyncRequired_ || stream->needResync();
     replayStreams_.insert(stream->replayId(), stream);
 }
 

@@ -24,7 +24,8 @@ public:
     bool reload(std::uint32_t ruleSetId);
     [[nodiscard]] bool valid() const { return valid_; }
     [[nodiscard]] std::uint32_t ruleSetId() const { return ruleSetId_; }
-    /// Whether a file of the set, or one of its replay streams, asks for a resynchronisation.
+    /// Whether a file of the set asks for a resynchronisation of all; see
+    /// `ReplayStream::needResync`.
     [[nodiscard]] bool resyncRequired() const { return resyncRequired_; }
 
     /// The streams of a source machine, in the order of the files.

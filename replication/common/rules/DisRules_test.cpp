@@ -285,11 +285,12 @@ TEST_F(RuleSet, FlagsOfARepositoryStreamDefaultToTrue) {
     EXPECT_FALSE(rules.resyncRequired());
 }
 
-TEST_F(RuleSet, ResyncMarkComesFromAStreamOrAFile) {
+TEST_F(RuleSet, ResyncMarkIsOfAStreamOrOfTheSet) {
     stream().set("ResyncRequired", true);
-    EXPECT_TRUE(load().resyncRequired());
+    auto const rules = load();
+    EXPECT_FALSE(rules.resyncRequired()) << "other streams need none";
+    EXPECT_TRUE(rules.replayStream(7)->needResync());
     stream().remove("ResyncRequired");
-    EXPECT_FALSE(load().resyncRequired());
     files_.policyRules.set("ResyncRequired", true);
     EXPECT_TRUE(load().resyncRequired());
 }

@@ -202,7 +202,8 @@ bool RepositoryPosix::opLinkPosix(LogEntry const& log) {
     }
     auto const context = this->context(log, to.path, to.opType);
     auto const source = store().directories().locate(from.path, PathMode::DoNotBuildPath);
-    auto const name = freeName(context, to.path, source.found ? source.key.fileId() : FileId{});
+    // Before the name is freed: what has it stays when there is nothing to link.
+    auto const name = source.found ? freeName(context, to.path, source.key.fileId()) : Name::Failed;
     if (name == Name::Present ||
         (name == Name::Free && store().paths().link(context, from.path, to.path)))
         return true;

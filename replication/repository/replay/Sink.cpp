@@ -54,6 +54,7 @@ bool Sink::loadRules(std::uint32_t ruleSet) {
     if (!saveRules(ruleSet, stream->target()))
         return false;
     sourceRoot_ = stream->source();
+    needResync_ = stream->needResync();
     gracePeriod_ = stream->closedGracePeriod();
     batchMode_ = stream->batchMode();
     noDedupSuffixes_.clear();
@@ -155,6 +156,10 @@ void Sink::addRules(DisPolicy const& policy, DisDataOp const& operation) {
     }
 }
 
+bool Sink::rulesRequireResync() const {
+    return needResync_ || DataSink::rulesRequireResync();
+}
+
 std::uint32_t Sink::closedGracePeriod() const {
     return gracePeriod_;
 }
@@ -221,6 +226,8 @@ bool Sink::snapshotPossible() const {
 void Sink::exclusionsChanged() {
     OperationGate::Enter const entered;
     Morva::Failures::Watch const failures;
+    if (currentLog())
+        store_->retired().timeStamp(currentLog()->time());
     auto const root =
         store_->settle() ? store_->activeHandles().get(store_->rootId()) : ActiveHandle::Pointer();
     QStringList path;

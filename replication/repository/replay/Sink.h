@@ -68,6 +68,7 @@ protected:
                                       NotToBackup::OpType opType) const;
 
     std::uint32_t closedGracePeriod() const override;
+    [[nodiscard]] bool rulesRequireResync() const override;
 
     /// Where a logged path lies.
     enum class Space { Outside, Excluded, Inside };
@@ -111,6 +112,7 @@ private:
     QString sourceRoot_;
     std::uint32_t gracePeriod_ = 0;
     bool batchMode_ = false;
+    bool needResync_ = false; ///< the mark of the target's own stream
     QSet<std::uint32_t> versionedRules_;
     QHash<std::uint32_t, QSet<std::uint32_t>> backupPolicies_;
     QHash<std::uint32_t, QSet<std::uint32_t>> cdpPolicies_;
