@@ -24,8 +24,10 @@ public:
     /// Closing a closed file is harmless. Removes the file if `deleteOnClose` was called.
     void close();
     /// Bytes read at the position, which moves on by them; a short count means the end of the file
-    /// or an error.
+    /// or an error, which `failed` tells apart.
     [[nodiscard]] std::uint32_t read(void* buffer, std::uint32_t count);
+    /// After a short count: whether there was more to read.
+    [[nodiscard]] bool failed() const { return position_ < length(); }
     [[nodiscard]] bool setPosition(std::int64_t offset,
                                    RawFile::Where from = RawFile::Where::Start);
     [[nodiscard]] std::int64_t position() const { return static_cast<std::int64_t>(position_); }

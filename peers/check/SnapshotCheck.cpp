@@ -109,6 +109,9 @@ void SnapshotCheck::readEntries(SnapshotFile& file) {
     SnapshotEntry entry;
     while (file.readEntry(entry))
         claim(file, entry);
+    if (file.readFailed())
+        fault(FaultKind::Unreadable, file.instance(),
+              QStringLiteral("can't be read to the end of its entries"));
     file.close();
 }
 

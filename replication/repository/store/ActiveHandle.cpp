@@ -278,6 +278,7 @@ void ActiveHandle::setVersion(DirKey const& key, QStringList const& path, QStrin
     version_.ruleSet = ruleSet;
     version_.rules = rules;
     version_.fileNode = fileNode_->id();
+    version_.time = store_.retired().timeStamp();
     version_.prevFileNode = {};
     version_.prevLink = {};
     if (!store_.retired().previousFileNode(version_) && fileNode_->versioned()) {
@@ -314,6 +315,7 @@ void ActiveHandle::rename(FileId directory, QStringList const& path, QString con
     version_.rules = rules;
     version_.weak = false;
     version_.fileNode = fileNode_->id();
+    version_.time = store_.retired().timeStamp();
     if (!version_.prevFileNode)
         (void)store_.retired().previousFileNode(version_);
 }

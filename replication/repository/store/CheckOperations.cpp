@@ -179,13 +179,7 @@ bool Directories::checkLiveOnly(DirKey& key, QString const& name, bool value) {
     }
     MORVA_TRACE(Debug) << "BTree update" << key.name();
     store_.control().countName(key.type(), !value);
-    if (!store_.event() || !store_.indexSnapshots())
-        return true;
-    std::uint32_t const time = store_.retired().timeStamp();
-    if (value)
-        store_.event()->removed(key.fileId(), key.link(), key.directoryId(), time);
-    else
-        store_.event()->created(key.fileId(), key.link(), key.directoryId(), name, time);
+    tellLiveOnly(*handle, key, name);
     return true;
 }
 

@@ -36,10 +36,13 @@ void ControlFields::print(int traceLevel) const {
          << "LastInstance" << lastInstance() << "DeleteLastInstance" << deleteLastInstance()
          << "StoreId" << Morva::hex << storeId() << Morva::dec << "ReplayId" << replayId()
          << "Sequence" << sequence() << "CaseSensitive" << caseSensitive() << "Directories"
-         << directories() << "Files" << files() << "DirtyFiles" << dirtyFiles() << "FilterType"
-         << filterType() << "Generation" << generation() << "LastSequence" << lastSequence()
-         << "Active" << active() << "MarkedForDeletion" << markedForDeletion() << "DeletionSent"
-         << deletionSent() << "OpenMark" << openMark() << "Batch" << batch();
+         << directories() << "Files" << files() << "DirtyFiles" << dirtyFiles() << "Counters";
+    Counters const all = counters();
+    for (std::size_t i = 3; i < all.size(); ++i)
+        line << all[i];
+    line << "FilterType" << filterType() << "Generation" << generation() << "LastSequence"
+         << lastSequence() << "Active" << active() << "MarkedForDeletion" << markedForDeletion()
+         << "DeletionSent" << deletionSent() << "OpenMark" << openMark() << "Batch" << batch();
 }
 
 ControlBlock::Loaded ControlBlock::load(Image const& image) {

@@ -67,7 +67,7 @@ public:
     void replayId(ReplayId value) { word(32, value.value); }
     [[nodiscard]] std::uint32_t sequence() const { return word(36); }
     void sequence(std::uint32_t value) { word(36, value); }
-    [[nodiscard]] bool caseSensitive() const { return bytes_[40] != 0; }
+    [[nodiscard]] bool caseSensitive() const { return bytes_[40] == 1; }
     void caseSensitive(bool value) { bytes_[40] = value; }
     [[nodiscard]] std::uint64_t directories() const { return wide(48); }
     void directories(std::uint64_t value) { wide(48, value); }

@@ -184,7 +184,11 @@ private:
     [[nodiscard]] bool isBelow(FileId directory, FileId ancestor);
     /// A name as its entry has it; empty on failure.
     [[nodiscard]] QString spelling(DirKey const& key);
-    void tellRenamed(DirKey const& to, QString const& toName);
+    /// Tell the search index, if it has, or had, an entry for the object: those with a second name
+    /// have none.
+    void tellRenamed(ActiveHandle const& handle, bool wasLiveOnly, DirKey const& to,
+                     QString const& toName);
+    void tellLiveOnly(ActiveHandle const& handle, DirKey const& key, QString const& name);
 
     [[nodiscard]] Step checkPages(NotToBackup const& rules, CheckFrame& frame, QStringList& path);
     [[nodiscard]] bool checkEntry(Check& check, OpenDirectory& open, DirectoryEntry& entry);

@@ -70,7 +70,7 @@ bool Directories::rename(NotToBackup::OpType opType, ActiveHandle& handle, DirKe
                 moved->liveOnly(to.link(), to.liveOnly());
             return !watch.any();
         });
-    tellRenamed(to, toName);
+    tellRenamed(handle, from.liveOnly(), to, toName);
     return scope.result(true);
 }
 
@@ -126,10 +126,23 @@ bool Directories::isBelow(FileId directory, FileId ancestor) {
     return directory == ancestor;
 }
 
-void Directories::tellRenamed(DirKey const& to, QString const& toName) {
-    if (store_.event() && store_.indexSnapshots() && !to.liveOnly())
+void Directories::tellRenamed(ActiveHandle const& handle, bool wasLiveOnly, DirKey const& to,
+                              QString const& toName) {
+    if (wasLiveOnly != to.liveOnly())
+        tellLiveOnly(handle, to, toName);
+    else if (store_.event() && store_.indexSnapshots() && !to.liveOnly() && handle.notLinked())
         store_.event()->renamed(to.fileId(), to.link(), to.directoryId(), toName,
                                 store_.retired().timeStamp());
+}
+
+void Directories::tellLiveOnly(ActiveHandle const& handle, DirKey const& key, QString const& name) {
+    if (!store_.event() || !store_.indexSnapshots() || !handle.notLinked())
+        return;
+    std::uint32_t const time = store_.retired().timeStamp();
+    if (key.liveOnly())
+        store_.event()->removed(key.fileId(), key.link(), key.directoryId(), time);
+    else
+        store_.event()->created(key.fileId(), key.link(), key.directoryId(), name, time);
 }
 
 bool Directories::rename(NotToBackup::OpType opType, NotToBackup const& rules, ActiveHandle& handle,

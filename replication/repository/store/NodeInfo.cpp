@@ -21,7 +21,7 @@ using Morva::UnpackBuffer;
 
 void reportLostStream(StreamId id) {
     MORVA_TRACE(Always) << "Lost stream" << id;
-    LogLine("Repository", LogLevelE::Error) << "Internal Error: lost stream";
+    LogLine("Repository", LogLevelE::Warning) << "Internal Error: lost stream";
 }
 
 NodeInfo::NodeInfo(Qt::CaseSensitivity caseSensitivity, std::uint32_t type)

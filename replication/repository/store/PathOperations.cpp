@@ -205,8 +205,11 @@ std::shared_ptr<SinkHandle> PathOperations::createStream(FileContext const& cont
     if (file.nodeType == directoryType && isData(stream))
         return wrap(context, found, path, stream, nullptr);
     MORVA_TRACE(Verbose) << (isData(stream) ? "open stream" : "create stream") << stream;
-    std::shared_ptr<StreamHandle> made =
-        openOrMake(context, *found.handle, found.key.link(), stream);
+    // A new object has got its data; that of an old one can only be lost, which must be told.
+    LinkId const link = found.key.link();
+    std::shared_ptr<StreamHandle> made = isData(stream)
+                                             ? found.handle->openStream(link, stream, context.dedup)
+                                             : openOrMake(context, *found.handle, link, stream);
     if (!made) {
         MORVA_TRACE(Always) << "failed to create stream" << shown(path) << stream;
         return nullptr;

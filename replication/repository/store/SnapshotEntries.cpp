@@ -8,6 +8,7 @@
 #include "replication/repository/streams/DedupStatistics.h"
 
 #include <QByteArray>
+#include <QFileInfo>
 
 namespace Replication {
 
@@ -102,6 +103,11 @@ bool SnapshotFile::readEntry(SnapshotEntry& entry) {
     return true;
 }
 
+bool SnapshotFile::readFailed() const {
+    TracedLock lock(lock_);
+    return reader_.failed();
+}
+
 bool SnapshotFile::rewind() {
     std::uint64_t const first = deleteOffset();
     TracedLock lock(lock_);
@@ -115,7 +121,7 @@ bool SnapshotFile::remove() {
     if (reader_) {
         reader_.deleteOnClose();
         reader_.close();
-        return true;
+        return !QFileInfo::exists(path_);
     }
     if (!writer_) {
         writer_ = RawFile::make();
@@ -127,7 +133,7 @@ bool SnapshotFile::remove() {
     writer_->deleteOnClose();
     writer_->close();
     writer_.reset();
-    return true;
+    return !QFileInfo::exists(path_);
 }
 
 QString SnapshotFile::typeText(SnapshotType type) {

@@ -178,8 +178,9 @@ public:
     /// the entry before.
     bool addEntry(FileId id, Instance instance);
     bool addEntry(SnapshotEntry const& entry);
-    /// False at the end of the list.
+    /// False at the end of the list, and when it can't be read to there; `readFailed` then.
     [[nodiscard]] bool readEntry(SnapshotEntry& entry);
+    [[nodiscard]] bool readFailed() const;
     bool rewind();
     /// Deletes the file.
     bool remove();

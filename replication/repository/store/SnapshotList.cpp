@@ -165,10 +165,10 @@ std::shared_ptr<SnapshotFile> SnapshotList::Private::findOlder(Instance instance
 }
 
 void SnapshotList::Private::queueDeletion(SnapshotFile& file) {
-    // Without its request the snapshot would never go, so the flag waits for the queue.
-    if (!DedupRequests::deleteSnapshot(store.streams(), store.id(), file.instance()))
-        return;
-    file.setRetired();
+    // What the queue refuses is asked for again at the next snapshot.
+    file.setRetire();
+    if (DedupRequests::deleteSnapshot(store.streams(), store.id(), file.instance()))
+        file.setRetired();
     (void)file.writeHeader();
 }
 

@@ -33,6 +33,7 @@ struct SnapshotList::Private {
     void endDedup(Instance instance, DedupFile& list, struct DedupStatistics const& statistics,
                   bool finished);
     [[nodiscard]] bool freeEntries(SnapshotFile& file, SnapshotFile* previous);
+    void askAgain(SnapshotFile& file);
     /// Frees the version of an entry, if it has ended. False when the disk failed.
     [[nodiscard]] bool freeEntry(SnapshotEntry const& entry);
 

@@ -182,22 +182,30 @@ bool SnapshotList::retireSnapshot(Instance instance) {
     if (previous)
         previous->close();
     if (!done) {
-        // Asked for again at the next snapshot.
         file->close();
-        file->clearRetired();
-        (void)file->writeHeader();
+        p_->askAgain(*file);
         return scope.result(false);
     }
     if (p_->store.markedForDeletion()) {
         file->close();
         return scope.result(true);
     }
-    if (!file->remove())
+    if (!file->remove()) {
         MORVA_TRACE(Always) << "Failed to remove snapshot" << instance;
+        p_->askAgain(*file);
+        return scope.result(false);
+    }
     // A dedup list of this instance stays: its streams can live on in later snapshots.
     TracedLock guard(p_->lock);
     std::erase(p_->snapshots, file);
     return scope.result(true);
+}
+
+/// The next snapshot queues the deletion once more; done twice it does no harm.
+void SnapshotList::Private::askAgain(SnapshotFile& file) {
+    TracedLock guard(lock);
+    file.clearRetired();
+    (void)file.writeHeader();
 }
 
 bool SnapshotList::Private::freeEntries(SnapshotFile& file, SnapshotFile* previous) {
@@ -207,6 +215,8 @@ bool SnapshotList::Private::freeEntries(SnapshotFile& file, SnapshotFile* previo
         OperationGate::Enter const gate;
         for (int i = 0; i < entriesInSlice; ++i) {
             more = !store.markedForDeletion() && file.readEntry(entry);
+            if (!more && file.readFailed())
+                return false;
             if (!more)
                 break;
             MORVA_TRACE(Debug) << "Read SnapshotEntry" << entry.id << entry.instance;

@@ -119,10 +119,8 @@ bool Store::createFiles(StoreIdentity const& identity, bool caseSensitive) {
         (void)RawFile::remove(snapshotPath_ + u'/' + name);
     if (!nodes_->create(files, values.fileNodeGrowSize,
                         values.fileNodeRandomAccess ? RawFile::Mode::Random
-                                                    : RawFile::Mode::ReadWrite)) {
-        MORVA_TRACE(Always) << "Failed to create blocks file";
+                                                    : RawFile::Mode::ReadWrite))
         return scope.result(false);
-    }
     open_ = true;
     if (!pointers_->create(files + QStringLiteral(".ptrs"))) {
         MORVA_TRACE(Always) << "Failed to create node pointer file";
@@ -217,10 +215,8 @@ bool Store::openControl() {
     Configuration const& values = shared().configuration;
     if (!nodes_->open(storePath_ + QStringLiteral("/files"), values.fileNodeGrowSize,
                       values.fileNodeRandomAccess ? RawFile::Mode::Random
-                                                  : RawFile::Mode::ReadWrite)) {
-        MORVA_TRACE(Always) << "Failed to open blocks file";
+                                                  : RawFile::Mode::ReadWrite))
         return false;
-    }
     open_ = true;
     ControlBlock::Image image;
     nodes_->readControl([&](void const* block) {
@@ -326,8 +322,9 @@ bool Store::close() {
     MORVA_CHECK(passive_->size() == 0, "passiveHandles");
     bool flushed = flushFiles() && settled;
     bool const wasValid = valid_.exchange(false);
-    // A store that was found unclean and could not be opened has not become clean by that.
-    if (flushed && (wasValid || !unclean_))
+    // A store that was found unclean and could not be opened has not become clean by that; one
+    // that only waits for its deletion has nothing to lose.
+    if (flushed && (wasValid || !unclean_ || markedForDeletion()))
         flushed = control_->update([](ControlFields& fields) {
             fields.openMark(false);
             fields.lastSequence(fields.sequence());

@@ -110,8 +110,12 @@ bool DedupFile::openForRead() {
 
 bool DedupFile::read(StreamId& id) {
     std::array<std::uint8_t, entrySize> bytes;
-    if (!reader_ || reader_->read(bytes.data(), entrySize) != entrySize)
+    if (!reader_ || reader_->read(bytes.data(), entrySize) != entrySize) {
+        // What can't be read stays without deduplication, and nothing else.
+        if (reader_ && reader_->position() % entrySize == 0 && reader_->failed())
+            MORVA_TRACE(Always) << "Failed to read" << name() << reader_->lastError();
         return false;
+    }
     id.value = Morva::loadLittle<std::uint64_t>(bytes.data());
     position_ += entrySize;
     return true;
