@@ -27,65 +27,16 @@ protected:
     }
 };
 
-TEST_F(ActiveHandleTest, ChangeAfterASnapshotEntersOneVersionInTheChain) {
-    auto handle = file(path("f"), "one");
-    FileId const id = handle->activeHandle->id();
-    EXPECT_EQ(instances(id), std::vector{Instance{1}});
-    snapshot();
-    snapshot();
-    EXPECT_TRUE(store_->paths().write(writing(), *handle, 0, "two", 3));
-    EXPECT_TRUE(store_->paths().write(writing(), *handle, 3, "!", 1));
-    EXPECT_EQ(instances(id), (std::vector{Instance{1}, Instance{3}}));
-    EXPECT_EQ(handle->activeHandle->fileNode()->id(), store_->pointers().getNode(id));
-    EXPECT_EQ(at(Instance{1}, path("f")), "(none)");
-    EXPECT_EQ(at(Instance{2}, path("f")), "one");
-    EXPECT_EQ(at(Instance{3}, path("f")), "one");
-    EXPECT_EQ(at(Instance{4}, path("f")), "(none)") << "not yet";
-    EXPECT_EQ(live(path("f")), "two!");
-    snapshot();
-    EXPECT_EQ(at(Instance{4}, path("f")), "two!");
-}
-
-TEST_F(ActiveHandleTest, EveryHolderOfAStreamFollowsItsCopy) {
-    auto const a = file(path("f"), "........");
+TEST_F(ActiveHandleTest, StreamThatIsGoneIsNotConfusedWithANewOneOfItsName) {
+    auto const a = file(path("f"), "text");
     auto const b = store_->paths().openStream(writing(), path("f"), dataStreamName);
-    auto const c = store_->paths().openStream(writing(), path("f"), dataStreamName);
-    ASSERT_TRUE(b && c);
-    EXPECT_EQ(a->streamHandle, b->streamHandle);
-    auto write = [&](std::shared_ptr<SinkHandle> const& handle, std::uint64_t offset,
-                     char const* text) {
-        EXPECT_TRUE(store_->paths().write(writing(), *handle, offset, text, 1));
-    };
+    ASSERT_TRUE(b);
     snapshot();
-    write(a, 0, "a");
-    write(b, 1, "b");
-    snapshot();
-    write(c, 2, "c"); // still holds the very first stream
-    write(a, 3, "A");
-    EXPECT_EQ(live(path("f")), "abcA....");
-    EXPECT_EQ(at(Instance{2}, path("f")), "........");
-    EXPECT_EQ(at(Instance{3}, path("f")), "ab......");
-    EXPECT_EQ(a->streamHandle->id(), c->streamHandle->id());
-    EXPECT_TRUE(b->activeHandle->dirty(b->link, *b->streamHandle)) << "by an old handle";
-
-    // A stream that is gone isn't confused with a new one of its name.
+    EXPECT_TRUE(store_->paths().write(writing(), *a, 0, "next", 4)); // which `b` follows
     ASSERT_TRUE(a->activeHandle->removeStream(a->link, dataStreamName));
     ASSERT_TRUE(a->activeHandle->createStream(a->link, dataStreamName, true));
     EXPECT_FALSE(store_->paths().write(writing(), *b, 0, "x", 1));
     EXPECT_EQ(live(path("f")), "");
-}
-
-TEST_F(ActiveHandleTest, LiveOnlyFollowsTheModeOfTheOpening) {
-    FileContext liveOnly = writing();
-    liveOnly.opType = NotToBackup::eLiveOnly;
-    ASSERT_TRUE(store_->paths().createStream(liveOnly, path("f"), dataStreamName, {}));
-    EXPECT_TRUE(keyOf("f").liveOnly());
-    ASSERT_TRUE(store_->paths().openStream(liveOnly, path("f"), dataStreamName));
-    EXPECT_TRUE(keyOf("f").liveOnly());
-    auto const handle = store_->paths().openStream(writing(), path("f"), dataStreamName);
-    ASSERT_TRUE(handle);
-    EXPECT_FALSE(keyOf("f").liveOnly());
-    EXPECT_FALSE(handle->activeHandle->fileNode()->liveOnly());
 }
 
 TEST_F(ActiveHandleTest, VersionIsSetOnceAndNeverForDirectories) {
@@ -264,20 +215,6 @@ struct Faults {
 /// A store all of whose files obey orders.
 class FaultyStoreTest : protected Faults, public NodeFixture {};
 
-TEST_F(FaultyStoreTest, FailingDataFileFailsTheWriteAndKeepsTheSnapshot) {
-    QByteArray const before(20000, 'a'), after(20000, 'b');
-    auto const handle = file(path("f"), before);
-    snapshot();
-    files.onlyNamesEndingWith(QStringLiteral("data.blocks"));
-    files.failWritesAfter(0);
-    EXPECT_FALSE(store_->paths().write(writing(), *handle, 0, after.constData(), 20000));
-    files.heal();
-    EXPECT_EQ(at(Instance{2}, path("f")), before);
-    EXPECT_TRUE(store_->paths().write(writing(), *handle, 0, after.constData(), 20000));
-    EXPECT_EQ(live(path("f")), after);
-    EXPECT_EQ(at(Instance{2}, path("f")), before);
-}
-
 TEST_F(FaultyStoreTest, VersionThatFindsNoPlaceInItsChainChangesNothing) {
     auto const handle = file(path("f"), "one");
     snapshot();
@@ -363,31 +300,6 @@ TEST_F(FaultyStoreTest, RecordThatCannotBeWrittenKeepsItsStreams) {
     store_->directories().forget();
     EXPECT_EQ(contentOf(store_->passiveHandles().get(node)), "newt") << "as the record says";
     EXPECT_FALSE(streams_->handle(frozen, true));
-}
-
-TEST_F(FaultyStoreTest, FullDiskFailsCreationsAndTheStoreGoesOnAfterwards) {
-    (void)file(path("f"), "text");
-    files.diskBudget(0);
-    std::vector<QStringList> made;
-    bool failed = false;
-    for (int i = 0; i < 20000 && !failed; ++i) {
-        QStringList const name{QStringLiteral("d"), QString::number(i)};
-        failed = !store_->paths().createStream(writing(), name, dataStreamName, {});
-        if (!failed)
-            made.push_back(name);
-    }
-    EXPECT_TRUE(failed);
-    files.heal();
-    store_->directories().forget();
-    EXPECT_EQ(live(path("f")), "text");
-    for (QStringList const& name : made)
-        ASSERT_EQ(live(name), "") << name.last().toStdString();
-    (void)file(path("after"), "works");
-    EXPECT_EQ(live(path("after")), "works");
-    QStringList const next{QStringLiteral("d"), QString::number(made.size())};
-    EXPECT_EQ(live(next), "(none)") << "nothing half-made";
-    EXPECT_TRUE(store_->paths().createStream(writing(), next, dataStreamName, {}));
-    EXPECT_EQ(live(next), "");
 }
 
 } // namespace

@@ -5,9 +5,7 @@
 #include "replication/repository/store/DirectoriesFixture.h"
 #include "replication/repository/store/DirectoryScan.h"
 
-#include <algorithm>
 #include <map>
-#include <random>
 
 namespace Replication {
 namespace {
@@ -215,39 +213,6 @@ TEST_F(Directories_, DiscardKeepsWhatTheTreeDoesNotKnow) {
     EXPECT_TRUE(namesOf(*node(folder)).contains("b"));
 }
 
-TEST_F(Directories_, RulesTakeOutWhatIsExcludedAndMarkWhatIsLiveOnly) {
-    FileId const folder = make(root(), "folder", directoryType);
-    FileId const deep = make(folder, "deep", directoryType);
-    FileId const gone = make(folder, "gone", directoryType);
-    ASSERT_TRUE(make(gone, "below"));
-    for (int i = 0; i < 300; ++i)
-        ASSERT_TRUE(make(deep, QString("file%1.%2")
-                                   .arg(i)
-                                   .arg(i % 3 == 0   ? "tmp"
-                                        : i % 3 == 1 ? "log"
-                                                     : "txt")));
-    Morva::XmlList details;
-    NotToBackup::addEntry(details, "*.tmp", false, false);
-    NotToBackup::addEntry(details, "*.log", false, true);
-    NotToBackup::addEntry(details, "gone", true, false);
-    QStringList path{"folder"};
-    directories().checkOperations(NotToBackup(details, true), *handle(folder), path);
-    EXPECT_EQ(path, QStringList{"folder"});
-    EXPECT_FALSE(exists(folder, "gone"));
-    EXPECT_FALSE(exists(gone, "below"));
-    EXPECT_FALSE(exists(deep, "file0.tmp"));
-    EXPECT_TRUE(found(deep, "file1.log").liveOnly());
-    EXPECT_FALSE(found(deep, "file2.txt").liveOnly());
-    EXPECT_EQ(namesOf(*node(deep)).size(), 200u);
-    EXPECT_EQ(files(), 100u);
-    EXPECT_EQ(folders(), 2u);
-    EXPECT_TRUE(valid(deep));
-    // Without rules all marks go again.
-    directories().checkOperations(NotToBackup(), *handle(folder), path);
-    EXPECT_FALSE(found(deep, "file1.log").liveOnly());
-    EXPECT_EQ(files(), 200u);
-}
-
 struct Faults {
     Morva::FaultyFiles files_;
 };
@@ -291,93 +256,6 @@ TEST_F(FaultyDirectories, RulesThatTheDiskCutShortAreAppliedWholeTheNextTime) {
         EXPECT_EQ(files(), 0u);
         EXPECT_EQ(folders(), writes + 1u);
     }
-}
-
-/// Random changes of a small tree against a map; snapshots keep copies of the map.
-TEST_F(Directories_, RandomChangesMatchAModelAndItsSnapshots) {
-    std::uint32_t const seed = std::random_device{}();
-    SCOPED_TRACE(seed);
-    std::mt19937 random(seed);
-    using Tree = std::map<FileId, std::map<QString, FileId>>;
-    Tree model{{root(), {}}};
-    for (int i = 0; i < 3; ++i) {
-        QString const name = QString("dir%1").arg(i);
-        FileId const id = make(root(), name, directoryType);
-        model[root()][name] = id;
-        model[id] = {};
-    }
-    std::vector<std::pair<Instance, Tree>> snapshots;
-    auto const some = [&](auto& map) { return std::next(map.begin(), random() % map.size()); };
-    auto const someName = [&] {
-        return QString("n%1").arg(random() % 400) + QString(random() % 60, 'x');
-    };
-    for (int step = 0; step < 3000; ++step) {
-        auto directory = some(model);
-        auto& names = directory->second;
-        QString const name = someName();
-        std::uint32_t const choice = random() % 10;
-        if (choice < 5 && !names.contains(name)) {
-            FileId const id = make(directory->first, name);
-            ASSERT_TRUE(id);
-            names[name] = id;
-        } else if (choice < 7 && !names.empty()) {
-            auto const victim = some(names);
-            if (!model.contains(victim->second)) {
-                ASSERT_TRUE(removeName(directory->first, victim->first));
-                names.erase(victim);
-            }
-        } else if (choice < 9 && !names.empty()) {
-            auto const source = some(names);
-            auto target = some(model);
-            if (!model.contains(source->second)) {
-                FileId const id = source->second;
-                auto const there = target->second.find(name);
-                bool const onDirectory =
-                    there != target->second.end() && model.contains(there->second);
-                if (!onDirectory) {
-                    bool const same = target == directory && name == source->first;
-                    ASSERT_TRUE(move(directory->first, source->first, target->first, name));
-                    if (!same) {
-                        names.erase(source);
-                        target->second[name] = id;
-                    }
-                }
-            }
-        } else if (choice == 9 && !names.empty()) {
-            auto const source = some(names);
-            auto target = some(model);
-            if (!model.contains(source->second) && !target->second.contains(name)) {
-                DirKey key = found(directory->first, source->first);
-                DirKey folder = DirKey::root(root());
-                QStringList path{name};
-                for (auto const& [text, id] : model[root()])
-                    if (id == target->first)
-                        path.prepend(text);
-                ASSERT_TRUE(directories().link(NotToBackup::eNothing, key, path));
-                target->second[name] = source->second;
-            }
-        }
-        if (step % 500 == 499) {
-            snapshots.emplace_back(snapshot(), model);
-            for (auto const& [id, expected] : model) {
-                ASSERT_TRUE(valid(id));
-                ASSERT_EQ(namesOf(*node(id)), expected);
-            }
-        }
-    }
-    std::uint64_t total = 0;
-    for (auto const& [id, names] : model)
-        total += names.size();
-    EXPECT_EQ(files() + folders(), total);
-    EXPECT_EQ(directories().keyCount(), total);
-    for (auto const& [instance, tree] : snapshots)
-        for (auto const& [id, expected] : tree) {
-            auto const version = store().passiveHandle(id, instance);
-            ASSERT_TRUE(version);
-            EXPECT_EQ(namesOf(*version), expected);
-            for (auto const& [name, file] : expected)
-                EXPECT_EQ(store().snapshotDirectories().findName(id, instance, name), file);
-        }
 }
 
 } // namespace

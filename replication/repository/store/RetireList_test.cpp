@@ -26,6 +26,11 @@ protected:
         result.rules = {1};
         return result;
     }
+    /// Ends a version of that name.
+    void retire(QString const& name, FileNode::Pointer const& of, bool final = true) {
+        Version ended = version(name, *of);
+        list().retiredVersion(ended, of, final);
+    }
     [[nodiscard]] std::size_t sent() const {
         return channel_->count(EventRecord::VersionEnded) +
                channel_->count(EventRecord::VersionWeak) +
@@ -93,8 +98,7 @@ TEST_F(RetireLists, ANewFileJoinsTheVersionThatEndedUnderItsName) {
         EXPECT_EQ(0u, list().size());
         EXPECT_FALSE(list().previousFileNode(next)); // once
         // After five seconds it has gone on its own.
-        ended = version("A", *file);
-        list().retiredVersion(ended, file, true);
+        retire("A", file);
         list().timeStamp(list().timeStamp() + 5);
         EXPECT_FALSE(list().previousFileNode(next));
         file.reset();
@@ -107,13 +111,10 @@ TEST_F(RetireLists, ALaterVersionOfANameSupersedesTheOneThatWaits) {
     auto const a = node("a");
     auto const b = node("b");
     list().timeStamp(5000);
-    Version first = version("a", *a);
-    list().retiredVersion(first, a, true);
-    Version between = version("b", *b);
-    list().retiredVersion(between, b, true);
+    retire("a", a);
+    retire("b", b);
     list().timeStamp(5002);
-    Version second = version("a", *b);
-    list().retiredVersion(second, b, true);
+    retire("a", b);
     EXPECT_EQ(2u, list().size());
     list().timeStamp(5005);
     EXPECT_EQ(1u, sent());
@@ -143,10 +144,8 @@ TEST_F(RetireLists, AResyncAndAStopSendFinalVersionsAtOnce) {
     EXPECT_EQ(5000u, list().timeStamp());
     list().endResync();
     list().stateSaved();
-    Version last = version("a", *file);
-    list().retiredVersion(last, file, true);
-    Version open = version("a", *file);
-    list().retiredVersion(open, file, false);
+    retire("a", file);
+    retire("a", file, false);
     EXPECT_EQ(3u, sent());
     EXPECT_EQ(0u, list().size());
 }
@@ -159,8 +158,7 @@ TEST_F(RetireLists, VersionsAreDeduplicatedOnTheirOwnWish) {
         EXPECT_TRUE(writeFile("a", QByteArray(5000, 'a')));
         auto file = store_->passiveHandle({"a"}, snapshot());
         list().timeStamp(5000);
-        Version ended = version("a", *file);
-        list().retiredVersion(ended, file, true);
+        retire("a", file);
         list().timeStamp(5005);
         EXPECT_TRUE(DedupWorker(streams_).drain());
         RepMetadata metadata;
@@ -176,8 +174,7 @@ TEST_F(RetireLists, ALostEventKeepsTheVersion) {
     auto const file = node("a");
     list().timeStamp(5000);
     channel_->refuse = true;
-    Version ended = version("a", *file);
-    list().retiredVersion(ended, file, true);
+    retire("a", file);
     list().timeStamp(5005);
     EXPECT_EQ(0u, list().size());
     EXPECT_EQ(1u, file->versionCount());
@@ -187,8 +184,7 @@ TEST_F(RetireLists, ANonFinalVersionIsOnlyThereToBeJoined) {
     create();
     auto const file = node("a");
     list().timeStamp(5000);
-    Version ended = version("a", *file);
-    list().retiredVersion(ended, file, false);
+    retire("a", file, false);
     EXPECT_EQ(1u, list().size());
     EXPECT_FALSE(list().retireDue()); // its time on the machine's clock is seconds ahead
     list().timeStamp(5005);

@@ -6,10 +6,6 @@
 
 #include <QFile>
 
-#include <algorithm>
-#include <map>
-#include <random>
-
 namespace Replication {
 namespace {
 
@@ -189,27 +185,6 @@ TEST_F(Snapshots, EqualContentsAreSharedAfterASnapshot) {
     EXPECT_EQ(DedupState::Deduplicated, list().find(taken)->dedupState());
 }
 
-TEST_F(Snapshots, AFileThatBecameLiveOnlyLeavesNothingBehind) {
-    create();
-    std::uint64_t const emptyNodes = usedNodes();
-    ASSERT_TRUE(writeFile("a", "1"));
-    Instance const taken = snapshot();
-    FileContext liveOnly = writing();
-    liveOnly.opType = NotToBackup::eLiveOnly;
-    ASSERT_TRUE(store_->paths().openStream(liveOnly, {"a"}, dataStreamName));
-    (void)snapshot();
-    EXPECT_TRUE(store_->paths().write(liveOnly, {"a"}, dataStreamName, 0, "2", 1));
-    EXPECT_EQ(QByteArray("1"), contentAt("a", taken));
-    ASSERT_TRUE(removeFile("a"));
-    EXPECT_EQ(QByteArray("1"), contentAt("a", taken));
-    (void)snapshot();
-    for (std::uint32_t const instance : {1U, 2U, 3U})
-        EXPECT_TRUE(list().deleteSnapshot(Instance{instance}));
-    drain();
-    EXPECT_EQ((std::vector<std::uint32_t>{4}), instances());
-    EXPECT_EQ(emptyNodes, usedNodes());
-}
-
 TEST_F(Snapshots, WorkerKeepsStoresOpenForFiveMinutes) {
     create();
     (void)snapshot();
@@ -244,73 +219,6 @@ TEST_F(Snapshots, MarkingAStoreForDeletionEndsItsPassAndNoOther) {
     std::uint64_t waiting = 1;
     EXPECT_EQ(Morva::PagedQueue::Result::Success, streams_->dedupQueue().available(waiting));
     EXPECT_EQ(0u, waiting);
-}
-
-/// Files come, change and go over several instances; then the snapshots are retired in some order.
-/// Whatever the order, what is left reads as it was taken, and at the end nothing is left over.
-TEST_F(Snapshots, NothingIsLostOrLeftBehindInAnyOrderOfRetirement) {
-    auto const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    for (int round = 0; round < 8; ++round) {
-        store_ = Store::create(storeId, identity(), true);
-        ASSERT_TRUE(store_);
-        std::uint64_t const emptyNodes = usedNodes();
-        std::map<QString, QByteArray> live;
-        std::map<std::uint32_t, std::map<QString, QByteArray>> taken;
-        for (int step = 0; step < 6; ++step) {
-            for (int change = 0; change < 12; ++change) {
-                QString const name = QStringLiteral("f%1").arg(random() % 6);
-                if (random() % 3 == 0 && live.count(name)) {
-                    ASSERT_TRUE(removeFile(name));
-                    live.erase(name);
-                } else {
-                    QByteArray const content = QByteArray::number(static_cast<uint>(random()));
-                    ASSERT_TRUE(writeFile(name, content));
-                    live[name] = content;
-                }
-            }
-            taken[snapshot().value] = live;
-        }
-        std::vector<std::uint32_t> order;
-        for (auto const& [instance, files] : taken)
-            if (Instance{instance} != store_->currentInstance())
-                order.push_back(instance);
-        order.push_back(1);
-        std::shuffle(order.begin(), order.end(), random);
-        for (std::uint32_t const instance : order) {
-            EXPECT_TRUE(list().deleteSnapshot(Instance{instance}));
-            drain();
-            taken.erase(instance);
-            for (auto const& [left, files] : taken)
-                for (int i = 0; i < 6; ++i) {
-                    QString const name = QStringLiteral("f%1").arg(i);
-                    auto const file = files.find(name);
-                    auto const content = contentAt(name, Instance{left});
-                    ASSERT_EQ(file != files.end(), content.has_value())
-                        << left << name.toStdString();
-                    if (content) {
-                        ASSERT_EQ(file->second, *content) << left << name.toStdString();
-                    }
-                }
-        }
-        // The active snapshot still sees the tree; without it only the root is left.
-        for (auto const& [name, content] : live)
-            ASSERT_TRUE(removeFile(name));
-        Instance const before = store_->currentInstance();
-        (void)snapshot();
-        EXPECT_TRUE(list().deleteSnapshot(before));
-        drain();
-        EXPECT_TRUE(writeFile("x", "y"));
-        EXPECT_TRUE(removeFile("x"));
-        Instance const last = store_->currentInstance();
-        (void)snapshot();
-        EXPECT_TRUE(list().deleteSnapshot(last));
-        drain();
-        EXPECT_EQ(emptyNodes, usedNodes()) << "round " << round;
-        store_->directories().forget();
-        store_.reset();
-    }
 }
 
 } // namespace

@@ -5,8 +5,6 @@
 
 #include <QFile>
 
-#include <random>
-
 namespace Replication {
 namespace {
 
@@ -46,64 +44,6 @@ protected:
         return result;
     }
 };
-
-TEST_F(StoreErase, OnlyWhatNoOtherStoreSharesGoes) {
-    auto const seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    // Inline contents, one block, many blocks, an indirect block.
-    std::vector<QByteArray> shared;
-    for (int const size : {100, 4000, 50000, 300000}) {
-        QByteArray content(size, Qt::Uninitialized);
-        for (char& byte : content)
-            byte = static_cast<char>(random());
-        shared.push_back(content);
-    }
-    std::string const empty = poolInUse();
-    constexpr std::uint64_t stores = 3;
-    auto const name = [](int i) { return QString("d%1/file%1").arg(i); };
-    std::vector<std::string> afterEach;
-    auto const fill = [&](std::uint64_t id) {
-        createStore(id);
-        for (int i = 0; i < 4; ++i)
-            ASSERT_TRUE(writeFile(name(i), shared[static_cast<std::size_t>(i)]));
-        // A record beyond what a node holds, and versions that only snapshots see.
-        for (int stream = 0; stream < 40; ++stream)
-            ASSERT_TRUE(store_->paths().createStream(writing(), {"d0", "file0"},
-                                                     QString("stream%1").arg(stream), {}));
-        (void)snapshot();
-        ASSERT_TRUE(writeFile("own", QByteArray(20000, static_cast<char>('a' + id))));
-        (void)snapshot();
-        ASSERT_TRUE(removeFile("own"));
-        ASSERT_TRUE(removeFile(name(3)));
-        (void)snapshot();
-        store_.reset();
-        work();
-    };
-    for (std::uint64_t id = 1; id <= stores; ++id) {
-        ASSERT_NO_FATAL_FAILURE(fill(id));
-        afterEach.push_back(poolInUse());
-    }
-    // Newest first, so that the pool goes back through the states in which it was.
-    for (std::uint64_t id = stores; id > 0; --id) {
-        mark(id);
-        EXPECT_TRUE(erase(id));
-        EXPECT_FALSE(QDir(Store::directoryOf(StoreId{id})).exists());
-        EXPECT_FALSE(Store::open(StoreId{id}, true));
-        work();
-        EXPECT_EQ(id > 1 ? afterEach[id - 2] : empty, poolInUse()) << "store " << id;
-        for (std::uint64_t left = 1; left < id; ++left) {
-            store_ = Store::open(StoreId{left}, false);
-            ASSERT_TRUE(store_);
-            for (int i = 0; i < 4; ++i)
-                EXPECT_EQ(shared[static_cast<std::size_t>(i)], contentAt(name(i), Instance{2}));
-            EXPECT_EQ(QByteArray(20000, static_cast<char>('a' + left)),
-                      contentAt("own", Instance{3}));
-            store_.reset();
-        }
-    }
-    EXPECT_EQ(0u, streams_->failures());
-}
 
 TEST_F(StoreErase, AStoreInAnyOtherStateIsLeftAlone) {
     createStore(1);
