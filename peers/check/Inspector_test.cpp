@@ -58,7 +58,7 @@ TEST(Inspector, PrintsEveryRecordOfASoundRepository) {
         {{"dedup"}, "stream "},
         {{"data", "1"}, "block 1: reference count "},
         {{"indirect", "1"}, "block 1: reference count "},
-        {{"state", FixedPath::runtime() + "/state-1"}, "target \"1\""},
+        {{"state", FixedPath::repository() + "/state-1"}, "target \"1\""},
         {{"list", FixedPath::rules(1) + "/replayrules.cfg"}, "\"StoreName\" = \"sample\""},
     };
     for (Case const& each : cases) {

@@ -31,7 +31,7 @@ public:
     SampleRepository() {
         must(FixedPath::setRoot(directory_.path()), "root");
         for (auto const& path : {FixedPath::repositoryStores(), FixedPath::repositoryStreams(),
-                                 FixedPath::repositoryStreamData(), FixedPath::runtime()})
+                                 FixedPath::repositoryStreamData(), FixedPath::repository()})
             must(QDir().mkpath(path), "mkpath");
         Replication::SourceRules source;
         source.storeName = QStringLiteral("sample");
@@ -75,7 +75,7 @@ public:
         sink.name = QStringLiteral("repository-sample");
         sink.sourceMachine = Context::machineName().name();
         sink.target = QStringLiteral("sample");
-        sink.stateFile = FixedPath::runtime() + "/state-1";
+        sink.stateFile = FixedPath::repository() + "/state-1";
         sink.ruleSet = 1;
         sink_ = std::make_unique<Replication::RepositoryPosix>(sink, Replication::ReplayId{1},
                                                                store_, streams_);

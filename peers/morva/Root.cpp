@@ -54,7 +54,7 @@ QString openMark() {
 }
 
 QString stateFile(Root::Source const& source) {
-    return FixedPath::runtime() + "/state-" + QString::number(source.id);
+    return FixedPath::repository() + "/state-" + QString::number(source.id);
 }
 
 void setRoot(QString const& path) {
@@ -166,7 +166,7 @@ std::unique_ptr<Journal> Root::openJournal() {
     auto const directory = FixedPath::repository();
     auto journal =
         Journal::open(directory, {FixedPath::repositoryStores(), FixedPath::repositoryStreams(),
-                                  FixedPath::repositoryStreamData(), FixedPath::runtime()});
+                                  FixedPath::repositoryStreamData(), FixedPath::repository()});
     if (!journal)
         throw CommandFailure(ExitCode::Failed,
                              "the journal in " + directory + " can't be read or carried out");

@@ -23,9 +23,9 @@ namespace Morva {
 ///  config/repository.cfg        settings of the pool and the stores
 ///  config/sources.cfg           the stores by name, and the source root of each
 ///  rules/<number>/              one rule set for each change of sources.cfg
-///  run/state-<target>           how far the sink of a store has come
 ///  run/open                     there while a process has the root open, and after one that died
 ///  repository/journal           brings all of the following back to their last checkpoint
+///  repository/state-<target>    how far the sink of a store has come
 ///  repository/...               the pool and the stores
 ///
 /// A checkpoint is made at the end of a process that changes something, and now and then while it
