@@ -10,9 +10,9 @@
 #include "base/trees/BPlusTree.h"
 #include "base/trees/PagedList.h"
 #include "base/trees/PagedQueue.h"
-#include "fuzz/FileKeys.h"
 #include "fuzz/Input.h"
 #include "fuzz/MemoryFiles.h"
+#include "replication/repository/store/DirKey.h"
 #include "replication/repository/streams/DedupFile.h"
 
 using Morva::BlockPin;
@@ -26,7 +26,8 @@ using Morva::RawFile;
 using Morva::ReferenceCount;
 using Morva::Fuzzing::MemoryFiles;
 using Morva::Fuzzing::require;
-using Morva::Fuzzing::TextKey;
+using Replication::DirKey;
+using Replication::FileId;
 
 namespace {
 
@@ -50,9 +51,12 @@ void tree() {
     if (!tree.open(name))
         return;
     std::uint64_t left = 10000;
-    (void)tree.forEach(upTo<Extent const&>(left));
+    (void)tree.forEach([&left](Extent const& stored) {
+        (void)DirKey::decode(stored);
+        return left-- > 1;
+    });
     for (auto const* text : {"alpha", "beta", "a key of some length that is not there"}) {
-        TextKey key(text);
+        DirKey key(FileId{1}, QLatin1String(text), 1);
         if (tree.find(key)) {
             (void)tree.update(key);
             (void)tree.remove(key);
@@ -60,11 +64,10 @@ void tree() {
             (void)tree.insert(key);
         }
     }
-    TextKey large(std::string(3000, 'x'));
+    DirKey large(FileId{1}, QString(1500, u'x'), 1);
     if (!tree.find(large) && tree.insert(large)) {
-        TextKey again(std::string(3000, 'x'));
-        if (tree.find(again))
-            (void)tree.remove(again);
+        if (tree.find(large))
+            (void)tree.remove(large);
     }
     QStringList faults;
     (void)tree.verify(faults);

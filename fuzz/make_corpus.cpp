@@ -14,7 +14,6 @@
 #include "base/trees/BPlusTree.h"
 #include "base/trees/PagedList.h"
 #include "base/trees/PagedQueue.h"
-#include "fuzz/FileKeys.h"
 #include "fuzz/Input.h"
 #include "replication/common/intake/StateFile.h"
 #include "replication/common/log/LogBuilder.h"
@@ -359,12 +358,13 @@ void files() {
         BPlusTree tree(64);
         require(tree.create(path("tree"), 512), "tree");
         for (int i = 0; i < 60; ++i) {
-            Fuzzing::TextKey key(i == 0    ? "alpha"
-                                 : i == 30 ? std::string(700, 'y')
-                                           : "key " + std::to_string(i));
+            QString const name = i == 0    ? QStringLiteral("alpha")
+                                 : i == 30 ? QString(350, u'y')
+                                           : QStringLiteral("key %1").arg(i);
+            DirKey key(FileId{1}, name, 1);
             require(tree.insert(key), "key");
         }
-        Fuzzing::TextKey gone("key 7");
+        DirKey gone(FileId{1}, QStringLiteral("key 7"), 1);
         require(tree.find(gone) && tree.remove(gone) && tree.close(), "tree");
     }
     file(0, "tree", path("tree"));

@@ -1,6 +1,7 @@
 #include "base/messages/MsgAddress.h"
 #include "base/messages/XmlList.h"
 
+#include <boost/crc.hpp>
 #include <gtest/gtest.h>
 
 #include <random>
@@ -170,14 +171,11 @@ TEST(XmlList, TruncatedOrDamagedBinaryIsRefused) {
 
 /// A body with a right frame, so that the reader of the items itself has to refuse it.
 QByteArray framed(QByteArray const& body) {
-    std::uint32_t crc = 0xFFFFFFFFU;
-    for (char const byte : body) {
-        crc ^= static_cast<std::uint8_t>(byte);
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc & 1) ? 0xEDB88320U ^ (crc >> 1) : crc >> 1;
-    }
+    boost::crc_32_type check;
+    check.process_bytes(body.constData(), static_cast<std::size_t>(body.size()));
     QByteArray form("MXL1");
-    for (std::uint32_t const word : {static_cast<std::uint32_t>(body.size()), ~crc}) {
+    for (std::uint32_t const word :
+         {static_cast<std::uint32_t>(body.size()), static_cast<std::uint32_t>(check.checksum())}) {
         for (int shift = 0; shift < 32; shift += 8)
             form.append(static_cast<char>(word >> shift));
     }
