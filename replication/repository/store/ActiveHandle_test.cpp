@@ -39,6 +39,20 @@ TEST_F(ActiveHandleTest, StreamThatIsGoneIsNotConfusedWithANewOneOfItsName) {
     EXPECT_EQ(live(path("f")), "");
 }
 
+TEST_F(ActiveHandleTest, LiveOnlyFollowsTheModeOfTheOpening) {
+    FileContext liveOnly = writing();
+    liveOnly.opType = NotToBackup::eLiveOnly;
+    ASSERT_TRUE(store_->paths().createStream(liveOnly, path("f"), dataStreamName, {}));
+    EXPECT_TRUE(keyOf("f").liveOnly());
+    for (bool const wanted : {true, false, true}) {
+        auto const handle =
+            store_->paths().openStream(wanted ? liveOnly : writing(), path("f"), dataStreamName);
+        ASSERT_TRUE(handle);
+        EXPECT_EQ(keyOf("f").liveOnly(), wanted);
+        EXPECT_EQ(handle->activeHandle->fileNode()->liveOnly(), wanted);
+    }
+}
+
 TEST_F(ActiveHandleTest, VersionIsSetOnceAndNeverForDirectories) {
     auto const handle = file(path("f"))->activeHandle;
     DirKey const key = keyOf("f");
