@@ -62,6 +62,7 @@ TEST(NotToBackup, PatternsMatchWholePathsOrNamesAnywhere) {
         {"/etc/secret", false, NotToBackup::eExcluded},
         {"/etc/secret", true, NotToBackup::eNothing},
         {"/x/etc/secret", false, NotToBackup::eNothing},
+        {"/usr/secret", false, NotToBackup::eNothing},
         {"/etc/secret/below", false, NotToBackup::eNothing},
         {"/var/a/cache", true, NotToBackup::eExcluded},
         {"/var/a/b/cache", true, NotToBackup::eNothing},
@@ -86,6 +87,16 @@ TEST(NotToBackup, PatternsMatchWholePathsOrNamesAnywhere) {
             EXPECT_EQ(fileAnswer(rules, test.path), test.answer) << test.path;
         }
     }
+}
+
+TEST(NotToBackup, AnEntryThatHasAPathAloneExcludesFiles) {
+    XmlList entry;
+    entry.set("Path", "a");
+    XmlList details;
+    details.set("Entry", entry);
+    NotToBackup const rules(details, true);
+    EXPECT_EQ(fileAnswer(rules, "/x/a"), NotToBackup::eExcluded);
+    EXPECT_EQ(rules.directoryOpType(parts("/a")), NotToBackup::eNothing);
 }
 
 TEST(NotToBackup, ExcludedBeatsLiveOnlyInEitherOrder) {
