@@ -50,6 +50,7 @@ TEST_F(ActiveHandleTest, LiveOnlyFollowsTheModeOfTheOpening) {
         ASSERT_TRUE(handle);
         EXPECT_EQ(keyOf("f").liveOnly(), wanted);
         EXPECT_EQ(handle->activeHandle->fileNode()->liveOnly(), wanted);
+        EXPECT_EQ(store_->control().counters()[1], wanted ? 0U : 1U);
     }
 }
 

@@ -213,17 +213,39 @@ TEST_F(Directories_, DiscardKeepsWhatTheTreeDoesNotKnow) {
     EXPECT_TRUE(namesOf(*node(folder)).contains("b"));
 }
 
+NotToBackup someRules() {
+    Morva::XmlList details;
+    NotToBackup::addEntry(details, "*.tmp", false, false);
+    NotToBackup::addEntry(details, "*.log", false, true);
+    NotToBackup::addEntry(details, "gone", true, false);
+    return {details, true};
+}
+
+TEST_F(Directories_, RulesAreAppliedToEveryPageAndTakenBack) {
+    FileId const folder = make(root(), "folder", directoryType);
+    char const* const ends[] = {"tmp", "log", "txt"};
+    for (int i = 0; i < 300; ++i)
+        ASSERT_TRUE(make(folder, QString("file%1.%2").arg(i).arg(ends[i % 3])));
+    QStringList path{"folder"};
+    directories().checkOperations(someRules(), *handle(folder), path);
+    EXPECT_EQ(path, QStringList{"folder"});
+    EXPECT_EQ(namesOf(*node(folder)).size(), 200u);
+    EXPECT_EQ(files(), 100u);
+    EXPECT_TRUE(found(folder, "file298.log").liveOnly());
+    EXPECT_TRUE(valid(folder));
+    // Without rules all marks go again.
+    directories().checkOperations(NotToBackup(), *handle(folder), path);
+    EXPECT_FALSE(found(folder, "file298.log").liveOnly());
+    EXPECT_EQ(files(), 200u);
+}
+
 struct Faults {
     Morva::FaultyFiles files_;
 };
 class FaultyDirectories : protected Faults, public DirectoriesFixture {};
 
 TEST_F(FaultyDirectories, RulesThatTheDiskCutShortAreAppliedWholeTheNextTime) {
-    Morva::XmlList details;
-    NotToBackup::addEntry(details, "*.tmp", false, false);
-    NotToBackup::addEntry(details, "*.log", false, true);
-    NotToBackup::addEntry(details, "gone", true, false);
-    NotToBackup const rules(details, true);
+    NotToBackup const rules = someRules();
     files_.onlyNamesEndingWith("data.blocks");
     bool cut = true;
     for (int writes = 0; cut; ++writes) {
