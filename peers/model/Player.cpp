@@ -19,15 +19,9 @@ using Replication::OperationLogger;
 
 namespace {
 
-constexpr char const* storeName = "model";
 constexpr char const* sourceRoot = "/src";
 constexpr char const* workName = "r";
 constexpr char const* hugeSuffix = ".huge";
-
-void must(bool done, char const* what) {
-    if (!done)
-        throw std::runtime_error(std::string("failed: ") + what);
-}
 
 Extent view(QByteArray const& bytes) {
     return Extent(bytes);
@@ -35,28 +29,10 @@ Extent view(QByteArray const& bytes) {
 
 } // namespace
 
-std::uint8_t* DirectSink::dataSpace(LogBuilder const&, std::uint32_t size) {
-    space_.resize(size);
-    return space_.data();
-}
-
-bool DirectSink::put(LogBuilder& builder) {
-    auto const log = pool_.acquire();
-    if (!log->build(builder))
-        return false;
-    auto const failedBefore = replay_->counts().failed;
-    replay_->apply(log);
-    return replay_->counts().failed == failedBefore;
-}
-
-Player::Player(QString const& rootPath, std::uint64_t seed) : rootPath_(rootPath), random_(seed) {
-    Root::init(rootPath_);
-    tree_ = std::make_shared<Object>();
-    tree_->kind = Kind::Directory;
+Player::Player(QString const& rootPath, std::uint64_t seed) : PlayedStore(rootPath, seed) {
     LogSourceOptions options;
     options.clock = [this] { return clock_; };
     logger_ = std::make_unique<OperationLogger>(options, sink_);
-    root_ = std::make_unique<Root>(rootPath_);
     poolWithoutStore_ = poolInUse();
     root_->addSource(storeName, sourceRoot, {hugeSuffix});
     open();
@@ -68,20 +44,7 @@ Player::Player(QString const& rootPath, std::uint64_t seed) : rootPath_(rootPath
 }
 
 Player::~Player() {
-    try {
-        close();
-    } catch (std::exception const&) {
-        // The test that matters has failed before.
-    }
-}
-
-void Player::open() {
-    if (!root_)
-        root_ = std::make_unique<Root>(rootPath_);
-    if (root_->sources().isEmpty())
-        return;
-    replay_ = std::make_unique<Replay>(*root_, root_->source(storeName), output_);
-    sink_.replay(replay_.get());
+    closeQuietly();
 }
 
 void Player::closeFiles() {
@@ -93,16 +56,7 @@ void Player::closeFiles() {
 void Player::close() {
     // Open files end with the process that had them open.
     closeFiles();
-    if (replay_)
-        replay_->end();
-    replay_.reset();
-    if (root_)
-        root_->finish();
-    root_.reset();
-}
-
-void Player::applyPool() {
-    root_->drain(true);
+    PlayedStore::close();
 }
 
 void Player::play(int operations) {
@@ -120,19 +74,9 @@ void Player::play(int operations) {
         {10, &Player::snapshot},     {7, &Player::retire},           {3, &Player::dedup},
         {1, &Player::reopen},
     };
-    int total = 0;
-    for (auto const& choice : choices)
-        total += choice.weight;
     for (; operations > 0; --operations) {
         clock_ += static_cast<std::uint32_t>(pick(3));
-        auto at = static_cast<int>(pick(static_cast<std::uint64_t>(total)));
-        for (auto const& choice : choices) {
-            at -= choice.weight;
-            if (at < 0) {
-                (this->*choice.operation)();
-                break;
-            }
-        }
+        (this->*choose(choices).operation)();
     }
 }
 
@@ -150,42 +94,6 @@ QByteArray Player::randomName() {
             name += byte;
     }
     return name == "." || name == ".." ? QByteArray("dot") : name;
-}
-
-QByteArray Player::randomData(std::uint64_t maximum) {
-    QByteArray data(static_cast<qsizetype>(1 + pick(maximum)), Qt::Uninitialized);
-    // A few contents come again and again, so that deduplication has something to find.
-    auto const fill = pick(3) == 0 ? 7 : random_();
-    std::mt19937_64 bytes(fill);
-    for (auto& byte : data)
-        byte = static_cast<char>(pick(8) == 0 ? 0 : bytes());
-    if (fill == 7)
-        data.fill('7');
-    return data;
-}
-
-std::uint64_t Player::randomOffset(Object const& object) {
-    // The last byte of each depth of the stream tree, and block edges. The deepest is left to the
-    // stream pool's own model: a pass of deduplication would hash its holes for minutes.
-    static constexpr std::uint64_t edges[] = {184, 4096, 94208};
-    static constexpr std::uint64_t hugeEdge = 48234496;
-    auto const size = object.content.size();
-    switch (pick(6)) {
-    case 0:
-        return 0;
-    case 1:
-        return size;
-    case 2:
-        return pick(size + 1);
-    case 3:
-        return (size / blockSize + pick(4)) * blockSize;
-    case 4:
-        return pick(200000);
-    default: {
-        auto const edge = object.huge ? hugeEdge : edges[pick(std::size(edges))];
-        return edge - std::min<std::uint64_t>(edge, pick(5000)) + pick(3);
-    }
-    }
 }
 
 QByteArray Player::pathOf(Name const& name) const {
@@ -268,7 +176,7 @@ void Player::create() {
          "create");
     enter(place, object);
     for (auto writes = pick(3); writes > 0; --writes) {
-        auto const offset = randomOffset(*object);
+        auto const offset = randomOffset(object->content, object->huge);
         auto const data = randomData(20000);
         must(logger_->write(fileId, offset, view(data)), "write");
         object->content.write(offset, data);
@@ -335,7 +243,7 @@ void Player::writePath() {
     Name file;
     if (!anyFile(file))
         return;
-    auto const offset = randomOffset(*file.object);
+    auto const offset = randomOffset(file.object->content, file.object->huge);
     auto const data = randomData(pick(10) == 0 ? 300000 : 9000);
     must(logger_->writePath(pathOf(file).toStdString(), offset, view(data)), "write by path");
     file.object->content.write(offset, data);
@@ -357,7 +265,7 @@ void Player::writeOpen() {
     if (open_.empty())
         return;
     auto const& file = open_[pick(open_.size())];
-    auto const offset = randomOffset(*file.object);
+    auto const offset = randomOffset(file.object->content, file.object->huge);
     auto const data = randomData(9000);
     must(logger_->write(file.fileId, offset, view(data)), "write");
     file.object->content.write(offset, data);
@@ -378,7 +286,7 @@ void Player::truncatePath() {
     Name file;
     if (!anyFile(file))
         return;
-    auto const size = randomOffset(*file.object);
+    auto const size = randomOffset(file.object->content, file.object->huge);
     must(logger_->truncate(pathOf(file).toStdString(), size), "truncate");
     if (size != file.object->content.size())
         file.object->modified = clock_;
@@ -390,7 +298,7 @@ void Player::truncateOpen() {
     if (open_.empty())
         return;
     auto const& file = open_[pick(open_.size())];
-    auto const size = randomOffset(*file.object);
+    auto const size = randomOffset(file.object->content, file.object->huge);
     must(logger_->truncateOpen(file.fileId, size), "truncate open");
     if (size != file.object->content.size())
         file.object->modified = clock_;
@@ -504,43 +412,6 @@ void Player::outside() {
     must(logger_->close(fileId), "close outside");
     must(logger_->unlink("/srcs/elsewhere"), "unlink outside");
     count("outside");
-}
-
-void Player::snapshot() {
-    auto const store = root_->store(root_->source(storeName));
-    must(store->snapshots().userSnapshot(0, clock_, QStringLiteral("model")), "snapshot");
-    snapshots_[store->currentInstance().value] = shown();
-    count("snapshot");
-}
-
-void Player::retire() {
-    if (snapshots_.empty())
-        return;
-    auto at = snapshots_.begin();
-    std::advance(at, static_cast<std::ptrdiff_t>(pick(snapshots_.size())));
-    root_->store(root_->source(storeName))->snapshots().deleteSnapshot(Instance{at->first});
-    snapshots_.erase(at);
-    if (pick(2) == 0)
-        applyPool();
-    count("retire");
-}
-
-void Player::dedup() {
-    applyPool();
-    count("dedup");
-}
-
-void Player::reopen() {
-    close();
-    open();
-    count("reopen");
-}
-
-std::string Player::faults() {
-    close();
-    auto result = faultsOnDisk();
-    open();
-    return result;
 }
 
 void Player::removeEverything() {

@@ -19,18 +19,13 @@ using F = Replication::LogField;
 
 namespace {
 
-constexpr char const* storeName = "model";
 constexpr char const* sourceRoot = "C:\\Src";
 constexpr char const* elsewhere = "D:\\Elsewhere";
 
 } // namespace
 
 WindowsPlayer::WindowsPlayer(QString const& rootPath, std::uint64_t seed)
-    : rootPath_(rootPath), random_(seed) {
-    Root::init(rootPath_);
-    tree_ = std::make_shared<Object>();
-    tree_->kind = Kind::Directory;
-    root_ = std::make_unique<Root>(rootPath_);
+    : PlayedStore(rootPath, seed) {
     root_->addSource(storeName, sourceRoot, {}, SourceKind::Windows);
     open();
     XmlList exclusions;
@@ -45,27 +40,11 @@ WindowsPlayer::WindowsPlayer(QString const& rootPath, std::uint64_t seed)
 }
 
 WindowsPlayer::~WindowsPlayer() {
-    try {
-        close();
-    } catch (std::exception const&) {
-        // The test that matters has failed before.
-    }
-}
-
-void WindowsPlayer::open() {
-    if (!root_)
-        root_ = std::make_unique<Root>(rootPath_);
-    replay_ = std::make_unique<Replay>(*root_, root_->source(storeName), output_);
-    sink_.replay(replay_.get());
+    closeQuietly();
 }
 
 void WindowsPlayer::close() {
-    if (replay_)
-        replay_->end();
-    replay_.reset();
-    if (root_)
-        root_->finish();
-    root_.reset();
+    PlayedStore::close();
     // The numbers end with the process, and what waited for their close is done.
     finish([](Open const&) { return true; }, true);
     open_.clear();
@@ -93,22 +72,12 @@ void WindowsPlayer::play(int operations) {
         {25, &W::setSecurity},  {40, &W::setExtended},  {90, &W::rename},
         {12, &W::renameStream}, {35, &W::link},         {60, &W::unlink},
         {150, &W::closeFile},   {4, &W::askByFilter},   {3, &W::startSnapshot},
-        {10, &W::snapshot},     {7, &W::retire},        {2, &W::restart},
+        {10, &W::snapshot},     {7, &W::retire},        {2, &W::reopen},
     };
-    int total = 0;
-    for (auto const& choice : choices)
-        total += choice.weight;
     for (; operations > 0; --operations) {
         // Slow, so that no number that was set aside is forgotten before it is used again.
         clock_ += pick(8) == 0;
-        auto at = static_cast<int>(pick(static_cast<std::uint64_t>(total)));
-        for (auto const& choice : choices) {
-            at -= choice.weight;
-            if (at < 0) {
-                (this->*choice.operation)();
-                break;
-            }
-        }
+        (this->*choose(choices).operation)();
     }
 }
 
@@ -139,31 +108,6 @@ QByteArray WindowsPlayer::cased(QByteArray const& text) {
         return whole.toUpper().toUtf8();
     default:
         return text;
-    }
-}
-
-QByteArray WindowsPlayer::randomData(std::uint64_t maximum) {
-    QByteArray data(static_cast<qsizetype>(1 + pick(maximum)), '7');
-    if (pick(3) != 0)
-        for (auto& byte : data)
-            byte = static_cast<char>(random_());
-    return data;
-}
-
-std::uint64_t WindowsPlayer::randomOffset(Content const& content) {
-    static constexpr std::uint64_t edges[] = {184, 4096, 94208};
-    auto const size = content.size();
-    switch (pick(4)) {
-    case 0:
-        return pick(size + 1);
-    case 1:
-        return (size / blockSize + pick(4)) * blockSize;
-    case 2:
-        return pick(20000);
-    default: {
-        auto const edge = edges[pick(std::size(edges))];
-        return edge - std::min<std::uint64_t>(edge, pick(5000)) + pick(3);
-    }
     }
 }
 
@@ -414,39 +358,6 @@ void WindowsPlayer::startSnapshot() {
         log.number(F::MessageType, Replication::DataSink::StartOfSnapshot);
     });
     count("start of snapshot");
-}
-
-void WindowsPlayer::snapshot() {
-    auto const store = root_->store(root_->source(storeName));
-    if (!store->snapshots().userSnapshot(0, clock_, QStringLiteral("model")))
-        throw std::runtime_error("failed: snapshot");
-    snapshots_[store->currentInstance().value] = clone(tree_);
-    count("snapshot");
-}
-
-void WindowsPlayer::retire() {
-    if (snapshots_.empty())
-        return;
-    auto at = snapshots_.begin();
-    std::advance(at, static_cast<std::ptrdiff_t>(pick(snapshots_.size())));
-    root_->store(root_->source(storeName))->snapshots().deleteSnapshot(Instance{at->first});
-    snapshots_.erase(at);
-    if (pick(2) == 0)
-        root_->drain(true);
-    count("retire");
-}
-
-void WindowsPlayer::restart() {
-    close();
-    open();
-    count("restart");
-}
-
-std::string WindowsPlayer::faults() {
-    close();
-    auto result = faultsOnDisk();
-    open();
-    return result;
 }
 
 } // namespace Morva::Model

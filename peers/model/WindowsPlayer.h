@@ -1,6 +1,6 @@
 #pragma once
 
-#include "peers/model/Player.h"
+#include "peers/model/PlayedStore.h"
 #include "replication/common/log/LogBuilder.h"
 
 #include <QSet>
@@ -17,17 +17,14 @@ namespace Morva::Model {
 /// The model holds what the store is to hold: what lies outside of the source root or is excluded
 /// has no object, and a number that was opened there means nothing until something brings it in,
 /// which asks for a resynchronisation of the path.
-class WindowsPlayer {
+class WindowsPlayer : public PlayedStore {
 public:
     WindowsPlayer(QString const& rootPath, std::uint64_t seed);
-    ~WindowsPlayer();
+    ~WindowsPlayer() override;
 
     void play(int operations);
     /// As `Player::differences`; also compares the paths to be resynchronised.
     [[nodiscard]] std::string differences();
-    /// As `Player::faults`.
-    [[nodiscard]] std::string faults();
-    [[nodiscard]] std::map<std::string, int> const& counts() const { return counts_; }
 
 private:
     enum class Type { Valid, Excluded, Unknown };
@@ -53,8 +50,7 @@ private:
     };
     using Change = std::function<void(Replication::LogBuilder&)>;
 
-    void open();
-    void close();
+    void close() override;
     void log(Replication::LogType type, Change const& change);
     /// Logs a path value: of some case in the text, of the spelling in what is preserved.
     void logPath(Replication::LogBuilder& log, Replication::LogField field, Spot const& spot,
@@ -79,9 +75,6 @@ private:
     void closeFile();
     void askByFilter();
     void startSnapshot();
-    void snapshot();
-    void retire();
-    void restart();
 
     // What they do to the model.
     OpenPointer openNew(Spot const& spot, QByteArray const& stream, std::uint32_t attributes,
@@ -97,31 +90,19 @@ private:
     [[nodiscard]] Content* contentOf(Open const& open);
     void touch(Open const& open);
 
-    [[nodiscard]] std::uint64_t pick(std::uint64_t below) { return random_() % below; }
     [[nodiscard]] QByteArray randomName();
     [[nodiscard]] QByteArray randomStream();
     [[nodiscard]] QByteArray cased(QByteArray const& text);
-    [[nodiscard]] QByteArray randomData(std::uint64_t maximum);
-    [[nodiscard]] std::uint64_t randomOffset(Content const& content);
     [[nodiscard]] Spot anySpot(bool existing, bool inside);
     [[nodiscard]] Spot spotOf(Open const& open); ///< of a number that has a name
     [[nodiscard]] OpenPointer anyOpen(std::function<bool(Open const&)> const& fits);
     [[nodiscard]] OpenPointer anyValid();
     OpenPointer& numbered(std::uint32_t fileId);
     [[nodiscard]] bool hasName(Open const& open) const { return places_.contains(open.link); }
-    void count(char const* what) { ++counts_[what]; }
 
-    QString rootPath_;
-    std::mt19937_64 random_;
-    std::unique_ptr<Root> root_;
-    Output output_;
-    std::unique_ptr<Replay> replay_;
-    DirectSink sink_;
     Replication::LogBuilder builder_;
     std::uint64_t sequence_ = 0;
-    std::uint32_t clock_ = 1'700'000'000;
     std::uint32_t lastFileId_ = 0;
-    ObjectPointer tree_;
     /// Which name each link is, and back, by directory and lower case.
     std::map<int, std::pair<ObjectPointer, QByteArray>> places_;
     std::map<std::pair<Object const*, QByteArray>, int> links_;
@@ -129,9 +110,7 @@ private:
     std::map<std::uint32_t, OpenPointer> open_;
     std::vector<OpenPointer> marked_;
     std::set<QByteArray> asked_; ///< in lower case
-    std::map<std::uint32_t, ObjectPointer> snapshots_;
-    std::uint64_t dirtied_ = 0; ///< streams that were marked as not all known
-    std::map<std::string, int> counts_;
+    std::uint64_t dirtied_ = 0;  ///< streams that were marked as not all known
 };
 
 } // namespace Morva::Model

@@ -1,51 +1,15 @@
 #include "replication/repository/replay/RepositoryExchange.h"
 
-#include "base/trace/Log.h"
-#include "replication/common/log/LogBuilder.h"
-#include "replication/common/rules/RuleFiles.h"
-#include "replication/repository/store/StoreFixture.h"
+#include "replication/repository/replay/ReplayFixture.h"
 
 namespace Replication {
 namespace {
 
-/// A store of the mail under /mail and its sink.
-class ExchangeReplay : public StoreFixture {
+/// A store of the mail under /mail.
+class ExchangeReplay : public ReplayFixture<RepositoryExchange> {
 protected:
-    using F = LogField;
+    ExchangeReplay() : ReplayFixture(SourceKind::Exchange, QStringLiteral("/mail")) { start(); }
 
-    ExchangeReplay() {
-        Morva::Log::install([this](Morva::LogMessage const& message) { said_ += message.text; });
-        SourceRules source;
-        source.storeName = "mail";
-        source.sourceRoot = "/mail";
-        source.replayId = 7;
-        auto const files = RuleFiles::make({source});
-        EXPECT_TRUE(files && files->write(1));
-        create(false);
-        DataSink::Identity identity;
-        identity.name = "repository-mail";
-        identity.sourceMachine = "machine";
-        identity.target = "mail";
-        identity.stateFile = root_.filePath("state-7");
-        identity.ruleSet = 1;
-        sink_ = std::make_unique<RepositoryExchange>(identity, ReplayId{7}, store_, streams_);
-        EXPECT_TRUE(sink_->start());
-        sink_->needsResync(false);
-    }
-    ~ExchangeReplay() override {
-        sink_.reset();
-        Morva::Log::remove();
-    }
-
-    template <class Change> bool done(LogType type, Change&& change) {
-        LogBuilder builder;
-        builder.ruleSet(1);
-        builder.begin(type, ++sequence_).time(++time_);
-        change(builder);
-        auto const log = std::make_shared<LogEntry>();
-        EXPECT_TRUE(log->build(builder));
-        return sink_->takeLog(log) == DataSink::Outcome::Applied;
-    }
     bool open(char const* sequence, char const* path) {
         return done(LogType::ExchangeCreateObject, [&](LogBuilder& log) {
             log.text(F::Sque, sequence).text(F::ObjectPath, path);
@@ -69,29 +33,6 @@ protected:
     bool remove(char const* path, LogType type = LogType::ExchangeDeleteObject) {
         return done(type, [&](LogBuilder& log) { log.text(F::ObjectPath, path); });
     }
-    bool message(DataSink::MessageType type, Morva::XmlList const& details = {}) {
-        auto const bytes = details.toBinary();
-        return done(LogType::Message, [&](LogBuilder& log) {
-            log.number(F::MessageType, type).bytes(F::Data, Morva::Extent(bytes));
-        });
-    }
-    [[nodiscard]] std::optional<QByteArray> content(char const* path, char const* name) {
-        auto const parts = QString::fromUtf8(path).split(u'/');
-        auto const located = store_->directories().locate(parts, PathMode::DoNotBuildPath);
-        auto const handle = located.found ? store_->activeHandles().get(located.key.fileId())
-                                          : ActiveHandle::Pointer();
-        auto const opened = handle ? handle->fileNode()->openStream(name) : nullptr;
-        if (!opened)
-            return {};
-        QByteArray bytes(static_cast<qsizetype>(opened->length()), '\0');
-        auto const size = static_cast<std::uint32_t>(bytes.size());
-        EXPECT_EQ(opened->read(0, bytes.data(), size), size);
-        return bytes;
-    }
-
-    std::uint64_t sequence_ = 0;
-    QStringList said_;
-    std::unique_ptr<RepositoryExchange> sink_;
 };
 
 TEST_F(ExchangeReplay, ObjectsHoldTheStreamsThatWereWrittenUnderTheirSequence) {

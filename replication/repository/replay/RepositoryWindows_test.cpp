@@ -1,73 +1,19 @@
 #include "replication/repository/replay/RepositoryWindows.h"
 
-#include "base/files/FaultyFiles.h"
-#include "base/trace/Log.h"
-#include "replication/common/log/LogBuilder.h"
-#include "replication/common/rules/RuleFiles.h"
+#include "replication/repository/replay/ReplayFixture.h"
 #include "replication/repository/replay/SinkFactory.h"
-#include "replication/repository/store/StoreFixture.h"
 
 namespace Replication {
 namespace {
 
 using F = LogField;
 
-class OpenWindowsSink : public RepositoryWindows {
-public:
-    using RepositoryWindows::openHandles;
-    using RepositoryWindows::RepositoryWindows;
-    using RepositoryWindows::state;
-
-    [[nodiscard]] std::uint32_t typeOf(std::uint32_t fileId) {
-        auto const handle = std::static_pointer_cast<SinkHandle>(openHandles().value(fileId));
-        return handle ? std::uint32_t{handle->type} : 0;
-    }
-};
-
-struct FaultyDisk {
-    Morva::FaultyFiles files_;
-};
-
-/// A store of the source directory C:\Src, its rules and its sink. What the model of a Windows
-/// source does at random isn't done again here.
-class WindowsReplay : protected FaultyDisk, public StoreFixture {
+/// A store of the source directory C:\Src. What the model of a Windows source does at random isn't
+/// done again here.
+class WindowsReplay : public ReplayFixture<RepositoryWindows> {
 protected:
-    WindowsReplay() {
-        Morva::Log::install([this](Morva::LogMessage const& message) { said_ += message.text; });
-        SourceRules source;
-        source.kind = SourceKind::Windows;
-        source.storeName = "home";
-        source.sourceRoot = "C:\\Src\\";
-        source.replayId = 7;
-        auto const files = RuleFiles::make({source});
-        EXPECT_TRUE(files && files->write(1));
-        create(false);
-        DataSink::Identity identity;
-        identity.name = "repository-home";
-        identity.sourceMachine = "machine";
-        identity.target = "home";
-        identity.stateFile = root_.filePath("state-7");
-        identity.ruleSet = 1;
-        sink_ = std::make_unique<OpenWindowsSink>(identity, ReplayId{7}, store_, streams_);
-        EXPECT_TRUE(sink_->start());
-        sink_->needsResync(false);
-    }
-    ~WindowsReplay() override {
-        sink_.reset();
-        Morva::Log::remove();
-    }
+    WindowsReplay() : ReplayFixture(SourceKind::Windows, QStringLiteral("C:\\Src\\")) { start(); }
 
-    template <class Change> bool done(LogType type, Change&& change) {
-        LogBuilder builder;
-        builder.ruleSet(1);
-        std::uint32_t const rules[] = {1, 99};
-        builder.rules(rules);
-        builder.begin(type, ++sequence_).time(++time_);
-        change(builder);
-        auto const log = std::make_shared<LogEntry>();
-        EXPECT_TRUE(log->build(builder));
-        return sink_->takeLog(log) == DataSink::Outcome::Applied;
-    }
     /// A path as it stands, without a stream.
     static LogPath path(std::string_view text) {
         LogPath result;
@@ -95,24 +41,6 @@ protected:
             log.number(F::FileId, fileId).path(F::To, path(to)).number(F::TargetRuleCount, rules);
         });
     }
-    [[nodiscard]] ActiveHandle::Pointer object(char const* name) {
-        auto const located = store_->directories().locate(
-            QString::fromUtf8(name).split(u'/', Qt::SkipEmptyParts), PathMode::DoNotBuildPath);
-        return located.found ? store_->activeHandles().get(located.key.fileId()) : nullptr;
-    }
-
-    [[nodiscard]] QByteArray content(char const* name) {
-        auto const handle = object(name);
-        auto const stream = handle ? handle->fileNode()->openStream(dataStreamName) : nullptr;
-        QByteArray bytes(stream ? static_cast<qsizetype>(stream->length()) : 0, '\0');
-        auto const size = static_cast<std::uint32_t>(bytes.size());
-        EXPECT_TRUE(stream && stream->read(0, bytes.data(), size) == size);
-        return bytes;
-    }
-
-    std::uint64_t sequence_ = 0;
-    QStringList said_;
-    std::unique_ptr<OpenWindowsSink> sink_;
 };
 
 TEST_F(WindowsReplay, PathsBecomeNamesAndStreams) {

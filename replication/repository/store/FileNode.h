@@ -149,6 +149,11 @@ private:
     [[nodiscard]] Fate decide(Pointer& copy);
     /// The node to change: this one or its copy. Null when a copy is needed and can't be made.
     [[nodiscard]] FileNode* writable(Pointer& copy);
+    /// Works on a stream that was made writable; `work(StreamHandle&)` is false as well where the
+    /// stream has been frozen.
+    template <class Work>
+    [[nodiscard]] bool changeContent(Pointer& copy, std::shared_ptr<StreamHandle>& stream,
+                                     std::uint32_t sourceTime, Work const& work);
     [[nodiscard]] bool makeWritable(Pointer& copy, std::shared_ptr<StreamHandle>& stream,
                                     FileNode*& target);
     [[nodiscard]] bool writeInfo();

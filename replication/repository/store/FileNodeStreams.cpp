@@ -205,17 +205,31 @@ bool FileNode::makeWritable(Pointer& copy, std::shared_ptr<StreamHandle>& stream
     return true;
 }
 
+template <class Work>
+bool FileNode::changeContent(Pointer& copy, std::shared_ptr<StreamHandle>& stream,
+                             std::uint32_t sourceTime, Work const& work) {
+    Morva::Failures::Watch const failures;
+    FileNode* target = nullptr;
+    // Deduplication may freeze the stream in between; then it gets a copy after all.
+    do {
+        if (!makeWritable(copy, stream, target))
+            return false;
+        if (work(*stream)) {
+            target->touch(sourceTime);
+            return !failures.any();
+        }
+    } while (stream->frozen());
+    return false;
+}
+
 bool FileNode::write(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t offset,
                      void const* data, std::uint32_t count, std::uint32_t sourceTime) {
     TracedLock guard(lock_);
     if (count == 0)
         return true;
-    Morva::Failures::Watch const failures;
-    FileNode* target = nullptr;
-    if (!makeWritable(copy, stream, target) || !stream->write(offset, data, count))
-        return false;
-    target->touch(sourceTime);
-    return !failures.any();
+    return changeContent(copy, stream, sourceTime, [&](StreamHandle& writable) {
+        return writable.writeUnlessFrozen(offset, data, count);
+    });
 }
 
 bool FileNode::truncate(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t size,
@@ -227,12 +241,9 @@ bool FileNode::truncate(Pointer& copy, std::shared_ptr<StreamHandle>& stream, st
         if (length == size || ((flags & StreamHandle::growOnly) != 0 && length > size))
             return scope.result(true);
     }
-    Morva::Failures::Watch const failures;
-    FileNode* target = nullptr;
-    if (!makeWritable(copy, stream, target) || !stream->truncate(size, flags))
-        return scope.result(false);
-    target->touch(sourceTime);
-    return scope.result(!failures.any());
+    return scope.result(changeContent(copy, stream, sourceTime, [&](StreamHandle& writable) {
+        return writable.truncate(size, flags);
+    }));
 }
 
 bool FileNode::zeroData(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t start,
@@ -241,12 +252,9 @@ bool FileNode::zeroData(Pointer& copy, std::shared_ptr<StreamHandle>& stream, st
     TracedLock guard(lock_);
     if (start == end)
         return scope.result(true);
-    Morva::Failures::Watch const failures;
-    FileNode* target = nullptr;
-    if (!makeWritable(copy, stream, target) || !stream->zeroData(start, end))
-        return scope.result(false);
-    target->touch(sourceTime);
-    return scope.result(!failures.any());
+    return scope.result(changeContent(copy, stream, sourceTime, [&](StreamHandle& writable) {
+        return writable.zeroData(start, end);
+    }));
 }
 
 bool FileNode::dirty(Pointer& copy, StreamHandle const& stream) {

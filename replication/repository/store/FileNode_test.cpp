@@ -2,6 +2,9 @@
 
 #include "replication/common/values/RepMetadata.h"
 
+#include <atomic>
+#include <thread>
+
 namespace Replication {
 namespace {
 
@@ -89,6 +92,26 @@ TEST_F(FileNodeTest, FrozenStreamIsCopiedForEveryKindOfChange) {
         EXPECT_NE(stream->id(), frozen);
         EXPECT_EQ(contentOf(node), expected);
         EXPECT_EQ(node->streamIds(), std::vector{stream->id()});
+    }
+}
+
+TEST_F(FileNodeTest, ChangeThatMeetsDeduplicationIsNotLost) {
+    FileNode::Pointer const node = make();
+    FileNode::Pointer copy;
+    for (int round = 0; round < 500; ++round) {
+        auto stream = node->createActiveStream(copy, QString::number(round), true);
+        ASSERT_TRUE(node->write(copy, stream, 0, "text", 4, 1));
+        std::atomic<bool> go = false;
+        std::thread freezer([&go, meant = stream] {
+            DedupStatistics statistics;
+            while (!go) {
+            }
+            (void)meant->prepareDedup(statistics);
+        });
+        go = true;
+        EXPECT_TRUE(node->write(copy, stream, StreamHandle::append, "X", 1, 1));
+        freezer.join();
+        ASSERT_EQ(contentOf(node, QString::number(round)), "textX");
     }
 }
 

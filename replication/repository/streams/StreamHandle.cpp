@@ -5,6 +5,7 @@
 
 #include <QString>
 
+#include <algorithm>
 #include <cstring>
 
 namespace Replication {
@@ -62,15 +63,25 @@ void StreamHandle::updateIfDirty() {
 
 bool StreamHandle::write(std::uint64_t offset, void const* data, std::uint32_t count,
                          bool noExtend) {
+    return writeUnlessFrozen(offset, data, count, noExtend) || frozen();
+}
+
+bool StreamHandle::writeUnlessFrozen(std::uint64_t offset, void const* data, std::uint32_t count,
+                                     bool noExtend) {
     if (count == 0)
         return true;
     TracedLock lock(lock_);
     if (node_.frozen())
-        return true;
+        return false;
     wipeDigest();
     bool const result = info_.write(offset, data, count, noExtend);
     updateIfDirty();
     return result;
+}
+
+bool StreamHandle::frozen() {
+    TracedLock lock(lock_);
+    return node_.frozen();
 }
 
 std::uint32_t StreamHandle::read(std::uint64_t offset, void* data, std::uint32_t count) {
@@ -206,7 +217,10 @@ void StreamHandle::digest(Digest const& value) {
     TracedLock lock(lock_);
     if (node_.indexed() || node_.digestType() == value.type || value.type > Digest::eRepDigestSha1)
         return;
-    node_.digest(value);
+    // Whatever stands behind the digest would make equal ones differ.
+    Digest clean = value;
+    std::fill(clean.value.begin() + Digest::sha1Size, clean.value.end(), std::uint8_t{0});
+    node_.digest(clean);
     owner_->update(node_);
 }
 

@@ -49,6 +49,11 @@ public:
     /// is true all the same: call `copyOnWrite` first. False when the end would pass the largest
     /// length there is.
     bool write(std::uint64_t offset, void const* data, std::uint32_t count, bool noExtend = false);
+    /// As `write`, but false on a frozen stream.
+    [[nodiscard]] bool writeUnlessFrozen(std::uint64_t offset, void const* data,
+                                         std::uint32_t count, bool noExtend = false);
+    /// Once true it stays so.
+    [[nodiscard]] bool frozen();
     /// Bytes delivered: `count`, or what there is up to the length.
     [[nodiscard]] std::uint32_t read(std::uint64_t offset, void* data, std::uint32_t count);
     /// As `read`; nothing when a part of it could not be read and zeros stand in its place.
