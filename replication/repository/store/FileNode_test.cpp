@@ -96,23 +96,35 @@ TEST_F(FileNodeTest, FrozenStreamIsCopiedForEveryKindOfChange) {
 }
 
 TEST_F(FileNodeTest, ChangeThatMeetsDeduplicationIsNotLost) {
+    constexpr int rounds = 20000;
     FileNode::Pointer const node = make();
     FileNode::Pointer copy;
-    for (int round = 0; round < 500; ++round) {
-        auto stream = node->createActiveStream(copy, QString::number(round), true);
-        ASSERT_TRUE(node->write(copy, stream, 0, "text", 4, 1));
-        std::atomic<bool> go = false;
-        std::thread freezer([&go, meant = stream] {
-            DedupStatistics statistics;
-            while (!go) {
+    std::shared_ptr<StreamHandle> meant;
+    std::atomic<int> begun = 0, ended = 0;
+    std::thread freezer([&] {
+        for (int round = 1; round <= rounds; ++round) {
+            while (begun < round)
+                std::this_thread::yield();
+            // At another moment of the change each time.
+            for (std::atomic<int> wait = 0; wait < round % 100; ++wait) {
             }
+            DedupStatistics statistics;
             (void)meant->prepareDedup(statistics);
-        });
-        go = true;
+            ended = round;
+        }
+    });
+    for (int round = 1; round <= rounds; ++round) {
+        auto stream = node->createActiveStream(copy, dataStreamName, true);
+        EXPECT_TRUE(node->write(copy, stream, 0, "text", 4, 1));
+        meant = stream;
+        begun = round;
         EXPECT_TRUE(node->write(copy, stream, StreamHandle::append, "X", 1, 1));
-        freezer.join();
-        ASSERT_EQ(contentOf(node, QString::number(round)), "textX");
+        while (ended < round)
+            std::this_thread::yield();
+        EXPECT_EQ(contentOf(node), "textX") << "round " << round;
+        EXPECT_TRUE(node->freeStreams(copy));
     }
+    freezer.join();
 }
 
 TEST_F(FileNodeTest, ListOfStreamsChangesOnTheCopyAlone) {
