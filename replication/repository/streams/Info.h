@@ -172,7 +172,9 @@ private:
     [[nodiscard]] bool emptyTop(std::uint32_t height, std::uint64_t block, std::uint32_t& budget);
     [[nodiscard]] bool emptyEntries(std::uint32_t height, std::uint8_t* entries,
                                     std::uint32_t& budget);
-    [[nodiscard]] bool dropTree(std::uint32_t height, std::uint64_t block, std::uint32_t& budget);
+    /// `index` is that of the entry which names the block.
+    [[nodiscard]] bool dropTree(std::uint32_t height, std::uint64_t block, std::uint32_t index,
+                                std::uint32_t& budget);
 
     TreeParameters const* parameters_;
     TreeRecord record_;

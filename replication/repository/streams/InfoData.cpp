@@ -129,6 +129,8 @@ bool Info::writeWhole(Span& span, std::uint32_t blocks) {
         setEntry(leaf, run[i]);
         if (old != 0)
             data.freeBlock(old);
+        else
+            MORVA_TRACE(Debug) << "Replace sparse block with block" << run[i];
     }
     span.offset += std::uint64_t{ready} * blockSize;
     span.data += ready * blockSize;

@@ -46,7 +46,7 @@ bool Info::releaseSlice(std::uint32_t budget) {
             continue;
         if (height == 0)
             parameters_->data().freeBlock(block);
-        else if (!dropTree(height, block, unlimited))
+        else if (!dropTree(height, block, i, unlimited))
             return false;
         record_.entry(i, 0);
         dirty_ = true;
@@ -78,7 +78,7 @@ bool Info::emptyEntries(std::uint32_t height, std::uint8_t* entries, std::uint32
         if (height == 1) {
             parameters_->data().freeBlock(block);
             --budget;
-        } else if (!dropTree(height - 1, block, budget)) {
+        } else if (!dropTree(height - 1, block, i, budget)) {
             return false;
         }
         Morva::storeLittle(entries + i * 8, std::uint64_t{0});
@@ -86,11 +86,12 @@ bool Info::emptyEntries(std::uint32_t height, std::uint8_t* entries, std::uint32
     return true;
 }
 
-bool Info::dropTree(std::uint32_t height, std::uint64_t block, std::uint32_t& budget) {
+bool Info::dropTree(std::uint32_t height, std::uint64_t block, std::uint32_t index,
+                    std::uint32_t& budget) {
     RefCountedBlocks& indirect = parameters_->indirect();
     auto* entries = static_cast<std::uint8_t*>(indirect.getBlock(block));
     if (!entries) {
-        MORVA_TRACE(Always) << "Failed to get child block" << block;
+        MORVA_TRACE(Always) << "Failed to get child block" << block << "at index" << index;
         MORVA_CHECK(entries, "ptChildEntries");
         failed();
         return true;
