@@ -82,7 +82,7 @@ bool DedupFile::empty() {
 }
 
 bool DedupFile::rename(Instance instance) {
-    if (!instance || instance_)
+    if (!instance || instance_ || !flush())
         return false;
     close();
     QString const closed = nameOf(directory_, instance);

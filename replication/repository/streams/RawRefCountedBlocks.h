@@ -40,7 +40,7 @@ public:
     static constexpr std::uint32_t controlSize = 32;
     static constexpr std::uint64_t defaultGrowBlocks = 20480;
 
-    /// `cacheSize`: entries of the reference counts kept in memory.
+    /// `cacheSize`: pages of reference counts, 1024 each, kept in memory.
     explicit RawRefCountedBlocks(std::uint32_t cacheSize);
     ~RawRefCountedBlocks();
     RawRefCountedBlocks(RawRefCountedBlocks const&) = delete;

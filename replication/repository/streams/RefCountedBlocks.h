@@ -18,7 +18,7 @@ namespace Replication {
 /// the pin keeps them, and a block with one reference is reached from a single stream only.
 class RefCountedBlocks : public Morva::Blocks {
 public:
-    /// Blocks and entries of the reference counts that are kept in memory.
+    /// Blocks, and pages of 1024 reference counts, that are kept in memory.
     RefCountedBlocks(std::uint32_t cacheBlocks, std::uint32_t referenceCacheSize);
 
     /// Makes both files; false, with both closed, when one can't be made.

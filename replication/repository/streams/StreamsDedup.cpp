@@ -1,6 +1,7 @@
 #include "replication/repository/streams/Streams.h"
 
 #include "base/blocks/Blocks.h"
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 #include "base/trees/BPlusTree.h"
 #include "base/trees/PagedQueue.h"
@@ -139,7 +140,12 @@ bool Streams::claimForDeletion(StreamId id, StreamNode& node) {
     TracedLock open(openLock_);
     if (open_.contains(id) || deleting_.contains(id))
         return false;
+    Morva::Failures::Watch const watch;
     node = loadNode(id);
+    if (!node && watch.any()) {
+        TracedLock nodes(nodesLock_);
+        deferredDeletes_.push_back(id); // the next flush asks again
+    }
     if (!node)
         return false;
     if (node.referenceCount() != 0) {
