@@ -11,6 +11,8 @@ if(MORVA_CCACHE)
     set(CMAKE_CXX_COMPILER_LAUNCHER
         ${CMAKE_COMMAND} -E env
         CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
+        # Checkouts in other places share what was compiled.
+        CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} CCACHE_NOHASHDIR=true
         ${MORVA_CCACHE})
 endif()
 find_program(MORVA_MOLD mold)
