@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/values/Printable.h"
+
 #include <QString>
 #include <QStringView>
 
@@ -7,16 +9,9 @@
 
 namespace Morva {
 
-/// A name between quotes, control characters as \x0a, so that it can't forge a line.
+/// A name between quotes, as a person can be shown it.
 [[nodiscard]] inline QString quoted(QStringView text) {
-    QString result(u'"');
-    for (QChar const c : text) {
-        if (c.unicode() < 0x20 || c.unicode() == 0x7F)
-            result += QStringLiteral("\\x%1").arg(c.unicode(), 2, 16, QLatin1Char('0'));
-        else
-            result += c;
-    }
-    return result + u'"';
+    return u'"' + printable(text) + u'"';
 }
 
 [[nodiscard]] inline QString hexNumber(std::uint64_t value) {

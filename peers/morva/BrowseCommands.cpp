@@ -108,7 +108,7 @@ private:
 };
 
 void list(CommandLine& line, Arguments const& given) {
-    OpenStore store(line.output.root, given.store);
+    OpenStore store(line.output, given.store);
     auto const object = objectNamed(store, given.object);
     Lister lister(line, object.tree, given.isLong);
     if (!object.entry.isDirectory)
@@ -168,7 +168,7 @@ void printContent(NamedObject const& object) {
 }
 
 void cat(CommandLine& line, Arguments const& given) {
-    OpenStore store(line.output.root, given.store);
+    OpenStore store(line.output, given.store);
     printContent(objectNamed(store, given.object));
     store.finish();
 }
@@ -208,7 +208,7 @@ private:
 };
 
 void find(CommandLine& line, Arguments const& given) {
-    OpenStore store(line.output.root, given.store);
+    OpenStore store(line.output, given.store);
     auto const object = objectNamed(store, given.object);
     Pattern const pattern(given.pattern);
     Lister lister(line, object.tree, given.isLong);
@@ -224,7 +224,7 @@ void find(CommandLine& line, Arguments const& given) {
 }
 
 void diff(CommandLine& line, Arguments const& given) {
-    OpenStore store(line.output.root, given.store);
+    OpenStore store(line.output, given.store);
     auto const before = store.tree(argumentText(given.object));
     auto const after = store.tree(argumentText(given.other));
     auto const parts = pathParts(argumentText(given.path));
@@ -270,7 +270,7 @@ void diff(CommandLine& line, Arguments const& given) {
 }
 
 void versions(CommandLine& line, Arguments const& given) {
-    OpenStore store(line.output.root, given.store);
+    OpenStore store(line.output, given.store);
     auto const all = versionList(store.store(), pathParts(argumentText(given.path)));
     if (all.empty())
         throw CommandFailure(ExitCode::Failed,

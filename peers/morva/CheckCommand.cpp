@@ -12,7 +12,7 @@ namespace Morva {
 namespace {
 
 void check(CommandLine& line, bool readData) {
-    Root::Lock const lock(line.output.root);
+    RootLock const lock(line.output.root, RootLock::Mode::Exclusive, line.output.wait);
     if (!FixedPath::setRoot(line.output.root))
         throw CommandFailure(ExitCode::Failed,
                              "the \"paths.cfg\" of " + line.output.root + " can't be read");

@@ -18,7 +18,8 @@ struct CommandLine {
 };
 
 void addRootCommands(CommandLine& line);       ///< init, erase
-void addLogCommands(CommandLine& line);        ///< log, replay, replicate
+void addLogCommands(CommandLine& line);        ///< log, replay
+void addReplicateCommand(CommandLine& line);   ///< replicate
 void addExcludeCommand(CommandLine& line);     ///< exclude
 void addSnapshotCommands(CommandLine& line);   ///< snapshot, snapshots, delete-snapshot, dedup
 void addBrowseCommands(CommandLine& line);     ///< ls, cat, diff, versions, find

@@ -1,6 +1,7 @@
 #include "base/process/Config.h"
 #include "peers/morva/Commands.h"
 #include "peers/morva/Root.h"
+#include "peers/morva/SnapshotTree.h"
 #include "replication/repository/store/ControlBlock.h"
 #include "replication/repository/store/Store.h"
 
@@ -57,9 +58,9 @@ struct Names {
 void exclude(CommandLine& line, Arguments const& given) {
     Stopwatch const watch;
     std::uint32_t entries = 0;
-    auto const details = readDetails(QString::fromStdString(given.details), entries);
-    Root root(line.output.root);
-    auto const& source = root.source(QString::fromStdString(given.store));
+    auto const details = readDetails(argumentText(given.details), entries);
+    Root root(line.output);
+    auto const& source = root.source(argumentText(given.store));
     auto sink = root.sink(source);
     auto store = root.store(source);
     Names const before(*store);

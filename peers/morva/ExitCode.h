@@ -11,7 +11,7 @@ enum class ExitCode : int {
     Done = 0,
     Failed = 1,
     Usage = 2,
-    SomeUnread = 3, ///< some files could not be read
+    SomeUnread = 3, ///< done, but some files could not be read, stored or restored
     NoRepository = 10,
     InUse = 11, ///< by another process
     Interrupted = 130
@@ -22,11 +22,14 @@ enum class ExitCode : int {
 class CommandFailure : public std::runtime_error {
 public:
     CommandFailure(ExitCode code, QString const& text)
-        : std::runtime_error(text.toStdString()), code_(code) {}
+        : std::runtime_error(text.toStdString()), code_(code), text_(text) {}
     [[nodiscard]] ExitCode code() const { return code_; }
+    /// With names as they are; empty when nobody needs to be told.
+    [[nodiscard]] QString const& text() const { return text_; }
 
 private:
     ExitCode code_;
+    QString text_;
 };
 
 } // namespace Morva

@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,9 +28,9 @@ void inspect(CommandLine& line, Arguments const& given) {
     bool const single =
         !words.isEmpty() && (words[0] == QLatin1String("state") ||
                              words[0] == QLatin1String("list") || words[0] == QLatin1String("log"));
-    std::unique_ptr<Root::Lock> lock;
+    std::optional<RootLock> lock;
     if (!single) {
-        lock = std::make_unique<Root::Lock>(line.output.root);
+        lock.emplace(line.output.root, RootLock::Mode::Exclusive, line.output.wait);
         if (!FixedPath::setRoot(line.output.root))
             throw CommandFailure(ExitCode::Failed,
                                  "the \"paths.cfg\" of " + line.output.root + " can't be read");

@@ -48,10 +48,13 @@ bool Leveller::level(FileTree::Entry const& directory, std::string const& path) 
 bool Leveller::levelEntry(FileTree::Entry const& entry, std::string const& path) {
     struct stat status {};
     auto const there = ::lstat(path.c_str(), &status) == 0;
-    if (!there && errno != ENOENT && errno != ENOTDIR)
+    if (!there && errno != ENOENT && errno != ENOTDIR) {
+        files_ += !entry.isDirectory;
         return true; // The walk meets it too and tells the user.
+    }
     if (!there || S_ISDIR(status.st_mode) != entry.isDirectory)
         return remove(entry, path);
+    files_ += !entry.isDirectory;
     auto const node = live_.node(entry.id);
     if (!node)
         return true;
@@ -72,6 +75,10 @@ bool Leveller::remove(FileTree::Entry const& entry, std::string const& path) {
         for (auto const& child : entries)
             if (!remove(child, path + '/' + nameBytes(child.name).toStdString()))
                 return false;
+    }
+    if (!entry.isDirectory) {
+        ++files_;
+        ++removedFiles_;
     }
     removals_.push_back({path, entry.isDirectory, {}});
     return true;

@@ -32,6 +32,9 @@ public:
     /// For the walk; thread-safe once `run` has ended.
     [[nodiscard]] bool unchanged(std::string_view path, struct stat const& status) const;
     [[nodiscard]] std::uint64_t removed() const { return removals_.size(); }
+    /// Names in the store that are no directories, and those of them that are gone.
+    [[nodiscard]] std::uint64_t files() const { return files_; }
+    [[nodiscard]] std::uint64_t removedFiles() const { return removedFiles_; }
 
 private:
     struct Known {
@@ -60,6 +63,8 @@ private:
         std::string attribute; ///< only this extended attribute, if it isn't empty
     };
     std::vector<Removal> removals_;
+    std::uint64_t files_ = 0;
+    std::uint64_t removedFiles_ = 0;
 };
 
 } // namespace Morva

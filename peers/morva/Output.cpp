@@ -2,6 +2,7 @@
 
 #include "base/values/DataSize.h"
 #include "base/values/PosixText.h"
+#include "base/values/Printable.h"
 #include "peers/morva/ExitCode.h"
 
 #include <QDateTime>
@@ -19,30 +20,50 @@ std::atomic<bool> Output::interrupted{false};
 
 namespace {
 
-bool print(std::FILE* file, QByteArray const& line) {
+/// One call, so that lines of several threads don't mix. 0, or an errno.
+int print(std::FILE* file, QByteArray line, char end = '\n') {
+    line += end;
     auto const size = static_cast<std::size_t>(line.size());
-    return std::fwrite(line.constData(), 1, size, file) == size && std::fputc('\n', file) != EOF;
+    errno = 0;
+    if (std::fwrite(line.constData(), 1, size, file) == size)
+        return 0;
+    return errno != 0 ? errno : EIO;
 }
 
-void checkWritten(bool written) {
-    if (written)
-        return;
-    // Whoever has stopped reading needs no message.
-    auto const why = errno == EPIPE
-                         ? QString()
-                         : QStringLiteral("can't write the results: ") + std::strerror(errno);
-    throw CommandFailure(ExitCode::Failed, why);
+void tell(QString const& printableText) {
+    (void)print(stderr, "morva: " + encodePosixText(printableText)); // there is nobody else to tell
 }
 
 } // namespace
 
+void failOutput(int error) {
+    // Whoever has stopped reading needs no message.
+    throw CommandFailure(ExitCode::Failed,
+                         error == EPIPE
+                             ? QString()
+                             : QStringLiteral("can't write the results: ") + std::strerror(error));
+}
+
 void Output::result(QString const& text, QString const& type, QJsonObject object) const {
+    int error = 0;
     if (json) {
+        if (object.isEmpty() && type.isEmpty())
+            return;
         object.insert("type", type);
-        checkWritten(print(stdout, QJsonDocument(object).toJson(QJsonDocument::Compact)));
+        error = print(stdout, QJsonDocument(object).toJson(QJsonDocument::Compact));
     } else if (!text.isEmpty()) {
-        checkWritten(print(stdout, encodePosixText(text)));
+        error = print(stdout, encodePosixText(printableLines(text)));
     }
+    if (error != 0)
+        failOutput(error);
+}
+
+void Output::name(QByteArray const& bytes, QString const& type, QJsonObject object) const {
+    if (json)
+        return result({}, type, std::move(object));
+    if (auto const error =
+            nulEnds ? print(stdout, bytes, '\0') : print(stdout, encodePosixText(shownPath(bytes))))
+        failOutput(error);
 }
 
 void Output::summary(QString const& text, QString const& type, QJsonObject object) const {
@@ -51,16 +72,32 @@ void Output::summary(QString const& text, QString const& type, QJsonObject objec
 }
 
 void Output::flushResults() const {
-    checkWritten(std::fflush(stdout) == 0);
+    errno = 0;
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        failOutput(errno != 0 ? errno : EIO);
 }
 
 void Output::remark(QString const& text) const {
     if (verbose)
-        print(stderr, encodePosixText(text));
+        tell(printable(text));
 }
 
 void Output::error(QString const& text) const {
-    print(stderr, "morva: " + encodePosixText(text));
+    tell(printable(text));
+}
+
+void Output::usage(QString const& text) const {
+    tell(printableLines(text));
+}
+
+void Output::unreadable(QByteArray const& path, QString const& reason) const {
+    error(shownPath(path) + ": " + reason);
+    if (!json)
+        return;
+    QJsonObject const object{
+        {"type", "unreadable"}, {"path", decodePosixText(path)}, {"reason", reason}};
+    // `flushResults` sees that it failed; this may be a thread that must not throw.
+    (void)print(stdout, QJsonDocument(object).toJson(QJsonDocument::Compact));
 }
 
 void Output::progress(std::uint64_t doneBytes, std::uint64_t totalBytes, std::uint64_t files) {
@@ -98,6 +135,10 @@ void Output::endProgress() {
 void Output::checkInterrupt() {
     if (interrupted.load(std::memory_order_relaxed))
         throw CommandFailure(ExitCode::Interrupted, "interrupted");
+}
+
+QString shownPath(QByteArray const& path) {
+    return printable(decodePosixText(path));
 }
 
 QString readableSize(std::uint64_t bytes) {

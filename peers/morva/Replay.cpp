@@ -17,6 +17,7 @@ Replay::Replay(Root& root, Root::Source const& source, Output& output)
 
 void Replay::apply(LogPointer const& log) {
     Failures::Watch const failures;
+    counts_.lastNumber = log->sequenceNumber();
     auto const outcome = sink_->takeLog(log);
     switch (outcome) {
     case DataSink::Outcome::Applied:
@@ -36,24 +37,24 @@ void Replay::apply(LogPointer const& log) {
     case DataSink::Outcome::Failed:
         break;
     }
-    if (failures.any()) {
-        root_.checkpoint();
+    if (failures.any())
         throw CommandFailure(
             ExitCode::Failed,
-            QStringLiteral("the repository could not store log %1; is the disk full? All logs "
-                           "before it are stored")
+            QStringLiteral("the repository could not store log %1 (with -v the reason is told); it "
+                           "is as it was at its last checkpoint. Free some space, or see 'morva "
+                           "check', and repeat the command: it goes on from there")
                 .arg(log->sequenceNumber()));
-    }
     ++counts_.failed;
-    output_.error(QStringLiteral("log %1 could not be applied: %2")
-                      .arg(log->sequenceNumber())
-                      .arg(QString::fromStdString(log->toText())));
+    auto const path = log->file();
+    output_.unreadable({path.data(), static_cast<qsizetype>(path.size())},
+                       QStringLiteral("log %1 could not be applied: %2")
+                           .arg(log->sequenceNumber())
+                           .arg(QString::fromStdString(log->headerText()).trimmed()));
 }
 
-QString Replay::readAll(LogReadAhead& input) {
+QString Replay::readAll(LogReadAhead& input, std::uint64_t size) {
     LogHeader header;
-    while (!input.atEnd()) {
-        Output::checkInterrupt();
+    while (!Output::interrupted.load(std::memory_order_relaxed) && !input.atEnd()) {
         auto const start = input.position();
         auto const broken = [&](char const* what) {
             return QStringLiteral(
@@ -70,7 +71,7 @@ QString Replay::readAll(LogReadAhead& input) {
         if (!log->receive(input.io(), header))
             return broken("is torn or damaged");
         apply(log);
-        output_.progress(input.position(), 0, counts_.logs);
+        output_.progress(input.position(), size, counts_.logs);
     }
     if (input.lastError() != 0)
         return QStringLiteral("can't read the log: ") + std::strerror(input.lastError());

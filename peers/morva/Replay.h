@@ -21,19 +21,27 @@ public:
         std::uint64_t bytes = 0; ///< of log bodies
         std::uint64_t old = 0;   ///< passed over: the store has had them
         std::uint64_t failed = 0;
+        std::uint64_t lastNumber = 0; ///< of the last log that was given
     };
 
     Replay(Root& root, Root::Source const& source, Output& output);
 
-    /// Applies one log. Fails as a command when the store can't take logs any more.
+    /// Applies one log. One that doesn't fit the store is told and counted as failed. Throws
+    /// `CommandFailure` when the store can't take logs any more; then what was applied since the
+    /// last checkpoint is not to be kept.
     void apply(Replication::LogPointer const& log);
-    /// Applies logs from a file or pipe until its clean end. The text of what ended it before that:
-    /// a torn or damaged log; empty if nothing did. What came before is applied.
-    [[nodiscard]] QString readAll(Replication::LogReadAhead& input);
+    /// Applies logs from a file or pipe, of that many bytes if it isn't 0, until its clean end or
+    /// an interruption. The text of what else ended it: a torn or damaged log; empty if nothing
+    /// did. What came before is applied.
+    [[nodiscard]] QString readAll(Replication::LogReadAhead& input, std::uint64_t size = 0);
     /// Saves the sink's state.
     void end();
 
     [[nodiscard]] Counts const& counts() const { return counts_; }
+    /// The number of the last log that the store has taken.
+    [[nodiscard]] std::uint64_t position() const { return sink_->ackSequence(); }
+    /// The directory of the source that the store holds, as the rules in force have it.
+    [[nodiscard]] QString const& sourceRoot() const { return sink_->sourceRoot(); }
     /// The paths of the store that the logs asked to be resynchronised, so far.
     [[nodiscard]] QSet<QString> const& resyncPaths() const { return sink_->resyncPaths(); }
     /// A whole tree has been applied: the store is level with its source.

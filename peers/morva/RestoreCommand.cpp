@@ -95,7 +95,7 @@ void summarise(Output const& output, OpenStore const& store, NamedObject const& 
 void restore(CommandLine& line, Arguments const& given) {
     Stopwatch const watch;
     auto& output = line.output;
-    OpenStore store(output.root, given.store);
+    OpenStore store(output, given.store);
     auto const object = objectNamed(store, given.object);
     auto target = openTarget(given);
     raiseDescriptorLimit();

@@ -6,20 +6,16 @@
 #include "base/process/FixedPath.h"
 #include "base/trace/Log.h"
 #include "base/trace/Trace.h"
-#include "peers/morva/ExitCode.h"
-#include "replication/common/rules/RuleFiles.h"
+#include "peers/morva/Failure.h"
 #include "replication/repository/store/Store.h"
 #include "replication/repository/streams/OperationGate.h"
 
 #include <QDir>
 #include <QFile>
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 namespace Morva {
@@ -28,10 +24,8 @@ using Replication::CleanupWorker;
 using Replication::DedupWorker;
 using Replication::OperationGate;
 using Replication::ReplayId;
-using Replication::RuleFiles;
 using Replication::Sink;
 using Replication::SourceKind;
-using Replication::SourceRules;
 using Replication::Store;
 using Replication::StoreId;
 using Replication::StoreIdentity;
@@ -46,8 +40,8 @@ QString configFile(char const* name) {
 
 /// A crash costs no more than what was done in this time, a checkpoint not much more than to copy
 /// so many bytes.
-constexpr std::chrono::seconds checkpointInterval{30};
-constexpr std::uint64_t pendingLimit = 256 << 20;
+constexpr std::chrono::seconds checkpointInterval{5};
+constexpr std::uint64_t pendingLimit = 64 << 20;
 
 QString openMark() {
     return FixedPath::runtime() + "/open";
@@ -60,6 +54,21 @@ QString stateFile(Root::Source const& source) {
 void setRoot(QString const& path) {
     if (!FixedPath::setRoot(path))
         throw CommandFailure(ExitCode::Failed, "the \"paths.cfg\" of " + path + " can't be read");
+}
+
+/// Whether a name is there. What the system can't say is neither yes nor no.
+bool isThere(QString const& name) {
+    struct stat status {};
+    if (::lstat(QFile::encodeName(name).constData(), &status) == 0)
+        return true;
+    if (errno == ENOENT)
+        return false;
+    throw commandFailure("can't look for " + name, Status::fromErrno(errno, "look at", name));
+}
+
+/// The file that each store has.
+QString filesOf(Source const& source) {
+    return Store::directoryOf(StoreId{source.id}) + "/files";
 }
 
 void makePath(QString const& path) {
@@ -91,32 +100,8 @@ XmlList initialConfiguration() {
 
 } // namespace
 
-Root::Lock::Lock(QString const& path) {
-    if (path.isEmpty())
-        throw CommandFailure(ExitCode::NoRepository,
-                             "no repository is named: say where with --root or MORVA_ROOT");
-    auto const name = QFile::encodeName(path + "/morva.lock");
-    descriptor_ = ::open(name.constData(), O_RDWR | O_CLOEXEC);
-    if (descriptor_ < 0)
-        throw CommandFailure(ExitCode::NoRepository,
-                             "there is no repository at " + path + " (see 'morva init')");
-    if (::flock(descriptor_, LOCK_EX | LOCK_NB) == 0)
-        return;
-    auto const error = errno;
-    ::close(std::exchange(descriptor_, -1));
-    if (error == EWOULDBLOCK)
-        throw CommandFailure(ExitCode::InUse,
-                             "the repository at " + path + " is in use by another process");
-    throw CommandFailure(ExitCode::Failed, "can't lock " + path + ": " + std::strerror(error));
-}
-
-Root::Lock::~Lock() {
-    if (descriptor_ >= 0)
-        ::close(descriptor_);
-}
-
 void Root::init(QString const& path) {
-    if (QFile::exists(path + "/morva.lock"))
+    if (isThere(RootLock::fileName(path)))
         throw CommandFailure(ExitCode::Failed, "there is a repository at " + path + " already");
     makePath(path);
     setRoot(path);
@@ -130,25 +115,22 @@ void Root::init(QString const& path) {
     if (!Context::pinMachineName())
         throw CommandFailure(ExitCode::Failed, "can't write " + configFile("runtime.cfg"));
     // Last, so that a root with a lock file is whole.
-    QFile lock(path + "/morva.lock");
-    if (!lock.open(QIODevice::WriteOnly | QIODevice::NewOnly))
-        throw CommandFailure(ExitCode::Failed, "can't make " + lock.fileName());
+    RootLock::make(path);
 }
 
-Root::Root(QString const& path, For purpose) : path_(path), purpose_(purpose), lock_(path) {
+Root::Root(QString const& path, For purpose, std::chrono::milliseconds wait)
+    : path_(path), purpose_(purpose), lock_(path, RootLock::Mode::Exclusive, wait) {
     setRoot(path);
     markOpen();
     journal_ = openJournal();
-    readSources();
+    sources_.load();
+    findStores();
     openPool();
 }
 
 Root::~Root() {
-    try {
-        finish();
-    } catch (CommandFailure const&) {
-        // Whoever wants to know calls `finish` himself.
-    }
+    if (streams_)
+        takeBack();
 }
 
 void Root::markOpen() {
@@ -173,28 +155,10 @@ std::unique_ptr<Journal> Root::openJournal() {
     return journal;
 }
 
-void Root::readSources() {
-    auto const list = Config::load(configFile("sources.cfg"));
-    if (!list.usable())
-        throw CommandFailure(ExitCode::Failed, "can't read " + configFile("sources.cfg"));
-    for (XmlListIterator item(list, QStringLiteral("Source")); item; ++item) {
-        auto const entry = item.getXmlList();
-        Source source;
-        source.name = entry.get("Name", QString());
-        source.sourceRoot = entry.get("Root", QStringLiteral("/"));
-        source.id = entry.get("Id", std::uint32_t{0});
-        for (XmlListIterator suffix(entry, QStringLiteral("DedupExclude")); suffix; ++suffix)
-            source.dedupExclude += suffix.getString();
-        if (source.name.isEmpty() || source.id == 0)
-            throw CommandFailure(ExitCode::Failed, configFile("sources.cfg") + " is damaged");
-        sources_ += source;
-        lastId_ = std::max(lastId_, source.id);
-    }
-    lastId_ = std::max(lastId_, list.get("LastId", std::uint32_t{0}));
-    ruleSet_ = Replication::latestRuleSetId();
-    Replication::DisRules const rules(ruleSet_);
-    for (auto& source : sources_)
-        source.kind = sourceKind(rules, source.id).value_or(SourceKind::Posix);
+void Root::findStores() {
+    for (auto const& source : sources())
+        if (!source.made && isThere(filesOf(source)))
+            sources_.markMade(source.id);
 }
 
 void Root::openPool() {
@@ -209,63 +173,17 @@ void Root::openPool() {
     Store::configure(configuration.getXmlList(nullptr, "StoreConfiguration"), streams_, nullptr);
 }
 
-bool Root::hasSource(QString const& name) const {
-    return std::any_of(sources_.begin(), sources_.end(),
-                       [&](Source const& source) { return source.name == name; });
+Source const& Root::addSource(QString const& name, QString const& sourceRoot,
+                              QStringList const& dedupExclude, SourceKind kind) {
+    return sources_.add({name, sourceRoot, 0, dedupExclude, kind});
 }
 
-Root::Source const& Root::source(QString const& name) const {
-    if (name.isEmpty() && sources_.size() == 1)
-        return sources_.front();
-    if (name.isEmpty())
-        throw CommandFailure(ExitCode::Usage, sources_.isEmpty()
-                                                  ? "the repository has no store yet"
-                                                  : "say which store is meant with --store");
-    for (auto const& source : sources_)
-        if (source.name == name)
-            return source;
-    throw CommandFailure(ExitCode::Failed, "there is no store named " + name);
-}
-
-Root::Source const& Root::addSource(QString const& name, QString const& sourceRoot,
-                                    QStringList const& dedupExclude, SourceKind kind) {
-    sources_ += Source{name, sourceRoot, ++lastId_, dedupExclude, kind};
-    saveSources();
-    return sources_.back();
-}
-
-void Root::saveSources() {
-    XmlList all;
-    all.set("LastId", lastId_);
-    for (auto const& source : std::as_const(sources_)) {
-        XmlList entry;
-        entry.set("Name", source.name);
-        entry.set("Root", source.sourceRoot);
-        entry.set("Id", source.id);
-        for (auto const& suffix : source.dedupExclude)
-            entry.set("DedupExclude", suffix, XmlList::SetTypeE::Add);
-        all.set("Source", entry, XmlList::SetTypeE::Add);
-    }
-    writeRules();
-    save("sources.cfg", all);
-}
-
-void Root::writeRules() {
-    QList<SourceRules> streams;
-    for (auto const& source : std::as_const(sources_)) {
-        SourceRules stream;
-        stream.storeName = source.name;
-        stream.kind = source.kind;
-        stream.sourceRoot = source.sourceRoot;
-        stream.replayId = source.id;
-        stream.firstRule = source.id;
-        stream.dedupExclude = source.dedupExclude;
-        streams += stream;
-    }
-    auto const files = RuleFiles::make(streams);
-    if (!files || !files->write(ruleSet_ + 1))
-        throw CommandFailure(ExitCode::Failed, "can't write the rule files of " + path_);
-    ++ruleSet_;
+void Root::forgetUnmade(QString const& name) {
+    if (!sources_.contains(name) || sources_.find(name).made)
+        return;
+    auto const id = sources_.find(name).id;
+    open_.removeIf([&](StorePointer const& store) { return store->id().value == id; });
+    sources_.remove(id);
 }
 
 StorePointer Root::store(Source const& source, Marked marked) {
@@ -275,9 +193,15 @@ StorePointer Root::store(Source const& source, Marked marked) {
             return store;
     StoreIdentity identity(ReplayId{source.id}, Context::machineName().name(),
                            "repository-" + source.name);
-    auto const exists = QFile::exists(Store::directoryOf(id) + "/files");
     if (source.kind == SourceKind::Exchange)
         identity.filterType = Replication::eFilterExchange;
+    auto const exists = isThere(filesOf(source));
+    if (!exists && source.made)
+        throw CommandFailure(ExitCode::Failed, "the files of the store " + source.name +
+                                                   " are not at " + Store::directoryOf(id) +
+                                                   ": is its volume mounted?");
+    if (!exists && purpose_ == For::Reading)
+        throw CommandFailure(ExitCode::Failed, "the store " + source.name + " holds nothing yet");
     auto store = exists ? Store::open(id, identity)
                         : Store::create(id, identity, caseSensitive(source.kind));
     if (!store && exists) {
@@ -290,7 +214,8 @@ StorePointer Root::store(Source const& source, Marked marked) {
                                                        source.name + "' ends it");
     }
     if (!store)
-        throw CommandFailure(ExitCode::Failed, "the store " + source.name + " does not open");
+        throw CommandFailure(ExitCode::Failed,
+                             "the store " + source.name + " does not open; run 'morva check'");
     if (store->unclean() && store->valid() && purpose_ == For::Changing)
         store->freeUnclaimed();
     open_ += store;
@@ -325,23 +250,34 @@ void Root::erase(QString const& name, bool deactivate) {
     StoreId const id{source.id};
     auto const directory = Store::directoryOf(id);
     // Without "files" an erasing had come to its end but for what follows here.
-    if (QFile::exists(directory + "/files")) {
+    if (isThere(filesOf(source))) {
         markForDeletion(source, deactivate);
         auto const store = Store::open(id, true);
         if (!store || !store->erase())
-            throw CommandFailure(ExitCode::Failed,
-                                 "not all of the store " + name + " could be erased; try again");
+            throw CommandFailure(ExitCode::Failed, "not all of the store " + name +
+                                                       " could be erased; run 'morva check', or "
+                                                       "repeat the command");
     }
     QDir().rmdir(directory);
-    if (QFile::exists(directory))
+    if (isThere(directory))
         throw CommandFailure(ExitCode::Failed, "can't remove " + directory);
-    if (QFile::exists(stateFile(source)) && !RawFile::remove(stateFile(source)))
+    if (isThere(stateFile(source)) && !RawFile::remove(stateFile(source)))
         throw CommandFailure(ExitCode::Failed, "can't remove " + stateFile(source));
     drain(false);
     // The name goes last: until the rest is kept, the store must be there to be named.
     checkpoint();
-    sources_.removeIf([&](Source const& each) { return each.id == source.id; });
-    saveSources();
+    sources_.remove(source.id);
+}
+
+std::uint64_t Root::position(Source const& source) const {
+    if (!isThere(stateFile(source)))
+        return 0;
+    Replication::StateFile state(stateFile(source));
+    state.readHeader();
+    if (!state.valid())
+        throw CommandFailure(ExitCode::Failed,
+                             "can't read " + stateFile(source) + "; run 'morva check'");
+    return state.sequenceNumber();
 }
 
 std::unique_ptr<Sink> Root::sink(Source const& source) {
@@ -355,7 +291,7 @@ std::unique_ptr<Sink> Root::sink(Source const& source) {
     identity.sourceMachine = Context::machineName().name();
     identity.target = source.name;
     identity.stateFile = stateFile(source);
-    identity.ruleSet = ruleSet_;
+    identity.ruleSet = ruleSet();
     auto sink = makeSink(source.kind, identity, ReplayId{source.id}, target, streams_);
     if (!sink->start())
         throw CommandFailure(ExitCode::Failed,
@@ -383,8 +319,8 @@ void Root::drain(bool dedup) {
 
 CommandFailure Root::notWritten() const {
     return {ExitCode::Failed, "not everything could be written to " + path_ +
-                                  "; is the disk full? The repository is as it was at its last "
-                                  "checkpoint"};
+                                  "; the repository is as it was at its last checkpoint. Is "
+                                  "there space? Else run 'morva check'"};
 }
 
 void Root::flush() {
@@ -396,12 +332,27 @@ void Root::flush() {
         throw notWritten();
 }
 
+std::vector<std::uint32_t> Root::openStores() const {
+    std::vector<std::uint32_t> ids;
+    for (auto const& store : open_)
+        ids.push_back(static_cast<std::uint32_t>(store->id().value));
+    return ids;
+}
+
+/// After a checkpoint, which holds these stores.
+void Root::keep(std::vector<std::uint32_t> const& stores) {
+    for (auto const id : stores)
+        sources_.markMade(id);
+    sources_.save();
+}
+
 void Root::checkpoint() {
     OperationGate::EnterAlone const alone;
     flush();
     if (!journal_->checkpoint())
         throw notWritten();
     lastCheckpoint_ = std::chrono::steady_clock::now();
+    keep(openStores());
 }
 
 void Root::checkpointIfDue() {
@@ -410,30 +361,52 @@ void Root::checkpointIfDue() {
         checkpoint();
 }
 
-void Root::finish() {
-    if (!streams_)
-        return;
+bool Root::close() {
     dedup_.reset();
     cleanup_.reset();
-    bool flushed = true;
-    try {
-        OperationGate::EnterAlone const alone;
-        flush();
-    } catch (CommandFailure const&) {
-        flushed = false;
-    }
     open_.clear();
     Store::closeAll();
-    if (streams_.use_count() != 1)
+    bool const inUse = streams_.use_count() > 1;
+    if (inUse)
         MORVA_TRACE(Always)
             << "The pool is in use beyond its end, and its files stay marked as open";
     streams_.reset();
-    bool const kept =
-        purpose_ == For::Reading ? journal_->rollBack() : flushed && journal_->checkpoint();
+    return !inUse;
+}
+
+void Root::takeBack() noexcept {
+    // Where it can't be done now, the next opening does it, and tells the user.
+    if (close() && journal_->rollBack())
+        QFile::remove(openMark());
     journal_.reset();
-    if (!kept)
+    sources_.takeBack();
+}
+
+void Root::finish() {
+    if (!streams_)
+        return;
+    if (purpose_ == For::Reading) {
+        takeBack();
+        return;
+    }
+    dedup_.reset();
+    cleanup_.reset();
+    try {
+        OperationGate::EnterAlone const alone;
+        flush();
+    } catch (...) {
+        takeBack();
+        throw;
+    }
+    auto const stores = openStores();
+    (void)close(); // what is still in use has been traced, and is flushed
+    if (!journal_->checkpoint()) {
+        takeBack();
         throw notWritten();
+    }
+    journal_.reset();
     QFile::remove(openMark());
+    keep(stores);
 }
 
 } // namespace Morva

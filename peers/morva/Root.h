@@ -2,6 +2,9 @@
 
 #include "base/files/Journal.h"
 #include "peers/morva/ExitCode.h"
+#include "peers/morva/Output.h"
+#include "peers/morva/RootLock.h"
+#include "peers/morva/SourceTable.h"
 #include "replication/repository/replay/SinkFactory.h"
 #include "replication/repository/store/DedupWorker.h"
 #include "replication/repository/store/StoreTable.h"
@@ -14,6 +17,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 namespace Morva {
 
@@ -28,56 +32,53 @@ namespace Morva {
 ///  repository/state-<target>    how far the sink of a store has come
 ///  repository/...               the pool and the stores
 ///
-/// A checkpoint is made at the end of a process that changes something, and now and then while it
-/// replays logs. What a process did after its last checkpoint is gone when it dies.
+/// Only `checkpoint` and `finish` make what was done stay. What was done after the last of them is
+/// taken back when the object ends, and gone when the process dies.
 ///
 /// For one thread. Operations that fail throw `CommandFailure`.
 class Root {
 public:
-    /// One store as sources.cfg names it. Its replay id and its store id are the same number.
-    struct Source {
-        QString name;
-        QString sourceRoot; ///< absolute path on the source
-        std::uint32_t id = 0;
-        QStringList dedupExclude; ///< ends of names that are not deduplicated
-        Replication::SourceKind kind = Replication::SourceKind::Posix; ///< as the rules have it
-    };
+    using Source = Morva::Source;
 
     /// Makes a root; fails if there is one.
     static void init(QString const& path);
-    /// Locks the root without opening anything in it, for readers of its bare files.
-    struct Lock {
-        explicit Lock(QString const& path);
-        ~Lock();
-        Lock(Lock const&) = delete;
-        Lock& operator=(Lock const&) = delete;
-
-    private:
-        int descriptor_ = -1;
-    };
 
     enum class For { Reading, Changing };
-    /// Opens the root at its last checkpoint, and its pool. `NoRepository` when there is none,
-    /// `InUse` when another process has it. What is done for reading alone makes no checkpoint.
-    explicit Root(QString const& path, For purpose = For::Changing);
-    /// Closes what is open; use `finish` to learn whether all of it reached the disk.
+    /// Opens the root at its last checkpoint, and its pool; waits so long while another process has
+    /// it. See `RootLock` for what it throws. What is done for reading alone makes no checkpoint.
+    explicit Root(QString const& path, For purpose = For::Changing,
+                  std::chrono::milliseconds wait = {});
+    /// The root that the command line names.
+    explicit Root(Output const& output, For purpose = For::Changing)
+        : Root(output.root, purpose, output.wait) {}
+    /// Closes what is open, and takes back what no checkpoint holds.
     ~Root();
     Root(Root const&) = delete;
     Root& operator=(Root const&) = delete;
 
     [[nodiscard]] Replication::Streams& pool() { return *streams_; }
-    [[nodiscard]] QList<Source> const& sources() const { return sources_; }
-    /// The source of that name; of the only store for an empty name. Fails when there is none, or
-    /// when the name is empty and there are several.
-    [[nodiscard]] Source const& source(QString const& name) const;
-    /// Adds a store to sources.cfg and writes a rule set with it.
+    [[nodiscard]] SourceTable const& sourceTable() const { return sources_; }
+    [[nodiscard]] QList<Source> const& sources() const { return sources_.all(); }
+    [[nodiscard]] Source const& source(QString const& name) const { return sources_.find(name); }
+    [[nodiscard]] bool hasSource(QString const& name) const { return sources_.contains(name); }
+    /// Enters a new store in the table; it is made at its first use.
     Source const& addSource(QString const& name, QString const& sourceRoot,
                             QStringList const& dedupExclude = {},
                             Replication::SourceKind kind = Replication::SourceKind::Posix);
-    [[nodiscard]] bool hasSource(QString const& name) const;
+    /// Takes a store that was never made out of the table; any other stays.
+    void forgetUnmade(QString const& name);
+    /// From the next checkpoint on the store holds another directory of its source. Logs of the
+    /// newest rule set are of that one.
+    void moveSource(QString const& name, QString const& sourceRoot) {
+        sources_.move(name, sourceRoot);
+    }
+    /// The number of the last log that a store has taken, 0 if it has taken none.
+    [[nodiscard]] std::uint64_t position(Source const& source) const;
+    [[nodiscard]] std::uint32_t ruleSet() const { return sources_.ruleSet(); }
 
-    /// The open store of a source; makes it if it has never been there. A store that is marked for
-    /// deletion can only be looked at, and is not given otherwise.
+    /// The open store of a source; makes it if no checkpoint has ever held it, and fails when it
+    /// was there and its files aren't. A store that is marked for deletion can only be looked at,
+    /// and is not given otherwise.
     enum class Marked { Refused, Given };
     [[nodiscard]] Replication::StorePointer store(Source const& source,
                                                   Marked marked = Marked::Refused);
@@ -107,22 +108,23 @@ public:
 
 private:
     void markOpen();
-    void readSources();
-    void saveSources();
-    void writeRules();
+    void findStores();
     void markForDeletion(Source const& source, bool deactivate);
     void openPool();
     void flush();
+    [[nodiscard]] std::vector<std::uint32_t> openStores() const;
+    void keep(std::vector<std::uint32_t> const& stores);
+    /// False when something is still in use.
+    bool close();
+    void takeBack() noexcept;
     [[nodiscard]] CommandFailure notWritten() const;
 
     QString path_;
     For purpose_;
-    Lock lock_;
+    RootLock lock_;
     std::unique_ptr<Journal> journal_;
     std::chrono::steady_clock::time_point lastCheckpoint_ = std::chrono::steady_clock::now();
-    QList<Source> sources_;
-    std::uint32_t lastId_ = 0; ///< given to a store; ids aren't given twice
-    std::uint32_t ruleSet_ = 0;
+    SourceTable sources_;
     std::shared_ptr<Replication::Streams> streams_;
     std::unique_ptr<Replication::CleanupWorker> cleanup_;
     std::unique_ptr<Replication::DedupWorker> dedup_;

@@ -1,5 +1,6 @@
 #include "peers/morva/Commands.h"
 #include "peers/morva/Root.h"
+#include "peers/morva/SnapshotTree.h"
 
 #include <CLI/CLI.hpp>
 
@@ -27,7 +28,7 @@ std::uint64_t usedData(Root& root) {
 
 void erase(CommandLine& line, QString const& name, bool deactivate) {
     Stopwatch const watch;
-    Root root(line.output.root);
+    Root root(line.output);
     auto const before = usedData(root);
     root.erase(name, deactivate);
     auto const after = usedData(root);
@@ -57,9 +58,8 @@ void addRootCommands(CommandLine& line) {
     erasing->add_option("store", given->store, "Name of the store")->required();
     erasing->add_flag("--deactivate", given->deactivate,
                       "Also a store that is active: take it out of the rules");
-    erasing->callback([line, given]() mutable {
-        erase(line, QString::fromStdString(given->store), given->deactivate);
-    });
+    erasing->callback(
+        [line, given]() mutable { erase(line, argumentText(given->store), given->deactivate); });
 }
 
 } // namespace Morva

@@ -1,6 +1,7 @@
 #include "peers/morva/Commands.h"
 #include "peers/morva/Root.h"
 #include "peers/morva/SnapshotName.h"
+#include "peers/morva/SnapshotTree.h"
 #include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/store/Store.h"
 
@@ -21,11 +22,11 @@ struct Arguments {
 
 void snapshot(CommandLine& line, Arguments const& given) {
     Stopwatch const watch;
-    Root root(line.output.root);
-    auto const& source = root.source(QString::fromStdString(given.store));
+    Root root(line.output);
+    auto const& source = root.source(argumentText(given.store));
     auto store = root.store(source);
     Stopwatch const taking;
-    auto const instance = takeSnapshot(*store, QString::fromStdString(given.label));
+    auto const instance = takeSnapshot(*store, argumentText(given.label));
     auto const milliseconds = taking.seconds() * 1000;
     store.reset();
     root.finish();
@@ -64,10 +65,10 @@ void printSnapshot(Output const& output, Root::Source const& source, SnapshotFil
 }
 
 void listSnapshots(CommandLine& line, Arguments const& given) {
-    Root root(line.output.root, Root::For::Reading);
-    auto const wanted = QString::fromStdString(given.store);
+    Root root(line.output, Root::For::Reading);
+    auto const wanted = argumentText(given.store);
     for (auto const& source : root.sources()) {
-        if (!wanted.isEmpty() && source.name != wanted)
+        if ((!wanted.isEmpty() && source.name != wanted) || !source.made)
             continue;
         if (!line.output.json && root.sources().size() > 1)
             line.output.result(source.name + ':', {}, {});
@@ -81,10 +82,10 @@ void listSnapshots(CommandLine& line, Arguments const& given) {
 }
 
 void deleteSnapshot(CommandLine& line, Arguments const& given) {
-    Root root(line.output.root);
-    auto const& source = root.source(QString::fromStdString(given.store));
+    Root root(line.output);
+    auto const& source = root.source(argumentText(given.store));
     auto store = root.store(source);
-    auto const instance = snapshotNamed(*store, QString::fromStdString(given.snapshot));
+    auto const instance = snapshotNamed(*store, argumentText(given.snapshot));
     auto const atOnce = instance != store->currentInstance();
     store->snapshots().deleteSnapshot(instance);
     store.reset();
@@ -101,7 +102,7 @@ void deleteSnapshot(CommandLine& line, Arguments const& given) {
 
 void dedup(CommandLine& line) {
     Stopwatch const watch;
-    Root root(line.output.root);
+    Root root(line.output);
     XmlList before;
     root.pool().statistics(before);
     root.drain(true);

@@ -6,14 +6,13 @@
 #include "replication/repository/store/Store.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace Morva {
 
 using Replication::Instance;
 
-OpenStore::OpenStore(QString const& rootPath, std::string const& storeName)
-    : root_(rootPath, Root::For::Reading),
+OpenStore::OpenStore(Output const& output, std::string const& storeName)
+    : root_(output, Root::For::Reading),
       source_(root_.source(argumentText(storeName))),
       store_(root_.store(source_)) {}
 
@@ -76,16 +75,6 @@ QString kindText(std::uint32_t mode) {
            : S_ISFIFO(mode) ? QStringLiteral("fifo")
            : S_ISSOCK(mode) ? QStringLiteral("socket")
                             : QStringLiteral("device");
-}
-
-QString shownPath(QByteArray const& path) {
-    static bool const toTerminal = ::isatty(STDOUT_FILENO) != 0;
-    auto shown = path;
-    if (toTerminal)
-        for (auto& byte : shown)
-            if (static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f)
-                byte = '?';
-    return decodePosixText(shown);
 }
 
 } // namespace Morva

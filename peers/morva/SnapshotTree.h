@@ -14,7 +14,7 @@ namespace Morva {
 /// name wrongly throws `CommandFailure`.
 class OpenStore {
 public:
-    OpenStore(QString const& rootPath, std::string const& storeName);
+    OpenStore(Output const& output, std::string const& storeName);
 
     [[nodiscard]] Root::Source const& source() const { return source_; }
     [[nodiscard]] Replication::Store& store() const { return *store_; }
@@ -46,7 +46,5 @@ struct NamedObject {
 [[nodiscard]] QString modeText(std::uint32_t mode);
 /// "file", "directory", "symlink", "fifo", "socket", "device"
 [[nodiscard]] QString kindText(std::uint32_t mode);
-/// A path for a user: on a terminal without characters that control it.
-[[nodiscard]] QString shownPath(QByteArray const& path);
 
 } // namespace Morva

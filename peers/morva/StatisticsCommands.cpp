@@ -2,6 +2,7 @@
 #include "peers/morva/Commands.h"
 #include "peers/morva/Root.h"
 #include "peers/morva/SnapshotName.h"
+#include "peers/morva/SnapshotTree.h"
 #include "replication/repository/statistics/SnapshotAnalysis.h"
 #include "replication/repository/store/Store.h"
 
@@ -74,8 +75,11 @@ void printStats(Output const& output, Root& root) {
     root.pool().statistics(pool);
     printFigures(output, QStringLiteral("pool"), "pool", pool.getXmlList(nullptr, "Streams"));
     for (auto const& source : root.sources()) {
+        if (!source.made)
+            continue; // nothing was ever brought to it
         XmlList figures;
         root.store(source, Root::Marked::Given)->statistics(figures);
+        figures.set("SequenceNumber", root.position(source));
         printFigures(output, source.name, "store", figures);
     }
 }
@@ -86,6 +90,8 @@ void printPage(Output const& output, Root& root) {
     root.pool().report(lines);
     std::map<QString, QStringList> machines;
     for (auto const& source : root.sources()) {
+        if (!source.made)
+            continue;
         auto const store = root.store(source, Root::Marked::Given);
         // A store that waits for its deletion doesn't know its machine any more.
         auto const machine =
@@ -102,7 +108,7 @@ void printPage(Output const& output, Root& root) {
 void stats(CommandLine& line, bool html) {
     if (html && line.output.json)
         throw CommandFailure(ExitCode::Usage, "--html and --json exclude each other");
-    Root root(line.output.root, Root::For::Reading);
+    Root root(line.output, Root::For::Reading);
     html ? printPage(line.output, root) : printStats(line.output, root);
     root.finish();
 }
@@ -123,11 +129,11 @@ void walk(Output& output, SnapshotAnalysis& analysis) {
 
 void analyze(CommandLine& line, Arguments const& given) {
     Stopwatch const watch;
-    Root root(line.output.root);
-    auto const& source = root.source(QString::fromStdString(given.store));
+    Root root(line.output);
+    auto const& source = root.source(argumentText(given.store));
     auto const snapshot = [&] {
         auto const store = root.store(source);
-        auto const instance = snapshotNamed(*store, QString::fromStdString(given.snapshot));
+        auto const instance = snapshotNamed(*store, argumentText(given.snapshot));
         return store->fileHandle(store->rootId(), instance, FileHandle::Snapshot);
     }();
     SnapshotAnalysis analysis(snapshot);
