@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """same-tree.py A B: whether two directory trees are the same.
 
-Compares names, types, modes, owners, modification times (in whole seconds, as logs carry them),
-sizes, contents, symlink targets, devices, extended attributes, and which names are links of one
-file. Prints "identical" and exits with 0, or prints the first differences and exits with 1.
+Compares names, types, modes, owners, modification times to the nanosecond, sizes, contents,
+symlink targets, devices, extended attributes, and which names are links of one file. Prints
+"identical" and exits with 0, or prints the first differences and exits with 1.
 """
 import os
 import stat
@@ -63,7 +63,7 @@ def differences(left_top, right_top):
         path_a, path_b = os.path.join(left_top, name), os.path.join(right_top, name)
         for what, x, y in (("mode", oct(a.st_mode), oct(b.st_mode)), ("uid", a.st_uid, b.st_uid),
                            ("gid", a.st_gid, b.st_gid),
-                           ("time", int(a.st_mtime_ns // 10**9), int(b.st_mtime_ns // 10**9)),
+                           ("time", a.st_mtime_ns, b.st_mtime_ns),
                            ("links", left_links.get(name), right_links.get(name)),
                            ("attributes", attributes(path_a), attributes(path_b))):
             if x != y:

@@ -69,8 +69,7 @@ void TreeChanger::logTimes(Path const& path) {
     auto const status = statOf(path);
     PosixAttrValues values;
     values.flags = posixAttrModificationTime | posixAttrChangeTime;
-    values.modificationTime = OperationLogger::seconds(status.st_mtime);
-    values.changeTime = OperationLogger::seconds(status.st_ctime);
+    values.times = FileTimes::of(status);
     logged(logger_.setAttr(path.native(), values));
 }
 
@@ -192,14 +191,15 @@ void TreeChanger::changeMode() {
     PosixAttrValues values;
     values.flags = posixAttrMode | posixAttrChangeTime;
     values.mode = status.st_mode;
-    values.changeTime = OperationLogger::seconds(status.st_ctime);
+    values.times = FileTimes::of(status);
     logged(logger_.setAttr(file.native(), values));
 }
 
 void TreeChanger::changeTime() {
     auto const& file = anyFile();
     auto const seconds = static_cast<time_t>(1000000000 + random_() % 600000000);
-    timespec const times[2] = {{seconds, 0}, {seconds, 0}};
+    auto const nanoseconds = static_cast<long>(random_() % FileTime::nanosecondsPerSecond);
+    timespec const times[2] = {{seconds, 0}, {seconds, nanoseconds}};
     check(::utimensat(AT_FDCWD, file.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0, "utimens", file);
     logTimes(file);
 }

@@ -14,6 +14,7 @@
 namespace Morva::Model {
 
 using Replication::FileId;
+using Replication::FileTime;
 using Replication::Instance;
 using Replication::SnapshotAnalysis;
 
@@ -43,6 +44,11 @@ private:
         if (!(wanted == stored))
             differs(path, std::string(what) + " is " + std::to_string(stored) + ", not " +
                               std::to_string(wanted));
+    }
+
+    void sameTime(QByteArray const& path, FileTime wanted, FileTime stored) {
+        if (wanted != stored)
+            differs(path, "time is " + stored.text() + ", not " + wanted.text());
     }
 
     void directory(Object const& wanted, FileTree::Entry const& entry, QByteArray const& path) {
@@ -92,7 +98,7 @@ private:
         same(path, "gid", wanted.gid, stored->security.gid);
         same(path, "device", wanted.device, stored->security.device);
         if (wanted.modifiedKnown)
-            same(path, "time", wanted.modified, stored->modified);
+            sameTime(path, wanted.modified, stored->modified);
         if (reader_.live() && wanted.kind != Kind::Directory)
             same(path, "links", wanted.links, stored->links);
         auto const extended = FileTree::extendedAttributes(node);

@@ -294,7 +294,7 @@ private:
         values.mode = object.mode;
         values.uid = object.uid;
         values.gid = object.gid;
-        values.modificationTime = object.modified;
+        values.times.modification = object.modified;
         ASSERT_TRUE(logger_->setAttr(pathOf(name).toStdString(), values));
     }
 

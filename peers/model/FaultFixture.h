@@ -182,7 +182,7 @@ inline std::string treeText(Replication::Store& store, Instance instance) {
             add("mode", values->security.mode);
             add("uid", values->security.uid);
             if (!entry.isDirectory)
-                add("time", values->modified);
+                text += " time " + values->modified.text();
         }
         if (tree.live() && !entry.isDirectory)
             add("links", values->links);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "replication/common/values/FileTime.h"
+
 #include <QByteArray>
 
 #include <array>
@@ -70,7 +72,7 @@ struct Object {
     std::uint32_t uid = 0;
     std::uint32_t gid = 0;
     std::uint64_t device = 0;
-    std::uint32_t modified = 0;
+    Replication::FileTime modified = Replication::FileTime::wholeSeconds(0);
     /// A directory's own time is known only after it was set: no log tells of its changes.
     bool modifiedKnown = true;
     std::uint32_t links = 1;

@@ -12,6 +12,8 @@
 
 namespace Morva::Model {
 
+using Replication::FileTime;
+using Replication::FileTimes;
 using Replication::Instance;
 using Replication::LogBuilder;
 using Replication::LogSourceOptions;
@@ -169,7 +171,7 @@ void Player::create() {
     object->mode = S_IFREG | static_cast<std::uint32_t>(pick(07777));
     object->uid = static_cast<std::uint32_t>(pick(3));
     object->gid = static_cast<std::uint32_t>(pick(3));
-    object->modified = clock_;
+    object->modified = FileTime::wholeSeconds(clock_);
     std::uint32_t fileId = 0;
     must(logger_->create(pathOf(place).toStdString(), object->mode, object->uid, object->gid,
                          fileId),
@@ -208,7 +210,7 @@ void Player::makeSpecial() {
     if (S_ISCHR(object->mode) || S_ISBLK(object->mode))
         object->device =
             makedev(static_cast<unsigned>(pick(300)), static_cast<unsigned>(pick(300)));
-    object->modified = clock_;
+    object->modified = FileTime::wholeSeconds(clock_);
     must(logger_->mknod(pathOf(place).toStdString(), object->mode, 0, 0, object->device), "mknod");
     enter(place, object);
     count("mknod");
@@ -219,7 +221,7 @@ void Player::makeSymlink() {
     auto object = std::make_shared<Object>();
     object->kind = Kind::Symlink;
     object->mode = S_IFLNK | 0777;
-    object->modified = clock_;
+    object->modified = FileTime::wholeSeconds(clock_);
     object->target = QByteArray(static_cast<qsizetype>(1 + pick(300)), 't') + randomName();
     must(logger_->symlink(object->target.toStdString(), pathOf(place).toStdString(), 0, 0),
          "symlink");
@@ -247,7 +249,7 @@ void Player::writePath() {
     auto const data = randomData(pick(10) == 0 ? 300000 : 9000);
     must(logger_->writePath(pathOf(file).toStdString(), offset, view(data)), "write by path");
     file.object->content.write(offset, data);
-    file.object->modified = clock_;
+    file.object->modified = FileTime::wholeSeconds(clock_);
     count("write by path");
 }
 
@@ -269,7 +271,7 @@ void Player::writeOpen() {
     auto const data = randomData(9000);
     must(logger_->write(file.fileId, offset, view(data)), "write");
     file.object->content.write(offset, data);
-    file.object->modified = clock_;
+    file.object->modified = FileTime::wholeSeconds(clock_);
     count("write");
 }
 
@@ -289,7 +291,7 @@ void Player::truncatePath() {
     auto const size = randomOffset(file.object->content, file.object->huge);
     must(logger_->truncate(pathOf(file).toStdString(), size), "truncate");
     if (size != file.object->content.size())
-        file.object->modified = clock_;
+        file.object->modified = FileTime::wholeSeconds(clock_);
     file.object->content.truncate(size);
     count("truncate by path");
 }
@@ -301,7 +303,7 @@ void Player::truncateOpen() {
     auto const size = randomOffset(file.object->content, file.object->huge);
     must(logger_->truncateOpen(file.fileId, size), "truncate open");
     if (size != file.object->content.size())
-        file.object->modified = clock_;
+        file.object->modified = FileTime::wholeSeconds(clock_);
     file.object->content.truncate(size);
     count("truncate");
 }
@@ -356,6 +358,20 @@ void Player::removeDirectory() {
     count("rmdir");
 }
 
+FileTimes Player::randomTimes() {
+    auto const time = [&] {
+        constexpr std::int64_t beyondWord = std::int64_t{1} << 32;
+        std::int64_t const seconds[] = {
+            static_cast<std::uint32_t>(random_()), -1 - static_cast<std::int64_t>(pick(beyondWord)),
+            beyondWord + static_cast<std::int64_t>(pick(beyondWord)), 0, beyondWord - 1};
+        std::uint32_t const nanoseconds[] = {
+            0, 1, static_cast<std::uint32_t>(pick(FileTime::nanosecondsPerSecond)),
+            FileTime::nanosecondsPerSecond - 1};
+        return FileTime{seconds[pick(5)], nanoseconds[pick(4)]};
+    };
+    return {time(), time(), time()};
+}
+
 void Player::setAttributes() {
     Name name;
     if (!anyName(name, [](Name const&) { return true; }))
@@ -368,8 +384,7 @@ void Player::setAttributes() {
     values.mode = (object.mode & S_IFMT) | static_cast<std::uint32_t>(pick(07777));
     values.uid = static_cast<std::uint32_t>(pick(100000));
     values.gid = static_cast<std::uint32_t>(pick(100000));
-    values.modificationTime = static_cast<std::uint32_t>(random_());
-    values.changeTime = clock_;
+    values.times = randomTimes();
     must(logger_->setAttr(pathOf(name).toStdString(), values), "setattr");
     if (values.flags & Replication::posixAttrMode)
         object.mode = values.mode;
@@ -378,7 +393,7 @@ void Player::setAttributes() {
     if (values.flags & Replication::posixAttrGid)
         object.gid = values.gid;
     if (values.flags & Replication::posixAttrModificationTime) {
-        object.modified = values.modificationTime;
+        object.modified = values.times.modification;
         object.modifiedKnown = true;
     }
     count("setattr");

@@ -70,6 +70,7 @@ protected:
     void rename();
     void unlink();
     void removeDirectory();
+    [[nodiscard]] Replication::FileTimes randomTimes();
     void setAttributes();
     void setExtended();
     void removeExtended();

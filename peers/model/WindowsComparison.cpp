@@ -118,7 +118,7 @@ private:
         same(path, "attributes", wanted.windows.attributes, node.attributes());
         same(path, "owner", wanted.windows.owner.toStdString(), node.owner().toStdString());
         if (wanted.kind == Kind::File)
-            same(path, "time", wanted.modified, node.times().modifiedSource);
+            same(path, "time", wanted.modified.word(), node.times().modifiedSource);
         if (reader_.live())
             same(path, "links", wanted.links, node.linkCount());
         auto const parts = wanted.windows.security;

@@ -9,6 +9,7 @@
 
 namespace Morva::Model {
 
+using Replication::FileTime;
 using Replication::LogBuilder;
 using Replication::LogType;
 using F = Replication::LogField;
@@ -174,7 +175,7 @@ void WindowsPlayer::writePath() {
     else
         object.windows.streams.try_emplace(lower(stream), WindowsParts::Stream{stream, {}})
             .first->second.content.write(offset, data);
-    object.modified = clock_;
+    object.modified = FileTime::wholeSeconds(clock_);
 }
 
 void WindowsPlayer::truncate() {
@@ -201,7 +202,7 @@ void WindowsPlayer::truncate() {
     if (!content || size == content->size() || (growOnly && size < content->size()))
         return;
     content->truncate(size);
-    (open ? *open->object : *spot.object).modified = clock_;
+    (open ? *open->object : *spot.object).modified = FileTime::wholeSeconds(clock_);
 }
 
 void WindowsPlayer::validLength() {
@@ -264,7 +265,7 @@ void WindowsPlayer::setAttributes() {
     });
     count("setattr");
     if ((flags & 0x10) && time != 0 && time != 0xFFFFFFFF)
-        open->object->modified = time;
+        open->object->modified = FileTime::wholeSeconds(time);
     if (flags & 0x80)
         open->object->windows.attributes = attributes;
 }

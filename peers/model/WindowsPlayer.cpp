@@ -11,6 +11,7 @@
 
 namespace Morva::Model {
 
+using Replication::FileTime;
 using Replication::Instance;
 using Replication::LogBuilder;
 using Replication::LogType;
@@ -295,7 +296,7 @@ Content* WindowsPlayer::contentOf(Open const& open) {
 }
 
 void WindowsPlayer::touch(Open const& open) {
-    open.object->modified = clock_;
+    open.object->modified = FileTime::wholeSeconds(clock_);
 }
 
 WindowsPlayer::OpenPointer WindowsPlayer::attach(Spot const& spot, QByteArray const& stream) {
@@ -335,7 +336,7 @@ WindowsPlayer::OpenPointer WindowsPlayer::openNew(Spot const& where, QByteArray 
     if (!spot.object) {
         spot.object = std::make_shared<Object>();
         spot.object->kind = directory ? Kind::Directory : Kind::File;
-        spot.object->modified = clock_;
+        spot.object->modified = FileTime::wholeSeconds(clock_);
         describe(*spot.object);
         enter(spot, spot.object, ++lastLink_);
     }

@@ -91,8 +91,11 @@ private:
                            {"mode", QString::number(security.mode & 07777, 8)},
                            {"uid", jsonNumber(security.uid)},
                            {"gid", jsonNumber(security.gid)},
-                           {"size", jsonNumber(size)},
-                           {"modified", jsonNumber(attributes.modified)}};
+                           {"size", jsonNumber(size)}};
+        addTime(object, "modified", attributes.modified);
+        addTime(object, "changed", attributes.changed);
+        if (attributes.accessed.known())
+            addTime(object, "accessed", attributes.accessed);
         if (attributes.links != 0)
             object.insert("links", jsonNumber(attributes.links));
         if (isDevice)
@@ -285,6 +288,12 @@ void versions(CommandLine& line, Arguments const& given) {
             continue;
         }
         auto const modified = version.attributes->modified;
+        QJsonObject object{{"snapshot", name},
+                           {"taken", jsonNumber(version.taken)},
+                           {"kind", kindText(version.attributes->security.mode)},
+                           {"size", jsonNumber(version.size)},
+                           {"sha1", QString::fromLatin1(version.sha1)}};
+        addTime(object, "modified", modified);
         line.output.result(QStringLiteral("%1  %2  %3  %4 %5  %6")
                                .arg(name, 5)
                                .arg(version.taken ? readableTime(version.taken) : QString(19, u' '))
@@ -293,13 +302,7 @@ void versions(CommandLine& line, Arguments const& given) {
                                .arg(readableTime(modified),
                                     version.sha1.isEmpty() ? QStringLiteral("-")
                                                            : QString::fromLatin1(version.sha1)),
-                           "version",
-                           {{"snapshot", name},
-                            {"taken", jsonNumber(version.taken)},
-                            {"kind", kindText(version.attributes->security.mode)},
-                            {"size", jsonNumber(version.size)},
-                            {"modified", jsonNumber(modified)},
-                            {"sha1", QString::fromLatin1(version.sha1)}});
+                           "version", object);
     }
     store.finish();
 }

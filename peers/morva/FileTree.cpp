@@ -170,7 +170,6 @@ std::optional<ObjectAttributes> FileTree::attributes(FileNode& node) {
     if (!record)
         return std::nullopt;
     ObjectAttributes result;
-    result.modified = node.times().modifiedSource;
     // A version that has ended counts its names no more.
     result.links = node.linkCount() == 0 && node.notLinked() ? 1 : node.linkCount();
     if (auto const security = PosixSecurity::decode(Extent(*record)))
@@ -180,6 +179,12 @@ std::optional<ObjectAttributes> FileTree::attributes(FileNode& node) {
         result.described = false;
     } else
         return std::nullopt;
+    auto const words = node.times();
+    auto const& times = result.security.times;
+    result.modified = times.modification.resolved(words.modifiedSource);
+    result.changed = times.change.resolved(words.createdSource);
+    if (times.modification.counts(words.modifiedSource))
+        result.accessed = times.access;
     switch (result.security.mode & S_IFMT) {
     case S_IFDIR:
         return node.isDirectory() ? std::optional(result) : std::nullopt;

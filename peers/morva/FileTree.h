@@ -25,7 +25,10 @@ namespace Morva {
 struct ObjectAttributes {
     /// `mode` has the type bits, which always fit the node's type.
     Replication::PosixSecurity security;
-    std::uint32_t modified = 0; ///< seconds since 1970
+    /// Exact as far as the store has them so; `security.times` may hold ones that count no more.
+    Replication::FileTime modified = Replication::FileTime::wholeSeconds(0);
+    Replication::FileTime changed = Replication::FileTime::wholeSeconds(0);
+    Replication::FileTime accessed; ///< as of `modified`; often not known
     /// 0 for an older version of a file that has had several names: how many there were is not
     /// kept.
     std::uint32_t links = 1;

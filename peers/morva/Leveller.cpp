@@ -8,7 +8,21 @@
 namespace Morva {
 
 using Replication::FileNode;
+using Replication::FileTime;
 using Replication::OperationLogger;
+
+namespace {
+
+FileTime storedTime(FileTime exact, std::uint32_t word) {
+    return exact.counts(word) ? exact : FileTime{word, FileTime::unknown};
+}
+
+bool isSame(FileTime stored, timespec const& time) {
+    auto const wanted = FileTime::of(time);
+    return stored.known() ? stored == wanted : stored.word() == wanted.word();
+}
+
+} // namespace
 
 Leveller::Leveller(FileTree const& live, std::string directory)
     : live_(live), directory_(std::move(directory)) {}
@@ -98,10 +112,12 @@ void Leveller::remember(FileNode& node, std::string const& path) {
     if (!attributes)
         return;
     auto const times = node.times();
+    auto const& exact = attributes->security.times;
     known_.insert_or_assign(std::hash<std::string_view>{}(path),
                             Known{FileTree::size(node, *attributes), attributes->security.mode,
                                   attributes->security.uid, attributes->security.gid,
-                                  times.modifiedSource, times.createdSource,
+                                  storedTime(exact.modification, times.modifiedSource),
+                                  storedTime(exact.change, times.createdSource),
                                   std::max(times.created, times.modified)});
 }
 
@@ -114,9 +130,8 @@ bool Leveller::unchanged(std::string_view path, struct stat const& status) const
     return known.mode == status.st_mode && known.uid == status.st_uid &&
            known.gid == status.st_gid &&
            (!hasSize || known.size == static_cast<std::uint64_t>(status.st_size)) &&
-           known.modified == OperationLogger::seconds(status.st_mtime) &&
-           known.changed == OperationLogger::seconds(status.st_ctime) &&
-           known.changed + 1 < known.stored;
+           isSame(known.modified, status.st_mtim) && isSame(known.changed, status.st_ctim) &&
+           status.st_ctim.tv_sec + 1 < known.stored;
 }
 
 } // namespace Morva

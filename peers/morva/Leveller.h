@@ -17,7 +17,8 @@ namespace Morva {
 /// what is gone, and knows what is unchanged, so that it need not be logged again.
 ///
 /// A file counts as unchanged when its size, mode, owner, modification and change time are those
-/// that the store has. The store keeps whole seconds, so a file that changed in the second in which
+/// that the store has, to the nanosecond where the store has them so. The clock of a file system
+/// moves in steps, and that of the store in seconds, so a file that changed in the second in which
 /// it was replicated, or later, counts as changed.
 class Leveller {
 public:
@@ -42,9 +43,9 @@ private:
         std::uint32_t mode;
         std::uint32_t uid;
         std::uint32_t gid;
-        std::uint32_t modified;
-        std::uint32_t changed;
-        std::uint32_t stored; ///< when it came here, by the repository's clock
+        Replication::FileTime modified; ///< of a whole second: its nanoseconds aren't known
+        Replication::FileTime changed;  ///< likewise
+        std::uint32_t stored;           ///< when it came here, by the repository's clock
     };
 
     [[nodiscard]] bool level(FileTree::Entry const& directory, std::string const& path);

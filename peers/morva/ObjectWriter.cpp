@@ -30,13 +30,14 @@ mode_t processMask() {
     return mask;
 }
 
-/// Modification time set, access time left.
+/// Access time, left as it is where it isn't known, and modification time.
 struct Times {
-    explicit Times(std::uint32_t modified) {
-        values[0].tv_nsec = UTIME_OMIT;
-        values[1].tv_sec = modified;
+    explicit Times(ObjectAttributes const& attributes) {
+        values[0] =
+            attributes.accessed.known() ? attributes.accessed.system() : timespec{0, UTIME_OMIT};
+        values[1] = attributes.modified.system();
     }
-    timespec values[2]{};
+    timespec values[2];
 };
 
 /// Gives an object its extended attributes by one of the system's calls.
@@ -227,7 +228,7 @@ WriteResult ObjectWriter::file(int directory, QByteArray const& name, FileNode& 
     }
     if (!plain)
         describe(opened.get(), attributes, extended.value_or(PosixAttributes()), result);
-    if (::futimens(opened.get(), Times(attributes.modified).values) != 0)
+    if (::futimens(opened.get(), Times(attributes).values) != 0)
         result.add("its time can't be set", errno);
     if (auto const error = opened.close())
         result.addTaking("it can't be written", error);
@@ -269,7 +270,7 @@ WriteResult ObjectWriter::other(int directory, QByteArray const& name, FileNode&
         });
     if (!isLink && ::fchmodat(directory, at, finalMode(attributes), AT_SYMLINK_NOFOLLOW) != 0)
         result.add("its mode can't be set", errno);
-    if (::utimensat(directory, at, Times(attributes.modified).values, AT_SYMLINK_NOFOLLOW) != 0)
+    if (::utimensat(directory, at, Times(attributes).values, AT_SYMLINK_NOFOLLOW) != 0)
         result.add("its time can't be set", errno);
     return result;
 }
@@ -325,7 +326,7 @@ WriteResult ObjectWriter::finishDirectory(int opened, FileNode& node,
     if (!extended)
         result.add(QStringLiteral("its extended attributes are damaged"));
     describe(opened, attributes, extended.value_or(PosixAttributes()), result);
-    if (::futimens(opened, Times(attributes.modified).values) != 0)
+    if (::futimens(opened, Times(attributes).values) != 0)
         result.add("its time can't be set", errno);
     return result;
 }

@@ -16,6 +16,8 @@
 
 namespace Morva {
 
+using Replication::FileTime;
+
 std::atomic<bool> Output::interrupted{false};
 
 namespace {
@@ -149,6 +151,21 @@ QString readableSize(std::uint64_t bytes) {
 
 QString readableTime(std::uint32_t secondsSince1970) {
     return QDateTime::fromSecsSinceEpoch(secondsSince1970).toString("yyyy-MM-dd HH:mm:ss");
+}
+
+QString readableTime(FileTime time) {
+    constexpr std::int64_t from = -62'167'219'200; // the years 0 to 9999
+    constexpr std::int64_t to = 253'402'300'800;
+    constexpr std::int64_t zones = 24 * 60 * 60;
+    if (time.seconds < from + zones || time.seconds >= to - zones)
+        return '@' + QString::fromStdString(time.text());
+    return QDateTime::fromSecsSinceEpoch(time.seconds).toString("yyyy-MM-dd HH:mm:ss") +
+           QStringLiteral(".%1").arg(time.nanoseconds, 9, 10, QLatin1Char('0'));
+}
+
+void addTime(QJsonObject& object, QString const& name, FileTime time) {
+    object.insert(name, QJsonValue(static_cast<qint64>(time.seconds)));
+    object.insert(name + "Nanoseconds", QJsonValue(static_cast<qint64>(time.nanoseconds)));
 }
 
 QJsonValue jsonNumber(std::uint64_t value) {

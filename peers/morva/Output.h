@@ -1,5 +1,7 @@
 #pragma once
 
+#include "replication/common/values/FileTime.h"
+
 #include <QJsonObject>
 #include <QString>
 
@@ -69,6 +71,11 @@ private:
 [[nodiscard]] QString readableSize(std::uint64_t bytes);
 /// Local time, "2026-11-22 20:31:56".
 [[nodiscard]] QString readableTime(std::uint32_t secondsSince1970);
+/// The same with nanoseconds, "2026-11-22 20:31:56.000000001"; "@" and the seconds since 1970 of a
+/// time without a year of four digits.
+[[nodiscard]] QString readableTime(Replication::FileTime time);
+/// Adds a time as `name`, its seconds since 1970, and `name` + "Nanoseconds".
+void addTime(QJsonObject& object, QString const& name, Replication::FileTime time);
 /// An unsigned 64-bit number as JSON, exact up to 2^53.
 [[nodiscard]] QJsonValue jsonNumber(std::uint64_t value);
 

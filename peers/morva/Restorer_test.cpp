@@ -66,7 +66,7 @@ std::string stateOf(std::string const& path) {
         return "missing";
     std::ostringstream text;
     text << std::oct << status.st_mode << std::dec << ' ' << status.st_uid << ':' << status.st_gid
-         << " time " << status.st_mtime;
+         << " time " << FileTime::of(status.st_mtim).text();
     if (!S_ISDIR(status.st_mode))
         text << " links " << status.st_nlink << " size " << status.st_size << " device "
              << status.st_rdev;
@@ -86,8 +86,8 @@ TreeState treeState(std::string const& directory) {
     return state;
 }
 
-void setTime(std::string const& path, time_t seconds) {
-    timespec const times[2] = {{seconds, 0}, {seconds, 0}};
+void setTime(std::string const& path, time_t seconds, long nanoseconds = 0) {
+    timespec const times[2] = {{seconds, 0}, {seconds, nanoseconds}};
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
 }
 
@@ -191,16 +191,20 @@ void makeSpecials(std::string const& source) {
         0);
 }
 
-/// Different times everywhere, the deepest first, so that no later change moves one.
+/// Different times everywhere, the deepest first, so that no later change moves one: with and
+/// without nanoseconds, before 1970 and beyond what 32 bits hold.
 void setTimes(std::string const& source) {
     std::vector<std::string> paths{source};
     for (auto const& entry : fs::recursive_directory_iterator(source))
         paths.push_back(entry.path().string());
     std::sort(paths.begin(), paths.end(),
               [](auto const& a, auto const& b) { return a.size() > b.size(); });
-    time_t seconds = 1;
-    for (auto const& path : paths)
-        setTime(path, seconds += 98765);
+    constexpr time_t from[] = {1, -2'000'000'000, time_t{1} << 31, time_t{1} << 32,
+                               time_t{1} << 33};
+    constexpr long nanoseconds[] = {0, 1, 123'456'789, 999'999'999};
+    for (std::size_t i = 0; i < paths.size(); ++i)
+        setTime(paths[i], from[i % std::size(from)] + static_cast<time_t>(98765 * i),
+                nanoseconds[i % std::size(nanoseconds)]);
 }
 
 } // namespace
@@ -226,6 +230,35 @@ TEST_F(RestorerTest, EveryKindOfObjectComesBackAsItWas) {
     ASSERT_EQ(restore(FileTree(*store(), {}), "", options), Restorer::Result::Done);
     EXPECT_EQ(problems, "");
     EXPECT_EQ(treeState(target), treeState(source));
+}
+
+TEST_F(RestorerTest, ADirectoryAFileAndALinkGetTheirTimesToTheNanosecond) {
+    fs::create_directory(at("directory"));
+    write(at("file"), "x");
+    fs::create_symlink("target", at("link"));
+    char const* const names[] = {"directory", "file", "link"};
+    timespec const cases[] = {{-1, 999'999'999},
+                              {0, 0},
+                              {0, 1},
+                              {time_t{1} << 31, 1},
+                              {time_t{1} << 32, 0},
+                              {(time_t{1} << 33) + 7, 5},
+                              {1'700'000'000, 999'999'999}};
+    for (auto const& modified : cases) {
+        SCOPED_TRACE(FileTime::of(modified).text());
+        timespec const both[2] = {{12345, 678}, modified};
+        for (auto const* name : names)
+            ASSERT_EQ(::utimensat(AT_FDCWD, at(name).c_str(), both, AT_SYMLINK_NOFOLLOW), 0);
+        replicate();
+        fs::remove_all(target);
+        ASSERT_EQ(restore(FileTree(*store(), snapshot()), "", {}), Restorer::Result::Done);
+        for (auto const* name : names) {
+            struct stat status {};
+            ASSERT_EQ(::lstat((target + '/' + name).c_str(), &status), 0);
+            EXPECT_EQ(FileTime::of(status.st_mtim), FileTime::of(modified)) << name;
+            EXPECT_EQ(FileTime::of(status.st_atim), FileTime::of(both[0])) << name;
+        }
+    }
 }
 
 TEST_F(RestorerTest, PartsOfATreeAreRestoredAlone) {

@@ -145,8 +145,8 @@ TreeDiff::Change TreeDiff::compareNodes(FileNode& before, FileNode& after) {
     auto const to = FileTree::extendedAttributes(after);
     if (!from || !to)
         return Change::Unread;
-    auto const same =
-        a->security == b->security && a->modified == b->modified && from->all() == to->all();
+    auto const same = a->security.sameButTimes(b->security) && a->modified == b->modified &&
+                      from->all() == to->all();
     return same ? Change::None : Change::Metadata;
 }
 

@@ -7,8 +7,16 @@ namespace Replication {
 OperationLogger::OperationLogger(LogSourceOptions options, LogSink& sink)
     : LogMaker(std::move(options), sink) {}
 
+void OperationLogger::addTimes(FileTimes const& times) {
+    if (!times.known())
+        return;
+    times.pack(packedTimes_);
+    builder().bytes(LogField::ExactTimes,
+                    {static_cast<void const*>(packedTimes_), sizeof packedTimes_});
+}
+
 bool OperationLogger::create(std::string_view path, std::uint32_t mode, std::uint32_t uid,
-                             std::uint32_t gid, std::uint32_t& fileId) {
+                             std::uint32_t gid, std::uint32_t& fileId, FileTimes const& times) {
     fileId = newFileId();
     begin(LogType::PosixCreate)
         .number(LogField::FileId, fileId)
@@ -16,6 +24,7 @@ bool OperationLogger::create(std::string_view path, std::uint32_t mode, std::uin
         .number(LogField::Mode, mode)
         .number(LogField::Uid, uid)
         .number(LogField::Gid, gid);
+    addTimes(times);
     return put();
 }
 
@@ -52,33 +61,36 @@ bool OperationLogger::truncate(std::string_view path, std::uint64_t size) {
 }
 
 bool OperationLogger::mkdir(std::string_view path, std::uint32_t mode, std::uint32_t uid,
-                            std::uint32_t gid) {
+                            std::uint32_t gid, FileTimes const& times) {
     begin(LogType::PosixMkdir)
         .text(LogField::File, path)
         .number(LogField::Mode, mode)
         .number(LogField::Uid, uid)
         .number(LogField::Gid, gid);
+    addTimes(times);
     return put();
 }
 
 bool OperationLogger::mknod(std::string_view path, std::uint32_t mode, std::uint32_t uid,
-                            std::uint32_t gid, std::uint64_t device) {
+                            std::uint32_t gid, std::uint64_t device, FileTimes const& times) {
     begin(LogType::PosixMknod)
         .text(LogField::File, path)
         .number(LogField::Mode, mode)
         .number(LogField::Uid, uid)
         .number(LogField::Gid, gid)
         .number(LogField::Device, device);
+    addTimes(times);
     return put();
 }
 
 bool OperationLogger::symlink(std::string_view target, std::string_view path, std::uint32_t uid,
-                              std::uint32_t gid) {
+                              std::uint32_t gid, FileTimes const& times) {
     begin(LogType::PosixSymlink)
         .text(LogField::From, target)
         .text(LogField::To, path)
         .number(LogField::Uid, uid)
         .number(LogField::Gid, gid);
+    addTimes(times);
     return put();
 }
 
@@ -111,10 +123,11 @@ bool OperationLogger::setAttr(std::string_view path, PosixAttrValues const& valu
         .number(LogField::Mode, values.mode)
         .number(LogField::Uid, values.uid)
         .number(LogField::Gid, values.gid)
-        .number(LogField::AccessTime, values.accessTime)
-        .number(LogField::ModificationTime, values.modificationTime)
-        .number(LogField::ChangeTime, values.changeTime)
+        .number(LogField::AccessTime, values.times.access.word())
+        .number(LogField::ModificationTime, values.times.modification.word())
+        .number(LogField::ChangeTime, values.times.change.word())
         .number(LogField::Flags, values.flags);
+    addTimes(values.times);
     return put();
 }
 

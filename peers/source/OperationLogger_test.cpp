@@ -52,9 +52,7 @@ TEST(OperationLogger, EachOperationMakesItsLog) {
                                       .mode = 0600,
                                       .uid = 1,
                                       .gid = 2,
-                                      .accessTime = 3,
-                                      .modificationTime = 4,
-                                      .changeTime = 5}));
+                                      .times = {{3, 0}, {4, 123456789}, {-1, 750000000}}}));
     ASSERT_TRUE(logger.unlink("/h"));
     ASSERT_TRUE(logger.rmdir("/d"));
     EXPECT_EQ(
@@ -72,7 +70,7 @@ TEST(OperationLogger, EachOperationMakesItsLog) {
             "SETEA   :: p SHC:0 FILE:'/g' EANAME'user.a' FLAGS:0x0000",
             "POSIX REMOVEEA:: p SHC:0 FILE:'/g' EANAME'user.a'",
             "POSIX SETATTR:: p SHC:0 FILE:'/g' MODE:000600 UID:001 GID::002 ATIME:3 MTIME:4 "
-            "CTIME:5 FLAGS:0x003f",
+            "CTIME:0 FLAGS:0x003f TIMES:3.000000000,4.123456789,-0.250000000",
             "POSIX UNLINK:: p SHC:0 FILE:'/h'", "POSIX RMDIR:: p SHC:0 FILE:'/d'"}));
     EXPECT_EQ(logger.nextSequenceNumber(), 66U);
     sink.failing = true;

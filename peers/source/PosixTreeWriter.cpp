@@ -40,7 +40,8 @@ bool PosixTreeWriter::beginRoot(TreeObject const& root) {
 
 bool PosixTreeWriter::beginDirectory(TreeObject const& directory) {
     auto const& status = directory.status;
-    return log_.mkdir(directory.path, status.st_mode, status.st_uid, status.st_gid) &&
+    return log_.mkdir(directory.path, status.st_mode, status.st_uid, status.st_gid,
+                      FileTimes::of(status)) &&
            (directory.file < 0 || attributes(directory));
 }
 
@@ -51,7 +52,8 @@ bool PosixTreeWriter::endDirectory(TreeObject const& directory) {
 bool PosixTreeWriter::file(TreeObject const& file) {
     auto const& status = file.status;
     std::uint32_t fileId = 0;
-    return log_.create(file.path, status.st_mode, status.st_uid, status.st_gid, fileId) &&
+    return log_.create(file.path, status.st_mode, status.st_uid, status.st_gid, fileId,
+                       FileTimes::of(status)) &&
            contents(file, fileId) && log_.close(fileId) && attributes(file) && times(file);
 }
 
@@ -63,13 +65,15 @@ bool PosixTreeWriter::contents(TreeObject const& file, std::uint32_t fileId) {
 }
 
 bool PosixTreeWriter::symlink(TreeObject const& link, std::string_view target) {
-    return log_.symlink(target, link.path, link.status.st_uid, link.status.st_gid) &&
+    return log_.symlink(target, link.path, link.status.st_uid, link.status.st_gid,
+                        FileTimes::of(link.status)) &&
            attributes(link) && times(link);
 }
 
 bool PosixTreeWriter::special(TreeObject const& object) {
     auto const& status = object.status;
-    return log_.mknod(object.path, status.st_mode, status.st_uid, status.st_gid, status.st_rdev) &&
+    return log_.mknod(object.path, status.st_mode, status.st_uid, status.st_gid, status.st_rdev,
+                      FileTimes::of(status)) &&
            attributes(object) && times(object);
 }
 
@@ -92,9 +96,7 @@ bool PosixTreeWriter::times(TreeObject const& object) {
                                       .mode = status.st_mode,
                                       .uid = status.st_uid,
                                       .gid = status.st_gid,
-                                      .accessTime = LogMaker::seconds(status.st_atime),
-                                      .modificationTime = LogMaker::seconds(status.st_mtime),
-                                      .changeTime = LogMaker::seconds(status.st_ctime)});
+                                      .times = FileTimes::of(status)});
 }
 
 } // namespace Replication

@@ -13,6 +13,8 @@ namespace Replication {
 ///   symlink       SYMLINK, SETEA, SETATTR
 ///   other         MKNOD, SETEA, SETATTR
 ///   second name   LINK to the first one seen
+///
+/// What makes an object bears its times too, so that its SETATTR finds them in the store.
 class PosixTreeWriter : public TreeWriter {
 public:
     /// The logger must outlive the writer.

@@ -13,6 +13,10 @@ constexpr std::uint32_t wordSize = 4;
 
 using Morva::storeLittle;
 
+bool isStream(LogValue const& value, LogView const& view) {
+    return !value.optional || view.size != 0;
+}
+
 std::uint8_t* putBytes(std::uint8_t* at, void const* bytes, std::size_t count) {
     if (count)
         std::memcpy(at, bytes, count);
@@ -119,8 +123,8 @@ std::uint64_t LogBuilder::bodySize() const {
                 ++streams;
                 break;
             case LogKind::Bytes:
+                streams += isStream(value, *view) ? 1 : 0;
                 size += view++->size;
-                ++streams;
                 break;
             }
         }
@@ -130,6 +134,7 @@ std::uint64_t LogBuilder::bodySize() const {
 std::uint8_t* LogBuilder::writeHead(std::uint8_t* destination) const {
     std::uint32_t streams = LogLayout::firstBodyStream;
     std::uint32_t fixed = LogLayout::commonSize;
+    LogView const* view = frame_.views;
     if (shape_)
         for (LogValue const& value : shape_->values) {
             if (value.kind == LogKind::U32)
@@ -137,7 +142,7 @@ std::uint8_t* LogBuilder::writeHead(std::uint8_t* destination) const {
             else if (value.kind == LogKind::U64)
                 fixed += sizeof(std::uint64_t);
             else
-                ++streams;
+                streams += isStream(value, *view++) ? 1 : 0;
         }
     std::uint8_t* length = destination;
     auto const putLength = [&length](std::uint32_t value) {
@@ -166,7 +171,7 @@ std::uint8_t* LogBuilder::writeHead(std::uint8_t* destination) const {
 
     std::uint32_t const* narrow = frame_.numbers;
     std::uint64_t const* wide = frame_.wides;
-    LogView const* view = frame_.views;
+    view = frame_.views;
     LogValue const* const trailingBuffer = trailingIsBuffer() ? &shape_->values.back() : nullptr;
     for (LogValue const& value : shape_->values) {
         switch (value.kind) {
@@ -185,7 +190,8 @@ std::uint8_t* LogBuilder::writeHead(std::uint8_t* destination) const {
             ++view;
             break;
         case LogKind::Bytes:
-            putLength(view->size);
+            if (isStream(value, *view))
+                putLength(view->size);
             if (&value != trailingBuffer)
                 at = putBytes(at, view->data, view->size);
             ++view;

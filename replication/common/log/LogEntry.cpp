@@ -277,7 +277,7 @@ bool LogEntry::decodeValues(LogFrame& frame) {
                 return false;
             break;
         case LogKind::Bytes:
-            if (!streams.take(*view++))
+            if (!streams.take(*view++) && !value.optional)
                 return false;
             break;
         }

@@ -5,12 +5,14 @@
 #include "replication/common/log/LogIo.h"
 #include "replication/common/log/LogMarshalling.h"
 #include "replication/common/log/LogTypes.h"
+#include "replication/common/values/FileTime.h"
 
 #include <QByteArray>
 #include <QString>
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -134,6 +136,10 @@ public:
         return number(LogField::ModificationTime);
     }
     [[nodiscard]] std::uint32_t changeTime() const { return number(LogField::ChangeTime); }
+    /// What the words of the times can't hold; nothing when the log doesn't bring it.
+    [[nodiscard]] std::optional<FileTimes> exactTimes() const {
+        return FileTimes::unpack(bytes(LogField::ExactTimes));
+    }
     /// The FLAGS of the body; `flags()` are the log's.
     [[nodiscard]] std::uint32_t bodyFlags() const { return number(LogField::Flags); }
     [[nodiscard]] std::uint32_t targetRuleCount() const {

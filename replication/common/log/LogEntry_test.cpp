@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <deque>
+#include <optional>
 
 namespace Replication {
 namespace {
@@ -330,6 +331,58 @@ TEST(LogEntry, AddedRulesStandBehindTheOldOnes) {
 
     LogEntry empty;
     EXPECT_FALSE(empty.addRules(more));
+}
+
+TEST(LogEntry, StreamsBehindThoseOfATypeAreCarried) {
+    FileTimes const times{{-1, 999'999'999}, {std::int64_t{1} << 40, 1}, {3, 0}};
+    Bytes packed(FileTimes::packedSize);
+    times.pack(packed.data());
+    Bytes const path = {'/', 'a', 0};
+    Bytes const later = {1, 2, 3};
+    Bytes const setAttr = commonPart(LogType::PosixSetAttr, 32 + 7 * 4);
+    struct {
+        char const* what;
+        std::vector<Bytes> streams;
+        std::optional<FileTimes> times;
+    } const cases[] = {
+        {"none", {setAttr, {}, {0}, path}, {}},
+        {"times", {setAttr, {}, {0}, path, packed}, times},
+        {"times and one more", {setAttr, {}, {0}, path, packed, later}, times},
+        {"too short for times", {setAttr, {}, {0}, path, later}, {}},
+        {"a type that has none", {commonPart(LogType::PosixUnlink), {}, {0}, path, packed}, {}},
+    };
+    std::uint32_t const more[] = {20, 21};
+    LogEntry log;
+    for (auto const& one : cases) {
+        SCOPED_TRACE(one.what);
+        auto const body = bodyOfStreams(one.streams);
+        ASSERT_TRUE(receive(log, body));
+        EXPECT_EQ(log.file(), "/a");
+        EXPECT_EQ(log.exactTimes(), one.times);
+        EXPECT_EQ(bodyOf(log), body);
+        EXPECT_EQ(log.toText().find(" TIMES:") != std::string::npos, one.times.has_value());
+        ASSERT_TRUE(log.addRules(more));
+        EXPECT_EQ(log.exactTimes(), one.times);
+        auto streams = one.streams;
+        streams[1] = {20, 0, 0, 0, 21, 0, 0, 0};
+        EXPECT_EQ(bodyOf(log), bodyOfStreams(streams));
+    }
+}
+
+TEST(LogEntry, AnOptionalStreamThatIsEmptyIsLeftOut) {
+    LogBuilder builder;
+    builder.begin(LogType::PosixMkdir, 1).text(LogField::File, "/a");
+    auto const without = builder.bodySize();
+    LogEntry log;
+    ASSERT_TRUE(log.build(builder));
+    EXPECT_EQ(log.body().size, without);
+    EXPECT_FALSE(log.exactTimes());
+    Bytes packed(FileTimes::packedSize);
+    builder.bytes(LogField::ExactTimes, {static_cast<void const*>(packed.data()),
+                                         static_cast<std::uint32_t>(packed.size())});
+    EXPECT_EQ(builder.bodySize(), without + 4 + FileTimes::packedSize);
+    ASSERT_TRUE(log.build(builder));
+    EXPECT_EQ(log.exactTimes(), (FileTimes{{0, 0}, {0, 0}, {0, 0}}));
 }
 
 TEST(LogEntry, TheBodyCanBeDecodedAfterTheHeader) {

@@ -44,6 +44,7 @@ constexpr LogValue hiddenFlags = u32(F::Flags);
 constexpr LogValue accessTime = u32(F::AccessTime, " ATIME:%u");
 constexpr LogValue modificationTime = u32(F::ModificationTime, " MTIME:%u");
 constexpr LogValue changeTime = u32(F::ChangeTime, " CTIME:%u");
+constexpr LogValue exactTimes{F::ExactTimes, LogKind::Bytes, LogPrint::Times, " TIMES:%s", true};
 constexpr LogValue targetRules = u32(F::TargetRuleCount);
 constexpr LogValue secondName = str(F::SecondName, " (%s)");
 constexpr LogValue info = u32(F::Info, " INFO:0x%x");
@@ -73,18 +74,19 @@ constexpr LogValue policyEventValues[] = {
 constexpr LogValue fileIdOnly[] = {fileId};
 constexpr LogValue readValues[] = {fileId, offset, length};
 constexpr LogValue writeValues[] = {fileId, offset, length, data};
-constexpr LogValue posixCreateValues[] = {fileId, file, mode, uid, gid};
+constexpr LogValue posixCreateValues[] = {fileId, file, mode, uid, gid, exactTimes};
 constexpr LogValue posixOpenValues[] = {fileId, file, u32(F::RawTime, " RAWTIME:%u")};
-constexpr LogValue posixMkdirValues[] = {file, mode, uid, gid};
-constexpr LogValue posixMknodValues[] = {file, mode, uid, gid, u64(F::Device, " DEV:0x%llx")};
+constexpr LogValue posixMkdirValues[] = {file, mode, uid, gid, exactTimes};
+constexpr LogValue posixMknodValues[] = {file,      mode, uid, gid, u64(F::Device, " DEV:0x%llx"),
+                                         exactTimes};
 constexpr LogValue posixRenameValues[] = {from, to, targetRules};
-constexpr LogValue posixSymlinkValues[] = {from, to, uid, gid};
+constexpr LogValue posixSymlinkValues[] = {from, to, uid, gid, exactTimes};
 constexpr LogValue fileOnly[] = {file};
 constexpr LogValue posixSetEaValues[] = {file, eaName, flags, data};
 constexpr LogValue posixGetEaValues[] = {file, eaName, hiddenFlags, data};
 constexpr LogValue posixRemoveEaValues[] = {file, eaName};
-constexpr LogValue posixSetAttrValues[] = {file,       mode, uid, gid, accessTime, modificationTime,
-                                           changeTime, flags};
+constexpr LogValue posixSetAttrValues[] = {
+    file, mode, uid, gid, accessTime, modificationTime, changeTime, flags, exactTimes};
 constexpr LogValue posixGetAttrValues[] = {file, flags};
 constexpr LogValue posixLinkValues[] = {from, to};
 constexpr LogValue posixWritePathValues[] = {file, offset, length, data};
@@ -239,6 +241,14 @@ constexpr bool everyShapeFitsTheFrame() {
     }
     return true;
 }
+constexpr bool onlyLastBytesAreOptional() {
+    for (LogShape const& shape : shapes)
+        for (LogValue const& value : shape.values)
+            if (value.optional && (value.kind != LogKind::Bytes || &value != &shape.values.back()))
+                return false;
+    return true;
+}
+static_assert(onlyLastBytesAreOptional());
 static_assert(everyShapeFitsTheFrame());
 static_assert(!slots[0][0].present() && !slots.back().back().present());
 

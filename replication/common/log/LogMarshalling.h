@@ -30,6 +30,7 @@ enum class LogField : std::uint8_t {
     AccessTime,
     ModificationTime,
     ChangeTime,
+    ExactTimes,
     WindowsChangeTime,
     RawTime,
     Flags,
@@ -80,7 +81,8 @@ enum class LogPrint : std::uint8_t {
     Number,             ///< one %u or %llu
     Text,               ///< one %s
     SecurityDescriptor, ///< one %s; its length follows as SECLEN
-    Sid                 ///< one %s
+    Sid,                ///< one %s
+    Times               ///< one %s: FileTimes; nothing when the stream isn't there
 };
 
 struct LogValue {
@@ -88,6 +90,9 @@ struct LogValue {
     LogKind kind;
     LogPrint print = LogPrint::Hidden;
     char const* format = "";
+    /// A stream behind those that the type always has: one that is empty is left out, and one
+    /// that isn't there is empty. Only as the last value, of kind Bytes.
+    bool optional = false;
 };
 
 /// The marshalling of one log type: what encodes, decodes and prints it.

@@ -100,6 +100,13 @@ std::string valueText(LogEntry const& log, LogValue const& value) {
         return withText(value.format, securityDescriptorText(descriptor)) +
                printed(" SECLEN:%u", descriptor.size);
     }
+    case LogPrint::Times: {
+        auto const times = FileTimes::unpack(log.bytes(value.field));
+        return times ? withText(value.format, times->access.text() + ',' +
+                                                  times->modification.text() + ',' +
+                                                  times->change.text())
+                     : std::string();
+    }
     case LogPrint::Sid:
         return withText(value.format, sidText(log.bytes(value.field)));
     }

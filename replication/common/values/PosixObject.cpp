@@ -10,7 +10,8 @@ using Morva::storeLittle;
 
 namespace {
 
-constexpr std::uint32_t currentVersion = 1;
+constexpr std::uint32_t plainVersion = 1;
+constexpr std::uint32_t timedVersion = 2;
 
 void appendNumber(QByteArray& record, std::uint32_t value) {
     char bytes[4];
@@ -57,30 +58,43 @@ private:
 } // namespace
 
 QByteArray PosixSecurity::encode() const {
-    QByteArray record(packedSize, '\0');
+    auto const timed = times.known();
+    QByteArray record(timed ? timedSize : packedSize, '\0');
     auto* bytes = record.data();
-    storeLittle<std::uint32_t>(bytes, currentVersion);
+    storeLittle<std::uint32_t>(bytes, timed ? timedVersion : plainVersion);
     storeLittle<std::uint32_t>(bytes + 4, mode);
     storeLittle<std::uint32_t>(bytes + 8, uid);
     storeLittle<std::uint32_t>(bytes + 12, gid);
     storeLittle<std::uint64_t>(bytes + 16, device);
+    if (timed)
+        times.pack(bytes + packedSize);
     return record;
 }
 
 std::optional<PosixSecurity> PosixSecurity::decode(Extent const& record) {
     auto const* bytes = record.bytes();
-    if (record.size < packedSize || loadLittle<std::uint32_t>(bytes) != currentVersion)
+    if (record.size < packedSize)
         return {};
-    return PosixSecurity{loadLittle<std::uint32_t>(bytes + 4), loadLittle<std::uint32_t>(bytes + 8),
+    auto const version = loadLittle<std::uint32_t>(bytes);
+    PosixSecurity result{loadLittle<std::uint32_t>(bytes + 4),
+                         loadLittle<std::uint32_t>(bytes + 8),
                          loadLittle<std::uint32_t>(bytes + 12),
-                         loadLittle<std::uint64_t>(bytes + 16)};
+                         loadLittle<std::uint64_t>(bytes + 16),
+                         {}};
+    if (version == plainVersion)
+        return result;
+    auto const times = FileTimes::unpack({bytes + packedSize, record.size - packedSize});
+    if (version != timedVersion || !times)
+        return {};
+    result.times = *times;
+    return result;
 }
 
 QByteArray PosixAttributes::encode() const {
     QByteArray record;
     if (attributes_.empty())
         return record;
-    appendNumber(record, currentVersion);
+    appendNumber(record, plainVersion);
     appendNumber(record, static_cast<std::uint32_t>(attributes_.size()));
     for (auto const& [name, value] : attributes_) {
         appendCounted(record, name);
@@ -96,7 +110,7 @@ std::optional<PosixAttributes> PosixAttributes::decode(Extent const& record) {
     Cursor cursor(record);
     std::uint32_t version = 0;
     std::uint32_t count = 0;
-    if (!cursor.number(version) || version != currentVersion || !cursor.number(count))
+    if (!cursor.number(version) || version != plainVersion || !cursor.number(count))
         return {};
     for (; count > 0; --count) {
         QByteArray name;

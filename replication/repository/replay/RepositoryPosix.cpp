@@ -19,6 +19,11 @@ QString streamName(char16_t const* name) {
     return QString::fromUtf16(name);
 }
 
+/// What a log that makes an object says of it. Its times don't count until a log sets them.
+PosixSecurity securityOf(LogEntry const& log, std::uint32_t mode) {
+    return {mode, log.uid(), log.gid(), log.device(), log.exactTimes().value_or(FileTimes{})};
+}
+
 } // namespace
 
 bool RepositoryPosix::replayBody(LogEntry const& log) {
@@ -108,7 +113,8 @@ RepositoryPosix::SinkHandlePointer RepositoryPosix::makeObject(LogEntry const& l
         return paths.createStream(context, place.path, streamName(PosixStream::data), file);
     auto const located = store().directories().locate(place.path, PathMode::DoNotBuildPath);
     auto handle = paths.createObject(context, place.path, file);
-    if (handle && located.found && located.key.isDirectory() && !describe(context, *handle, file))
+    if (handle && located.found && located.key.isDirectory() &&
+        !describeAgain(context, *handle, std::move(file), security))
         return nullptr;
     return handle;
 }
@@ -121,7 +127,7 @@ bool RepositoryPosix::opCreatePosix(LogEntry const& log) {
     }
     // A logged mode without type bits is that of a regular file.
     auto const mode = (log.mode() & S_IFMT) ? log.mode() : log.mode() | S_IFREG;
-    auto handle = makeObject(log, where, {mode, log.uid(), log.gid(), 0});
+    auto handle = makeObject(log, where, securityOf(log, mode));
     if (!handle) {
         MORVA_TRACE(Always) << "Failed to create file" << where.path.join(u'/');
         return false;
@@ -157,7 +163,7 @@ bool RepositoryPosix::opMkdirPosix(LogEntry const& log) {
     if (where.space != Space::Inside)
         return true;
     auto const mode = (log.mode() & ~static_cast<std::uint32_t>(S_IFMT)) | S_IFDIR;
-    if (makeObject(log, where, {mode, log.uid(), log.gid(), 0}))
+    if (makeObject(log, where, securityOf(log, mode)))
         return true;
     MORVA_TRACE(Always) << "Failed to mkdir" << where.path.join(u'/');
     return false;
@@ -167,8 +173,7 @@ bool RepositoryPosix::opMknodPosix(LogEntry const& log) {
     auto const where = place(log.file(), false);
     if (where.space != Space::Inside)
         return true;
-    if (!S_ISDIR(log.mode()) &&
-        makeObject(log, where, {log.mode(), log.uid(), log.gid(), log.device()}))
+    if (!S_ISDIR(log.mode()) && makeObject(log, where, securityOf(log, log.mode())))
         return true;
     MORVA_TRACE(Always) << "Failed to mknod" << where.path.join(u'/');
     return false;
@@ -178,7 +183,7 @@ bool RepositoryPosix::opSymlinkPosix(LogEntry const& log) {
     auto const where = place(log.to(), false);
     if (where.space != Space::Inside)
         return true;
-    auto const handle = makeObject(log, where, {S_IFLNK | 0777, log.uid(), log.gid(), 0});
+    auto const handle = makeObject(log, where, securityOf(log, S_IFLNK | 0777));
     auto const target = log.from();
     if (handle &&
         store().paths().replaceContent(

@@ -4,6 +4,7 @@
 #include "replication/repository/replay/Sink.h"
 
 #include <functional>
+#include <optional>
 #include <string_view>
 
 namespace Replication {
@@ -52,11 +53,17 @@ private:
         SinkHandlePointer handle; ///< null, traced, when it can't be opened
     };
     [[nodiscard]] Existing existing(std::string_view path);
-    [[nodiscard]] static PosixSecurity readSecurity(SinkHandle const& handle);
+    /// The "Security" record, a default where there is none; nothing when it can't be read.
+    [[nodiscard]] static std::optional<PosixSecurity> readSecurity(SinkHandle const& handle);
     [[nodiscard]] bool changeAttributes(LogEntry const& log,
                                         std::function<void(PosixAttributes&)> const& change);
     [[nodiscard]] bool setAttributes(LogEntry const& log, FileContext const& context,
                                      SinkHandle& handle);
+    [[nodiscard]] bool setSecurity(LogEntry const& log, FileContext const& context,
+                                   SinkHandle& handle);
+    /// Gives a directory that was there already what a log makes it with.
+    [[nodiscard]] bool describeAgain(FileContext const& context, SinkHandle& handle,
+                                     PathOperations::NewFile file, PosixSecurity security);
 };
 
 } // namespace Replication

@@ -14,8 +14,28 @@ namespace Replication {
 namespace {
 
 constexpr std::uint32_t securityFlags = posixAttrMode | posixAttrUid | posixAttrGid;
-constexpr std::uint32_t handledFlags =
-    securityFlags | posixAttrModificationTime | posixAttrChangeTime;
+constexpr std::uint32_t timeFlags = posixAttrModificationTime | posixAttrChangeTime;
+constexpr std::uint32_t handledFlags = securityFlags | timeFlags;
+
+/// What a log that sets a time by its word, and perhaps exactly, leaves in the record. A log
+/// without the exact time means whole seconds.
+void setTime(FileTime& stored, std::uint32_t word, FileTime exact) {
+    if (exact.counts(word))
+        stored = exact;
+    else if (stored.counts(word) && stored != FileTime::wholeSeconds(word))
+        stored = FileTime{};
+}
+
+void setTimes(FileTimes& stored, LogEntry const& log) {
+    auto const exact = log.exactTimes().value_or(FileTimes{});
+    auto const flags = log.bodyFlags();
+    if (flags & posixAttrModificationTime)
+        setTime(stored.modification, log.modificationTime(), exact.modification);
+    if (flags & posixAttrChangeTime)
+        setTime(stored.change, log.changeTime(), exact.change);
+    if ((flags & posixAttrAccessTime) && exact.access.counts(log.accessTime()))
+        stored.access = exact.access;
+}
 
 } // namespace
 
@@ -34,34 +54,61 @@ bool RepositoryPosix::opAttrSet(LogEntry const& log) {
 
 bool RepositoryPosix::setAttributes(LogEntry const& log, FileContext const& context,
                                     SinkHandle& handle) {
+    if (!setSecurity(log, context, handle))
+        return false;
+    auto const flags = log.bodyFlags();
+    return handle.activeHandle->attr(handle.link, (flags & posixAttrModificationTime) != 0,
+                                     log.modificationTime(), (flags & posixAttrChangeTime) != 0,
+                                     log.changeTime(), false, 0);
+}
+
+bool RepositoryPosix::setSecurity(LogEntry const& log, FileContext const& context,
+                                  SinkHandle& handle) {
     auto const flags = log.bodyFlags();
     auto const link = handle.link;
     auto& active = *handle.activeHandle;
-    if (flags & securityFlags) {
-        auto security = readSecurity(handle);
-        auto const before = security;
-        // A default that was only assumed so far is now known.
-        auto const assumed = !active.fileNode()->exists(QString::fromUtf16(PosixStream::security));
-        if (flags & posixAttrMode)
-            security.mode =
-                (security.mode & S_IFMT) | (log.mode() & ~static_cast<std::uint32_t>(S_IFMT));
-        if (flags & posixAttrUid)
-            security.uid = log.uid();
-        if (flags & posixAttrGid)
-            security.gid = log.gid();
-        if (assumed || security != before) {
-            if (!store().paths().replaceContent(
-                    context, handle, QString::fromUtf16(PosixStream::security), security.encode()))
-                return false;
-            active.owner(link, QString::number(security.uid));
-            if (!active.attr(link, false, 0, false, 0, true, security.mode))
-                return false;
-        }
+    auto const name = QString::fromUtf16(PosixStream::security);
+    // A default that is only assumed so far becomes known, but not by a time.
+    auto const assumed = !active.fileNode()->exists(name);
+    if (assumed && (flags & securityFlags) == 0)
+        return true;
+    auto const stored = readSecurity(handle);
+    if (!stored) {
+        // The rest of a record that can't be read must not become a default.
+        MORVA_TRACE(Always) << "The security of node" << active.fileNode()->id() << "can't be read";
+        return (flags & securityFlags) == 0;
     }
-    auto const setModified = (flags & posixAttrModificationTime) != 0;
-    auto const setChanged = (flags & posixAttrChangeTime) != 0;
-    return active.attr(link, setModified, log.modificationTime(), setChanged, log.changeTime(),
-                       false, 0);
+    auto const& before = *stored;
+    auto security = before;
+    if (flags & posixAttrMode)
+        security.mode =
+            (security.mode & S_IFMT) | (log.mode() & ~static_cast<std::uint32_t>(S_IFMT));
+    if (flags & posixAttrUid)
+        security.uid = log.uid();
+    if (flags & posixAttrGid)
+        security.gid = log.gid();
+    setTimes(security.times, log);
+    if (!assumed && security.sameButAccess(before))
+        return true;
+    if (!store().paths().replaceContent(context, handle, name, security.encode()))
+        return false;
+    if (!assumed && security.sameButTimes(before))
+        return true;
+    active.owner(link, QString::number(security.uid));
+    return active.attr(link, false, 0, false, 0, true, security.mode);
+}
+
+bool RepositoryPosix::describeAgain(FileContext const& context, SinkHandle& handle,
+                                    PathOperations::NewFile file, PosixSecurity security) {
+    if (auto const before = readSecurity(handle)) {
+        if (!security.times.known())
+            security.times = before->times;
+        // A directory that is as it was costs no write.
+        if (security.sameButAccess(*before))
+            security.times.access = before->times.access;
+    }
+    file.security = security.encode();
+    return describe(context, handle, file);
 }
 
 RepositoryPosix::Existing RepositoryPosix::existing(std::string_view path) {
@@ -93,13 +140,14 @@ RepositoryPosix::Existing RepositoryPosix::existing(std::string_view path) {
     return result;
 }
 
-PosixSecurity RepositoryPosix::readSecurity(SinkHandle const& handle) {
-    auto const record = readWhole(handle, QString::fromUtf16(PosixStream::security));
-    if (auto const security = PosixSecurity::decode(Morva::Extent(record)))
-        return *security;
+std::optional<PosixSecurity> RepositoryPosix::readSecurity(SinkHandle const& handle) {
+    auto const& node = handle.activeHandle->fileNode();
+    auto const name = QString::fromUtf16(PosixStream::security);
     // Only a directory that was made because a path needed it has none.
-    return {handle.activeHandle->fileNode()->isDirectory() ? S_IFDIR | 0755u : S_IFREG | 0644u, 0,
-            0, 0};
+    if (!node->exists(name))
+        return PosixSecurity{node->isDirectory() ? S_IFDIR | 0755u : S_IFREG | 0644u, 0, 0, 0, {}};
+    auto const record = readWhole(handle, name);
+    return PosixSecurity::decode(Morva::Extent(record));
 }
 
 bool RepositoryPosix::changeAttributes(LogEntry const& log,

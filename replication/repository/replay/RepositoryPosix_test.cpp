@@ -1,4 +1,7 @@
 #include "replication/repository/replay/PosixReplayFixture.h"
+#include "replication/repository/store/SnapshotList.h"
+
+#include <limits>
 
 namespace Replication {
 namespace {
@@ -233,10 +236,10 @@ TEST_F(PosixReplay, AttributesChangeAsTheirFlagsTell) {
         std::uint32_t flags;
         PosixSecurity wanted;
     } const cases[] = {
-        {posixAttrAccessTime, {S_IFREG | 0644, 0, 0, 0}},
-        {posixAttrUid, {S_IFREG | 0644, 10, 0, 0}},
-        {posixAttrGid, {S_IFREG | 0644, 10, 20, 0}},
-        {posixAttrMode, {S_IFREG | 04755, 10, 20, 0}},
+        {posixAttrAccessTime, {S_IFREG | 0644, 0, 0, 0, {}}},
+        {posixAttrUid, {S_IFREG | 0644, 10, 0, 0, {}}},
+        {posixAttrGid, {S_IFREG | 0644, 10, 20, 0, {}}},
+        {posixAttrMode, {S_IFREG | 04755, 10, 20, 0, {}}},
     };
     for (auto const& each : cases) {
         EXPECT_TRUE(done(LogType::PosixSetAttr, [&](LogBuilder& log) {
@@ -271,6 +274,138 @@ TEST_F(PosixReplay, AttributesChangeAsTheirFlagsTell) {
               (PosixAttributes::Map{{"user.y", "2"}}));
     EXPECT_TRUE(attribute(LogType::PosixRemoveEa, "user.y", nullptr));
     EXPECT_FALSE(content("a", PosixStream::attributes));
+}
+
+/// Logs that bring exact times, and what the store makes of them.
+class PosixTimes : public PosixReplay {
+protected:
+    static constexpr std::uint32_t allTimes =
+        posixAttrAccessTime | posixAttrModificationTime | posixAttrChangeTime;
+
+    /// The log's words are those of `times`; without `exact` they are all that it brings.
+    bool setTimes(char const* path, FileTimes const& times, std::uint32_t flags = allTimes,
+                  bool exact = true) {
+        std::uint8_t packed[FileTimes::packedSize];
+        times.pack(packed);
+        return done(LogType::PosixSetAttr, [&](LogBuilder& log) {
+            log.text(F::File, path).number(F::Flags, flags);
+            log.number(F::AccessTime, times.access.word());
+            log.number(F::ModificationTime, times.modification.word());
+            log.number(F::ChangeTime, times.change.word());
+            if (exact)
+                log.bytes(F::ExactTimes, {static_cast<void const*>(packed), sizeof packed});
+        });
+    }
+    /// What counts: the modification and the change time as a reader sees them.
+    [[nodiscard]] FileTime modified(char const* path) {
+        return security(path)->times.modification.resolved(object(path)->times().modifiedSource);
+    }
+    [[nodiscard]] FileTime changed(char const* path) {
+        return security(path)->times.change.resolved(object(path)->times().createdSource);
+    }
+};
+
+TEST_F(PosixTimes, AreKeptToTheNanosecond) {
+    constexpr std::int64_t seconds[] = {std::numeric_limits<std::int64_t>::min(),
+                                        -1,
+                                        0,
+                                        1,
+                                        std::int64_t{1} << 31,
+                                        (std::int64_t{1} << 32) - 1,
+                                        std::int64_t{1} << 32,
+                                        std::numeric_limits<std::int64_t>::max()};
+    ASSERT_TRUE(make("/src/a", "a"));
+    for (auto const second : seconds)
+        for (std::uint32_t const nanosecond : {0, 1, 999'999'999}) {
+            FileTime const time{second, nanosecond};
+            SCOPED_TRACE(time.text());
+            ASSERT_TRUE(setTimes("/src/a", {time, time, time}));
+            EXPECT_EQ(object("a")->times().modifiedSource, time.word());
+            EXPECT_EQ(object("a")->times().createdSource, time.word());
+            EXPECT_EQ(modified("a"), time);
+            EXPECT_EQ(changed("a"), time);
+            EXPECT_EQ(security("a")->times.access, time);
+        }
+    EXPECT_EQ(security("a")->mode, S_IFREG | 0644U);
+}
+
+TEST_F(PosixTimes, AWordThatIsSetAloneMeansWholeSeconds) {
+    FileTimes const exact{{5, 1}, {1000, 2}, {2000, 3}};
+    auto const reset = [&] { return setTimes("/src/a", exact); };
+    ASSERT_TRUE(make("/src/a", "a"));
+
+    ASSERT_TRUE(reset());
+    ASSERT_TRUE(setTimes("/src/a", {{}, {1001, 0}, {}}, posixAttrModificationTime, false));
+    EXPECT_EQ(modified("a"), FileTime::wholeSeconds(1001));
+    EXPECT_EQ(changed("a"), exact.change);
+
+    // The same second again, too.
+    ASSERT_TRUE(reset());
+    ASSERT_TRUE(setTimes("/src/a", exact, allTimes, false));
+    EXPECT_EQ(modified("a"), FileTime::wholeSeconds(1000));
+    EXPECT_EQ(changed("a"), FileTime::wholeSeconds(2000));
+
+    ASSERT_TRUE(reset());
+    ASSERT_TRUE(writePath("/src/a", "later"));
+    EXPECT_EQ(modified("a"), FileTime::wholeSeconds(time_));
+
+    // A log whose exact time isn't that of its word is believed by its word.
+    ASSERT_TRUE(reset());
+    ASSERT_TRUE(done(LogType::PosixSetAttr, [&](LogBuilder& log) {
+        std::uint8_t packed[FileTimes::packedSize];
+        FileTimes{{}, {7, 7}, {8, FileTime::nanosecondsPerSecond}}.pack(packed);
+        log.text(F::File, "/src/a").number(F::Flags, allTimes);
+        log.number(F::ModificationTime, 1000).number(F::ChangeTime, 8);
+        log.bytes(F::ExactTimes, {static_cast<void const*>(packed), sizeof packed});
+    }));
+    EXPECT_EQ(modified("a"), FileTime::wholeSeconds(1000));
+    EXPECT_EQ(changed("a"), FileTime::wholeSeconds(8));
+}
+
+TEST_F(PosixTimes, StayWithWhatElseTheRecordHas) {
+    FileTimes const exact{{5, 1}, {1000, 2}, {2000, 3}};
+    ASSERT_TRUE(make("/src/a", "a"));
+    ASSERT_TRUE(setTimes("/src/a", exact));
+    ASSERT_TRUE(done(LogType::PosixSetAttr, [](LogBuilder& log) {
+        log.text(F::File, "/src/a").number(F::Mode, 0600).number(F::Flags, posixAttrMode);
+    }));
+    EXPECT_EQ(security("a")->mode, S_IFREG | 0600U);
+    EXPECT_EQ(modified("a"), exact.modification);
+
+    // A directory that was made because a path needed it gets no owner by a time.
+    ASSERT_TRUE(create(1, "/src/new/b"));
+    ASSERT_TRUE(setTimes("/src/new", exact));
+    EXPECT_FALSE(security("new"));
+    EXPECT_EQ(object("new")->times().modifiedSource, 1000U);
+}
+
+TEST_F(PosixTimes, OnesThatAreThereAlreadyCostNoWrite) {
+    FileTimes exact{{5, 1}, {1000, 2}, {2000, 3}};
+    auto const makeDirectory = [&] {
+        std::uint8_t packed[FileTimes::packedSize];
+        exact.pack(packed);
+        return done(LogType::PosixMkdir, [&](LogBuilder& log) {
+            log.text(F::File, "/src/d").number(F::Mode, 0755);
+            log.bytes(F::ExactTimes, {static_cast<void const*>(packed), sizeof packed});
+        });
+    };
+    ASSERT_TRUE(makeDirectory());
+    EXPECT_EQ(security("d")->times, exact);
+    ASSERT_TRUE(setTimes("/src/d", exact));
+    EXPECT_EQ(modified("d"), exact.modification);
+    // With a snapshot that sees the directory, any write would copy its node.
+    ASSERT_TRUE(store_->snapshots().userSnapshot(0, 1, QString()));
+    auto const nodes = usedNodes();
+    exact.access = {6, 7};
+    ASSERT_TRUE(makeDirectory());
+    ASSERT_TRUE(setTimes("/src/d", exact));
+    ASSERT_TRUE(mkdir("/src/d"));
+    EXPECT_EQ(usedNodes(), nodes);
+    EXPECT_EQ(modified("d"), exact.modification);
+    exact.modification.nanoseconds = 4;
+    ASSERT_TRUE(setTimes("/src/d", exact));
+    EXPECT_EQ(usedNodes(), nodes + 1);
+    EXPECT_EQ(security("d")->times, exact);
 }
 
 TEST_F(PosixReplay, LogsOfOtherSourcesDoNothing) {
