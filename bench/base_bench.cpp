@@ -32,10 +32,10 @@ constexpr std::uint64_t records = 100000;
 
 struct PageFile {
     explicit PageFile(std::uint64_t pages) {
-        bool made = blocks.create(directory.path() + "/pages", 4096, 0, 0, mode);
+        bool made = blocks.create(directory.path() + "/pages", 4096, 0, 0, mode).ok();
         std::uint64_t number = 0;
         for (std::uint64_t i = 0; made && i < pages; ++i)
-            made = blocks.returnBlock(blocks.newBlock(number), true);
+            made = blocks.returnBlock(*blocks.newBlock(number), true);
         if (!made || !blocks.flush())
             std::abort();
     }
@@ -51,7 +51,7 @@ void touchPages(benchmark::State& state, std::uint64_t pages, bool change) {
     std::uint64_t page = 0;
     for (auto _ : state) {
         page = (page + 7919) % pages;
-        void* const block = file.blocks.getBlock(page + Blocks::firstBlock());
+        void* const block = *file.blocks.getBlock(page + Blocks::firstBlock());
         benchmark::DoNotOptimize(block);
         file.blocks.returnBlock(block, change);
     }
@@ -112,13 +112,13 @@ struct Tree {
     bool insertAll() {
         return std::all_of(order.begin(), order.end(), [this](std::uint64_t number) {
             NumberKey key(number);
-            return tree.insert(key);
+            return tree.insert(key).ok();
         });
     }
     bool removeAll() {
         return std::all_of(order.begin(), order.end(), [this](std::uint64_t number) {
             NumberKey key(number);
-            return tree.find(key) && tree.remove(key);
+            return *tree.find(key) && tree.remove(key);
         });
     }
 
@@ -159,7 +159,7 @@ void TreeFind(benchmark::State& state) {
     for (auto _ : state) {
         NumberKey key(tree.order[at]);
         at = at + 1 == tree.order.size() ? 0 : at + 1;
-        benchmark::DoNotOptimize(tree.tree.find(key));
+        benchmark::DoNotOptimize(*tree.tree.find(key));
     }
     state.SetItemsProcessed(state.iterations());
 }
@@ -186,11 +186,9 @@ void QueueSendReceive(benchmark::State& state) {
     std::uint8_t bytes[64] = {};
     Extent const record(static_cast<void*>(bytes), sizeof bytes);
     Extent got;
-    bool good = queue.receiver() == PagedQueue::Result::Success;
+    bool good = queue.receiver().ok();
     for (auto _ : state)
-        good = good && queue.send(record) == PagedQueue::Result::Success &&
-               queue.tryReceive(got) == PagedQueue::Result::Success &&
-               queue.release() == PagedQueue::Result::Success;
+        good = good && queue.send(record) && *queue.tryReceive(got) && queue.release();
     if (!good)
         state.SkipWithError("queue failed");
     state.SetItemsProcessed(state.iterations());
@@ -203,7 +201,7 @@ bool fill(PagedList& list) {
     bool good = true;
     for (std::uint64_t i = 0; i < records; ++i) {
         bytes[0] = random();
-        good = list.write(Extent(static_cast<void*>(bytes), sizeof bytes)) && good;
+        good = list.write(Extent(static_cast<void*>(bytes), sizeof bytes)).ok() && good;
     }
     return good;
 }
@@ -217,7 +215,7 @@ void ListWriteRead(benchmark::State& state) {
         bool const good = fill(list);
         list.setPositionStart();
         std::uint64_t seen = 0;
-        for (Extent record; list.read(record);)
+        for (Extent record; *list.read(record);)
             ++seen;
         if (!good || seen != records)
             state.SkipWithError("list failed");

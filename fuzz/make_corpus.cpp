@@ -356,21 +356,21 @@ void files() {
     auto const path = [](char const* name) { return scratch + u'/' + QLatin1String(name); };
     {
         BPlusTree tree(64);
-        require(tree.create(path("tree"), 512), "tree");
+        require(tree.create(path("tree"), 512).ok(), "tree");
         for (int i = 0; i < 60; ++i) {
             QString const name = i == 0    ? QStringLiteral("alpha")
                                  : i == 30 ? QString(350, u'y')
                                            : QStringLiteral("key %1").arg(i);
             DirKey key(FileId{1}, name, 1);
-            require(tree.insert(key), "key");
+            require(tree.insert(key).ok(), "key");
         }
         DirKey gone(FileId{1}, QStringLiteral("key 7"), 1);
-        require(tree.find(gone) && tree.remove(gone) && tree.close(), "tree");
+        require(tree.find(gone).ok() && tree.remove(gone) && tree.close(), "tree");
     }
     file(0, "tree", path("tree"));
     {
         Blocks blocks(16);
-        require(blocks.create(path("blocks"), 256, 24, 4096, RawFile::Mode::Create), "blocks");
+        require(blocks.create(path("blocks"), 256, 24, 4096, RawFile::Mode::Create).ok(), "blocks");
         for (int i = 0; i < 8; ++i) {
             std::uint64_t number = 0;
             auto pin = BlockPin::make(blocks, number);
@@ -378,40 +378,40 @@ void files() {
             storeLittle(pin.bytes(), number);
             pin.changed();
             if (i % 3 == 2)
-                require(pin.free(), "free");
+                require(pin.free().ok(), "free");
         }
-        require(blocks.close(), "blocks");
+        require(blocks.close().ok(), "blocks");
     }
     file(1, "blocks", path("blocks"));
     {
         FreeList list(4);
         require(list.create(path("free"), 100000) && list.grow(10, 500), "free list");
         for (std::uint64_t number = 1000; number < 1100; number += 3)
-            require(list.put(number), "number");
-        require(list.close(), "free list");
+            require(list.put(number).ok(), "number");
+        require(list.close().ok(), "free list");
     }
     file(2, "free-list", path("free"));
     {
         ReferenceCount counts(4);
-        require(counts.create(path("counts"), 100000, 2048), "counts");
+        require(counts.create(path("counts"), 100000, 2048).ok(), "counts");
         for (std::uint64_t number = 1; number < 1500; number += 11)
-            require(counts.newId(number), "count");
-        require(counts.close(), "counts");
+            require(counts.newId(number).ok(), "count");
+        require(counts.close().ok(), "counts");
     }
     file(3, "counts", path("counts"));
     {
         PagedQueue queue(path("queue"), 4096, 2);
         for (int i = 0; i < 5; ++i)
-            require(queue.send(Extent("a record of a queue", 12)) == PagedQueue::Result::Success,
-                    "send");
+            require(queue.send(Extent("a record of a queue", 12)).ok(), "send");
     }
     file(4, "queue", path("queue"));
     {
         PagedList list(path("list"), 256, 1024);
         for (int i = 0; i < 40; ++i)
-            require(list.write(Extent("a record of a list", static_cast<std::uint32_t>(i % 18))),
-                    "write");
-        require(list.close(), "list");
+            require(
+                list.write(Extent("a record of a list", static_cast<std::uint32_t>(i % 18))).ok(),
+                "write");
+        require(list.close().ok(), "list");
     }
     file(5, "list", path("list"));
     save("files", "dedup", QByteArray("\6\0", 2) + QByteArray(20, '\3'));

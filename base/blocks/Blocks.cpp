@@ -1,6 +1,7 @@
 #include "base/blocks/Blocks.h"
 
 #include "base/blocks/Failures.h"
+#include "base/blocks/FileCalls.h"
 #include "base/blocks/HeaderPage.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
@@ -63,7 +64,7 @@ template <class T> T field(std::uint8_t const* header, std::uint32_t offset) {
 Blocks::Blocks(std::uint32_t cacheBlocks) : HeadedFile(cacheBlocks) {}
 
 Blocks::~Blocks() {
-    close();
+    (void)close(); // traced; who needs to know closes before
 }
 
 void Blocks::setUp(std::uint32_t blockSize, std::uint64_t growSize) {
@@ -72,17 +73,17 @@ void Blocks::setUp(std::uint32_t blockSize, std::uint64_t growSize) {
     growBlocks_ = static_cast<std::uint32_t>(std::clamp<std::uint64_t>(step, 1, 0x10000000));
 }
 
-bool Blocks::create(QString const& name, std::uint32_t blockSize, std::uint32_t reservedBits,
-                    std::uint64_t growSize, RawFile::Mode mode) {
+Status Blocks::create(QString const& name, std::uint32_t blockSize, std::uint32_t reservedBits,
+                      std::uint64_t growSize, RawFile::Mode mode) {
     MORVA_METHOD("create");
-    close();
+    MORVA_TRY(close());
     if (blockSize < minimumBlockSize || blockSize > maximumBlockSize || blockSize % 8 != 0 ||
         reservedBits >= 64) {
         MORVA_TRACE(Always) << "Invalid block size or reserved bits" << blockSize << reservedBits;
-        return scope.result(false);
+        return scope.result(Status::failure(Status::Code::InvalidArgument, "create", name,
+                                            QStringLiteral("no such block size")));
     }
-    if (!beginCreation(name, mode, blockSize))
-        return scope.result(false);
+    MORVA_TRY(scope.result(beginCreation(name, mode, blockSize)));
     setUp(blockSize, growSize);
     reservedBits_ = reservedBits;
     mask_ = ~std::uint64_t{0} >> reservedBits;
@@ -92,21 +93,21 @@ bool Blocks::create(QString const& name, std::uint32_t blockSize, std::uint32_t 
     return scope.result(endCreation(writeHeader()));
 }
 
-bool Blocks::open(QString const& name, std::uint64_t growSize, RawFile::Mode mode) {
+Status Blocks::open(QString const& name, std::uint64_t growSize, RawFile::Mode mode) {
     MORVA_METHOD("open");
-    close();
-    return scope.result(beginOpening(name, mode) &&
-                        endOpening(readHeader(growSize), "Invalid block file header in"));
+    MORVA_TRY(close());
+    MORVA_TRY(scope.result(beginOpening(name, mode)));
+    return scope.result(endOpening(readHeader(growSize), "Invalid block file header in"));
 }
 
-bool Blocks::readHeader(std::uint64_t growSize) {
+Status Blocks::readHeader(std::uint64_t growSize) {
     std::array<std::uint8_t, Header::size> bytes;
     std::uint8_t const* header = bytes.data();
-    if (file_->readAt(0, bytes.data(), Header::size) != Header::size ||
-        std::memcmp(header, Header::magic, 8) != 0 ||
+    MORVA_TRY(FileCalls::readWhole(*file_, 0, bytes.data(), Header::size));
+    if (std::memcmp(header, Header::magic, 8) != 0 ||
         field<std::uint32_t>(header, Header::atVersion) != Header::version ||
         field<std::uint32_t>(header, Header::atCheck) != headerCheck(header, Header::atCheck))
-        return false;
+        return unsoundHeader();
     auto const blockSize = field<std::uint32_t>(header, Header::atBlockSize);
     reservedBits_ = field<std::uint32_t>(header, Header::atReservedBits);
     blockCount_ = field<std::uint64_t>(header, Header::atBlockCount);
@@ -115,32 +116,37 @@ bool Blocks::readHeader(std::uint64_t growSize) {
     freeHead_ = field<std::uint64_t>(header, Header::atFreeHead);
     if (blockSize < minimumBlockSize || blockSize > maximumBlockSize || blockSize % 8 != 0 ||
         reservedBits_ >= 64)
-        return false;
+        return unsoundHeader();
     mask_ = ~std::uint64_t{0} >> reservedBits_;
+    MORVA_TRY_LET(std::uint64_t const length, FileCalls::length(*file_));
     if (blockCount_ < firstBlock() || blockCount_ - 1 > mask_ || blockCount_ > reservedCount_ ||
-        reservedCount_ > file_->length() / blockSize || freeCount_ >= blockCount_ ||
+        reservedCount_ > length / blockSize || freeCount_ >= blockCount_ ||
         freeHead_ >= blockCount_)
-        return false;
+        return unsoundHeader();
     setUp(blockSize, growSize);
     if (field<std::uint32_t>(header, Header::atInUse) != 0)
-        recoverCount();
+        MORVA_TRY(recoverCount());
     marked_ = headerChanged_ = false;
     return pinHeader(blockSize);
 }
 
 /// After a crash the header's block count may be older than blocks that were written. A block
-/// past it that isn't all zero was handed out.
-void Blocks::recoverCount() {
+/// past it that isn't all zero, or that is damaged, was handed out.
+Status Blocks::recoverCount() {
     MORVA_TRACE(Always) << "Block file" << file_->name() << "was not closed";
     std::vector<std::uint8_t> block(blockSize_);
     std::uint64_t last = reservedCount_;
     while (last > blockCount_) {
-        if (file_->readAt((last - 1) * blockSize_, block.data(), blockSize_) != blockSize_ ||
-            std::ranges::any_of(block, [](std::uint8_t byte) { return byte != 0; }))
+        Status read =
+            FileCalls::readWhole(*file_, (last - 1) * blockSize_, block.data(), blockSize_);
+        if (!read && !read.is(Status::Code::Corruption))
+            return read;
+        if (!read || std::ranges::any_of(block, [](std::uint8_t byte) { return byte != 0; }))
             break;
         --last;
     }
     blockCount_ = last;
+    return {};
 }
 
 void Blocks::storeHeader() {
@@ -158,40 +164,42 @@ void Blocks::storeHeader() {
     headerChanged_ = false;
 }
 
-bool Blocks::writeHeader() {
+Status Blocks::writeHeader() {
     storeHeader();
     return cache_.writeNow(header_);
 }
 
 /// Before the first change the file is marked as in use, so that the next open after a crash knows.
-bool Blocks::markChanged() {
+Status Blocks::markChanged() {
     headerChanged_ = true;
     if (marked_)
-        return true;
+        return {};
     marked_ = true;
-    if (writeHeader())
-        return headerChanged_ = true;
-    marked_ = false;
-    Failures::note();
-    return false;
+    Status written = writeHeader();
+    headerChanged_ = true;
+    if (!written) {
+        marked_ = false;
+        Failures::note();
+    }
+    return written;
 }
 
-bool Blocks::close() {
+Status Blocks::close() {
     if (!header_)
-        return true;
+        return {};
     MORVA_METHOD("close");
-    bool closed = flush();
+    Status closed = flush();
     if (closed && marked_) {
         marked_ = false;
         closed = writeHeader();
     }
     giveUp();
-    return scope.result(closed);
+    return scope.result(std::move(closed));
 }
 
-bool Blocks::flush() {
+Status Blocks::flush() {
     if (!header_)
-        return false;
+        return notOpen("flush");
     if (headerChanged_)
         storeHeader();
     return cache_.flush();
@@ -199,44 +207,51 @@ bool Blocks::flush() {
 
 // --- Blocks of the file -----------------------------------------------------------------------
 
-bool Blocks::growTo(std::uint64_t blocks) {
-    if (blocks > largestFile / blockSize_ || !file_->setLength(blocks * blockSize_))
-        return false;
+Status Blocks::growTo(std::uint64_t blocks) {
+    if (blocks > largestFile / blockSize_)
+        return Status::failure(Status::Code::NoSpace, "extend", file_->name(),
+                               QStringLiteral("a file can't be that large"));
+    MORVA_TRY(FileCalls::setLength(*file_, blocks * blockSize_));
     std::uint64_t const before = std::exchange(reservedCount_, blocks);
-    if (writeHeader())
-        return true;
-    reservedCount_ = before;
-    return false;
+    Status written = writeHeader();
+    if (!written)
+        reservedCount_ = before;
+    return written;
 }
 
-bool Blocks::reserve() {
+Status Blocks::reserve() {
     if (blockCount_ < reservedCount_)
-        return true;
+        return {};
     if (blockCount_ - 1 >= mask_) {
         MORVA_TRACE(Always) << "No block number is left in" << file_->name();
-        return false;
+        return Status::failure(Status::Code::NoSpace, "extend", file_->name(),
+                               QStringLiteral("no block number is left"));
     }
     std::uint64_t const step = std::min<std::uint64_t>(growBlocks_, mask_ - blockCount_ + 1);
-    if (growTo(blockCount_ + step) || (step > 1 && growTo(blockCount_ + 1)))
-        return true;
-    MORVA_TRACE(Always) << "Failed to extend" << file_->name() << file_->lastError();
-    Failures::note();
-    return false;
+    Status grown = growTo(blockCount_ + step);
+    if (!grown && step > 1)
+        grown = growTo(blockCount_ + 1);
+    if (!grown) {
+        MORVA_TRACE(Always) << "Failed to extend" << file_->name() << file_->lastError();
+        Failures::note();
+    }
+    return grown;
 }
 
-/// The head of the chain of free blocks, all zero; null when there is none to be had.
-void* Blocks::takeFree(std::uint64_t& number) {
-    void* block = cache_.pin(freeHead_);
-    if (!block)
-        return nullptr;
+Status Blocks::badChain(std::uint64_t number) const {
+    return Status::corruption("read", file_->name(),
+                              QStringLiteral("the chain of free blocks is damaged"),
+                              {Status::Unit::Block, number});
+}
+
+/// The head of the chain of free blocks, all zero. `Corruption` when the chain is damaged.
+Result<void*> Blocks::takeFree(std::uint64_t& number) {
+    MORVA_TRY_LET(void* const block, cache_.pin(freeHead_));
     auto const next =
         loadLittle<std::uint64_t>(static_cast<std::uint8_t*>(block) + FreeBlock::atNext);
     if (!FreeBlock::is(block, freeHead_) || next >= blockCount_ || freeCount_ == 0) {
-        MORVA_TRACE(Always) << "Damaged chain of free blocks in" << file_->name() << "at"
-                            << freeHead_ << "," << freeCount_ << "blocks are lost";
         cache_.unpin(block, false);
-        freeHead_ = freeCount_ = 0;
-        return nullptr;
+        return badChain(freeHead_);
     }
     number = std::exchange(freeHead_, next);
     --freeCount_;
@@ -245,36 +260,45 @@ void* Blocks::takeFree(std::uint64_t& number) {
     return block;
 }
 
-void* Blocks::newBlock(std::uint64_t& number) {
+Result<void*> Blocks::newBlock(std::uint64_t& number) {
     number = 0;
-    if (!header_ || !markChanged())
-        return nullptr;
+    if (!header_)
+        return notOpen("make a block");
+    MORVA_TRY(markChanged());
     if (freeHead_ != 0) {
-        Failures::Watch const watch;
-        if (void* block = takeFree(number))
+        auto block = takeFree(number);
+        if (block.code() != Status::Code::Corruption)
             return block;
-        if (watch.any())
-            return nullptr;
+        // Its blocks are lost until a repair; none that is in use can be taken for free.
+        MORVA_TRACE(Always) << "Damaged chain of free blocks in" << file_->name() << "at"
+                            << freeHead_ << "," << freeCount_ << "blocks are lost";
+        freeHead_ = freeCount_ = 0;
     }
-    if (!reserve())
-        return nullptr;
-    void* block = cache_.pinZero(blockCount_);
+    MORVA_TRY(reserve());
+    auto block = cache_.pinZero(blockCount_);
     if (block)
         number = blockCount_++;
     headerChanged_ = true;
     return block;
 }
 
-void* Blocks::getBlock(std::uint64_t number) {
-    if (number == 0 || number >= blockCount_ || !header_) [[unlikely]] {
-        MORVA_TRACE(Always) << "Invalid block number" << number << "of" << blockCount_;
-        return nullptr;
-    }
+Status Blocks::noBlock(std::uint64_t number) const {
+    MORVA_TRACE(Always) << "Invalid block number" << number << "of" << blockCount_;
+    if (!header_)
+        return notOpen("read");
+    return Status::corruption("read", file_->name(), QStringLiteral("no such block exists"),
+                              {Status::Unit::Block, number});
+}
+
+Result<void*> Blocks::getBlock(std::uint64_t number) {
+    if (number == 0 || number >= blockCount_ || !header_) [[unlikely]]
+        return noBlock(number);
     return cache_.pin(number);
 }
 
-void const* Blocks::getBlock(std::uint64_t number) const {
-    return const_cast<Blocks*>(this)->getBlock(number);
+Result<void const*> Blocks::getBlock(std::uint64_t number) const {
+    MORVA_TRY_LET(void const* const block, const_cast<Blocks*>(this)->getBlock(number));
+    return block;
 }
 
 bool Blocks::returnBlock(void const* block, bool dirty) {
@@ -293,19 +317,22 @@ bool Blocks::discardBlock(void const* block) {
     return cache_.discard(block);
 }
 
-bool Blocks::freeBlock(void const* block) {
+Status Blocks::freeBlock(void const* block) {
     std::uint64_t const freed = number(block);
     if (freed == 0)
-        return false;
+        return Status::failure(Status::Code::InvalidArgument, "free a block of",
+                               header_ ? file_->name() : QString(),
+                               QStringLiteral("the block isn't pinned"));
     if (FreeBlock::is(block, freed)) {
         MORVA_TRACE(Always) << "Failed to free block" << freed << "of" << file_->name();
         cache_.unpin(block, false);
-        return false;
+        return Status::corruption("free a block of", file_->name(),
+                                  QStringLiteral("it is free already"),
+                                  {Status::Unit::Block, freed});
     }
-    // The mark is for blocks handed out: without it a crash can lose the freed one, and no more.
     {
         Failures::Pardon const pardon;
-        (void)markChanged();
+        (void)markChanged(); // for blocks handed out: a crash loses the freed one, and no more
     }
     auto* bytes = static_cast<std::uint8_t*>(const_cast<void*>(block));
     storeLittle(bytes, std::uint64_t{0});
@@ -313,44 +340,44 @@ bool Blocks::freeBlock(void const* block) {
     storeLittle(bytes + FreeBlock::atMark, FreeBlock::mark ^ freed);
     freeHead_ = freed;
     ++freeCount_;
-    return cache_.unpin(block, true);
+    cache_.unpin(block, true);
+    return {};
 }
 
 std::uint64_t Blocks::number(void const* block) const {
     return block ? PageCache::number(block) : 0;
 }
 
-bool Blocks::isFree(std::uint64_t number) const {
-    void const* block = getBlock(number);
-    if (!block)
-        return false;
+Result<bool> Blocks::isFree(std::uint64_t number) const {
+    MORVA_TRY_LET(void const* const block, getBlock(number));
     bool const free = FreeBlock::is(block, number);
     returnBlock(block);
     return free;
 }
 
-bool Blocks::forEachFree(std::function<bool(std::uint64_t number)> const& callback) const {
+Status Blocks::forEachFree(std::function<bool(std::uint64_t number)> const& callback) const {
     if (!header_)
-        return false;
+        return notOpen("read");
     std::uint64_t left = freeCount_;
     for (std::uint64_t at = freeHead_; at != 0 || left != 0; --left) {
-        void const* block = left != 0 && at != 0 ? getBlock(at) : nullptr;
-        bool const sound = block && FreeBlock::is(block, at);
-        std::uint64_t const next =
-            sound ? loadLittle<std::uint64_t>(static_cast<std::uint8_t const*>(block) +
-                                              FreeBlock::atNext)
-                  : 0;
-        if (block)
+        bool sound = left != 0 && at != 0;
+        std::uint64_t next = 0;
+        if (sound) {
+            MORVA_TRY_LET(void const* const block, getBlock(at));
+            sound = FreeBlock::is(block, at);
+            next = loadLittle<std::uint64_t>(static_cast<std::uint8_t const*>(block) +
+                                             FreeBlock::atNext);
             returnBlock(block);
+        }
         if (!sound) {
             MORVA_TRACE(Always) << "Damaged chain of free blocks in" << file_->name() << "at" << at;
-            return false;
+            return badChain(at);
         }
         if (!callback(at))
-            return true;
+            return {};
         at = next;
     }
-    return true;
+    return {};
 }
 
 } // namespace Morva

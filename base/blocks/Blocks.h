@@ -16,9 +16,10 @@ namespace Morva {
 /// own header; numbers from `firstBlock()` to `blockCount() - 1` exist, in use or free. Freed
 /// blocks are given out again, the last one freed first; otherwise numbers ascend.
 ///
-/// The file grows in steps whose disk space is reserved at once, so a full disk is a null from
+/// The file grows in steps whose disk space is reserved at once, so a full disk is `NoSpace` from
 /// `newBlock`, with nothing changed, and never a failed write later. Its format and what a crash
-/// can leave: docs/formats/block-file.md. Failures are traced. Not thread-safe.
+/// can leave: docs/formats/block-file.md. Failures are traced. Operations on a pin that give a
+/// boolean are false for a buffer without a pin, a fault of the caller. Not thread-safe.
 class Blocks : public HeadedFile {
 public:
     static constexpr std::uint32_t minimumBlockSize = 256;
@@ -31,17 +32,18 @@ public:
     /// Makes a new file, replacing one that is there. The block size is a multiple of 8 from 256
     /// to 32768; `reservedBits`, below 64, is the count of high bits that aren't part of a block
     /// number. `growSize` is the growth step in bytes, 0 for 1 MiB.
-    [[nodiscard]] bool create(QString const& name, std::uint32_t blockSize,
-                              std::uint32_t reservedBits, std::uint64_t growSize,
-                              RawFile::Mode mode);
-    /// False when the file isn't there, and then none is made, or isn't a sound block file.
-    [[nodiscard]] bool open(QString const& name, std::uint64_t growSize, RawFile::Mode mode);
-    /// Flushes and closes; false when something could not be written. Pins become invalid. Closing
-    /// a closed file is harmless and true. A file that wasn't changed isn't written to.
-    bool close();
+    [[nodiscard]] Status create(QString const& name, std::uint32_t blockSize,
+                                std::uint32_t reservedBits, std::uint64_t growSize,
+                                RawFile::Mode mode);
+    /// `NotFound` when the file isn't there, and then none is made; `Corruption` when it isn't a
+    /// sound block file.
+    [[nodiscard]] Status open(QString const& name, std::uint64_t growSize, RawFile::Mode mode);
+    /// Flushes and closes; a failure when something could not be written. Pins become invalid.
+    /// Closing a closed file is harmless. A file that wasn't changed isn't written to.
+    Status close();
     /// Writes all changed blocks and the header to the file; what fails stays changed and is
     /// tried again at the next flush. Doesn't sync.
-    bool flush();
+    [[nodiscard]] Status flush();
 
     [[nodiscard]] std::uint32_t blockSize() const { return blockSize_; }
     /// The largest block number that the file can hold.
@@ -52,13 +54,15 @@ public:
     /// How many of them are free.
     [[nodiscard]] std::uint64_t freeCount() const { return freeCount_; }
 
-    /// A pinned block of zero bytes and its number; null when the disk or the number range is
-    /// full, and then `number` is 0.
-    [[nodiscard]] void* newBlock(std::uint64_t& number);
-    /// A pinned block. Pins nest and give the same buffer. Null for a number that the file doesn't
-    /// have, and when reading fails. A free block can be pinned too; its first eight bytes are 0.
-    [[nodiscard]] void* getBlock(std::uint64_t number);
-    [[nodiscard]] void const* getBlock(std::uint64_t number) const;
+    /// A pinned block of zero bytes and its number. `NoSpace` when the disk or the range of numbers
+    /// is full, `IoError`; then `number` is 0 and nothing has changed. A damaged chain of free
+    /// blocks is given up, which loses their space and nothing else.
+    [[nodiscard]] Result<void*> newBlock(std::uint64_t& number);
+    /// A pinned block. Pins nest and give the same buffer. `Corruption` for a number that the file
+    /// doesn't have, since numbers come from what was stored, and for wrong bytes; `IoError`. A
+    /// free block can be pinned too; its first eight bytes are 0.
+    [[nodiscard]] Result<void*> getBlock(std::uint64_t number);
+    [[nodiscard]] Result<void const*> getBlock(std::uint64_t number) const;
     /// Gives one pin back; `dirty` says that the buffer was changed.
     bool returnBlock(void const* block, bool dirty);
     bool returnBlock(void const* block) const;
@@ -67,29 +71,32 @@ public:
     /// Gives the pin back and forgets the buffer. Changes that were told of before, by any pin,
     /// still reach the file.
     bool discardBlock(void const* block);
-    /// Gives the pin back and the block to the free ones. False, with only the pin given back, for
-    /// a block that is free already.
-    bool freeBlock(void const* block);
+    /// Gives the pin back and the block to the free ones. `Corruption`, with only the pin given
+    /// back, for a block that is free already.
+    [[nodiscard]] Status freeBlock(void const* block);
     /// The number of a pinned buffer, 0 for null.
     [[nodiscard]] std::uint64_t number(void const* block) const;
 
-    /// Whether a block of the file is marked as free. False also when it can't be read.
-    [[nodiscard]] bool isFree(std::uint64_t number) const;
+    /// Whether a block of the file is marked as free.
+    [[nodiscard]] Result<bool> isFree(std::uint64_t number) const;
     /// Calls back for each free block, along the chain that holds them, until the callback returns
-    /// false. False when the chain is damaged: it leaves the file, meets a block that isn't marked
-    /// as free, or doesn't end after `freeCount()` blocks. Changes nothing.
-    bool forEachFree(std::function<bool(std::uint64_t number)> const& callback) const;
+    /// false. `Corruption` when the chain is damaged: it leaves the file, meets a block that isn't
+    /// marked as free, or doesn't end after `freeCount()` blocks. Changes nothing.
+    [[nodiscard]] Status
+    forEachFree(std::function<bool(std::uint64_t number)> const& callback) const;
 
 private:
     void setUp(std::uint32_t blockSize, std::uint64_t growSize);
-    [[nodiscard]] bool readHeader(std::uint64_t growSize);
+    [[nodiscard]] Status readHeader(std::uint64_t growSize);
     void storeHeader();
-    [[nodiscard]] bool writeHeader();
-    [[nodiscard]] bool markChanged();
-    void recoverCount();
-    [[nodiscard]] bool reserve();
-    [[nodiscard]] bool growTo(std::uint64_t blocks);
-    [[nodiscard]] void* takeFree(std::uint64_t& number);
+    [[nodiscard]] Status writeHeader();
+    [[nodiscard]] Status markChanged();
+    [[nodiscard]] Status recoverCount();
+    [[nodiscard]] Status reserve();
+    [[nodiscard]] Status growTo(std::uint64_t blocks);
+    [[nodiscard]] Result<void*> takeFree(std::uint64_t& number);
+    [[nodiscard]] Status noBlock(std::uint64_t number) const;
+    [[nodiscard]] Status badChain(std::uint64_t number) const;
 
     std::uint32_t blockSize_ = 0;
     std::uint32_t growBlocks_ = 0;
@@ -104,12 +111,20 @@ private:
 };
 
 /// Holds one pin of a block and ends it exactly once: by `discard`, `free` or `release`, or else
-/// by returning the block, changed if `changed()` was called. `Owner` is `Blocks` or a class that
-/// has its operations. The owner must outlive the pin.
+/// by returning the block, changed if `changed()` was called. A pin that could not be had is empty
+/// and says why in `status()`. `Owner` is `Blocks` or a class that has its operations. The owner
+/// must outlive the pin.
 template <class Owner> class BasicBlockPin {
 public:
     BasicBlockPin() = default;
-    BasicBlockPin(Owner& owner, void* block) : owner_(block ? &owner : nullptr), block_(block) {}
+    BasicBlockPin(Owner& owner, Result<void*> block) {
+        if (block) {
+            owner_ = &owner;
+            block_ = *block;
+        } else {
+            status_ = std::move(block).status();
+        }
+    }
     BasicBlockPin(BasicBlockPin&& other) noexcept { swap(other); }
     BasicBlockPin& operator=(BasicBlockPin&& other) noexcept {
         BasicBlockPin(std::move(other)).swap(*this);
@@ -117,7 +132,6 @@ public:
     }
     ~BasicBlockPin() { reset(); }
 
-    /// Null when the block can't be had.
     [[nodiscard]] static BasicBlockPin get(Owner& owner, std::uint64_t number) {
         return {owner, owner.getBlock(number)};
     }
@@ -126,6 +140,8 @@ public:
     }
 
     [[nodiscard]] explicit operator bool() const { return block_ != nullptr; }
+    /// Why the pin could not be had; success otherwise, also for a pin that has ended.
+    [[nodiscard]] Status const& status() const { return status_; }
     [[nodiscard]] std::uint8_t* bytes() const { return static_cast<std::uint8_t*>(block_); }
     [[nodiscard]] void* get() const { return block_; }
 
@@ -144,7 +160,7 @@ public:
         changed_ = false;
         return std::exchange(owner_, nullptr)->discardBlock(std::exchange(block_, nullptr));
     }
-    bool free() {
+    [[nodiscard]] Status free() {
         changed_ = false;
         return std::exchange(owner_, nullptr)->freeBlock(std::exchange(block_, nullptr));
     }
@@ -158,12 +174,14 @@ public:
         std::swap(owner_, other.owner_);
         std::swap(block_, other.block_);
         std::swap(changed_, other.changed_);
+        std::swap(status_, other.status_);
     }
 
 private:
     Owner* owner_ = nullptr;
     void* block_ = nullptr;
     bool changed_ = false;
+    Status status_;
 };
 
 using BlockPin = BasicBlockPin<Blocks>;

@@ -30,17 +30,18 @@ struct BlocksTest : testing::Test {
     }
     static std::set<std::uint64_t> freeNumbers(Blocks const& blocks, bool sound = true) {
         std::set<std::uint64_t> numbers;
-        EXPECT_EQ(blocks.forEachFree([&](auto n) { return numbers.insert(n).second; }), sound);
+        EXPECT_EQ(blocks.forEachFree([&](auto n) { return numbers.insert(n).second; }).ok(), sound);
         return numbers;
     }
 };
 
 TEST_F(BlocksTest, MissingFilesAndUnusableSizesAreRefused) {
     Blocks blocks(4);
-    EXPECT_FALSE(blocks.open(path, 0, mode));
+    EXPECT_EQ(blocks.open(path, 0, mode).code(), Status::Code::NotFound);
     EXPECT_FALSE(blocks);
     for (auto [size, bits] : {std::pair{248u, 0u}, {260u, 0u}, {65536u, 0u}, {256u, 64u}})
-        EXPECT_FALSE(blocks.create(path, size, bits, 0, mode)) << size << ' ' << bits;
+        EXPECT_EQ(blocks.create(path, size, bits, 0, mode).code(), Status::Code::InvalidArgument)
+            << size << ' ' << bits;
     EXPECT_FALSE(QFile::exists(path));
 }
 
@@ -49,8 +50,8 @@ TEST_F(BlocksTest, UsedAndFreedBlockComesBackAsZeros) {
     ASSERT_TRUE(blocks.create(path, 512, 0, 0, mode));
     add(blocks, 1);
     std::uint64_t const number = add(blocks, 0xEE);
-    ASSERT_TRUE(blocks.freeBlock(blocks.getBlock(number)));
-    EXPECT_TRUE(blocks.isFree(number));
+    ASSERT_TRUE(blocks.freeBlock(*blocks.getBlock(number)));
+    EXPECT_TRUE(*blocks.isFree(number));
     {
         auto pin = BlockPin::get(blocks, number);
         ASSERT_TRUE(pin);
@@ -66,16 +67,15 @@ TEST_F(BlocksTest, MisuseIsRefused) {
     Blocks blocks(2);
     ASSERT_TRUE(blocks.create(path, 256, 0, 0, mode));
     std::uint64_t const number = add(blocks, 1);
-    EXPECT_EQ(blocks.getBlock(0), nullptr);
-    EXPECT_EQ(blocks.getBlock(number + 1), nullptr);
-    EXPECT_EQ(blocks.getBlock(~0ull), nullptr);
+    for (std::uint64_t none : {std::uint64_t{0}, number + 1, ~std::uint64_t{0}})
+        EXPECT_EQ(blocks.getBlock(none).code(), Status::Code::Corruption) << none;
     EXPECT_FALSE(blocks.returnBlock(nullptr, true));
     EXPECT_FALSE(blocks.updateBlock(nullptr));
-    void* block = blocks.getBlock(number);
+    void* block = *blocks.getBlock(number);
     EXPECT_TRUE(blocks.returnBlock(block, false));
     EXPECT_FALSE(blocks.returnBlock(block, false));
-    EXPECT_TRUE(blocks.freeBlock(blocks.getBlock(number)));
-    EXPECT_FALSE(blocks.freeBlock(blocks.getBlock(number)));
+    EXPECT_TRUE(blocks.freeBlock(*blocks.getBlock(number)));
+    EXPECT_EQ(blocks.freeBlock(*blocks.getBlock(number)).code(), Status::Code::Corruption);
     EXPECT_EQ(freeNumbers(blocks), std::set<std::uint64_t>{number});
 }
 
@@ -84,10 +84,10 @@ TEST_F(BlocksTest, PinsOutnumberTheCacheAndNest) {
     ASSERT_TRUE(blocks.create(path, 256, 0, 0, mode));
     std::vector<void*> pins;
     for (std::uint8_t i = 0; i < 50; ++i)
-        pins.push_back(blocks.getBlock(add(blocks, i)));
+        pins.push_back(*blocks.getBlock(add(blocks, i)));
     for (std::uint8_t i = 0; i < 50; ++i) {
         EXPECT_EQ(static_cast<std::uint8_t*>(pins[i])[255], i);
-        EXPECT_EQ(blocks.getBlock(i + 1), pins[i]);
+        EXPECT_EQ(*blocks.getBlock(i + 1), pins[i]);
         EXPECT_TRUE(blocks.returnBlock(pins[i], false));
         EXPECT_EQ(blocks.number(pins[i]), i + 1u);
         EXPECT_TRUE(blocks.returnBlock(pins[i], false));
@@ -116,7 +116,7 @@ TEST_F(BlocksTest, NumbersEndAtTheMask) {
         EXPECT_EQ(add(blocks, 1), n);
     EXPECT_EQ(blocks.mask(), 7u);
     EXPECT_EQ(add(blocks, 1), 0u);
-    ASSERT_TRUE(blocks.freeBlock(blocks.getBlock(4)));
+    ASSERT_TRUE(blocks.freeBlock(*blocks.getBlock(4)));
     EXPECT_EQ(add(blocks, 1), 4u);
 }
 
@@ -145,7 +145,7 @@ TEST_F(BlocksTest, RandomWorkAgreesWithAMap) {
                 pin.changed();
                 at->second = fill;
             } else if (what < 98) {
-                ASSERT_TRUE(blocks.freeBlock(blocks.getBlock(at->first)));
+                ASSERT_TRUE(blocks.freeBlock(*blocks.getBlock(at->first)));
                 freed.insert(at->first);
                 model.erase(at);
             } else {
@@ -180,12 +180,12 @@ TEST_F(BlocksTest, DamagedHeadersDoNotOpen) {
     QByteArray const sound = Testing::contents(path);
     for (int offset = 0; offset < 64; ++offset) {
         Testing::damage(path, offset, QByteArray(1, static_cast<char>(sound[offset] ^ 0x41)));
-        EXPECT_FALSE(blocks.open(path, 0, mode)) << offset;
+        EXPECT_EQ(blocks.open(path, 0, mode).code(), Status::Code::Corruption) << offset;
         Testing::damage(path, offset, sound.mid(offset, 1));
     }
     for (int length : {0, 63, 64, 511}) {
         ASSERT_TRUE(QFile::resize(path, length));
-        EXPECT_FALSE(blocks.open(path, 0, mode)) << length;
+        EXPECT_EQ(blocks.open(path, 0, mode).code(), Status::Code::Corruption) << length;
     }
 }
 
@@ -195,12 +195,13 @@ TEST_F(BlocksTest, DamagedChainOfFreeBlocksIsGivenUp) {
     for (int i = 0; i < 6; ++i)
         add(blocks, 1);
     for (std::uint64_t n : {2, 4, 5})
-        ASSERT_TRUE(blocks.freeBlock(blocks.getBlock(n)));
+        ASSERT_TRUE(blocks.freeBlock(*blocks.getBlock(n)));
     ASSERT_TRUE(blocks.close());
     Testing::damage(path, 4 * 256 + 8, QByteArray("\x05\0\0\0\0\0\0\0", 8)); // 5 -> 4 -> 5
     ASSERT_TRUE(blocks.open(path, 0, mode));
     std::uint64_t calls = 0;
-    EXPECT_FALSE(blocks.forEachFree([&](auto) { return ++calls < 100; }));
+    EXPECT_EQ(blocks.forEachFree([&](auto) { return ++calls < 100; }).code(),
+              Status::Code::Corruption);
     EXPECT_EQ(calls, 3u);
     EXPECT_EQ(add(blocks, 1), 5u);
     EXPECT_EQ(add(blocks, 1), 4u);
@@ -208,7 +209,28 @@ TEST_F(BlocksTest, DamagedChainOfFreeBlocksIsGivenUp) {
     EXPECT_EQ(blocks.freeCount(), 0u);
 }
 
-TEST_F(BlocksTest, FullDiskIsANullWithNothingChanged) {
+TEST_F(BlocksTest, FailedReadIsNeitherAFreeChainsEndNorANewBlock) {
+    Blocks blocks(2);
+    ASSERT_TRUE(blocks.create(path, 4096, 0, 0, mode));
+    for (int i = 0; i < 6; ++i)
+        add(blocks, 1);
+    for (std::uint64_t n : {2, 4, 5})
+        ASSERT_TRUE(blocks.freeBlock(*blocks.getBlock(n)));
+    ASSERT_TRUE(blocks.close());
+    FaultyFiles files;
+    ASSERT_TRUE(blocks.open(path, 0, mode));
+    files.failReadsAfter(0);
+    std::uint64_t number = 0;
+    EXPECT_EQ(blocks.newBlock(number).code(), Status::Code::IoError);
+    EXPECT_EQ(number, 0u);
+    EXPECT_EQ(BlockPin::get(blocks, 3).status().code(), Status::Code::IoError);
+    EXPECT_EQ(blocks.isFree(2).code(), Status::Code::IoError);
+    files.heal();
+    EXPECT_EQ(freeNumbers(blocks), (std::set<std::uint64_t>{2, 4, 5}));
+    EXPECT_EQ(add(blocks, 1), 5u);
+}
+
+TEST_F(BlocksTest, FullDiskIsNoSpaceWithNothingChanged) {
     FaultyFiles files;
     files.diskBudget(300 * 256);
     Blocks blocks(8);
@@ -217,11 +239,12 @@ TEST_F(BlocksTest, FullDiskIsANullWithNothingChanged) {
     while (std::uint64_t number = add(blocks, static_cast<std::uint8_t>(made)))
         made = number;
     EXPECT_EQ(made, 299u); // to the last byte, though the step doesn't fit
-    EXPECT_EQ(add(blocks, 1), 0u);
+    std::uint64_t number = 0;
+    EXPECT_EQ(blocks.newBlock(number).code(), Status::Code::NoSpace);
     EXPECT_EQ(blocks.blockCount(), 300u);
     ASSERT_TRUE(blocks.close()); // every block had its space
     ASSERT_TRUE(blocks.open(path, 0, mode));
-    ASSERT_TRUE(blocks.freeBlock(blocks.getBlock(17)));
+    ASSERT_TRUE(blocks.freeBlock(*blocks.getBlock(17)));
     EXPECT_EQ(add(blocks, 1), 17u);
 }
 
@@ -260,7 +283,7 @@ TEST_F(BlocksTest, AfterACrashNoWrittenBlockIsHandedOutAgain) {
         std::map<std::uint64_t, std::uint8_t> given;
         {
             Blocks blocks(2);
-            bool made = blocks.create(path, 256, 0, 4096, mode);
+            bool made = blocks.create(path, 256, 0, 4096, mode).ok();
             files.crashAtWrite(n);
             for (std::uint8_t i = 1; made && i < 100 && !files.crashed(); ++i)
                 given[add(blocks, i)] = i;

@@ -1,10 +1,12 @@
 #include "base/blocks/FreeList.h"
 
 #include "base/blocks/Failures.h"
+#include "base/blocks/FileCalls.h"
 #include "base/blocks/HeaderPage.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -57,51 +59,51 @@ bool joins(Run const& low, Run const& high) {
 FreeList::FreeList(std::uint32_t pages) : HeadedFile(pages) {}
 
 FreeList::~FreeList() {
-    close();
+    (void)close(); // traced; who needs to know closes before
 }
 
-bool FreeList::create(QString const& name, std::uint64_t limit) {
+Status FreeList::create(QString const& name, std::uint64_t limit) {
     MORVA_METHOD("create");
-    close();
-    if (!beginCreation(name, RawFile::Mode::ReadWrite, pageSize))
-        return scope.result(false);
+    MORVA_TRY(close());
+    MORVA_TRY(scope.result(beginCreation(name, RawFile::Mode::ReadWrite, pageSize)));
     limit_ = limit;
     runs_ = count_ = reservedPages_ = 0;
     storeHeader();
     return scope.result(endCreation(cache_.writeNow(header_)));
 }
 
-bool FreeList::open(QString const& name, std::uint64_t limit, RawFile::Mode mode) {
+Status FreeList::open(QString const& name, std::uint64_t limit, RawFile::Mode mode) {
     MORVA_METHOD("open");
-    close();
-    if (!beginOpening(name, mode))
-        return scope.result(false);
-    bool const sound = endOpening(readHeader(limit), "Invalid free list header in");
-    if (!sound)
+    MORVA_TRY(close());
+    MORVA_TRY(scope.result(beginOpening(name, mode)));
+    Status opened = endOpening(readHeader(limit), "Invalid free list header in");
+    if (!opened)
         runs_ = count_ = 0;
-    return scope.result(sound);
+    return scope.result(std::move(opened));
 }
 
-bool FreeList::readHeader(std::uint64_t limit) {
-    if (!pinHeader(pageSize))
-        return false;
-    reservedPages_ = file_->length() / pageSize - 1;
+Status FreeList::readHeader(std::uint64_t limit) {
+    MORVA_TRY(pinHeader(pageSize));
+    MORVA_TRY_LET(std::uint64_t const length, FileCalls::length(*file_));
+    reservedPages_ = length / pageSize - 1;
     limit_ = loadLittle<std::uint64_t>(header_ + Header::atLimit);
     runs_ = loadLittle<std::uint64_t>(header_ + Header::atRuns);
     count_ = loadLittle<std::uint64_t>(header_ + Header::atCount);
     changed_ = false;
-    return std::memcmp(header_, Header::magic, 8) == 0 &&
-           loadLittle<std::uint32_t>(header_ + Header::atVersion) == Header::version &&
-           loadLittle<std::uint32_t>(header_ + Header::atCheck) ==
-               headerCheck(header_, Header::atCheck) &&
-           limit_ == limit && runs_ <= reservedPages_ * runsPerPage && runs_ <= count_ &&
-           count_ <= limit_;
+    bool const sound = std::memcmp(header_, Header::magic, 8) == 0 &&
+                       loadLittle<std::uint32_t>(header_ + Header::atVersion) == Header::version &&
+                       loadLittle<std::uint32_t>(header_ + Header::atCheck) ==
+                           headerCheck(header_, Header::atCheck) &&
+                       limit_ == limit && runs_ <= reservedPages_ * runsPerPage &&
+                       runs_ <= count_ && count_ <= limit_;
+    return sound ? Status() : unsoundHeader();
 }
 
 void FreeList::storeHeader() {
     std::memcpy(header_, Header::magic, 8);
     storeLittle(header_ + Header::atVersion, Header::version);
     storeLittle(header_ + Header::atLimit, limit_);
+    count_ = std::max(count_, runs_); // less only after damage
     storeLittle(header_ + Header::atRuns, runs_);
     storeLittle(header_ + Header::atCount, count_);
     storeLittle(header_ + Header::atCheck, headerCheck(header_, Header::atCheck));
@@ -109,20 +111,20 @@ void FreeList::storeHeader() {
     changed_ = false;
 }
 
-bool FreeList::close() {
+Status FreeList::close() {
     if (!header_)
-        return true;
+        return {};
     MORVA_METHOD("close");
-    bool const closed = flush();
+    Status closed = flush();
     giveUp();
     page_ = nullptr;
     pageNumber_ = runs_ = count_ = 0;
-    return scope.result(closed);
+    return scope.result(std::move(closed));
 }
 
-bool FreeList::flush() {
+Status FreeList::flush() {
     if (!header_)
-        return false;
+        return notOpen("flush");
     if (changed_)
         storeHeader();
     return cache_.flush();
@@ -133,31 +135,36 @@ bool FreeList::valid(std::uint64_t first, std::uint64_t count) const {
 }
 
 /// The bytes of a run; its page stays pinned until a run of another page is wanted.
-std::uint8_t* FreeList::top(std::uint64_t run) const {
+Result<std::uint8_t*> FreeList::top(std::uint64_t run) const {
     std::uint64_t const page = 1 + run / runsPerPage;
     if (page != pageNumber_) {
-        auto* next = static_cast<std::uint8_t*>(cache_.pin(page));
-        if (!next)
-            return nullptr;
+        MORVA_TRY_LET(void* const next, cache_.pin(page));
         if (page_)
             cache_.unpin(page_, false);
-        page_ = next;
+        page_ = static_cast<std::uint8_t*>(next);
         pageNumber_ = page;
     }
     return page_ + run % runsPerPage * runSize;
 }
 
-bool FreeList::get(std::uint64_t& number) {
+Result<bool> FreeList::get(std::uint64_t& number, std::uint64_t end) {
+    if (!header_)
+        return notOpen("read");
     while (runs_ > 0) {
-        std::uint8_t* at = top(runs_ - 1);
-        if (!at)
-            return false;
+        MORVA_TRY_LET(std::uint8_t* const at, top(runs_ - 1));
         changed_ = true;
-        Run const run = loadRun(at);
-        if (!valid(run.first, run.count)) {
+        Run run = loadRun(at);
+        if (!valid(run.first, run.count) || run.first >= end) {
             MORVA_TRACE(Always) << "Damaged run in" << file_->name() << run.first << run.count;
             --runs_;
+            if (valid(run.first, run.count))
+                count_ -= std::min(count_, run.count);
             continue;
+        }
+        if (run.count > end - run.first) {
+            MORVA_TRACE(Always) << "Damaged run in" << file_->name() << run.first << run.count;
+            count_ -= std::min(count_, run.count - (end - run.first));
+            run.count = end - run.first;
         }
         number = run.first;
         if (run.count == 1)
@@ -171,27 +178,29 @@ bool FreeList::get(std::uint64_t& number) {
     return false;
 }
 
-bool FreeList::put(std::uint64_t number) {
+Status FreeList::put(std::uint64_t number) {
     return grow(number, 1);
 }
 
-bool FreeList::grow(std::uint64_t first, std::uint64_t count) {
+Status FreeList::grow(std::uint64_t first, std::uint64_t count) {
     if (!header_)
-        return false;
+        return notOpen("add to");
     if (count == 0)
-        return true;
+        return {};
     if (!valid(first, count) || count_ > limit_ - count) {
         MORVA_TRACE(Always) << "Invalid free number" << first << count << "in" << file_->name();
-        return false;
+        return Status::failure(Status::Code::InvalidArgument, "add to", file_->name(),
+                               QStringLiteral("no such number can be free"),
+                               {Status::Unit::Block, first});
     }
     if (runs_ > 0) {
-        std::uint8_t* at = top(runs_ - 1);
-        if (!at)
-            return false;
-        Run run = loadRun(at);
+        MORVA_TRY_LET(std::uint8_t* const at, top(runs_ - 1));
+        Run const run = loadRun(at);
         if (first < run.first + run.count && run.first < first + count) {
             MORVA_TRACE(Always) << "Number" << first << "is free already in" << file_->name();
-            return false;
+            return Status::corruption("add to", file_->name(),
+                                      QStringLiteral("the number is free already"),
+                                      {Status::Unit::Block, first});
         }
         bool const above = joins(run, {first, count});
         if (above || joins({first, count}, run)) {
@@ -199,20 +208,21 @@ bool FreeList::grow(std::uint64_t first, std::uint64_t count) {
             cache_.markDirty(page_);
             mergeDown();
             count_ += count;
-            return changed_ = true;
+            changed_ = true;
+            return {};
         }
     }
-    if (!push(first, count))
-        return false;
+    MORVA_TRY(push(first, count));
     count_ += count;
-    return changed_ = true;
+    changed_ = true;
+    return {};
 }
 
 /// Joins the two runs on top when they have come to touch and share a page.
 void FreeList::mergeDown() {
     if ((runs_ - 1) % runsPerPage == 0)
         return;
-    std::uint8_t* at = top(runs_ - 1);
+    std::uint8_t* const at = page_ + (runs_ - 1) % runsPerPage * runSize;
     Run const upper = loadRun(at);
     Run const lower = loadRun(at - runSize);
     if (!joins(lower, upper) && !joins(upper, lower))
@@ -222,53 +232,54 @@ void FreeList::mergeDown() {
 }
 
 /// Has the page of the run above the top pinned.
-bool FreeList::nextPage() {
+Status FreeList::nextPage() {
     std::uint64_t const page = 1 + runs_ / runsPerPage;
     if (page == pageNumber_)
-        return true;
+        return {};
     if (page > reservedPages_) {
         std::uint64_t grown = reservedPages_ + growPages;
-        if (!file_->setLength((1 + grown) * pageSize) &&
-            !file_->setLength((1 + (grown = page)) * pageSize)) {
+        Status extended = FileCalls::setLength(*file_, (1 + grown) * pageSize);
+        if (!extended)
+            extended = FileCalls::setLength(*file_, (1 + (grown = page)) * pageSize);
+        if (!extended) {
             MORVA_TRACE(Always) << "Failed to extend" << file_->name() << file_->lastError();
             Failures::note();
-            return false;
+            return extended;
         }
         reservedPages_ = grown;
     }
-    if (runs_ % runsPerPage != 0)
-        return top(runs_) != nullptr;
-    auto* next = static_cast<std::uint8_t*>(cache_.pinZero(page));
-    if (!next)
-        return false;
+    if (runs_ % runsPerPage != 0) {
+        MORVA_TRY(top(runs_));
+        return {};
+    }
+    MORVA_TRY_LET(void* const next, cache_.pinZero(page));
     if (page_)
         cache_.unpin(page_, false);
-    page_ = next;
+    page_ = static_cast<std::uint8_t*>(next);
     pageNumber_ = page;
-    return true;
+    return {};
 }
 
-bool FreeList::push(std::uint64_t first, std::uint64_t count) {
-    if (!nextPage())
-        return false;
+Status FreeList::push(std::uint64_t first, std::uint64_t count) {
+    MORVA_TRY(nextPage());
     storeRun(page_ + runs_ % runsPerPage * runSize, {first, count});
     cache_.markDirty(page_);
     ++runs_;
-    return true;
+    return {};
 }
 
-bool FreeList::forEach(
+Status FreeList::forEach(
     std::function<bool(std::uint64_t first, std::uint64_t count)> const& callback) const {
     if (!header_)
-        return false;
-    bool sound = true;
+        return notOpen("read");
+    Status sound;
     for (std::uint64_t run = runs_; run > 0; --run) {
-        std::uint8_t const* at = top(run - 1);
-        if (!at)
-            return false;
+        MORVA_TRY_LET(std::uint8_t const* const at, top(run - 1));
         Run const here = loadRun(at);
         if (!valid(here.first, here.count))
-            sound = false;
+            sound.update(Status::corruption("read", file_->name(),
+                                            QStringLiteral("a run of numbers is damaged"),
+                                            {Status::Unit::Record, run - 1}));
         else if (!callback(here.first, here.count))
             return sound;
     }

@@ -23,42 +23,44 @@ public:
     ~FreeList();
 
     /// Makes an empty set, replacing a file that is there. `limit` is the largest number.
-    [[nodiscard]] bool create(QString const& name, std::uint64_t limit);
-    /// False when the file isn't there or isn't a sound set with this limit. Opened `ReadOnly` it
-    /// can be looked at and no more.
-    [[nodiscard]] bool open(QString const& name, std::uint64_t limit,
-                            RawFile::Mode mode = RawFile::Mode::ReadWrite);
-    /// Flushes and closes; false when something could not be written. Harmless when closed.
-    bool close();
+    [[nodiscard]] Status create(QString const& name, std::uint64_t limit);
+    /// `NotFound` when the file isn't there, `Corruption` when it isn't a sound set with this
+    /// limit. Opened `ReadOnly` it can be looked at and no more.
+    [[nodiscard]] Status open(QString const& name, std::uint64_t limit,
+                              RawFile::Mode mode = RawFile::Mode::ReadWrite);
+    /// Flushes and closes; a failure when something could not be written. Harmless when closed.
+    Status close();
     /// Writes what changed to the file. What fails is tried again at the next flush.
-    bool flush();
+    [[nodiscard]] Status flush();
     using HeadedFile::sync;
     using HeadedFile::operator bool;
 
-    /// Removes and gives one number; false, with `number` unchanged, when the set is empty or
-    /// can't be read.
-    [[nodiscard]] bool get(std::uint64_t& number);
-    /// Adds a number. False for 0, for one above the limit, and when the disk is full; then
-    /// nothing has changed.
-    [[nodiscard]] bool put(std::uint64_t number);
+    /// Removes and gives one number; false, with `number` unchanged, when the set is empty. Numbers
+    /// from `end` on can't be free by what the caller knows. They, and a damaged run, are passed
+    /// over in one step each, which loses them and nothing else.
+    [[nodiscard]] Result<bool> get(std::uint64_t& number, std::uint64_t end = ~std::uint64_t{0});
+    /// Adds a number. `InvalidArgument` for 0 and for one above the limit, `Corruption` for one
+    /// that is seen to be free already, `NoSpace`; then nothing has changed.
+    [[nodiscard]] Status put(std::uint64_t number);
     /// Adds `count` numbers from `first` on, in one step. Fails as `put`; 0 numbers are no failure.
-    [[nodiscard]] bool grow(std::uint64_t first, std::uint64_t count);
+    [[nodiscard]] Status grow(std::uint64_t first, std::uint64_t count);
     /// Numbers in the set.
     [[nodiscard]] std::uint64_t count() const { return count_; }
 
-    /// Calls back for each run, the next to be used first, until the callback returns false. False
-    /// when a run can't be read or lies outside 1 to the limit. Changes nothing.
-    bool
+    /// Calls back for each run, the next to be used first, until the callback returns false.
+    /// `Corruption` when a run lies outside 1 to the limit; the others are given all the same.
+    /// Changes nothing.
+    [[nodiscard]] Status
     forEach(std::function<bool(std::uint64_t first, std::uint64_t count)> const& callback) const;
 
 private:
-    [[nodiscard]] bool readHeader(std::uint64_t limit);
+    [[nodiscard]] Status readHeader(std::uint64_t limit);
     void storeHeader();
     [[nodiscard]] bool valid(std::uint64_t first, std::uint64_t count) const;
-    [[nodiscard]] std::uint8_t* top(std::uint64_t run) const;
+    [[nodiscard]] Result<std::uint8_t*> top(std::uint64_t run) const;
     void mergeDown();
-    [[nodiscard]] bool nextPage();
-    [[nodiscard]] bool push(std::uint64_t first, std::uint64_t count);
+    [[nodiscard]] Status nextPage();
+    [[nodiscard]] Status push(std::uint64_t first, std::uint64_t count);
 
     mutable std::uint8_t* page_ = nullptr; // pinned page of the top run, if pageNumber_ isn't 0
     mutable std::uint64_t pageNumber_ = 0;

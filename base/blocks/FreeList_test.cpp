@@ -32,12 +32,12 @@ TEST_F(FreeListTest, GrownRunComesOutAscending) {
     EXPECT_EQ(list.count(), 20479u);
     std::uint64_t number = 0;
     for (std::uint64_t n = 1; n < 100; ++n) {
-        ASSERT_TRUE(list.get(number));
+        ASSERT_TRUE(*list.get(number));
         EXPECT_EQ(number, n);
     }
     ASSERT_TRUE(list.close());
     ASSERT_TRUE(list.open(path, ~0ull >> 16));
-    ASSERT_TRUE(list.get(number));
+    ASSERT_TRUE(*list.get(number));
     EXPECT_EQ(number, 100u);
 }
 
@@ -80,7 +80,7 @@ TEST_F(FreeListTest, RandomWorkAgreesWithASet) {
                     ASSERT_TRUE(list.put(number));
                 }
             } else {
-                ASSERT_EQ(list.get(number), !model.empty());
+                ASSERT_EQ(*list.get(number), !model.empty());
                 ASSERT_TRUE(model.empty() || model.erase(number) == 1) << number;
             }
             ASSERT_EQ(list.count(), model.size());
@@ -104,10 +104,39 @@ TEST_F(FreeListTest, DamagedFilesAreToldApart) {
     ASSERT_TRUE(list.open(path, 100));
     EXPECT_FALSE(list.forEach([](auto, auto) { return true; }));
     std::uint64_t number = 0;
-    EXPECT_TRUE(list.get(number));
+    EXPECT_TRUE(*list.get(number));
     EXPECT_EQ(number, 3u);
-    EXPECT_FALSE(list.get(number));
+    EXPECT_FALSE(*list.get(number));
     EXPECT_EQ(list.count(), 0u);
+}
+
+TEST_F(FreeListTest, NumbersThatCannotBeArePassedOverInOneStep) {
+    std::uint64_t const limit = ~0ull >> 16;
+    ASSERT_TRUE(list.create(path, limit));
+    ASSERT_TRUE(list.put(3) && list.grow(90, limit / 2) && list.grow(limit - 7, 8));
+    std::uint64_t number = 0;
+    for (std::uint64_t wanted : {90, 91, 92, 93, 94, 95, 96, 97, 98, 99, 3}) {
+        ASSERT_TRUE(*list.get(number, 100));
+        EXPECT_EQ(number, wanted);
+    }
+    EXPECT_FALSE(*list.get(number, 100));
+    EXPECT_EQ(list.count(), 0u);
+}
+
+TEST_F(FreeListTest, FailedReadIsNotAnEmptySet) {
+    ASSERT_TRUE(list.create(path, 1000000));
+    for (std::uint64_t n = 2; n < 3000; n += 2)
+        ASSERT_TRUE(list.put(n));
+    ASSERT_TRUE(list.close());
+    FaultyFiles files;
+    ASSERT_TRUE(list.open(path, 1000000));
+    files.failReadsAfter(0);
+    std::uint64_t number = 77;
+    EXPECT_EQ(list.get(number).code(), Status::Code::IoError);
+    EXPECT_EQ(list.put(5001).code(), Status::Code::IoError);
+    EXPECT_EQ(number, 77u);
+    files.heal();
+    EXPECT_EQ(numbers().size(), 1499u);
 }
 
 TEST_F(FreeListTest, FullDiskAndFailedWritesLoseNothing) {
@@ -121,7 +150,7 @@ TEST_F(FreeListTest, FullDiskAndFailedWritesLoseNothing) {
     EXPECT_EQ(model.size(), 512u);
     EXPECT_EQ(list.count(), 512u);
     EXPECT_TRUE(list.flush());
-    ASSERT_TRUE(list.get(number));
+    ASSERT_TRUE(*list.get(number));
     model.erase(number);
     files.failWritesAfter(0);
     EXPECT_FALSE(list.flush());

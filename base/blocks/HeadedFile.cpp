@@ -1,23 +1,43 @@
 #include "base/blocks/HeadedFile.h"
 
+#include "base/blocks/FileCalls.h"
 #include "base/trace/Trace.h"
 
 namespace Morva {
 
-bool HeadedFile::beginCreation(QString const& name, RawFile::Mode mode, std::uint32_t pageSize) {
-    file_ = RawFile::make();
-    if (!file_->create(name, mode)) {
-        MORVA_TRACE(Always) << "Failed to create file" << name << file_->lastError();
-        giveUp();
-        return false;
-    }
-    cache_.attach(*file_, pageSize);
-    if (file_->setLength(pageSize))
-        header_ = static_cast<std::uint8_t*>(cache_.pinZero(0));
-    return header_ || endCreation(false);
+Status HeadedFile::sync() {
+    return header_ ? FileCalls::sync(*file_) : notOpen("sync");
 }
 
-bool HeadedFile::endCreation(bool written) {
+Status HeadedFile::notOpen(char const* operation) {
+    return Status::failure(Status::Code::InvalidArgument, operation, {},
+                           QStringLiteral("the file isn't open"));
+}
+
+Status HeadedFile::unsoundHeader() const {
+    return Status::corruption("open", file_->name(), QStringLiteral("its header is damaged"));
+}
+
+Status HeadedFile::beginCreation(QString const& name, RawFile::Mode mode, std::uint32_t pageSize) {
+    file_ = RawFile::make();
+    Status made = FileCalls::create(*file_, name, mode);
+    if (!made) {
+        MORVA_TRACE(Always) << "Failed to create file" << name << file_->lastError();
+        giveUp();
+        return made;
+    }
+    cache_.attach(*file_, pageSize);
+    made = FileCalls::setLength(*file_, pageSize);
+    if (!made)
+        return endCreation(std::move(made));
+    auto header = cache_.pinZero(0);
+    if (!header)
+        return endCreation(std::move(header).status());
+    header_ = static_cast<std::uint8_t*>(*header);
+    return {};
+}
+
+Status HeadedFile::endCreation(Status written) {
     if (!written) {
         MORVA_TRACE(Always) << "Failed to write the header of" << file_->name();
         file_->deleteOnClose();
@@ -26,28 +46,29 @@ bool HeadedFile::endCreation(bool written) {
     return written;
 }
 
-bool HeadedFile::beginOpening(QString const& name, RawFile::Mode mode) {
+Status HeadedFile::beginOpening(QString const& name, RawFile::Mode mode) {
     file_ = RawFile::make();
-    if (file_->open(name, mode))
-        return true;
-    MORVA_TRACE(Normal) << "Failed to open file" << name << file_->lastError();
-    giveUp();
-    return false;
+    Status opened = FileCalls::open(*file_, name, mode);
+    if (!opened) {
+        MORVA_TRACE(Normal) << "Failed to open file" << name << file_->lastError();
+        giveUp();
+    }
+    return opened;
 }
 
-bool HeadedFile::pinHeader(std::uint32_t pageSize) {
+Status HeadedFile::pinHeader(std::uint32_t pageSize) {
     cache_.attach(*file_, pageSize);
-    if (file_->length() >= pageSize)
-        header_ = static_cast<std::uint8_t*>(cache_.pin(0));
-    return header_ != nullptr;
+    MORVA_TRY_LET(void* const header, cache_.pin(0));
+    header_ = static_cast<std::uint8_t*>(header);
+    return {};
 }
 
-bool HeadedFile::endOpening(bool sound, char const* unsoundText) {
-    if (!sound) {
+Status HeadedFile::endOpening(Status read, char const* unsoundText) {
+    if (!read) {
         MORVA_TRACE(Always) << unsoundText << file_->name();
         giveUp();
     }
-    return sound;
+    return read;
 }
 
 void HeadedFile::giveUp() {

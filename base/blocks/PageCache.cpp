@@ -1,6 +1,7 @@
 #include "base/blocks/PageCache.h"
 
 #include "base/blocks/Failures.h"
+#include "base/blocks/FileCalls.h"
 #include "base/trace/Trace.h"
 
 #include <algorithm>
@@ -173,7 +174,7 @@ void PageCache::dropFrame(Frame* frame) {
 PageCache::Frame* PageCache::victim() {
     Frame* frame = oldest_;
     for (unsigned tries = 0; frame && tries < victimTries; ++tries, frame = frame->newer) {
-        if (frame->dirty && !writeAround(frame))
+        if (frame->dirty && !writeAround(frame).ok()) // traced; stays dirty, and a flush tells
             continue;
         unlink(frame);
         leave(frame->number);
@@ -207,30 +208,32 @@ PageCache::Frame* PageCache::frameOf(void const* buffer) {
 
 // --- Pins -------------------------------------------------------------------------------------
 
-void* PageCache::pin(std::uint64_t page) {
+Result<void*> PageCache::pin(std::uint64_t page) {
     if (Frame* frame = lookup(page)) [[likely]] {
         ++hits_;
         touch(frame);
-        return frame->bytes();
+        return static_cast<void*>(frame->bytes());
     }
     ++misses_;
     Frame* frame = takeFrame();
     frame->number = page;
     bool const inOrder = page - expected_ < aheadBytes / pageSize_;
     expected_ = page + 1;
-    if ((!inOrder || !readAhead(frame)) &&
-        file_->readAt(page * pageSize_, frame->bytes(), pageSize_) != pageSize_) {
-        MORVA_TRACE(Always) << "Failed to read page" << page << "of" << file_->name();
-        Failures::note();
-        dropFrame(frame);
-        return nullptr;
+    if (!inOrder || !readAhead(frame)) {
+        Status read = FileCalls::readWhole(*file_, page * pageSize_, frame->bytes(), pageSize_);
+        if (!read) [[unlikely]] {
+            MORVA_TRACE(Always) << "Failed to read page" << page << "of" << file_->name();
+            Failures::note();
+            dropFrame(frame);
+            return read;
+        }
     }
     enter(frame);
-    return frame->bytes();
+    return static_cast<void*>(frame->bytes());
 }
 
 /// Reads the frame's page and those behind it that aren't here; false, with nothing done, when
-/// there are none or the read fails.
+/// there are none or the read fails: the caller then reads its page alone, and tells what fails.
 bool PageCache::readAhead(Frame* frame) {
     std::uint64_t const first = frame->number;
     std::uint32_t const most = std::min(aheadBytes / pageSize_, target_ / 4);
@@ -240,11 +243,11 @@ bool PageCache::readAhead(Frame* frame) {
     if (count == 1)
         return false;
     aheadBytes_.resize(aheadBytes);
-    std::uint32_t const got =
-        file_->readAt(first * pageSize_, aheadBytes_.data(), count * pageSize_);
-    if (got < pageSize_)
+    auto const got =
+        FileCalls::readAt(*file_, first * pageSize_, aheadBytes_.data(), count * pageSize_);
+    if (!got || *got < pageSize_)
         return false;
-    count = got / pageSize_;
+    count = *got / pageSize_;
     std::memcpy(frame->bytes(), aheadBytes_.data(), pageSize_);
     for (std::uint32_t i = 1; i < count; ++i) {
         Frame* const other = takeFrame();
@@ -258,12 +261,14 @@ bool PageCache::readAhead(Frame* frame) {
     return true;
 }
 
-void* PageCache::pinZero(std::uint64_t page) {
+Result<void*> PageCache::pinZero(std::uint64_t page) {
     Frame* frame = lookup(page);
     if (frame) {
         if (frame->pins != 0) {
             MORVA_TRACE(Always) << "Page" << page << "of" << file_->name() << "is in use";
-            return nullptr;
+            return Status::corruption("make a page of", file_->name(),
+                                      QStringLiteral("a new page is in use already"),
+                                      {Status::Unit::Page, page});
         }
         ++hits_;
         touch(frame);
@@ -275,7 +280,7 @@ void* PageCache::pinZero(std::uint64_t page) {
     }
     std::memset(frame->bytes(), 0, pageSize_);
     setDirty(frame);
-    return frame->bytes();
+    return static_cast<void*>(frame->bytes());
 }
 
 bool PageCache::unpin(void const* buffer, bool dirty) {
@@ -319,37 +324,36 @@ std::uint32_t PageCache::pins(void const* buffer) {
 
 // --- Writing ----------------------------------------------------------------------------------
 
-bool PageCache::writeNow(void const* buffer) {
+Status PageCache::writeNow(void const* buffer) {
     Frame* frame = frameOf(buffer);
-    return frame && (!frame->dirty || writeRun(&frame, 1));
+    if (!frame)
+        return Status::failure(Status::Code::InvalidArgument, "write", file_->name(),
+                               QStringLiteral("the page isn't pinned"));
+    return frame->dirty ? writeRun(&frame, 1) : Status();
 }
 
-bool PageCache::flush() {
+Status PageCache::flush() {
     if (!dirtyHead_)
-        return true;
+        return {};
     work_.clear();
     for (Frame* frame = dirtyHead_; frame; frame = frame->dirtyNext)
         work_.push_back(frame);
     std::ranges::sort(work_, {}, &Frame::number);
     std::size_t const longest = std::max<std::size_t>(1, runLimitBytes / pageSize_);
-    bool written = true;
+    Status written;
     for (std::size_t from = 0; from < work_.size();) {
         std::size_t to = from + 1;
         while (to < work_.size() && to - from < longest &&
                work_[to]->number == work_[to - 1]->number + 1)
             ++to;
-        written = writeRun(work_.data() + from, to - from) && written;
+        written.update(writeRun(work_.data() + from, to - from));
         from = to;
     }
     return written;
 }
 
-bool PageCache::sync() {
-    return file_ && file_->sync();
-}
-
 /// Writes a dirty page together with the dirty, unpinned pages on both sides of it.
-bool PageCache::writeAround(Frame* frame) {
+Status PageCache::writeAround(Frame* frame) {
     auto const goesAlong = [](Frame const* other) { return other && other->dirty && !other->pins; };
     std::size_t const longest = std::max<std::size_t>(1, runLimitBytes / pageSize_);
     std::uint64_t first = frame->number;
@@ -366,7 +370,7 @@ bool PageCache::writeAround(Frame* frame) {
 }
 
 /// The one place where bytes leave for the file: pages that follow each other, all dirty.
-bool PageCache::writeRun(Frame* const* frames, std::size_t count) {
+Status PageCache::writeRun(Frame* const* frames, std::size_t count) {
     std::uint32_t const bytes = static_cast<std::uint32_t>(count * pageSize_);
     std::uint8_t const* from = frames[0]->bytes();
     if (count > 1) {
@@ -375,14 +379,15 @@ bool PageCache::writeRun(Frame* const* frames, std::size_t count) {
             std::memcpy(runBytes_.data() + i * pageSize_, frames[i]->bytes(), pageSize_);
         from = runBytes_.data();
     }
-    if (file_->writeAt(frames[0]->number * pageSize_, from, bytes) != bytes) {
+    Status written = FileCalls::writeAt(*file_, frames[0]->number * pageSize_, from, bytes);
+    if (!written) {
         MORVA_TRACE(Always) << "Failed to write" << count << "pages from" << frames[0]->number
                             << "of" << file_->name();
-        return false;
+        return written;
     }
     for (std::size_t i = 0; i < count; ++i)
         setClean(frames[i]);
-    return true;
+    return {};
 }
 
 } // namespace Morva

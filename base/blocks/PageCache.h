@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/files/RawFile.h"
+#include "base/values/Status.h"
 
 #include <cstdint>
 #include <memory>
@@ -34,15 +35,15 @@ public:
     /// Forgets all pages, written or not. Pins that are still out become invalid.
     void detach();
 
-    /// The page's buffer, read from the file if it isn't here; null when that fails, which
-    /// `Failures` counts.
-    [[nodiscard]] void* pin(std::uint64_t page);
-    /// The page as zero bytes, whatever the file holds, and already dirty. Null when somebody has
-    /// a pin on it.
-    [[nodiscard]] void* pinZero(std::uint64_t page);
-    /// Gives one pin back.
+    /// The page's buffer, read from the file if it isn't here. `IoError`, and `Corruption` for a
+    /// page that the file doesn't have whole or whose bytes are wrong.
+    [[nodiscard]] Result<void*> pin(std::uint64_t page);
+    /// The page as zero bytes, whatever the file holds, and already dirty. `Corruption` when
+    /// somebody has a pin on it: the caller took a page in use for a new one.
+    [[nodiscard]] Result<void*> pinZero(std::uint64_t page);
+    /// Gives one pin back. False for a buffer without a pin.
     bool unpin(void const* buffer, bool dirty);
-    /// Marks a pinned page as changed.
+    /// Marks a pinned page as changed. False for a buffer without a pin.
     bool markDirty(void const* buffer);
     /// Gives one pin back and forgets the buffer, so that changes which nobody told of are gone. A
     /// page that is dirty, or that others hold, stays as it is: its changes aren't this caller's.
@@ -51,12 +52,10 @@ public:
     [[nodiscard]] static std::uint32_t pins(void const* buffer);
 
     /// Writes one pinned page now, if it is dirty.
-    [[nodiscard]] bool writeNow(void const* buffer);
-    /// Writes all dirty pages in ascending order; false when one could not be written. Those that
-    /// could are clean then.
-    [[nodiscard]] bool flush();
-    /// Brings what was written to the disk itself. Doesn't flush.
-    [[nodiscard]] bool sync();
+    [[nodiscard]] Status writeNow(void const* buffer);
+    /// Writes all dirty pages in ascending order; the first failure when some could not be written.
+    /// Those that could are clean then.
+    [[nodiscard]] Status flush();
     [[nodiscard]] bool dirty() const { return dirtyHead_ != nullptr; }
 
     /// Pins that found the page here, and pins that didn't, since construction.
@@ -102,8 +101,8 @@ private:
     Frame* newFrame();
     void dropFrame(Frame* frame);
     Frame* victim();
-    bool writeAround(Frame* frame);
-    bool writeRun(Frame* const* frames, std::size_t count);
+    [[nodiscard]] Status writeAround(Frame* frame);
+    [[nodiscard]] Status writeRun(Frame* const* frames, std::size_t count);
 
     RawFile* file_ = nullptr;
     std::uint32_t pageSize_ = 0;

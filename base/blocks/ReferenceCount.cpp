@@ -1,6 +1,7 @@
 #include "base/blocks/ReferenceCount.h"
 
 #include "base/blocks/Failures.h"
+#include "base/blocks/FileCalls.h"
 #include "base/blocks/HeaderPage.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
@@ -38,14 +39,21 @@ constexpr std::uint64_t largestPages = 0x7FFFFFFFFFFFFFFFull / pageSize - 1;
 class CountPin {
 public:
     CountPin(PageCache& cache, std::uint64_t number)
-        : cache_(cache),
-          page_(cache.pin(1 + number / countsPerPage)),
-          slot_(number % countsPerPage * 4) {}
+        : cache_(cache), slot_(number % countsPerPage * 4) {
+        if (auto page = cache.pin(1 + number / countsPerPage))
+            page_ = *page;
+        else
+            status_ = std::move(page).status();
+    }
     ~CountPin() {
         if (page_)
             cache_.unpin(page_, changed_);
     }
+    CountPin(CountPin const&) = delete;
+    CountPin& operator=(CountPin const&) = delete;
     explicit operator bool() const { return page_ != nullptr; }
+    /// Why there is no page.
+    Status const& status() const { return status_; }
     std::uint32_t get() const { return loadLittle<std::uint32_t>(bytes()); }
     void set(std::uint32_t count) {
         storeLittle(bytes(), count);
@@ -56,7 +64,8 @@ private:
     std::uint8_t* bytes() const { return static_cast<std::uint8_t*>(page_) + slot_; }
 
     PageCache& cache_;
-    void* page_;
+    void* page_ = nullptr;
+    Status status_;
     std::size_t slot_;
     bool changed_ = false;
 };
@@ -66,48 +75,47 @@ private:
 ReferenceCount::ReferenceCount(std::uint32_t cacheSize) : HeadedFile(cacheSize) {}
 
 ReferenceCount::~ReferenceCount() {
-    close();
+    (void)close(); // traced; who needs to know closes before
 }
 
 void ReferenceCount::setGrow(std::uint64_t grow) {
     growPages_ = std::clamp<std::uint64_t>(grow / countsPerPage, defaultGrowPages, 0x100000);
 }
 
-bool ReferenceCount::create(QString const& name, std::uint64_t limit, std::uint64_t grow) {
+Status ReferenceCount::create(QString const& name, std::uint64_t limit, std::uint64_t grow) {
     MORVA_METHOD("create");
-    close();
-    if (!beginCreation(name, RawFile::Mode::ReadWrite, pageSize))
-        return scope.result(false);
+    MORVA_TRY(close());
+    MORVA_TRY(scope.result(beginCreation(name, RawFile::Mode::ReadWrite, pageSize)));
     setGrow(grow);
     limit_ = limit;
     pages_ = 0;
     return scope.result(endCreation(storeHeader()));
 }
 
-bool ReferenceCount::open(QString const& name, std::uint64_t limit, std::uint64_t grow,
-                          RawFile::Mode mode) {
+Status ReferenceCount::open(QString const& name, std::uint64_t limit, std::uint64_t grow,
+                            RawFile::Mode mode) {
     MORVA_METHOD("open");
-    close();
+    MORVA_TRY(close());
     setGrow(grow);
-    return scope.result(beginOpening(name, mode) &&
-                        endOpening(readHeader(limit), "Invalid reference count header in"));
+    MORVA_TRY(scope.result(beginOpening(name, mode)));
+    return scope.result(endOpening(readHeader(limit), "Invalid reference count header in"));
 }
 
-bool ReferenceCount::readHeader(std::uint64_t limit) {
-    if (!pinHeader(pageSize))
-        return false;
-    std::uint64_t const length = file_->length();
+Status ReferenceCount::readHeader(std::uint64_t limit) {
+    MORVA_TRY(pinHeader(pageSize));
+    MORVA_TRY_LET(std::uint64_t const length, FileCalls::length(*file_));
     limit_ = loadLittle<std::uint64_t>(header_ + Header::atLimit);
     pages_ = loadLittle<std::uint64_t>(header_ + Header::atPages);
-    return std::memcmp(header_, Header::magic, 8) == 0 &&
-           loadLittle<std::uint32_t>(header_ + Header::atVersion) == Header::version &&
-           loadLittle<std::uint32_t>(header_ + Header::atCheck) ==
-               headerCheck(header_, Header::atCheck) &&
-           limit_ == limit && pages_ <= length / pageSize - 1 &&
-           (pages_ == 0 || pages_ - 1 <= limit_ / countsPerPage);
+    bool const sound = std::memcmp(header_, Header::magic, 8) == 0 &&
+                       loadLittle<std::uint32_t>(header_ + Header::atVersion) == Header::version &&
+                       loadLittle<std::uint32_t>(header_ + Header::atCheck) ==
+                           headerCheck(header_, Header::atCheck) &&
+                       limit_ == limit && pages_ <= length / pageSize - 1 &&
+                       (pages_ == 0 || pages_ - 1 <= limit_ / countsPerPage);
+    return sound ? Status() : unsoundHeader();
 }
 
-bool ReferenceCount::storeHeader() {
+Status ReferenceCount::storeHeader() {
     std::memcpy(header_, Header::magic, 8);
     storeLittle(header_ + Header::atVersion, Header::version);
     storeLittle(header_ + Header::atLimit, limit_);
@@ -117,133 +125,162 @@ bool ReferenceCount::storeHeader() {
     return cache_.writeNow(header_);
 }
 
-bool ReferenceCount::close() {
+Status ReferenceCount::close() {
     if (!header_)
-        return true;
+        return {};
     MORVA_METHOD("close");
-    bool const closed = flush();
+    Status closed = flush();
     giveUp();
-    return scope.result(closed);
+    return scope.result(std::move(closed));
 }
 
-bool ReferenceCount::flush() {
-    return header_ && cache_.flush();
+Status ReferenceCount::flush() {
+    return header_ ? cache_.flush() : notOpen("flush");
 }
 
-bool ReferenceCount::growTo(std::uint64_t pages) {
-    if (pages > largestPages || !file_->setLength((1 + pages) * pageSize))
-        return false;
+Status ReferenceCount::growTo(std::uint64_t pages) {
+    if (pages > largestPages)
+        return Status::failure(Status::Code::NoSpace, "extend", file_->name(),
+                               QStringLiteral("a file can't be that large"));
+    MORVA_TRY(FileCalls::setLength(*file_, (1 + pages) * pageSize));
     std::uint64_t const before = std::exchange(pages_, pages);
-    if (storeHeader())
-        return true;
-    pages_ = before;
-    return false;
+    Status stored = storeHeader();
+    if (!stored)
+        pages_ = before;
+    return stored;
 }
 
-bool ReferenceCount::reserve(std::uint64_t number) {
+Status ReferenceCount::reserve(std::uint64_t number) {
     std::uint64_t const needed = number / countsPerPage + 1;
     if (needed <= pages_)
-        return true;
+        return {};
     std::uint64_t const steps = (needed + growPages_ - 1) / growPages_;
     std::uint64_t const wanted = std::min(steps * growPages_, limit_ / countsPerPage + 1);
-    if (growTo(wanted) || (wanted != needed && growTo(needed)))
-        return true;
-    MORVA_TRACE(Always) << "Failed to extend" << file_->name() << file_->lastError();
-    Failures::note();
-    return false;
+    Status grown = growTo(wanted);
+    if (!grown && wanted != needed)
+        grown = growTo(needed);
+    if (!grown) {
+        MORVA_TRACE(Always) << "Failed to extend" << file_->name() << file_->lastError();
+        Failures::note();
+    }
+    return grown;
+}
+
+Status ReferenceCount::aboveLimit(std::uint64_t number) const {
+    if (!header_)
+        return notOpen("count in");
+    return Status::failure(Status::Code::InvalidArgument, "count in", file_->name(),
+                           QStringLiteral("the number is above the limit"),
+                           {Status::Unit::Block, number});
+}
+
+Status ReferenceCount::noCount(std::uint64_t number) const {
+    if (!header_)
+        return notOpen("count in");
+    return Status::corruption("count in", file_->name(),
+                              QStringLiteral("a number in use has no count"),
+                              {Status::Unit::Block, number});
 }
 
 bool ReferenceCount::inTable(std::uint64_t number) const {
     return header_ && number <= limit_ && number / countsPerPage < pages_;
 }
 
-bool ReferenceCount::newId(std::uint64_t number) {
-    if (!header_ || number > limit_ || !reserve(number)) {
+Status ReferenceCount::newId(std::uint64_t number) {
+    Status reserved = header_ && number <= limit_ ? reserve(number) : aboveLimit(number);
+    if (!reserved) {
         MORVA_TRACE(Always) << "Number" << number << "can't have a count";
-        return false;
+        return reserved;
     }
     CountPin pin(cache_, number);
     if (!pin)
-        return false;
+        return pin.status();
     if (pin.get() != 0) {
         MORVA_TRACE(Always) << "Number" << number << "has a count already" << pin.get();
-        return false;
+        return Status::failure(Status::Code::Busy, "count in", file_->name(),
+                               QStringLiteral("the number is in use already"),
+                               {Status::Unit::Block, number});
     }
     pin.set(1);
-    return true;
+    return {};
 }
 
-bool ReferenceCount::increment(std::uint32_t& count, std::uint64_t number) {
+Status ReferenceCount::increment(std::uint32_t& count, std::uint64_t number) {
     if (inTable(number)) [[likely]] {
         CountPin pin(cache_, number);
         if (!pin)
-            return false;
+            return pin.status();
         std::uint32_t const now = pin.get();
-        if (now != 0 && now != ~std::uint32_t{0}) [[likely]] {
+        if (now == ~std::uint32_t{0}) {
+            MORVA_TRACE(Always) << "Number" << number << "has no count that can rise";
+            return Status::failure(Status::Code::InvalidArgument, "count in", file_->name(),
+                                   QStringLiteral("the count can't rise any more"),
+                                   {Status::Unit::Block, number});
+        }
+        if (now != 0) [[likely]] {
             pin.set(now + 1);
             count = now + 1;
-            return true;
+            return {};
         }
     }
     MORVA_TRACE(Always) << "Number" << number << "has no count that can rise";
-    return false;
+    return noCount(number);
 }
 
-bool ReferenceCount::decrement(std::uint32_t& count, std::uint64_t number) {
+Status ReferenceCount::decrement(std::uint32_t& count, std::uint64_t number) {
     if (inTable(number)) [[likely]] {
         CountPin pin(cache_, number);
         if (!pin)
-            return false;
+            return pin.status();
         std::uint32_t const now = pin.get();
         if (now != 0) [[likely]] {
             pin.set(now - 1);
             count = now - 1;
-            return true;
+            return {};
         }
     }
     MORVA_TRACE(Always) << "Number" << number << "has no count that can fall";
-    return false;
+    return noCount(number);
 }
 
-bool ReferenceCount::count(std::uint32_t& count, std::uint64_t number) const {
+Status ReferenceCount::count(std::uint32_t& count, std::uint64_t number) const {
     if (!header_ || number > limit_)
-        return false;
+        return aboveLimit(number);
     if (!inTable(number)) {
         count = 0;
-        return true;
+        return {};
     }
     CountPin const pin(cache_, number);
     if (pin)
         count = pin.get();
-    return static_cast<bool>(pin);
+    return pin.status();
 }
 
-bool ReferenceCount::releaseId(std::uint64_t number) {
+Status ReferenceCount::releaseId(std::uint64_t number) {
     if (!header_ || number > limit_)
-        return false;
+        return aboveLimit(number);
     if (!inTable(number))
-        return true;
+        return {};
     CountPin pin(cache_, number);
-    if (!pin)
-        return false;
-    if (pin.get() != 0)
+    if (pin && pin.get() != 0)
         pin.set(0);
-    return true;
+    return pin.status();
 }
 
-bool ReferenceCount::forEach(
+Status ReferenceCount::forEach(
     std::function<bool(std::uint64_t number, std::uint32_t count)> const& callback) const {
     static constexpr std::uint8_t zeros[pageSize] = {};
     if (!header_)
-        return false;
-    bool sound = true;
+        return notOpen("read");
+    Status sound;
     bool more = true;
     for (std::uint64_t page = 0; page < pages_ && more; ++page) {
-        auto const* bytes = static_cast<std::uint8_t const*>(cache_.pin(1 + page));
-        if (!bytes) {
-            sound = false;
+        auto pinned = cache_.pin(1 + page);
+        if (!pinned) {
+            sound.update(std::move(pinned).status());
             continue;
         }
+        auto const* bytes = static_cast<std::uint8_t const*>(*pinned);
         if (std::memcmp(bytes, zeros, pageSize) != 0)
             for (std::uint32_t slot = 0; slot < countsPerPage && more; ++slot)
                 if (auto const count = loadLittle<std::uint32_t>(bytes + slot * 4))

@@ -27,14 +27,14 @@ TEST_F(ReferenceCountTest, CountsRunFromNewIdToRelease) {
     std::uint32_t count = 77;
     EXPECT_TRUE(refs.count(count, 5));
     EXPECT_EQ(count, 0u);
-    EXPECT_FALSE(refs.increment(count, 5));
+    EXPECT_EQ(refs.increment(count, 5).code(), Status::Code::Corruption);
     ASSERT_TRUE(refs.newId(5));
-    EXPECT_FALSE(refs.newId(5));
+    EXPECT_EQ(refs.newId(5).code(), Status::Code::Busy);
     EXPECT_TRUE(refs.increment(count, 5));
     EXPECT_EQ(count, 2u);
     EXPECT_TRUE(refs.decrement(count, 5) && refs.decrement(count, 5));
     EXPECT_EQ(count, 0u);
-    EXPECT_FALSE(refs.decrement(count, 5));
+    EXPECT_EQ(refs.decrement(count, 5).code(), Status::Code::Corruption);
     EXPECT_TRUE(refs.releaseId(5));
     EXPECT_TRUE(refs.newId(5));
 }
@@ -69,7 +69,7 @@ TEST_F(ReferenceCountTest, RandomWorkAgreesWithAMap) {
             ASSERT_TRUE(refs.close());
             ASSERT_TRUE(refs.open(path, ~0ull >> 16, 5000));
         } else if (what < 500) {
-            ASSERT_EQ(refs.newId(number), at == model.end());
+            ASSERT_EQ(refs.newId(number).ok(), at == model.end());
             model.emplace(number, 1);
         } else if (at != model.end() && what < 700) {
             ASSERT_TRUE(refs.increment(count, number));
@@ -106,7 +106,7 @@ TEST_F(ReferenceCountTest, FullDiskAndFailedWritesLoseNothing) {
     files.diskBudget(4096 * 3);
     ASSERT_TRUE(refs.create(path, ~0ull, 0));
     EXPECT_TRUE(refs.newId(2047));
-    EXPECT_FALSE(refs.newId(2048));
+    EXPECT_EQ(refs.newId(2048).code(), Status::Code::NoSpace);
     EXPECT_FALSE(refs.newId(~0ull));
     files.failWritesAfter(0);
     EXPECT_FALSE(refs.flush());
@@ -114,6 +114,13 @@ TEST_F(ReferenceCountTest, FullDiskAndFailedWritesLoseNothing) {
     EXPECT_TRUE(refs.close());
     std::uint64_t const written = files.writes();
     ASSERT_TRUE(refs.open(path, ~0ull, 0));
+    files.failReadsAfter(0);
+    std::uint32_t count = 5;
+    EXPECT_EQ(refs.count(count, 2047).code(), Status::Code::IoError);
+    EXPECT_EQ(refs.decrement(count, 2047).code(), Status::Code::IoError);
+    EXPECT_EQ(refs.newId(2046).code(), Status::Code::IoError);
+    EXPECT_EQ(count, 5u);
+    files.heal();
     EXPECT_EQ(all(), (std::map<std::uint64_t, std::uint32_t>{{2047, 1}}));
     ASSERT_TRUE(refs.close());
     EXPECT_EQ(files.writes(), written);

@@ -167,9 +167,18 @@ private:
     void enter(char const* name, char const* file, int line);
     void leave();
     template <class T> void note(T const& value) {
+        if constexpr (requires { value.status(); }) { // a Result
+            if (value.ok())
+                note(*value);
+            else
+                result_ = "failed";
+            return;
+        }
         std::ostringstream text;
         if constexpr (std::is_same_v<T, bool>)
             text << (value ? "true" : "false");
+        else if constexpr (requires { value.ok(); }) // a Status
+            text << (value.ok() ? "true" : "false");
         else if constexpr (std::is_arithmetic_v<T>)
             text << value;
         else if constexpr (requires {

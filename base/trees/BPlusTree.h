@@ -24,8 +24,9 @@ struct TreeCell;
 ///
 /// Stored keys are ordered by their `KeyHash`, of which the tree chooses the second word. The
 /// tree never looks into a stored form. Pages that run empty are used again.
-/// Format: docs/formats/tree.md. Failures are traced; a damaged page fails the operation that
-/// meets it and nothing else. Not thread-safe, also not for `find`.
+/// Format: docs/formats/tree.md. Failures are traced; a damaged page is `Corruption` for the
+/// operation that meets it, which then has changed nothing, and for nothing else. Not thread-safe,
+/// also not for `find`.
 class BPlusTree {
 public:
     /// The largest stored form. Forms above about a quarter of a page go to pages of their own.
@@ -65,28 +66,29 @@ public:
 
     /// Makes an empty tree, replacing a file that is there. The page size is a power of two from
     /// 512 to 32768.
-    [[nodiscard]] bool create(QString const& name, std::uint32_t pageSize);
-    /// False when the file isn't there or isn't a sound tree. Opened `ReadOnly` it can be looked at
-    /// and no more.
-    [[nodiscard]] bool open(QString const& name, RawFile::Mode mode = RawFile::Mode::ReadWrite);
-    /// Flushes and closes; false when something could not be written. Harmless when closed.
-    bool close();
+    [[nodiscard]] Status create(QString const& name, std::uint32_t pageSize);
+    /// `NotFound` when the file isn't there, `Corruption` when it isn't a sound tree. Opened
+    /// `ReadOnly` it can be looked at and no more.
+    [[nodiscard]] Status open(QString const& name, RawFile::Mode mode = RawFile::Mode::ReadWrite);
+    /// Flushes and closes; a failure when something could not be written. Harmless when closed.
+    Status close();
     /// Writes what changed to the file. What fails is tried again at the next flush.
-    bool flush();
-    bool sync();
+    [[nodiscard]] Status flush();
+    [[nodiscard]] Status sync();
     [[nodiscard]] explicit operator bool() const { return control_ != nullptr; }
 
-    /// Looks for this key. On a match the key has taken over the stored form; otherwise it is
-    /// unchanged.
-    [[nodiscard]] bool find(Key& key) const;
+    /// Whether this key is stored. If so the key has taken over the stored form; otherwise it is
+    /// unchanged. A failure where that can't be told: a page that can't be read or is damaged on
+    /// the way to the key, or a damaged cell that could be the key's.
+    [[nodiscard]] Result<bool> find(Key& key) const;
     /// Stores a new key, for which `find` has given false, and sets the second word of its hash.
-    /// False, with nothing changed, when the disk is full or the form is too large.
-    [[nodiscard]] bool insert(Key& key);
+    /// `NoSpace`; `InvalidArgument` when the form is too large.
+    [[nodiscard]] Status insert(Key& key);
     /// Replaces the stored form of this very key, found by both words of its hash, by one of the
-    /// same size. False when there is none.
-    [[nodiscard]] bool update(Key const& key);
-    /// Removes this very key. False when there is none.
-    [[nodiscard]] bool remove(Key const& key);
+    /// same size. `NotFound` when there is none.
+    [[nodiscard]] Status update(Key const& key);
+    /// Removes this very key. `NotFound` when there is none.
+    [[nodiscard]] Status remove(Key const& key);
 
     /// Stored keys, and pages of the file in use for them.
     [[nodiscard]] std::uint64_t keyCount() const;
@@ -95,9 +97,9 @@ public:
     [[nodiscard]] BlockCache const* cache() const { return control_ ? &blocks_ : nullptr; }
 
     /// Calls back for each stored form in the order of the hashes until the callback returns
-    /// false; the range is valid for the call. False when a damaged page was met; what can still
+    /// false; the range is valid for the call. Fails when a damaged page was met; what can still
     /// be reached is given all the same. The tree must not be changed meanwhile.
-    bool forEach(std::function<bool(Extent const& stored)> const& callback) const;
+    [[nodiscard]] Status forEach(std::function<bool(Extent const& stored)> const& callback) const;
     /// Checks all there is to check in the file: structure, order, sizes, the chain of free pages,
     /// and that each page is in use or free exactly once. Adds a line for each fault; true when
     /// there was none. Changes nothing.
@@ -106,24 +108,29 @@ public:
 private:
     class Walker;
 
-    [[nodiscard]] bool readControl();
+    [[nodiscard]] Status notOpen(char const* operation) const;
+    [[nodiscard]] Status damaged(std::uint64_t page, QString const& reason) const;
+    [[nodiscard]] Status readControl();
     void storeControl();
     void giveUp();
-    [[nodiscard]] bool descend(TreePath& path, KeyHash const& hash) const;
-    [[nodiscard]] bool descendFrom(TreePath& path, std::uint64_t page, KeyHash const& hash) const;
-    [[nodiscard]] bool nextLeaf(TreePath& path) const;
-    [[nodiscard]] bool locate(TreePath& path, Key const& key, Extent& stored) const;
-    [[nodiscard]] bool storedForm(TreeCell const& cell, Extent& stored) const;
+    [[nodiscard]] Status begin();
+    [[nodiscard]] Status descend(TreePath& path, KeyHash const& hash) const;
+    [[nodiscard]] Status descendFrom(TreePath& path, std::uint64_t page, KeyHash const& hash) const;
+    [[nodiscard]] Result<bool> nextLeaf(TreePath& path) const;
+    [[nodiscard]] Status locate(TreePath& path, Key const& key, Extent& stored) const;
+    [[nodiscard]] Status storedForm(TreeCell const& cell, Extent& stored) const;
 
-    [[nodiscard]] bool readChain(std::uint8_t const* cell, Extent& stored) const;
-    [[nodiscard]] bool writeChain(std::uint8_t const* cell);
-    [[nodiscard]] bool makeChain(std::uint8_t* cell, std::uint32_t size);
-    void freeChain(std::uint8_t const* cell);
+    [[nodiscard]] Status readChain(std::uint8_t const* cell, Extent& stored) const;
+    [[nodiscard]] Status writeChain(std::uint8_t const* cell);
+    [[nodiscard]] Status makeChain(std::uint8_t* cell, std::uint32_t size);
+    [[nodiscard]] Status pinChain(std::uint8_t const* cell, std::vector<BlockPin>& pins) const;
+    void freePages(std::vector<BlockPin>& pins);
 
-    [[nodiscard]] bool chooseSecond(TreePath& path, KeyHash& hash) const;
-    [[nodiscard]] bool place(TreePath& path, KeyHash const& hash, TreeCell const& cell);
-    [[nodiscard]] bool split(TreePath& path, KeyHash const& hash, TreeCell const& cell);
-    [[nodiscard]] bool takeSpare(TreePath& path, std::vector<BlockPin>& spare);
+    [[nodiscard]] Status store(TreePath& path, Key& key, KeyHash const& hash);
+    [[nodiscard]] Status chooseSecond(TreePath& path, KeyHash& hash) const;
+    [[nodiscard]] Status place(TreePath& path, KeyHash const& hash, TreeCell const& cell);
+    [[nodiscard]] Status split(TreePath& path, KeyHash const& hash, TreeCell const& cell);
+    [[nodiscard]] Status takeSpare(TreePath& path, std::vector<BlockPin>& spare);
     void raise(TreePath& path, KeyHash hash, std::uint64_t child, std::vector<BlockPin>& spare);
     void compact(TreePage const& page) const;
 

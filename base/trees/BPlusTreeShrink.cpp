@@ -11,7 +11,7 @@ namespace Morva {
 /// Takes an empty leaf out of the tree, and the inner pages that it leaves empty.
 void BPlusTree::dropEmpty(TreePath& path) {
     while (path.depth() > 1) {
-        path.leaf().pin.free();
+        (void)path.leaf().pin.free(); // a tree page isn't marked as free, or it were unsound
         path.pop();
         TreePath::Step& step = path.leaf();
         TreePage page(step.pin.get(), blocks_.blockSize());
@@ -25,6 +25,7 @@ void BPlusTree::dropEmpty(TreePath& path) {
 }
 
 /// After a removal: joins pages less than a quarter full with a neighbour, from the leaf upwards.
+/// A neighbour that can't be read, or is damaged, isn't joined: the tree is sound without.
 void BPlusTree::shrink(TreePath& path) {
     std::uint32_t const pageSize = blocks_.blockSize();
     if (path.depth() > 1 && TreePage(path.leaf().pin.get(), pageSize).count() == 0)
@@ -90,7 +91,7 @@ bool BPlusTree::joinPages(TreePage& parent, std::uint32_t right, BlockPin& leftP
     }
     leftPin.changed();
     parent.removeChild(right);
-    rightPin.free();
+    (void)rightPin.free(); // a tree page isn't marked as free, or it were unsound
     return true;
 }
 
@@ -103,22 +104,22 @@ void BPlusTree::collapseRoot() {
             return;
         root_ = page.child(0);
         --height_;
-        pin.free();
+        (void)pin.free(); // a tree page isn't marked as free, or it were unsound
     }
 }
 
 // --- Chains -----------------------------------------------------------------------------------
 
-bool BPlusTree::makeChain(std::uint8_t* cell, std::uint32_t size) {
+Status BPlusTree::makeChain(std::uint8_t* cell, std::uint32_t size) {
     std::uint32_t const room = blocks_.blockSize() - TreeChain::headerSize;
     std::uint64_t next = 0;
+    std::vector<BlockPin> made;
     for (std::uint32_t pages = (size + room - 1) / room; pages > 0; --pages) {
         std::uint64_t number = 0;
         auto pin = BlockPin::make(blocks_, number);
         if (!pin) {
-            TreeChain::store(cell, {size, next});
-            freeChain(cell);
-            return false;
+            freePages(made);
+            return pin.status();
         }
         std::uint32_t const from = (pages - 1) * room;
         storeLittle(pin.bytes(), TreeChain::mark);
@@ -126,43 +127,59 @@ bool BPlusTree::makeChain(std::uint8_t* cell, std::uint32_t size) {
         std::memcpy(pin.bytes() + TreeChain::headerSize, form_.data() + from,
                     std::min(room, size - from));
         pin.changed();
+        made.push_back(std::move(pin));
         next = number;
     }
     TreeChain::store(cell, {size, next});
-    return true;
+    return {};
 }
 
-bool BPlusTree::readChain(std::uint8_t const* cell, Extent& stored) const {
+/// Has all pages of a chain in order. Bounded by the largest form, whatever the file holds.
+Status BPlusTree::pinChain(std::uint8_t const* cell, std::vector<BlockPin>& pins) const {
     auto [size, number] = TreeChain::load(cell);
     std::uint32_t const room = blocks_.blockSize() - TreeChain::headerSize;
     if (size > maximumStoredSize)
-        return false;
+        return damaged(number, QStringLiteral("the chain of a stored key is damaged"));
+    for (std::uint32_t from = 0; from < size; from += room) {
+        auto pin = BlockPin::get(blocks_, number);
+        if (!pin || !TreeChain::sound(pin.get())) {
+            MORVA_TRACE(Always) << "Damaged chain of a stored key at page" << number;
+            return pin ? damaged(number, QStringLiteral("the chain of a stored key is damaged"))
+                       : pin.status();
+        }
+        number = TreeChain::next(pin.get());
+        pins.push_back(std::move(pin));
+    }
+    return {};
+}
+
+Status BPlusTree::readChain(std::uint8_t const* cell, Extent& stored) const {
+    auto [size, number] = TreeChain::load(cell);
+    std::uint32_t const room = blocks_.blockSize() - TreeChain::headerSize;
+    if (size > maximumStoredSize)
+        return damaged(number, QStringLiteral("the chain of a stored key is damaged"));
     form_.resize(std::max<std::size_t>(form_.size(), size));
     for (std::uint32_t from = 0; from < size; from += room) {
         auto pin = BlockPin::get(blocks_, number);
         if (!pin || !TreeChain::sound(pin.get())) {
             MORVA_TRACE(Always) << "Damaged chain of a stored key at page" << number;
-            return false;
+            return pin ? damaged(number, QStringLiteral("the chain of a stored key is damaged"))
+                       : pin.status();
         }
         std::memcpy(form_.data() + from, pin.bytes() + TreeChain::headerSize,
                     std::min(room, size - from));
         number = TreeChain::next(pin.get());
     }
     stored = Extent(static_cast<void*>(form_.data()), size);
-    return true;
+    return {};
 }
 
 /// Overwrites a chain with the form in `form_`, once all its pages are there.
-bool BPlusTree::writeChain(std::uint8_t const* cell) {
-    auto [size, number] = TreeChain::load(cell);
+Status BPlusTree::writeChain(std::uint8_t const* cell) {
+    std::uint32_t const size = TreeChain::load(cell).size;
     std::uint32_t const room = blocks_.blockSize() - TreeChain::headerSize;
     std::vector<BlockPin> pins;
-    for (std::uint32_t from = 0; from < size; from += room) {
-        pins.push_back(BlockPin::get(blocks_, number));
-        if (!pins.back() || !TreeChain::sound(pins.back().get()))
-            return false;
-        number = TreeChain::next(pins.back().get());
-    }
+    MORVA_TRY(pinChain(cell, pins));
     std::uint32_t from = 0;
     for (BlockPin& pin : pins) {
         std::memcpy(pin.bytes() + TreeChain::headerSize, form_.data() + from,
@@ -170,21 +187,7 @@ bool BPlusTree::writeChain(std::uint8_t const* cell) {
         pin.changed();
         from += room;
     }
-    return true;
-}
-
-void BPlusTree::freeChain(std::uint8_t const* cell) {
-    auto [size, number] = TreeChain::load(cell);
-    std::uint32_t const room = blocks_.blockSize() - TreeChain::headerSize;
-    for (std::uint64_t from = 0; from < size && number != 0; from += room) {
-        auto pin = BlockPin::get(blocks_, number);
-        if (!pin || !TreeChain::sound(pin.get())) {
-            MORVA_TRACE(Always) << "Damaged chain of a stored key at page" << number;
-            return;
-        }
-        number = TreeChain::next(pin.get());
-        pin.free();
-    }
+    return {};
 }
 
 } // namespace Morva

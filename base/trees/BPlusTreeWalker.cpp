@@ -22,6 +22,8 @@ public:
     /// False when the callback has ended the walk.
     bool walk() { return visit(tree_.root_, tree_.height_ - 1, {}, std::nullopt); }
     [[nodiscard]] bool sound() const { return sound_; }
+    /// What was met first that isn't sound.
+    [[nodiscard]] Status failure() && { return std::move(failure_); }
 
     /// Everything that isn't seen in the tree must be free, and nothing that is.
     void checkRest() {
@@ -29,7 +31,7 @@ public:
             fault(QStringLiteral("the tree has %1 keys, its control page says %2")
                       .arg(keys_)
                       .arg(tree_.keys_));
-        bool const whole = blocks_.forEachFree([this](std::uint64_t number) {
+        Status const whole = blocks_.forEachFree([this](std::uint64_t number) {
             enter(number, "the chain of free pages");
             return true;
         });
@@ -43,7 +45,9 @@ public:
 private:
     static constexpr qsizetype mostFaults = 200;
 
-    void fault(QString const& text) {
+    void fault(QString const& text, Status const& cause = {}) {
+        if (sound_)
+            failure_ = cause.ok() ? Status::corruption("read", blocks_.name(), text) : cause;
         sound_ = false;
         if (faults_ && faults_->size() < mostFaults)
             faults_->append(text);
@@ -72,7 +76,8 @@ private:
         auto pin = BlockPin::get(blocks_, number);
         TreePage const page(pin.get(), blocks_.blockSize());
         if (!pin || !page.sound(level)) {
-            fault(QStringLiteral("page %1 is no page of level %2").arg(number).arg(level));
+            fault(QStringLiteral("page %1 is no page of level %2").arg(number).arg(level),
+                  pin.status());
             return true;
         }
         bool const ordered = inOrder(page, low, end);
@@ -112,7 +117,7 @@ private:
             TreeCell const cell = page.cell(i);
             Extent stored;
             if (!cell.data || (cell.chained && !visitChain(cell)) ||
-                !tree_.storedForm(cell, stored)) {
+                !tree_.storedForm(cell, stored).ok()) {
                 fault(QStringLiteral("key %1 of page %2 can't be read").arg(i).arg(number));
                 continue;
             }
@@ -145,14 +150,15 @@ private:
     std::vector<bool> seen_;
     std::uint64_t keys_ = 0;
     bool sound_ = true;
+    Status failure_;
 };
 
-bool BPlusTree::forEach(std::function<bool(Extent const& stored)> const& callback) const {
+Status BPlusTree::forEach(std::function<bool(Extent const& stored)> const& callback) const {
     if (!control_)
-        return false;
+        return notOpen("read");
     Walker walker(*this, &callback, nullptr);
     walker.walk();
-    return walker.sound();
+    return std::move(walker).failure();
 }
 
 bool BPlusTree::verify(QStringList& faults) const {

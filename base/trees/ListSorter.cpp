@@ -1,5 +1,6 @@
 #include "base/trees/ListSorter.h"
 
+#include "base/blocks/FileCalls.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
 
@@ -34,20 +35,19 @@ class ListSorter::Reader {
 public:
     Reader(RawFile& file, Run run, std::uint64_t size) : file_(&file), run_(run), size_(size) {}
 
-    /// Moves to the next record; false at the end and on failure.
-    bool next() {
+    /// Moves to the next record; false at the end.
+    Result<bool> next() {
         at_ += length_;
         length_ = 0;
-        if (!have(frameSize))
+        if (run_.begin == run_.end && at_ == buffer_.size())
             return false;
+        MORVA_TRY(have(frameSize));
         std::uint64_t const length =
             frameSize + std::uint64_t{loadLittle<std::uint32_t>(buffer_.data() + at_)};
-        if (!have(length))
-            return false;
+        MORVA_TRY(have(length));
         length_ = length;
         return true;
     }
-    [[nodiscard]] bool done() const { return run_.begin == run_.end && at_ == buffer_.size(); }
     [[nodiscard]] Extent framed() const {
         return Extent(static_cast<void const*>(buffer_.data() + at_),
                       static_cast<std::uint32_t>(length_));
@@ -55,19 +55,20 @@ public:
     [[nodiscard]] Extent record() const { return recordAt(buffer_.data() + at_); }
 
 private:
-    bool have(std::uint64_t count) {
+    Status have(std::uint64_t count) {
         std::uint64_t const left = buffer_.size() - at_;
         if (count <= left)
-            return true;
+            return {};
         if (count - left > run_.end - run_.begin)
-            return false;
+            return Status::corruption("read", file_->name(), QStringLiteral("a record is damaged"),
+                                      {Status::Unit::Byte, run_.begin});
         if (left != 0)
             std::memmove(buffer_.data(), buffer_.data() + at_, left);
         std::uint64_t const more = std::min(std::max(size_, count) - left, run_.end - run_.begin);
         buffer_.resize(left + more);
         at_ = 0;
-        bool const read = file_->readAt(run_.begin, buffer_.data() + left,
-                                        static_cast<std::uint32_t>(more)) == more;
+        Status read = FileCalls::readWhole(*file_, run_.begin, buffer_.data() + left,
+                                           static_cast<std::uint32_t>(more));
         run_.begin += more;
         return read;
     }
@@ -94,95 +95,93 @@ ListSorter::~ListSorter() {
             output.file->close();
 }
 
-bool ListSorter::start(Output& output, char const* suffix) {
+Status ListSorter::start(Output& output, char const* suffix) {
     output.end = headerSize_;
     output.buffer.clear();
     if (output.file)
-        return output.file->setLength(headerSize_);
+        return FileCalls::setLength(*output.file, headerSize_);
     output.file = RawFile::make();
-    if (output.file->create(path_ + QLatin1String(suffix), RawFile::Mode::ReadWrite))
-        return true;
-    output.file.reset();
-    return false;
+    Status made =
+        FileCalls::create(*output.file, path_ + QLatin1String(suffix), RawFile::Mode::ReadWrite);
+    if (!made)
+        output.file.reset();
+    return made;
 }
 
-bool ListSorter::append(Output& output, Extent const& framed) {
+Status ListSorter::append(Output& output, Extent const& framed) {
     output.buffer.insert(output.buffer.end(), framed.bytes(), framed.bytes() + framed.size);
-    return output.buffer.size() < pageSize_ || flush(output);
+    return output.buffer.size() < pageSize_ ? Status() : flush(output);
 }
 
-bool ListSorter::flush(Output& output) {
+Status ListSorter::flush(Output& output) {
     auto const size = static_cast<std::uint32_t>(output.buffer.size());
-    if (output.file->writeAt(output.end, output.buffer.data(), size) != size)
-        return false;
+    MORVA_TRY(FileCalls::writeAt(*output.file, output.end, output.buffer.data(), size));
     output.end += size;
     output.buffer.clear();
-    return true;
+    return {};
 }
 
-bool ListSorter::add(Extent const& record) {
+Status ListSorter::add(Extent const& record) {
     std::uint64_t const needed = frameSize + std::uint64_t{record.size} + sizeof(std::uint64_t);
     std::uint64_t const held = records_.size() + offsets_.size() * sizeof(std::uint64_t);
-    if (!offsets_.empty() && held + needed > memorySize_ && !writeRun())
-        return false;
+    if (!offsets_.empty() && held + needed > memorySize_)
+        MORVA_TRY(writeRun());
     std::uint64_t const at = records_.size();
     records_.resize(at + frameSize + record.size);
     offsets_.push_back(at);
     storeLittle(records_.data() + at, record.size);
     if (record.size != 0)
         std::memcpy(records_.data() + at + frameSize, record.data, record.size);
-    return true;
+    return {};
 }
 
-bool ListSorter::writeRun() {
+Status ListSorter::writeRun() {
     Output& output = outputs_[0];
-    if (!output.file && !start(output, ".sort0"))
-        return false;
+    if (!output.file)
+        MORVA_TRY(start(output, ".sort0"));
     sortOffsets(compare_, records_, offsets_);
     std::uint64_t const begin = output.end;
     for (std::uint64_t offset : offsets_) {
         std::uint8_t const* at = records_.data() + offset;
-        if (!append(output, Extent(static_cast<void const*>(at), frameSize + recordAt(at).size)))
-            return false;
+        MORVA_TRY(
+            append(output, Extent(static_cast<void const*>(at), frameSize + recordAt(at).size)));
     }
-    if (!flush(output))
-        return false;
+    MORVA_TRY(flush(output));
     runs_.push_back({begin, output.end});
     records_.clear();
     offsets_.clear();
-    return true;
+    return {};
 }
 
-std::unique_ptr<RawFile> ListSorter::finish() {
-    if (!writeRun())
-        return nullptr;
+Result<std::unique_ptr<RawFile>> ListSorter::finish() {
+    MORVA_TRY(writeRun());
     std::vector<std::uint8_t>().swap(records_);
     std::size_t from = 0;
     while (runs_.size() > 1) {
         Output& target = outputs_[1 - from];
-        if (!start(target, from == 0 ? ".sort1" : ".sort0") || !mergePass(outputs_[from], target))
-            return nullptr;
+        MORVA_TRY(start(target, from == 0 ? ".sort1" : ".sort0"));
+        MORVA_TRY(mergePass(outputs_[from], target));
         from = 1 - from;
     }
     return std::move(outputs_[from].file);
 }
 
-bool ListSorter::mergePass(Output& from, Output& to) {
+Status ListSorter::mergePass(Output& from, Output& to) {
     std::uint64_t const readers =
         std::clamp<std::uint64_t>(memorySize_ / readerSize, 2, mostReaders);
     std::vector<Run> merged;
     for (std::size_t first = 0; first < runs_.size(); first += readers) {
         auto const last = std::min<std::size_t>(first + readers, runs_.size());
         std::uint64_t const begin = to.end;
-        if (!merge(*from.file, {runs_.begin() + first, runs_.begin() + last}, to) || !flush(to))
-            return false;
+        MORVA_TRY(merge(*from.file, {runs_.begin() + first, runs_.begin() + last}, to));
+        MORVA_TRY(flush(to));
         merged.push_back({begin, to.end});
     }
     runs_ = std::move(merged);
-    return true;
+    return {};
 }
 
-bool ListSorter::merge(RawFile& from, std::vector<Run> const& runs, Output& to) {
+Status ListSorter::merge(RawFile& from, std::vector<Run> const& runs, Output& to) {
     std::vector<Reader> readers;
     std::vector<std::size_t> heap;
     for (Run const& run : runs)
@@ -194,26 +193,22 @@ bool ListSorter::merge(RawFile& from, std::vector<Run> const& runs, Output& to) 
                (order == PagedList::CompareResult::Equal && a > b);
     };
     for (std::size_t i = 0; i < readers.size(); ++i) {
-        if (readers[i].next())
+        MORVA_TRY_LET(bool const more, readers[i].next());
+        if (more)
             heap.push_back(i);
-        else if (!readers[i].done())
-            return false;
     }
     std::ranges::make_heap(heap, behind);
     while (!heap.empty()) {
         std::ranges::pop_heap(heap, behind);
         Reader& reader = readers[heap.back()];
-        if (!append(to, reader.framed()))
-            return false;
-        if (reader.next()) {
+        MORVA_TRY(append(to, reader.framed()));
+        MORVA_TRY_LET(bool const more, reader.next());
+        if (more)
             std::ranges::push_heap(heap, behind);
-        } else {
-            if (!reader.done())
-                return false;
+        else
             heap.pop_back();
-        }
     }
-    return true;
+    return {};
 }
 
 } // namespace Morva

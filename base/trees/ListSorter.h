@@ -17,9 +17,9 @@ public:
                std::uint32_t pageSize, std::uint64_t memorySize);
     ~ListSorter();
 
-    [[nodiscard]] bool add(Extent const& record);
-    /// The file with all records in order, open; null on failure. It is the caller's then.
-    [[nodiscard]] std::unique_ptr<RawFile> finish();
+    [[nodiscard]] Status add(Extent const& record);
+    /// The file with all records in order, open. It is the caller's then.
+    [[nodiscard]] Result<std::unique_ptr<RawFile>> finish();
 
 private:
     struct Run {
@@ -35,12 +35,12 @@ private:
         std::vector<std::uint8_t> buffer;
     };
 
-    [[nodiscard]] bool start(Output& output, char const* suffix);
-    [[nodiscard]] bool append(Output& output, Extent const& framed);
-    [[nodiscard]] bool flush(Output& output);
-    [[nodiscard]] bool writeRun();
-    [[nodiscard]] bool mergePass(Output& from, Output& to);
-    [[nodiscard]] bool merge(RawFile& from, std::vector<Run> const& runs, Output& to);
+    [[nodiscard]] Status start(Output& output, char const* suffix);
+    [[nodiscard]] Status append(Output& output, Extent const& framed);
+    [[nodiscard]] Status flush(Output& output);
+    [[nodiscard]] Status writeRun();
+    [[nodiscard]] Status mergePass(Output& from, Output& to);
+    [[nodiscard]] Status merge(RawFile& from, std::vector<Run> const& runs, Output& to);
 
     PagedList::Compare const& compare_;
     QString path_;

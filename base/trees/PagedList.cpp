@@ -1,5 +1,6 @@
 #include "base/trees/PagedList.h"
 
+#include "base/blocks/FileCalls.h"
 #include "base/trace/Trace.h"
 #include "base/trees/ListSorter.h"
 #include "base/trees/RecordCheck.h"
@@ -50,17 +51,22 @@ PagedList::PagedList(Compare compare, QString const& path, std::uint32_t pageSiz
 PagedList::PagedList(PagedList const& other, QString const& path, bool withRecords)
     : PagedList(other.compare_, path, other.pageSize_, other.memorySize_) {
     if (withRecords)
-        copyRecords(other);
+        (void)copyRecords(other); // `status` tells
 }
 
 PagedList::~PagedList() {
-    close();
+    (void)close(); // traced; who needs to know closes before
 }
 
-bool PagedList::fail(char const* text) {
+Status PagedList::fail(char const* text, Status why) {
     MORVA_TRACE(Always) << text << path_ << (file_ ? file_->lastError() : 0);
-    failed_ = true;
-    return false;
+    failure_.update(Status(why));
+    return why;
+}
+
+Status PagedList::damaged(std::uint64_t position) const {
+    return Status::corruption("read", path_, QStringLiteral("a record is damaged"),
+                              {Status::Unit::Byte, position});
 }
 
 void PagedList::forget() {
@@ -71,98 +77,114 @@ void PagedList::forget() {
     headerWritten_ = true;
 }
 
-void PagedList::copyRecords(PagedList const& other) {
-    if (other.spilled_ != 0 && !openFile())
-        return;
-    std::vector<std::uint8_t> bytes(std::min<std::uint64_t>(pageSize_, other.spilled_));
-    while (spilled_ < other.spilled_) {
-        auto const part = static_cast<std::uint32_t>(
-            std::min<std::uint64_t>(bytes.size(), other.spilled_ - spilled_));
-        std::uint64_t const at = Header::size + spilled_;
-        if (other.file_->readAt(at, bytes.data(), part) != part ||
-            file_->writeAt(at, bytes.data(), part) != part) {
-            (void)fail("Failed to copy list");
+Status PagedList::copyRecords(PagedList const& other) {
+    if (other.spilled_ != 0) {
+        MORVA_TRY(openFile());
+        if (Status copied = copyFile(other); !copied) {
             clear();
-            failed_ = true;
-            return;
+            return fail("Failed to copy list", std::move(copied));
         }
-        spilled_ += part;
     }
     headerWritten_ = spilled_ == 0;
     tail_ = other.tail_;
     count_ = other.count_;
     position_ = spilled_ + tail_.size();
+    return {};
+}
+
+Status PagedList::copyFile(PagedList const& other) {
+    std::vector<std::uint8_t> bytes(std::min<std::uint64_t>(pageSize_, other.spilled_));
+    while (spilled_ < other.spilled_) {
+        auto const part = static_cast<std::uint32_t>(
+            std::min<std::uint64_t>(bytes.size(), other.spilled_ - spilled_));
+        std::uint64_t const at = Header::size + spilled_;
+        MORVA_TRY(FileCalls::readWhole(*other.file_, at, bytes.data(), part));
+        MORVA_TRY(FileCalls::writeAt(*file_, at, bytes.data(), part));
+        spilled_ += part;
+    }
+    return {};
 }
 
 // --- The file ---------------------------------------------------------------------------------
 
-bool PagedList::openFile() {
+Status PagedList::openFile() {
     file_ = RawFile::make();
-    if (file_->create(path_, mode))
-        return true;
-    (void)fail("Failed to create list");
-    file_.reset();
-    return false;
+    Status made = FileCalls::create(*file_, path_, mode);
+    if (!made) {
+        made = fail("Failed to create list", std::move(made));
+        file_.reset();
+    }
+    return made;
 }
 
-bool PagedList::open() {
+Status PagedList::open() {
     MORVA_METHOD("open");
     forget();
-    failed_ = false;
+    failure_ = {};
     file_ = RawFile::make();
-    if (!file_->open(path_, mode) || !readHeader()) {
+    Status opened = FileCalls::open(*file_, path_, mode);
+    if (opened)
+        opened = readHeader();
+    if (!opened) {
         MORVA_TRACE(Normal) << "No list to open in" << path_;
         forget();
-        return scope.result(false);
     }
-    return scope.result(true);
+    return scope.result(std::move(opened));
 }
 
-bool PagedList::readHeader() {
+Status PagedList::readHeader() {
+    auto const unsound = [this] {
+        return Status::corruption("open", path_, QStringLiteral("its header is damaged"));
+    };
     std::array<std::uint8_t, Header::size> header;
-    if (file_->readAt(0, header.data(), Header::size) != Header::size ||
-        std::memcmp(header.data(), Header::magic, 8) != 0 ||
+    MORVA_TRY(FileCalls::readWhole(*file_, 0, header.data(), Header::size));
+    if (std::memcmp(header.data(), Header::magic, 8) != 0 ||
         loadLittle<std::uint32_t>(header.data() + Header::atVersion) != Header::version ||
         loadLittle<std::uint64_t>(header.data() + Header::atCheck) !=
             recordCheck(0, header.data(), Header::atCheck))
-        return false;
+        return unsound();
     count_ = loadLittle<std::uint64_t>(header.data() + Header::atCount);
     spilled_ = loadLittle<std::uint64_t>(header.data() + Header::atBytes);
-    return spilled_ <= file_->length() - Header::size && count_ <= spilled_ / frameSize;
+    MORVA_TRY_LET(std::uint64_t const length, FileCalls::length(*file_));
+    return spilled_ <= length - Header::size && count_ <= spilled_ / frameSize ? Status()
+                                                                               : unsound();
 }
 
-bool PagedList::writeHeader() {
+Status PagedList::writeHeader() {
     std::array<std::uint8_t, Header::size> header{};
     std::memcpy(header.data(), Header::magic, 8);
     storeLittle(header.data() + Header::atVersion, Header::version);
     storeLittle(header.data() + Header::atCount, count_);
     storeLittle(header.data() + Header::atBytes, spilled_);
     storeLittle(header.data() + Header::atCheck, recordCheck(0, header.data(), Header::atCheck));
-    headerWritten_ = file_->writeAt(0, header.data(), Header::size) == Header::size;
-    return headerWritten_ || fail("Failed to write list");
+    Status written = FileCalls::writeAt(*file_, 0, header.data(), Header::size);
+    headerWritten_ = written.ok();
+    return written ? std::move(written) : fail("Failed to write list", std::move(written));
 }
 
 /// Moves the records in memory to the file.
-bool PagedList::spill() {
+Status PagedList::spill() {
     if (tail_.empty())
-        return true;
-    if (!file_ && !openFile())
-        return false;
+        return {};
+    if (!file_)
+        MORVA_TRY(openFile());
     auto const bytes = static_cast<std::uint32_t>(tail_.size());
     headerWritten_ = false;
-    if (file_->writeAt(Header::size + spilled_, tail_.data(), bytes) != bytes)
-        return fail("Failed to write list");
+    if (Status written = FileCalls::writeAt(*file_, Header::size + spilled_, tail_.data(), bytes);
+        !written)
+        return fail("Failed to write list", std::move(written));
     spilled_ += bytes;
     tail_.clear();
-    return true;
+    return {};
 }
 
-bool PagedList::flush() {
-    return spill() && (headerWritten_ || writeHeader());
+Status PagedList::flush() {
+    MORVA_TRY(spill());
+    return headerWritten_ ? Status() : writeHeader();
 }
 
-bool PagedList::close() {
-    bool closed = true;
+Status PagedList::close() {
+    Status closed;
     if (!delete_)
         closed = flush();
     else if (file_)
@@ -184,17 +206,19 @@ void PagedList::clear() {
         file_->close();
     }
     forget();
-    failed_ = false;
+    failure_ = {};
 }
 
 // --- Records ----------------------------------------------------------------------------------
 
-bool PagedList::write(Extent const& record) {
+Status PagedList::write(Extent const& record) {
     if (record.size > maximumRecordSize)
-        return fail("Record too large for list");
+        return fail("Record too large for list",
+                    Status::failure(Status::Code::InvalidArgument, "write", path_,
+                                    QStringLiteral("the record is too large")));
     std::uint64_t const needed = frameSize + std::uint64_t{record.size};
-    if (!tail_.empty() && tail_.size() + needed > pageSize_ && !spill())
-        return false;
+    if (!tail_.empty() && tail_.size() + needed > pageSize_)
+        MORVA_TRY(spill());
     std::size_t const at = tail_.size();
     tail_.resize(at + needed);
     storeLittle(tail_.data() + at, record.size);
@@ -202,50 +226,52 @@ bool PagedList::write(Extent const& record) {
         std::memcpy(tail_.data() + at + frameSize, record.data, record.size);
     ++count_;
     position_ = spilled_ + tail_.size();
-    return true;
+    return {};
 }
 
 /// Has bytes of the file in the window; reading on in order reads a page at a time.
-bool PagedList::fill(std::uint64_t position, std::uint64_t count) {
+Status PagedList::fill(std::uint64_t position, std::uint64_t count) {
     std::uint64_t const end = windowStart_ + window_.size();
     if (position >= windowStart_ && position + count <= end)
-        return true;
+        return {};
     if (count > spilled_ - position)
-        return false;
+        return damaged(position);
     bool const onwards = position >= windowStart_ && position <= end;
     std::uint64_t const wanted =
         onwards ? pageSize_ : std::min<std::uint64_t>(pageSize_, shortRead);
     window_.resize(std::min(std::max(wanted, count), spilled_ - position));
     windowStart_ = position;
     auto const bytes = static_cast<std::uint32_t>(window_.size());
-    if (file_->readAt(Header::size + position, window_.data(), bytes) == bytes)
-        return true;
-    window_.clear();
-    return fail("Failed to read list");
+    Status read = FileCalls::readWhole(*file_, Header::size + position, window_.data(), bytes);
+    if (!read)
+        window_.clear();
+    return read;
 }
 
-bool PagedList::load(std::uint64_t position, Extent& record) {
+Status PagedList::load(std::uint64_t position, Extent& record) {
     if (position >= spilled_) {
         std::uint64_t const at = position - spilled_;
         if (at + frameSize > tail_.size())
-            return false;
+            return damaged(position);
         record = recordAt(tail_.data() + at);
-        return record.size <= tail_.size() - at - frameSize;
+        return record.size <= tail_.size() - at - frameSize ? Status() : damaged(position);
     }
-    if (!fill(position, frameSize))
-        return false;
+    MORVA_TRY(fill(position, frameSize));
     std::uint64_t const size =
         loadLittle<std::uint32_t>(window_.data() + (position - windowStart_));
-    if (size > maximumRecordSize || !fill(position, frameSize + size))
-        return false;
+    if (size > maximumRecordSize)
+        return damaged(position);
+    MORVA_TRY(fill(position, frameSize + size));
     record = recordAt(window_.data() + (position - windowStart_));
-    return true;
+    return {};
 }
 
-bool PagedList::read(Extent& record) {
-    Extent found;
-    if (position_ >= spilled_ + tail_.size() || !load(position_, found))
+Result<bool> PagedList::read(Extent& record) {
+    if (position_ >= spilled_ + tail_.size())
         return false;
+    Extent found;
+    if (Status loaded = load(position_, found); !loaded)
+        return fail("Failed to read list", std::move(loaded));
     position_ += frameSize + std::uint64_t{found.size};
     record = found;
     return true;
@@ -257,18 +283,20 @@ void PagedList::setPosition(std::uint64_t position) {
 
 // --- Sorting ----------------------------------------------------------------------------------
 
-bool PagedList::sort() {
+Status PagedList::sort() {
     MORVA_METHOD("sort");
     if (!compare_)
-        return scope.result(fail("No order to sort list"));
+        return scope.result(
+            fail("No order to sort list", Status::failure(Status::Code::InvalidArgument, "sort",
+                                                          path_, QStringLiteral("no order"))));
     if (count_ > 1) {
         if (!file_)
             sortInMemory();
-        else if (!sortOnDisk())
-            return scope.result(fail("Failed to sort list"));
+        else if (Status sorted = sortOnDisk(); !sorted)
+            return scope.result(fail("Failed to sort list", std::move(sorted)));
     }
     setPositionStart();
-    return scope.result(true);
+    return {};
 }
 
 void PagedList::sortInMemory() {
@@ -286,20 +314,21 @@ void PagedList::sortInMemory() {
     tail_.swap(sorted);
 }
 
-bool PagedList::sortOnDisk() {
+Status PagedList::sortOnDisk() {
     ListSorter sorter(compare_, path_, Header::size, pageSize_, memorySize_);
     setPositionStart();
     Extent record;
-    for (std::uint64_t i = 0; i < count_; ++i)
-        if (!read(record) || !sorter.add(record))
-            return false;
-    std::unique_ptr<RawFile> sorted = sorter.finish();
-    if (!sorted)
-        return false;
-    if (!RawFile::rename(sorted->name(), path_)) {
+    for (std::uint64_t i = 0; i < count_; ++i) {
+        MORVA_TRY_LET(bool const more, read(record));
+        if (!more)
+            return damaged(position_);
+        MORVA_TRY(sorter.add(record));
+    }
+    MORVA_TRY_LET(std::unique_ptr<RawFile> const sorted, sorter.finish());
+    if (Status renamed = FileCalls::rename(sorted->name(), path_); !renamed) {
         sorted->deleteOnClose();
         sorted->close();
-        return false;
+        return renamed;
     }
     sorted->close();
     file_ = RawFile::make();
@@ -307,7 +336,7 @@ bool PagedList::sortOnDisk() {
     tail_.clear();
     window_.clear();
     headerWritten_ = false;
-    return file_->open(path_, mode);
+    return FileCalls::open(*file_, path_, mode);
 }
 
 } // namespace Morva

@@ -2,6 +2,7 @@
 
 #include "base/files/RawFile.h"
 #include "base/values/Extent.h"
+#include "base/values/Status.h"
 
 #include <QString>
 
@@ -17,7 +18,8 @@ namespace Morva {
 /// The list has one position, an opaque number that `getPosition` gives and of which only 0 is
 /// known: the start. Writing always appends, and leaves the position at the end. A list that
 /// never outgrew one page and is deleted on close never touches the disk.
-/// Format: docs/formats/list.md. Failures are traced. Belongs to one thread.
+/// Format: docs/formats/list.md. Failures are traced, and the first stays in `status`. Belongs to
+/// one thread.
 class PagedList {
 public:
     enum class CompareResult : int { Less = -1, Equal = 0, Greater = 1 };
@@ -36,30 +38,31 @@ public:
     PagedList(Compare compare, QString const& path, std::uint32_t pageSize = defaultPageSize,
               std::uint64_t memorySize = defaultMemorySize);
     /// A list with the order and sizes of another and a file of its own; with its records too if
-    /// `withRecords`. `operator bool` tells whether they could be copied.
+    /// `withRecords`. `status` tells whether they could be copied.
     PagedList(PagedList const& other, QString const& path, bool withRecords);
     /// Closes the list.
     ~PagedList();
     PagedList(PagedList const&) = delete;
     PagedList& operator=(PagedList const&) = delete;
 
-    /// Takes over the list that `close` left in the file; false, with an empty list, when there is
-    /// none or it isn't whole. The position is the start.
-    [[nodiscard]] bool open();
+    /// Takes over the list that `close` left in the file. The position is the start. Otherwise the
+    /// list is empty: `NotFound` when there is none, `Corruption` when it isn't whole.
+    [[nodiscard]] Status open();
     /// Writes what isn't in the file yet, so that `open` can take it over; removes the file instead
     /// after `deleteOnClose`. The list is empty then. An empty list makes no file.
-    bool close();
+    Status close();
     /// Writes what isn't in the file yet.
-    bool flush();
-    /// False once something could not be written or read; `clear` makes it true again.
-    [[nodiscard]] explicit operator bool() const { return !failed_; }
+    [[nodiscard]] Status flush();
+    /// The first failure to write or read since `open`, `clear` or the construction.
+    [[nodiscard]] Status const& status() const { return failure_; }
+    [[nodiscard]] explicit operator bool() const { return failure_.ok(); }
 
     /// Appends a copy of the record. On a failure the list is as it was.
-    [[nodiscard]] bool write(Extent const& record);
-    /// The record at the position, which moves behind it; the range is valid until the next
-    /// operation on the list. False at the end, and the position stays there; false also for a
-    /// position that isn't one of a record, or a file that can't be read.
-    [[nodiscard]] bool read(Extent& record);
+    [[nodiscard]] Status write(Extent const& record);
+    /// True with the record at the position, which moves behind it; the range is valid until the
+    /// next operation on the list. False at the end, and the position stays there. `Corruption` for
+    /// a damaged record, and for a position that isn't one of a record.
+    [[nodiscard]] Result<bool> read(Extent& record);
     /// A position behind the end counts as the end.
     void setPosition(std::uint64_t position);
     void setPositionStart() { setPosition(0); }
@@ -68,7 +71,7 @@ public:
     /// Orders the records; equal ones keep their order. The position is the start then. On a
     /// failure (no compare function, a full disk) the list is as it was. Needs disk space for
     /// up to two copies of the list while it runs.
-    [[nodiscard]] bool sort();
+    [[nodiscard]] Status sort();
     /// Back to an empty list, without the file.
     void clear();
     /// The file is removed when the list is closed or destroyed.
@@ -79,16 +82,18 @@ public:
     [[nodiscard]] QString const& path() const { return path_; }
 
 private:
-    [[nodiscard]] bool spill();
-    [[nodiscard]] bool fail(char const* text);
-    [[nodiscard]] bool fill(std::uint64_t position, std::uint64_t count);
-    [[nodiscard]] bool load(std::uint64_t position, Extent& record);
-    [[nodiscard]] bool readHeader();
-    [[nodiscard]] bool writeHeader();
-    [[nodiscard]] bool openFile();
-    void copyRecords(PagedList const& other);
+    [[nodiscard]] Status spill();
+    [[nodiscard]] Status fail(char const* text, Status why);
+    [[nodiscard]] Status damaged(std::uint64_t position) const;
+    [[nodiscard]] Status fill(std::uint64_t position, std::uint64_t count);
+    [[nodiscard]] Status load(std::uint64_t position, Extent& record);
+    [[nodiscard]] Status readHeader();
+    [[nodiscard]] Status writeHeader();
+    [[nodiscard]] Status openFile();
+    [[nodiscard]] Status copyRecords(PagedList const& other);
+    [[nodiscard]] Status copyFile(PagedList const& other);
     void sortInMemory();
-    [[nodiscard]] bool sortOnDisk();
+    [[nodiscard]] Status sortOnDisk();
     void forget();
 
     QString path_;
@@ -104,7 +109,7 @@ private:
     std::uint64_t windowStart_ = 0;
     bool headerWritten_ = true; // the file's header tells of all records in the file
     bool delete_ = false;
-    bool failed_ = false;
+    Status failure_;
 };
 
 } // namespace Morva

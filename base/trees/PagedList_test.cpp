@@ -35,9 +35,9 @@ struct PagedListTest : testing::Test {
         std::vector<QByteArray> records;
         Extent record;
         list.setPositionStart();
-        while (list.read(record))
+        while (*list.read(record))
             records.push_back(record.toByteArray());
-        EXPECT_FALSE(list.read(record));
+        EXPECT_FALSE(*list.read(record));
         return records;
     }
     static std::vector<QByteArray> fill(PagedList& list, Random& random, std::uint32_t count) {
@@ -99,22 +99,24 @@ TEST_F(PagedListTest, PositionsLeadBackToTheirRecords) {
         auto const back = random.below(records.size());
         Extent found;
         list.setPosition(positions[back]);
-        ASSERT_TRUE(list.read(found));
+        ASSERT_TRUE(*list.read(found));
         ASSERT_EQ(found.toByteArray(), records[back]);
         if (back + 1 < positions.size()) {
             ASSERT_EQ(list.getPosition(), positions[back + 1]);
         }
         list.setPosition(end);
-        ASSERT_FALSE(list.read(found));
+        ASSERT_FALSE(*list.read(found));
         ASSERT_EQ(list.getPosition(), end);
     }
     Extent found;
     list.setPosition(positions[7] + 1); // not a record's
-    if (list.read(found)) {
+    if (auto const read = list.read(found); read.ok()) {
         EXPECT_LE(found.size, list.getPosition());
+    } else {
+        EXPECT_EQ(read.code(), Status::Code::Corruption);
     }
     list.setPosition(~0ull);
-    EXPECT_FALSE(list.read(found));
+    EXPECT_FALSE(*list.read(found));
 }
 
 TEST_F(PagedListTest, SmallTemporaryListNeverTouchesTheDisk) {
@@ -134,7 +136,7 @@ TEST_F(PagedListTest, ClosedListIsTakenOverByOpen) {
     std::vector<QByteArray> records;
     {
         PagedList list(path, 1024);
-        EXPECT_FALSE(list.open());
+        EXPECT_EQ(list.open().code(), Status::Code::NotFound);
         EXPECT_FALSE(QFile::exists(path));
         records = fill(list, random, 300);
     }
@@ -155,14 +157,27 @@ TEST_F(PagedListTest, ClosedListIsTakenOverByOpen) {
         Testing::damage(path, 0, sound);
         Testing::damage(path, offset, QByteArray(1, static_cast<char>(sound[offset] ^ 0x81)));
         PagedList list(path);
-        EXPECT_FALSE(list.open()) << offset;
+        EXPECT_EQ(list.open().code(), Status::Code::Corruption) << offset;
     }
     Testing::damage(path, 0, sound);
     Testing::damage(path, 40, QByteArray(4, '\xFF')); // the first record's size
     PagedList list(path);
     ASSERT_TRUE(list.open());
     Extent found;
-    EXPECT_FALSE(list.read(found));
+    EXPECT_EQ(list.read(found).code(), Status::Code::Corruption);
+    EXPECT_EQ(list.status().code(), Status::Code::Corruption);
+    Testing::damage(path, 0, sound);
+    ASSERT_TRUE(list.open());
+    {
+        FaultyFiles files;
+        PagedList faulty(path);
+        ASSERT_TRUE(faulty.open());
+        files.failReadsAfter(0);
+        EXPECT_EQ(faulty.read(found).code(), Status::Code::IoError) << "and not the end";
+        EXPECT_EQ(PagedList(faulty, path + "4", true).status().code(), Status::Code::IoError);
+        files.heal();
+        EXPECT_TRUE(*faulty.read(found));
+    }
     ASSERT_TRUE(QFile::resize(path, sound.size() - 1));
     EXPECT_FALSE(list.open());
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <type_traits>
 #include <utility>
 #include <variant>
 
@@ -119,7 +120,10 @@ public:
     Result(Status failure) : state_(std::in_place_index<1>, std::move(failure)) {}
 
     [[nodiscard]] bool ok() const noexcept { return state_.index() == 0; }
-    [[nodiscard]] explicit operator bool() const noexcept { return ok(); }
+    /// Not for a boolean result, where `if (tree.find(key))` would read as "found": ask `ok()`.
+    [[nodiscard]] explicit operator bool() const noexcept requires(!std::is_same_v<T, bool>) {
+        return ok();
+    }
 
     [[nodiscard]] T& operator*() & { return *std::get_if<0>(&state_); }
     [[nodiscard]] T const& operator*() const& { return *std::get_if<0>(&state_); }
@@ -153,7 +157,7 @@ template <class T> Status failureOf(Result<T>&& result) {
 /// Ends the calling function with the failure of `expression`, a Status or a Result, if it failed.
 #define MORVA_TRY(expression)                                                                      \
     do {                                                                                           \
-        if (auto morvaOutcome = (expression); !morvaOutcome) [[unlikely]]                          \
+        if (auto morvaOutcome = (expression); !morvaOutcome.ok()) [[unlikely]]                     \
             return ::Morva::failureOf(std::move(morvaOutcome));                                    \
     } while (false)
 
@@ -161,7 +165,7 @@ template <class T> Status failureOf(Result<T>&& result) {
 #define MORVA_CONCATENATE(a, b) MORVA_CONCATENATE_INNER(a, b)
 #define MORVA_TRY_LET_NAMED(result, declaration, expression)                                       \
     auto result = (expression);                                                                    \
-    if (!result) [[unlikely]]                                                                      \
+    if (!result.ok()) [[unlikely]]                                                                 \
         return ::Morva::failureOf(std::move(result));                                              \
     declaration = *std::move(result)
 

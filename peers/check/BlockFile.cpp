@@ -27,7 +27,7 @@ bool BlockFile::open(QString const& path, QString const& where, std::uint32_t bl
                      QStringLiteral("has blocks of %1 bytes and not of %2")
                          .arg(blocks_.blockSize())
                          .arg(blockSize));
-        blocks_.close();
+        (void)blocks_.close(); // it was only looked at
         return false;
     }
     file_ = std::move(file);
@@ -38,7 +38,7 @@ bool BlockFile::open(QString const& path, QString const& where, std::uint32_t bl
 void BlockFile::findFree(CheckReport& report) {
     free_.assign(blocks_.blockCount(), false);
     bool repeated = false;
-    bool const whole = blocks_.forEachFree([&](std::uint64_t number) {
+    Morva::Status const whole = blocks_.forEachFree([&](std::uint64_t number) {
         repeated = free_[number];
         free_[number] = true;
         return !repeated;

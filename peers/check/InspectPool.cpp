@@ -174,7 +174,7 @@ void Inspector::keys(Words) {
         return fault(QStringLiteral("dedup.tree is no sound tree"));
     say(QStringLiteral("%1 keys").arg(index.keyCount()));
     DedupKey key;
-    bool const whole = index.forEach([&](Extent const& stored) {
+    Morva::Status const whole = index.forEach([&](Extent const& stored) {
         if (!key.restore(stored))
             fault(QStringLiteral("a key has %1 bytes").arg(stored.size));
         else
@@ -216,7 +216,7 @@ void Inspector::cleanupQueue() {
         return lines_ < mostLines;
     });
     std::uint64_t waiting = 0;
-    if (!read || queue.available(waiting) != PagedQueue::Result::Success)
+    if (!read || !queue.available(waiting))
         return fault(QStringLiteral("cleanupqueue can't be read"));
     say(QStringLiteral("%1 requests wait").arg(waiting));
 }
@@ -242,7 +242,7 @@ void Inspector::dedupQueue() {
         return lines_ < mostLines;
     });
     std::uint64_t waiting = 0;
-    if (!read || queue.available(waiting) != PagedQueue::Result::Success)
+    if (!read || !queue.available(waiting))
         return fault(QStringLiteral("dedupqueue can't be read"));
     say(QStringLiteral("%1 requests wait").arg(waiting));
 }

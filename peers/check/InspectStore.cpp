@@ -347,7 +347,7 @@ void Inspector::nameTree(Words) {
     if (path.isEmpty() || !names.open(path + "/files.tree", RawFile::Mode::ReadOnly))
         return fault(QStringLiteral("files.tree is no sound tree"));
     say(QStringLiteral("%1 keys").arg(names.keyCount()));
-    bool const whole = names.forEach([this](Extent const& stored) {
+    Morva::Status const whole = names.forEach([this](Extent const& stored) {
         auto const key = DirKey::decode(stored);
         if (!key)
             fault(QStringLiteral("a key of %1 bytes is damaged").arg(stored.size));

@@ -193,14 +193,15 @@ void PoolCheck::checkIndex() {
         report_.fault(FaultKind::DedupIndex, where, text);
     report_.figures.blocksRead += tree.pageCount();
     DedupKey key;
-    (void)tree.forEach([&](Extent const& stored) {
-        if (key.restore(stored))
-            checkKey(key, tree);
-        else
-            report_.fault(FaultKind::DedupIndex, where,
-                          QStringLiteral("a key has %1 bytes").arg(stored.size));
-        return true;
-    });
+    (void)tree.forEach( // `verify` has told of what is damaged
+        [&](Extent const& stored) {
+            if (key.restore(stored))
+                checkKey(key, tree);
+            else
+                report_.fault(FaultKind::DedupIndex, where,
+                              QStringLiteral("a key has %1 bytes").arg(stored.size));
+            return true;
+        });
     for (auto const& [hash, content] : contents_)
         if (!content.keyed)
             report_.fault(FaultKind::DedupIndex, where,
@@ -215,7 +216,7 @@ void PoolCheck::checkKey(DedupKey& key, BPlusTree const& tree) {
         report_.fault(FaultKind::DedupIndex, QStringLiteral("dedup.tree"), text);
     };
     DedupKey probe(key.length(), key.digest());
-    if (!tree.find(probe) || probe.hash() != key.hash())
+    if (auto const found = tree.find(probe); !found.ok() || !*found || probe.hash() != key.hash())
         fault(QStringLiteral("a key of length %1 can't be found by its digest").arg(key.length()));
     auto const found = contents_.find(contentOf(key.length(), key.digest()));
     if (found == contents_.end()) {

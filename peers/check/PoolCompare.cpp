@@ -35,7 +35,7 @@ std::vector<bool> compareCounts(QString const& path, QString const& where, std::
         return {};
     }
     std::vector<bool> counted(found.size());
-    bool const read = counts.forEach([&](std::uint64_t block, std::uint32_t count) {
+    Morva::Status const read = counts.forEach([&](std::uint64_t block, std::uint32_t count) {
         if (block == 0 || block >= counted.size()) {
             report.fault(
                 FaultKind::ReferenceCount, where,
@@ -126,7 +126,7 @@ void PoolCheck::compareFree(std::vector<bool> const& counted) {
     };
     std::vector<bool> isFree(counted.size());
     std::uint64_t numbers = 0;
-    bool const read = list.forEach([&](std::uint64_t first, std::uint64_t count) {
+    Morva::Status const read = list.forEach([&](std::uint64_t first, std::uint64_t count) {
         numbers += count;
         if (first >= isFree.size() || count > isFree.size() - first)
             fault(first, "is free, but doesn't exist");

@@ -79,18 +79,20 @@ void DedupWorker::run() {
     MORVA_METHOD("DedupWorker::run");
     streams_->beginThread();
     PagedQueue& queue = streams_->dedupQueue();
-    bool good = queue.receiver(wake_) == PagedQueue::Result::Success;
+    bool good = queue.receiver(wake_).ok();
     Extent entry;
     while (good && !stop_) {
-        PagedQueue::Result const result = queue.receivePolled(entry);
-        if (result == PagedQueue::Result::Interrupted && !stop_) {
+        Morva::Status const received = queue.receivePolled(entry);
+        if (received.is(Morva::Status::Code::Corruption))
+            continue; // traced; what is behind the damaged requests is received next
+        if (received.is(Morva::Status::Code::Stopped) && !stop_) {
             std::uint64_t expirations = 0;
             // Nothing to read: it was not the timer, so the queue itself was stopped.
             good = ::read(timer_, &expirations, sizeof expirations) == sizeof expirations;
             (void)closeIdle(Morva::Context::systemTime());
             continue;
         }
-        good = result == PagedQueue::Result::Success && work(entry);
+        good = received.ok() && work(entry);
     }
     close();
     streams_->endThread();
@@ -126,7 +128,7 @@ bool DedupWorker::work(Extent const& entry) {
     }
     // A request that is done twice, after a crash, does no harm.
     OperationGate::Enter const gate;
-    return streams_->dedupQueue().release() == PagedQueue::Result::Success;
+    return streams_->dedupQueue().release().ok();
 }
 
 bool DedupWorker::handle(DedupRequest const& request, Store& store) {

@@ -27,25 +27,36 @@ Directories::Directories(Store& store, std::uint32_t cachePages)
 
 Directories::~Directories() = default;
 
+namespace {
+
+/// Damage and failing disks are counted; a key that isn't there is an answer.
+bool noted(Morva::Status const& status) {
+    if (!status && !status.is(Morva::Status::Code::NotFound))
+        Failures::note();
+    return status.ok();
+}
+
+} // namespace
+
 bool Directories::create(QString const& path) {
     TracedLock guard(lock_);
-    return tree_.create(path, treePageSize);
+    return tree_.create(path, treePageSize).ok();
 }
 
 bool Directories::open(QString const& path) {
     TracedLock guard(lock_);
-    return tree_.open(path);
+    return tree_.open(path).ok();
 }
 
 bool Directories::flush() {
     TracedLock guard(lock_);
-    return tree_.flush();
+    return tree_.flush().ok();
 }
 
 bool Directories::close() {
     forget();
     TracedLock guard(lock_);
-    return tree_.close();
+    return tree_.close().ok();
 }
 
 DirKey Directories::key(FileId directory, QString const& name, std::uint32_t type) const {
@@ -58,22 +69,25 @@ QString Directories::normal(QString const& name) const {
 
 bool Directories::find(DirKey& key) {
     TracedLock guard(lock_);
-    return tree_.find(key);
+    auto const found = tree_.find(key);
+    if (!found.ok())
+        Failures::note();
+    return found.ok() && *found;
 }
 
 bool Directories::treeInsert(DirKey& key) {
     TracedLock guard(lock_);
-    return tree_.insert(key);
+    return noted(tree_.insert(key));
 }
 
 bool Directories::treeRemove(DirKey const& key) {
     TracedLock guard(lock_);
-    return tree_.remove(key);
+    return noted(tree_.remove(key));
 }
 
 bool Directories::treeUpdate(DirKey const& key) {
     TracedLock guard(lock_);
-    return tree_.update(key);
+    return noted(tree_.update(key));
 }
 
 // --- what the disk can refuse in the middle of a change
@@ -370,7 +384,7 @@ std::uint64_t Directories::keyCount() const {
 bool Directories::forEachKey(
     std::function<bool(Morva::Extent const& stored)> const& callback) const {
     TracedLock guard(lock_);
-    return tree_.forEach(callback);
+    return tree_.forEach(callback).ok();
 }
 
 bool Directories::verify(QStringList& faults) const {

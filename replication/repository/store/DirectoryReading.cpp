@@ -162,7 +162,7 @@ bool DirscanRecord::write(PagedList& list, DirectoryEntry const& entry) {
     Morva::storeLittle(bytes + fileIdAt, entry.fileId().value);
     std::memcpy(bytes + nameAt, entry.name().utf16(), nameBytes);
     Morva::storeLittle(bytes + nameAt + nameBytes, std::uint16_t{0});
-    return list.write(Extent(static_cast<void const*>(bytes), nameBytes + fixedSize));
+    return list.write(Extent(static_cast<void const*>(bytes), nameBytes + fixedSize)).ok();
 }
 
 } // namespace Replication

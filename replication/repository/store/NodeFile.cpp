@@ -19,7 +19,7 @@ class NodeFile::File : public Morva::Blocks {
 public:
     using Morva::Blocks::Blocks;
     [[nodiscard]] bool writeThrough(void const* block) {
-        return updateBlock(block) && cache_.writeNow(block);
+        return updateBlock(block) && cache_.writeNow(block).ok();
     }
 };
 
@@ -45,13 +45,14 @@ bool NodeFile::create(QString const& path, std::uint64_t growSize, Morva::RawFil
         return false;
     }
     std::uint64_t number = 0;
-    control_ = blocks_->newBlock(number);
+    auto const control = blocks_->newBlock(number);
+    control_ = control ? *control : nullptr;
     if (control_ && number == Morva::Blocks::firstBlock())
         return true;
     MORVA_TRACE(Always) << "Incorrect first block" << number;
     if (control_)
         blocks_->returnBlock(std::exchange(control_, nullptr), false);
-    blocks_->close();
+    (void)blocks_->close(); // of no use
     return false;
 }
 
@@ -62,11 +63,12 @@ bool NodeFile::open(QString const& path, std::uint64_t growSize, Morva::RawFile:
         return false;
     }
     if (blocks_->blockSize() == blockSize)
-        control_ = blocks_->getBlock(Morva::Blocks::firstBlock());
+        if (auto const control = blocks_->getBlock(Morva::Blocks::firstBlock()))
+            control_ = *control;
     if (control_)
         return true;
     MORVA_TRACE(Always) << "Failed to read control block" << path;
-    blocks_->close();
+    (void)blocks_->close(); // of no use
     return false;
 }
 
@@ -75,12 +77,12 @@ bool NodeFile::close() {
     if (!control_)
         return true;
     blocks_->returnBlock(std::exchange(control_, nullptr), false);
-    return blocks_->close();
+    return blocks_->close().ok();
 }
 
 bool NodeFile::flush(bool sync) {
     TracedLock guard(lock_);
-    return control_ && blocks_->flush() && (!sync || blocks_->sync());
+    return control_ && blocks_->flush().ok() && (!sync || blocks_->sync().ok());
 }
 
 bool NodeFile::writeControl() {
@@ -89,7 +91,10 @@ bool NodeFile::writeControl() {
 
 void* NodeFile::allocate(Instance instance) {
     std::uint64_t number = 0;
-    void* const block = control_ ? blocks_->newBlock(number) : nullptr;
+    void* block = nullptr;
+    if (control_)
+        if (auto const fresh = blocks_->newBlock(number))
+            block = *fresh;
     if (!block) {
         MORVA_TRACE(Always) << "Failed to get a node block";
         return nullptr;
@@ -118,7 +123,7 @@ NodePin NodeFile::newNode(Instance instance, std::uint32_t typeWord, NodeTimes c
     node.typeWord(typeWord);
     node.times(times);
     if (!putRecord(block, record)) {
-        blocks_->freeBlock(block);
+        (void)blocks_->freeBlock(block); // it was taken just now
         return {};
     }
     blocks_->updateBlock(block);
@@ -131,9 +136,10 @@ NodePin NodeFile::getNode(NodeNumber number, std::vector<std::uint8_t>& record,
     TracedLock guard(lock_);
     if (!control_ || number.value <= Morva::Blocks::firstBlock())
         return {};
-    void* const block = blocks_->getBlock(number.value);
-    if (!block)
+    auto const found = blocks_->getBlock(number.value);
+    if (!found)
         return {};
+    void* const block = *found;
     NodeBlock const node(block);
     std::uint64_t const stored = node.number().value;
     if ((allowStale ? stored & blocks_->mask() : stored) != number.value) {
@@ -213,7 +219,7 @@ void NodeFile::freeNode(NodePin&& node) {
         return;
     Info info(&pool_.nodeTree(), NodeBlock(block).record());
     info.truncate(0);
-    blocks_->freeBlock(block);
+    (void)blocks_->freeBlock(block); // a node in use isn't marked as free
 }
 
 void NodeFile::giveBack(void* block) {

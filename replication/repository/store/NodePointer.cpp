@@ -90,7 +90,7 @@ bool NodePointer::create(QString const& path) {
     }
     if (!setControl() || !getControl()) {
         MORVA_TRACE(Always) << "Failed to initialize block file" << name;
-        blocks_->close();
+        (void)blocks_->close(); // of no use
         return scope.result(false);
     }
     valid_ = true;
@@ -107,7 +107,7 @@ bool NodePointer::open(QString const& path) {
     }
     if (blocks_->blockSize() != blockBytes || !getControl()) {
         MORVA_TRACE(Always) << "Failed to initialize NodePointer block file" << name;
-        blocks_->close();
+        (void)blocks_->close(); // of no use
         return scope.result(false);
     }
     valid_ = true;
@@ -120,17 +120,18 @@ bool NodePointer::close() {
         return true;
     valid_ = false;
     blocks_->returnBlock(std::exchange(control_, nullptr), false);
-    return blocks_->close();
+    return blocks_->close().ok();
 }
 
 bool NodePointer::flush(bool sync) {
     TracedLock guard(lock_);
-    return control_ && blocks_->flush() && (!sync || blocks_->sync());
+    return control_ && blocks_->flush().ok() && (!sync || blocks_->sync().ok());
 }
 
 bool NodePointer::setControl() {
     std::uint64_t number = 0;
-    void* const block = blocks_->newBlock(number);
+    auto const fresh = blocks_->newBlock(number);
+    void* const block = fresh ? *fresh : nullptr;
     if (!block || number != Blocks::firstBlock()) {
         MORVA_TRACE(Always) << "Failed to intialize block file" << number;
         if (block)
@@ -141,7 +142,8 @@ bool NodePointer::setControl() {
 }
 
 bool NodePointer::getControl() {
-    control_ = blocks_->getBlock(Blocks::firstBlock());
+    auto const control = blocks_->getBlock(Blocks::firstBlock());
+    control_ = control ? *control : nullptr;
     return control_ != nullptr;
 }
 
@@ -196,12 +198,13 @@ void NodePointer::setFreeHead(FileId id) {
 
 bool NodePointer::extend() {
     std::uint64_t number = 0;
-    void* const block = blocks_->newBlock(number);
+    auto const fresh = blocks_->newBlock(number);
+    void* const block = fresh ? *fresh : nullptr;
     std::uint64_t const first = number * PointerEntry::perBlock;
     if (!block || first > UINT32_MAX - PointerEntry::perBlock) {
         MORVA_TRACE(Always) << "Failed to get new entry block";
         if (block)
-            blocks_->freeBlock(block);
+            (void)blocks_->freeBlock(block); // it was taken just now
         return false;
     }
     for (std::uint32_t slot = 0; slot < PointerEntry::perBlock; ++slot) {

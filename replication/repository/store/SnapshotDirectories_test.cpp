@@ -214,7 +214,7 @@ TEST_F(SnapshotDirectories_, DirscanTellsEveryName) {
     list.setPositionStart();
     Extent bytes;
     DirscanRecord record;
-    ASSERT_TRUE(list.read(bytes));
+    ASSERT_TRUE(*list.read(bytes));
     EXPECT_EQ(bytes.size, 30u);
     ASSERT_TRUE(record.decode(bytes));
     EXPECT_EQ(record.name, QString("folder"));
@@ -223,7 +223,7 @@ TEST_F(SnapshotDirectories_, DirscanTellsEveryName) {
     EXPECT_EQ(record.link, LinkId{1});
     EXPECT_FALSE(record.decode(Extent(bytes.data, 17u)));
     EXPECT_FALSE(record.decode(Extent(bytes.data, 19u)));
-    EXPECT_TRUE(list.read(bytes) && list.read(bytes) && list.read(bytes) && !list.read(bytes));
+    EXPECT_TRUE(*list.read(bytes) && *list.read(bytes) && *list.read(bytes) && !*list.read(bytes));
 }
 
 TEST_F(SnapshotDirectories_, DamagedPageEndsEveryScan) {

@@ -217,7 +217,7 @@ TEST_F(Snapshots, MarkingAStoreForDeletionEndsItsPassAndNoOther) {
     EXPECT_NE(DedupState::Deduplicated, list().find(taken)->dedupState());
     EXPECT_EQ(1u, list().find(taken)->dedupStatistics().streams) << "the second file was not left";
     std::uint64_t waiting = 1;
-    EXPECT_EQ(Morva::PagedQueue::Result::Success, streams_->dedupQueue().available(waiting));
+    EXPECT_TRUE(streams_->dedupQueue().available(waiting));
     EXPECT_EQ(0u, waiting);
 }
 

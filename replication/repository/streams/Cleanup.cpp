@@ -50,7 +50,7 @@ bool CleanupRequest::deleteStream(PagedQueue& queue, StreamId id) {
     std::array<std::uint8_t, streamSize> bytes{};
     storeLittle<std::uint32_t>(&bytes[typeAt], DeleteStream);
     storeLittle(&bytes[payloadAt], id.value);
-    return queue.send(Extent(bytes.data(), streamSize)) == PagedQueue::Result::Success;
+    return queue.send(Extent(bytes.data(), streamSize)).ok();
 }
 
 bool CleanupRequest::deleteInfo(PagedQueue& queue, Extent const& record) {
@@ -60,7 +60,7 @@ bool CleanupRequest::deleteInfo(PagedQueue& queue, Extent const& record) {
     std::array<std::uint8_t, largestSize> bytes{};
     storeLittle<std::uint32_t>(&bytes[typeAt], DeleteInfo);
     std::memcpy(&bytes[payloadAt], record.data, record.size);
-    return queue.send(Extent(bytes.data(), payloadAt + record.size)) == PagedQueue::Result::Success;
+    return queue.send(Extent(bytes.data(), payloadAt + record.size)).ok();
 }
 
 CleanupWorker::CleanupWorker(std::shared_ptr<Streams> streams)
@@ -95,9 +95,12 @@ void CleanupWorker::run() {
     streams_->beginThread();
     PagedQueue& queue = streams_->cleanupQueue();
     Extent entry;
-    if (queue.receiver(wake_) == PagedQueue::Result::Success) {
-        while (!stop_ && queue.receivePolled(entry) == PagedQueue::Result::Success) {
-            if (!work(entry))
+    if (queue.receiver(wake_)) {
+        while (!stop_) {
+            Morva::Status const received = queue.receivePolled(entry);
+            if (received.is(Morva::Status::Code::Corruption))
+                continue; // traced; what is behind the damaged requests is received next
+            if (!received || !work(entry))
                 break;
         }
     }
@@ -108,9 +111,7 @@ bool CleanupWorker::work(Extent const& entry) {
     MORVA_TRACE(Normal) << "Got a" << entry.size << "byte request";
     PagedQueue& queue = streams_->cleanupQueue();
     bool released = false;
-    auto const done = [&queue, &released] {
-        released = queue.release() == PagedQueue::Result::Success;
-    };
+    auto const done = [&queue, &released] { released = queue.release().ok(); };
     CleanupRequest request;
     if (!request.decode(entry)) {
         done();
@@ -127,13 +128,15 @@ bool CleanupWorker::work(Extent const& entry) {
 
 bool drainQueue(Streams const& streams, PagedQueue& queue,
                 std::function<bool(Extent const&)> const& work) {
-    bool good = queue.receiver() == PagedQueue::Result::Success && !streams.stopping();
+    bool good = queue.receiver().ok() && !streams.stopping();
     Extent entry;
     while (good) {
-        PagedQueue::Result const result = queue.tryReceive(entry);
-        if (result == PagedQueue::Result::Empty)
+        auto const received = queue.tryReceive(entry);
+        if (received.code() == Morva::Status::Code::Corruption)
+            continue; // traced; what is behind the damaged requests is received next
+        if (received.ok() && !*received)
             break;
-        good = result == PagedQueue::Result::Success && work(entry);
+        good = received.ok() && work(entry);
     }
     return good;
 }

@@ -8,7 +8,6 @@
 namespace Replication {
 
 using Morva::loadLittle;
-using Morva::PagedQueue;
 using Morva::storeLittle;
 
 namespace {
@@ -19,8 +18,7 @@ constexpr std::uint32_t valueAt = 16;
 
 bool send(Streams& streams, DedupRequest const& request) {
     auto const bytes = request.encode();
-    return streams.dedupQueue().send(Morva::Extent(bytes.data(), DedupRequest::packedSize)) ==
-           PagedQueue::Result::Success;
+    return streams.dedupQueue().send(Morva::Extent(bytes.data(), DedupRequest::packedSize)).ok();
 }
 
 } // namespace

@@ -77,8 +77,8 @@ bool RawRefCountedBlocks::create(QString const& path, std::uint32_t blockSize,
     } else {
         std::uint64_t const first = std::min(growBlocks_, mask_);
         nextBlock_ = first;
-        made =
-            file_->setLength(first * blockSize_) && freeList_.grow(1, first - 1) && flushControl();
+        made = file_->setLength(first * blockSize_) && freeList_.grow(1, first - 1).ok() &&
+               flushControl();
     }
     if (!made) {
         closeAll();
@@ -128,15 +128,15 @@ bool RawRefCountedBlocks::unfinished(QString const& path) {
 
 bool RawRefCountedBlocks::close() {
     TracedLock lock(lock_);
-    bool const freeClosed = freeList_.close();
-    bool const countsClosed = counts_.close();
+    bool const freeClosed = freeList_.close().ok();
+    bool const countsClosed = counts_.close().ok();
     closeAll();
     return freeClosed && countsClosed;
 }
 
 void RawRefCountedBlocks::closeAll() {
-    freeList_.close();
-    counts_.close();
+    (void)freeList_.close(); // `close` has told, or nothing was written
+    (void)counts_.close();   // as above
     if (file_)
         file_->close();
     file_.reset();
@@ -339,10 +339,10 @@ std::uint64_t RawRefCountedBlocks::takeBlock(bool& exhausted) {
     exhausted = false;
     for (;;) {
         std::uint64_t number = 0;
-        if (!freeList_.get(number)) {
-            // Numbers are there and can't be read: the file fails.
-            if (freeList_.count() != 0)
-                return 0;
+        auto const got = freeList_.get(number, nextBlock_);
+        if (!got.ok())
+            return 0;
+        if (!*got) {
             number = nextBlock_;
             if ((number & ~mask_) != 0) {
                 exhausted = true;
@@ -363,7 +363,7 @@ std::uint64_t RawRefCountedBlocks::takeBlock(bool& exhausted) {
         std::uint32_t inUse = 0;
         if (counts_.count(inUse, number) && inUse != 0)
             continue;
-        static_cast<void>(freeList_.put(number));
+        (void)freeList_.put(number); // else it is lost until a repair
         return 0;
     }
 }
@@ -409,12 +409,12 @@ bool RawRefCountedBlocks::freeBlock(std::uint64_t block) {
 
 bool RawRefCountedBlocks::count(std::uint32_t& count, std::uint64_t block) const {
     TracedLock lock(lock_);
-    return file_ && counts_.count(count, block);
+    return file_ && counts_.count(count, block).ok();
 }
 
 bool RawRefCountedBlocks::increment(std::uint32_t& count, std::uint64_t block) {
     TracedLock lock(lock_);
-    return file_ && counts_.increment(count, block);
+    return file_ && counts_.increment(count, block).ok();
 }
 
 bool RawRefCountedBlocks::unique(std::uint64_t block) const {
@@ -425,16 +425,16 @@ bool RawRefCountedBlocks::unique(std::uint64_t block) const {
 
 bool RawRefCountedBlocks::flush() {
     TracedLock lock(lock_);
-    bool const freeFlushed = freeList_.flush();
-    bool const countsFlushed = counts_.flush();
+    bool const freeFlushed = freeList_.flush().ok();
+    bool const countsFlushed = counts_.flush().ok();
     return freeFlushed && countsFlushed;
 }
 
 bool RawRefCountedBlocks::sync() {
     TracedLock lock(lock_);
     bool const dataSynced = file_ && file_->sync();
-    bool const freeSynced = freeList_.sync();
-    bool const countsSynced = counts_.sync();
+    bool const freeSynced = freeList_.sync().ok();
+    bool const countsSynced = counts_.sync().ok();
     return dataSynced && freeSynced && countsSynced;
 }
 
@@ -470,13 +470,13 @@ std::uint32_t RawRefCountedBlocks::cacheSize() const {
 bool RawRefCountedBlocks::forEachCount(
     std::function<bool(std::uint64_t block, std::uint32_t count)> const& visit) const {
     TracedLock lock(lock_);
-    return counts_.forEach(visit);
+    return counts_.forEach(visit).ok();
 }
 
 bool RawRefCountedBlocks::forEachFree(
     std::function<bool(std::uint64_t first, std::uint64_t count)> const& visit) const {
     TracedLock lock(lock_);
-    return freeList_.forEach(visit);
+    return freeList_.forEach(visit).ok();
 }
 
 } // namespace Replication

@@ -107,10 +107,10 @@ TEST(Requests, KeepTheirBytesAndRefuseOtherSizes) {
     EXPECT_TRUE(CleanupRequest::deleteInfo(queue, Extent(record.data(), 960)));
     EXPECT_FALSE(CleanupRequest::deleteInfo(queue, Extent(record.data(), 208)));
     std::vector<QByteArray> entries;
-    queue.forEach([&](Extent const& entry) {
+    EXPECT_TRUE(queue.forEach([&](Extent const& entry) {
         entries.push_back(entry.toByteArray());
         return true;
-    });
+    }));
     ASSERT_EQ(entries.size(), 3u);
     EXPECT_EQ(entries[0].toHex(), "01000000000000004d00000000000000");
     EXPECT_EQ(entries[1].left(9).toHex(), "02000000000000005a");

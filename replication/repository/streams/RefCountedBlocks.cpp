@@ -28,7 +28,7 @@ bool RefCountedBlocks::create(QString const& path, std::uint32_t blockSize,
         return false;
     if (counts_.create(path + ".refs", Blocks::mask(), countGrowth))
         return true;
-    Blocks::close();
+    (void)Blocks::close(); // of no use without its counts
     return false;
 }
 
@@ -38,35 +38,37 @@ bool RefCountedBlocks::open(QString const& path) {
         return false;
     if (counts_.open(path + ".refs", Blocks::mask(), countGrowth))
         return true;
-    Blocks::close();
+    (void)Blocks::close(); // of no use without its counts
     return false;
 }
 
 bool RefCountedBlocks::close() {
-    bool const countsClosed = counts_.close();
-    bool const blocksClosed = Blocks::close();
+    bool const countsClosed = counts_.close().ok();
+    bool const blocksClosed = Blocks::close().ok();
     return countsClosed && blocksClosed;
 }
 
 void* RefCountedBlocks::newBlock(std::uint64_t& number) {
     TracedLock lock(lock_);
-    void* block = Blocks::newBlock(number);
+    auto block = Blocks::newBlock(number);
     if (!block || counts_.newId(number))
-        return block;
+        return block ? *block : nullptr;
     MORVA_CHECK(false, "bValidRefCountedBlock");
-    Blocks::freeBlock(block);
+    (void)Blocks::freeBlock(*block); // else it is lost until a repair
     number = 0;
     return nullptr;
 }
 
 void* RefCountedBlocks::getBlock(std::uint64_t number) {
     TracedLock lock(lock_);
-    return Blocks::getBlock(number);
+    auto block = Blocks::getBlock(number);
+    return block ? *block : nullptr;
 }
 
 void const* RefCountedBlocks::getBlock(std::uint64_t number) const {
     TracedLock lock(lock_);
-    return Blocks::getBlock(number);
+    auto block = Blocks::getBlock(number);
+    return block ? *block : nullptr;
 }
 
 bool RefCountedBlocks::returnBlock(void const* block, bool dirty) {
@@ -110,7 +112,7 @@ RefCountedBlocks::Drop RefCountedBlocks::dropShared(void const* block) {
 
 bool RefCountedBlocks::count(std::uint32_t& count, std::uint64_t number) const {
     TracedLock lock(lock_);
-    return counts_.count(count, number);
+    return counts_.count(count, number).ok();
 }
 
 bool RefCountedBlocks::unique(std::uint64_t number) const {
@@ -121,7 +123,7 @@ bool RefCountedBlocks::unique(std::uint64_t number) const {
 
 bool RefCountedBlocks::increment(std::uint32_t& count, std::uint64_t number) {
     TracedLock lock(lock_);
-    return counts_.increment(count, number);
+    return counts_.increment(count, number).ok();
 }
 
 bool RefCountedBlocks::decrement(std::uint64_t number) {
@@ -129,20 +131,20 @@ bool RefCountedBlocks::decrement(std::uint64_t number) {
     std::uint32_t count = 0;
     if (!counts_.count(count, number) || count < 2)
         return false;
-    return counts_.decrement(count, number);
+    return counts_.decrement(count, number).ok();
 }
 
 bool RefCountedBlocks::flush() {
     TracedLock lock(lock_);
-    bool const blocksFlushed = Blocks::flush();
-    bool const countsFlushed = counts_.flush();
+    bool const blocksFlushed = Blocks::flush().ok();
+    bool const countsFlushed = counts_.flush().ok();
     return blocksFlushed && countsFlushed;
 }
 
 bool RefCountedBlocks::sync() {
     TracedLock lock(lock_);
-    bool const blocksSynced = Blocks::sync();
-    bool const countsSynced = counts_.sync();
+    bool const blocksSynced = Blocks::sync().ok();
+    bool const countsSynced = counts_.sync().ok();
     return blocksSynced && countsSynced;
 }
 
@@ -186,12 +188,12 @@ std::uint32_t RefCountedBlocks::refCacheSize() const {
 bool RefCountedBlocks::forEachCount(
     std::function<bool(std::uint64_t block, std::uint32_t count)> const& visit) const {
     TracedLock lock(lock_);
-    return counts_.forEach(visit);
+    return counts_.forEach(visit).ok();
 }
 
 bool RefCountedBlocks::forEachFree(std::function<bool(std::uint64_t block)> const& visit) const {
     TracedLock lock(lock_);
-    return Blocks::forEachFree(visit);
+    return Blocks::forEachFree(visit).ok();
 }
 
 } // namespace Replication

@@ -108,7 +108,8 @@ bool Streams::openFiles(QString const& streamsDirectory, QString const& dataPath
         MORVA_TRACE(Always) << "Failed to open dedup tree";
         return false;
     }
-    control_ = PoolControl(nodes_->getBlock(Blocks::firstBlock()));
+    auto const control = nodes_->getBlock(Blocks::firstBlock());
+    control_ = PoolControl(control ? *control : nullptr);
     if (!control_) {
         MORVA_TRACE(Always) << "Failed to get control block";
         return false;
@@ -125,7 +126,7 @@ bool Streams::createFiles(QString const& streamsDirectory, QString const& dataPa
     if (QFile::exists(nodesPath) &&
         nodes_->open(nodesPath, configuration_.nodeGrowSize, nodeMode)) {
         bool const used = nodes_->blockCount() > Blocks::firstBlock() + 1;
-        nodes_->close();
+        (void)nodes_->close(); // it was only looked at
         if (used) {
             MORVA_TRACE(Always) << "There are streams, but their data files are missing"
                                 << dataPath;
@@ -147,7 +148,8 @@ bool Streams::createFiles(QString const& streamsDirectory, QString const& dataPa
         return false;
     }
     std::uint64_t number = 0;
-    control_ = PoolControl(nodes_->newBlock(number));
+    auto const control = nodes_->newBlock(number);
+    control_ = PoolControl(control ? *control : nullptr);
     if (!control_ || number != Blocks::firstBlock()) {
         MORVA_TRACE(Always) << "Incorrect first block" << number;
         return false;
@@ -179,11 +181,11 @@ Streams::~Streams() {
     if (indirect_)
         closed = indirect_->close() && closed;
     if (dedup_)
-        closed = dedup_->close() && closed;
+        closed = dedup_->close().ok() && closed;
     if (control_)
         nodes_->returnBlock(control_.block(), false);
     if (nodes_)
-        closed = nodes_->close() && closed;
+        closed = nodes_->close().ok() && closed;
     if (!closed)
         MORVA_TRACE(Always) << "Failed to close the stream files";
 }
@@ -199,7 +201,8 @@ void Streams::endThread() {
 StreamNode Streams::newNode() {
     TracedLock lock(nodesLock_);
     std::uint64_t number = 0;
-    StreamNode node(nodes_->newBlock(number));
+    auto const block = nodes_->newBlock(number);
+    StreamNode node(block ? *block : nullptr);
     if (!node) {
         streamTree_->failed();
         return node;
@@ -224,7 +227,8 @@ StreamNode Streams::loadNode(StreamId id) {
     if (!id || id.value == Blocks::firstBlock())
         return StreamNode();
     TracedLock lock(nodesLock_);
-    StreamNode node(nodes_->getBlock(id.value));
+    auto const block = nodes_->getBlock(id.value);
+    StreamNode node(block ? *block : nullptr);
     // Not a stream that isn't there, but one that can't be read.
     if (!node && id.value < nodes_->blockCount())
         streamTree_->failed();
@@ -287,7 +291,8 @@ void Streams::releaseHandle(StreamHandle& handle) {
             deferredDeletes_.push_back(handle.id_);
         // Within both locks, so that nobody gets a new handle on a node that is going.
         if (unused && !deferred && node.record().depth() == 0) {
-            nodes_->freeBlock(node.block());
+            if (!nodes_->freeBlock(node.block()))
+                streamTree_->failed();
             return;
         }
         nodes_->returnBlock(node.block(), false);
@@ -303,7 +308,7 @@ std::shared_ptr<StreamHandle> Streams::copyHandle(StreamHandle const& handle, St
         return nullptr;
     if (!streamTree_->takeCopy(fresh.record(), node.record())) {
         TracedLock lock(nodesLock_);
-        nodes_->freeBlock(fresh.block());
+        (void)nodes_->freeBlock(fresh.block()); // it was taken just now
         return nullptr;
     }
     MORVA_TRACE(Debug) << "Copy of stream" << handle.id_ << "is" << fresh.id();
@@ -396,11 +401,11 @@ bool Streams::flush(bool sync) {
     good = indirect_->flush() && good;
     {
         TracedLock lock(dedupLock_);
-        good = dedup_->flush() && good;
+        good = dedup_->flush().ok() && good;
     }
     {
         TracedLock lock(nodesLock_);
-        good = nodes_->flush() && good;
+        good = nodes_->flush().ok() && good;
     }
     if (!sync)
         return scope.result(good);
@@ -408,14 +413,14 @@ bool Streams::flush(bool sync) {
     good = indirect_->sync() && good;
     {
         TracedLock lock(dedupLock_);
-        good = dedup_->sync() && good;
+        good = dedup_->sync().ok() && good;
     }
     {
         TracedLock lock(nodesLock_);
-        good = nodes_->sync() && good;
+        good = nodes_->sync().ok() && good;
     }
-    good = cleanupQueue_->sync() && good;
-    good = dedupQueue_->sync() && good;
+    good = cleanupQueue_->sync().ok() && good;
+    good = dedupQueue_->sync().ok() && good;
     return scope.result(good);
 }
 

@@ -34,7 +34,8 @@ bool Streams::dedupStream(std::function<void()> const& checkForFreeze, StreamId 
 bool Streams::findDedup(std::uint64_t length, Digest const& digest) {
     DedupKey key(length, digest);
     TracedLock lock(dedupLock_);
-    return dedup_->find(key);
+    auto const found = dedup_->find(key);
+    return found.ok() && *found;
 }
 
 bool Streams::addDedup(StreamNode node, DedupStatistics& statistics) {
@@ -44,7 +45,12 @@ bool Streams::addDedup(StreamNode node, DedupStatistics& statistics) {
     std::uint64_t const length = node.record().length();
     TracedLock lock(dedupLock_);
     DedupKey key(length, node.digest());
-    if (dedup_->find(key)) {
+    auto const found = dedup_->find(key);
+    if (!found.ok()) {
+        streamTree_->failed();
+        return false;
+    }
+    if (*found) {
         if (!joinKey(key, node))
             return false;
     } else {
@@ -86,7 +92,7 @@ bool Streams::useDedup(StreamNode node, std::uint64_t length, Digest const& dige
     MORVA_METHOD("useDedup");
     TracedLock lock(dedupLock_);
     DedupKey key(length, digest);
-    if (!dedup_->find(key))
+    if (auto const found = dedup_->find(key); !found.ok() || !*found)
         return scope.result(false);
     if (node.indexed() && node.record().length() == length && node.digest() == key.digest())
         return scope.result(true);
@@ -109,7 +115,7 @@ bool Streams::useDedup(StreamNode node, std::uint64_t length, Digest const& dige
 
 void Streams::leaveKey(std::uint64_t length, Digest const& digest, char const* missing) {
     DedupKey key(length, digest);
-    if (dedup_->find(key)) {
+    if (auto const found = dedup_->find(key); found.ok() && *found) {
         std::uint32_t const left = key.referenceCount() == 0 ? 0 : key.referenceCount() - 1;
         key.referenceCount(left);
         if (left != 0) {

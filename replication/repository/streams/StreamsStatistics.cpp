@@ -11,7 +11,7 @@
 
 namespace Replication {
 
-using Morva::PagedQueue;
+using Morva::Status;
 using Morva::TracedLock;
 
 struct Streams::Statistic {
@@ -73,9 +73,9 @@ std::vector<Streams::Statistic> Streams::collectStatistics() {
     add("StreamsIndirectRefCountCacheSize", "Stream Indirect Reference Count Cache Size",
         indirect_->refCacheSize());
     std::uint64_t waiting = 0;
-    if (dedupQueue_->available(waiting) == PagedQueue::Result::Success)
+    if (dedupQueue_->available(waiting))
         add("StreamsDedupQueueLength", "Dedup Queue Length", waiting);
-    if (cleanupQueue_->available(waiting) == PagedQueue::Result::Success)
+    if (cleanupQueue_->available(waiting))
         add("StreamsCleanupQueueLength", "Cleanup Queue Length", waiting);
     return all;
 }
@@ -101,28 +101,28 @@ bool Streams::forEachStream(std::function<void(StreamNode const&)> const& visit)
     bool whole = true;
     for (std::uint64_t number = Morva::Blocks::firstBlock() + 1; number < nodes_->blockCount();
          ++number) {
-        void* const block = nodes_->getBlock(number);
+        auto const block = nodes_->getBlock(number);
         if (!block) {
             whole = false;
             continue;
         }
-        StreamNode const node(block);
+        StreamNode const node(*block);
         if (node.id() == StreamId{number})
             visit(node);
-        nodes_->returnBlock(block, false);
+        nodes_->returnBlock(*block, false);
     }
     return whole;
 }
 
 bool Streams::forEachFreeNode(std::function<bool(std::uint64_t number)> const& visit) const {
     TracedLock lock(nodesLock_);
-    return nodes_->forEachFree(visit);
+    return nodes_->forEachFree(visit).ok();
 }
 
 bool Streams::forEachKey(std::function<void(DedupKey&)> const& visit) const {
     TracedLock lock(dedupLock_);
     bool whole = true;
-    bool const reached = dedup_->forEach([&](Morva::Extent const& stored) {
+    Status const reached = dedup_->forEach([&](Morva::Extent const& stored) {
         DedupKey key;
         if (key.restore(stored))
             visit(key);
@@ -130,7 +130,7 @@ bool Streams::forEachKey(std::function<void(DedupKey&)> const& visit) const {
             whole = false;
         return true;
     });
-    return reached && whole;
+    return reached.ok() && whole;
 }
 
 QByteArray Streams::controlRecord() const {

@@ -106,17 +106,22 @@ private:
     }
 
     void addQueue() {
-        streams_.cleanupQueue().forEach([&](Morva::Extent const& entry) {
-            CleanupRequest request;
-            if (!request.decode(entry)) {
-                fault("bad request");
-            } else if (request.type == CleanupRequest::DeleteInfo) {
-                add(request.record.size == TreeRecord::nodeSize ? streams_.nodeTree()
-                                                                : streams_.streamTree(),
-                    TreeRecord::readOnly(request.record.data));
-            }
-            return true;
-        });
+        bool const whole =
+            streams_.cleanupQueue()
+                .forEach([&](Morva::Extent const& entry) {
+                    CleanupRequest request;
+                    if (!request.decode(entry)) {
+                        fault("bad request");
+                    } else if (request.type == CleanupRequest::DeleteInfo) {
+                        add(request.record.size == TreeRecord::nodeSize ? streams_.nodeTree()
+                                                                        : streams_.streamTree(),
+                            TreeRecord::readOnly(request.record.data));
+                    }
+                    return true;
+                })
+                .ok();
+        if (!whole)
+            fault("a request can't be read");
     }
 
     void compareCounts(char const* name, Counts const& expected, Counts const& found) {
