@@ -48,10 +48,8 @@ public:
 
     void print(QByteArray const& path, FileTree::Entry const& entry) {
         auto& output = line_.output;
-        if (!isLong_ && !output.json) {
-            output.result(shownPath(path), {}, {});
-            return;
-        }
+        if (!isLong_ && !output.json)
+            return output.name(path);
         auto const node = tree_.node(entry.id);
         auto const attributes = node ? FileTree::attributes(*node) : std::nullopt;
         if (attributes)
@@ -60,7 +58,7 @@ public:
             unread(path);
     }
     void unread(QByteArray const& path) {
-        line_.output.error(cannotRead + shownPath(path.isEmpty() ? "/" : path));
+        line_.output.unreadable(path.isEmpty() ? "/" : path, QStringLiteral("can't be read"));
         line_.code = ExitCode::SomeUnread;
     }
 
@@ -139,8 +137,7 @@ void writeOut(std::uint8_t const* bytes, std::uint64_t count) {
             continue;
         }
         if (done < 0)
-            throw CommandFailure(ExitCode::Failed, QStringLiteral("can't write the content: ") +
-                                                       std::strerror(errno));
+            failOutput(errno);
         bytes += done;
         count -= static_cast<std::uint64_t>(done);
     }
@@ -242,7 +239,7 @@ void diff(CommandLine& line, Arguments const& given) {
         ++counts[change];
         auto const shown = shownPath(path.isEmpty() ? "/" : path);
         if (change == TreeDiff::Change::Unread) {
-            line.output.error(cannotRead + shown);
+            line.output.unreadable(path.isEmpty() ? "/" : path, QStringLiteral("can't be read"));
             line.code = ExitCode::SomeUnread;
             return;
         }
@@ -317,6 +314,11 @@ void addBrowseCommands(CommandLine& line) {
         added->callback([line, given, run]() mutable { run(line, *given); });
         return added;
     };
+    auto const nulEnds = [&line](CLI::App* to) {
+        to->add_flag("-0,--print0", line.output.nulEnds,
+                     "Names as they are, each ended by a NUL instead of a line end")
+            ->excludes("--long");
+    };
     constexpr char const* whichObject =
         "A snapshot's number, \"latest\" or \"live\", and a path in it, as SNAPSHOT:PATH";
     constexpr char const* whichTree = "A snapshot's number, \"latest\" or \"live\"";
@@ -325,6 +327,7 @@ void addBrowseCommands(CommandLine& line) {
     ls->add_option("object", given->object, whichObject)->capture_default_str();
     ls->add_flag("-l,--long", given->isLong, "With modes, owners, sizes and times");
     ls->add_flag("-R,--recursive", given->recursive, "With all that is below it");
+    nulEnds(ls);
 
     auto* print = command("cat", "Writes a file's content to standard output", cat);
     print->add_option("object", given->object, whichObject)->required();
@@ -339,6 +342,7 @@ void addBrowseCommands(CommandLine& line) {
         ->required();
     search->add_option("object", given->object, whichObject)->capture_default_str();
     search->add_flag("-l,--long", given->isLong, "With modes, owners, sizes and times");
+    nulEnds(search);
 
     auto* history = command("versions", "Lists the versions of a file in all snapshots", versions);
     history->add_option("path", given->path, "The file's path in the store")->required();

@@ -33,7 +33,12 @@ void check(CommandLine& line, bool readData) {
     else
         for (QString const& text : report.lines())
             line.output.result(text, {}, {});
-    line.output.summary(report.summary(), "check", report.summaryJson());
+    auto object = report.summaryJson();
+    object.insert("readData", readData);
+    line.output.summary(readData ? report.summary()
+                                 : report.summary() + QStringLiteral(" (contents were not read: "
+                                                                     "--read-data does)"),
+                        "check", object);
     if (!report.clean())
         line.code = ExitCode::Failed;
 }

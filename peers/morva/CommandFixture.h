@@ -27,6 +27,12 @@ protected:
         Root::init(QString::fromStdString(path + "/root"));
     }
 
+    ~CommandFixture() override {
+        // Not every name here is one that Qt can remove.
+        std::error_code error;
+        std::filesystem::remove_all(path, error);
+    }
+
     /// Runs a command line; its results are in `results`, the text of its failure in `message`.
     ExitCode run(std::string const& line, bool json = false) {
         Output output;

@@ -1,6 +1,7 @@
 #include "base/process/Config.h"
+#include "base/values/PosixText.h"
 #include "peers/morva/Commands.h"
-#include "peers/morva/Root.h"
+#include "peers/morva/FedStore.h"
 #include "peers/morva/SnapshotTree.h"
 #include "replication/repository/store/ControlBlock.h"
 #include "replication/repository/store/Store.h"
@@ -14,7 +15,7 @@ namespace Morva {
 namespace {
 
 struct Arguments {
-    std::string store;
+    FedStoreArguments store;
     std::string details;
 };
 
@@ -60,11 +61,21 @@ void exclude(CommandLine& line, Arguments const& given) {
     std::uint32_t entries = 0;
     auto const details = readDetails(argumentText(given.details), entries);
     Root root(line.output);
-    auto const& source = root.source(argumentText(given.store));
+    // A store that isn't there is made if it is told what it will hold.
+    auto named = given.store;
+    if (!named.source)
+        named.store = encodePosixText(root.source(argumentText(named.store)).name).toStdString();
+    FedStore const fed(root, named, argumentText(named.source.value_or("")));
+    auto const& source = fed.source();
     auto sink = root.sink(source);
     auto store = root.store(source);
     Names const before(*store);
     auto const applied = sink->exclude(Extent(details.toBinary()));
+    if (!applied)
+        throw CommandFailure(
+            ExitCode::Failed,
+            "not all that is stored could be brought in line with the entries, and "
+            "nothing was changed; run 'morva check'");
     sink->handleShutdown();
     sink.reset();
     Names const after(*store);
@@ -88,10 +99,6 @@ void exclude(CommandLine& line, Arguments const& given) {
          {"filesBefore", jsonNumber(before.files)},
          {"directoriesBefore", jsonNumber(before.directories)},
          {"seconds", watch.seconds()}});
-    if (!applied)
-        throw CommandFailure(ExitCode::Failed,
-                             "not all that is stored could be brought in line with the entries; "
-                             "run the command again");
 }
 
 } // namespace
@@ -100,7 +107,9 @@ void addExcludeCommand(CommandLine& line) {
     auto const given = std::make_shared<Arguments>();
     auto* exclude = line.app.add_subcommand(
         "exclude", "Says what is not stored, or stored without snapshots, and applies it");
-    exclude->add_option("--store", given->store, "Name of the store; the only one by default");
+    exclude->add_option("--store", given->store.store,
+                        "Name of the store; the only one by default");
+    addSourceOptions(*exclude, given->store);
     exclude->add_option("--details", given->details, "File with the entries")->required();
     exclude->callback([line, given]() mutable { Morva::exclude(line, *given); });
 }

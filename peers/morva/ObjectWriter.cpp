@@ -1,5 +1,6 @@
 #include "peers/morva/ObjectWriter.h"
 
+#include "peers/morva/ContentWriter.h"
 #include "replication/repository/streams/StreamHandle.h"
 
 #include <fcntl.h>
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <utility>
 
 namespace Morva {
@@ -50,49 +52,21 @@ void setAttributes(PosixAttributes const& extended, WriteResult& result, Set&& s
             result.add("an extended attribute can't be set", errno);
 }
 
-bool writeAll(int file, std::uint8_t const* bytes, std::uint64_t count, std::uint64_t offset) {
-    while (count > 0) {
-        auto const done = ::pwrite(file, bytes, count, static_cast<off_t>(offset));
-        if (done < 0 && errno == EINTR)
-            continue;
-        if (done <= 0)
-            return false;
-        bytes += done;
-        offset += static_cast<std::uint64_t>(done);
-        count -= static_cast<std::uint64_t>(done);
+/// Extended attributes that the store doesn't have, of an object that is kept. Those of the system
+/// ("system.", "security.") come and go with what else is set.
+void removeOthers(int opened, PosixAttributes const& extended) {
+    auto const size = ::flistxattr(opened, nullptr, 0);
+    if (size <= 0)
+        return;
+    QByteArray names(static_cast<qsizetype>(size), Qt::Uninitialized);
+    auto const got = ::flistxattr(opened, names.data(), static_cast<std::size_t>(size));
+    for (auto const& name :
+         names.left(static_cast<qsizetype>(std::max<ssize_t>(got, 0))).split('\0')) {
+        auto const isStored = [&](auto const& each) { return each.first == name; };
+        auto const& all = extended.all();
+        if (name.startsWith("user.") && std::none_of(all.begin(), all.end(), isStored))
+            ::fremovexattr(opened, name.constData());
     }
-    return true;
-}
-
-/// Writes the content and leaves its holes out. False when the file can't be used.
-bool writeContent(int file, StreamHandle& content, ObjectWriter::Buffer& buffer,
-                  ObjectWriter::Written const& written, WriteResult& result) {
-    auto const length = content.length();
-    std::uint64_t start = 0;
-    std::uint64_t end = 0;
-    std::uint64_t reached = 0;
-    while (content.findData(start, end)) {
-        for (; start < end; start = reached) {
-            auto const count = static_cast<std::uint32_t>(
-                std::min<std::uint64_t>(end - start, ObjectWriter::Buffer::size));
-            if (content.readWhole(start, buffer.bytes(), count) != count)
-                result.add(QStringLiteral("parts of its content can't be read and are zeros"));
-            if (!writeAll(file, buffer.bytes(), count, start)) {
-                result.addTaking("it can't be written", errno);
-                return false;
-            }
-            reached = start + count;
-            if (!written(count)) {
-                result.add(QStringLiteral("interrupted"));
-                return false;
-            }
-        }
-    }
-    if (reached < length && ::ftruncate(file, static_cast<off_t>(length)) != 0) {
-        result.addTaking("it can't get its size", errno);
-        return false;
-    }
-    return true;
 }
 
 } // namespace
@@ -133,16 +107,16 @@ void WriteResult::add(QString const& what) {
         reason = what;
 }
 
-ObjectWriter::ObjectWriter(int root, bool overwrite)
-    : overwrite_(overwrite),
+ObjectWriter::ObjectWriter(int root, Existing existing)
+    : existing_(existing),
       privileged_(::geteuid() == 0),
       user_(::geteuid()),
       group_(::getegid()),
       mask_(processMask()) {
     struct stat status {};
     // A directory that is there already below the root may pass on what the root doesn't.
-    inherits_ = overwrite || ::fstat(root, &status) != 0 || (status.st_mode & S_ISGID) != 0 ||
-                ::fgetxattr(root, defaultList, nullptr, 0) > 0;
+    inherits_ = existing != Existing::Refuse || ::fstat(root, &status) != 0 ||
+                (status.st_mode & S_ISGID) != 0 || ::fgetxattr(root, defaultList, nullptr, 0) > 0;
 }
 
 bool ObjectWriter::changesOwner(ObjectAttributes const& attributes) const {
@@ -166,7 +140,53 @@ bool ObjectWriter::closes(mode_t mode) const {
 }
 
 bool ObjectWriter::clear(int directory, QByteArray const& name) const {
-    return errno == EEXIST && overwrite_ && ::unlinkat(directory, name.constData(), 0) == 0;
+    if (errno != EEXIST || existing_ == Existing::Refuse)
+        return false;
+    if (::unlinkat(directory, name.constData(), 0) == 0)
+        return true;
+    if (errno != EISDIR)
+        return false;
+    // No link is followed, neither the name itself nor any below it.
+    std::error_code error;
+    std::filesystem::remove_all(
+        "/proc/self/fd/" + std::to_string(directory) + '/' + name.toStdString(), error);
+    errno = error.value();
+    return !error;
+}
+
+Descriptor ObjectWriter::openKept(int directory, QByteArray const& name, StreamHandle& content,
+                                  ObjectAttributes const& attributes, Buffer& buffer,
+                                  Written const& written) const {
+    if (existing_ != Existing::Resume)
+        return Descriptor();
+    Descriptor opened(
+        ::openat(directory, name.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    // What has several names, here or in the store, is made anew: its other names may belong to
+    // objects that are not the same in the store.
+    auto const fits = opened && attributes.links == 1 && ::fstat(opened.get(), &status) == 0 &&
+                      S_ISREG(status.st_mode) && status.st_nlink == 1 &&
+                      holdsContent(opened.get(), content, buffer, written);
+    return fits ? std::move(opened) : Descriptor();
+}
+
+bool ObjectWriter::keepsOther(int directory, QByteArray const& name,
+                              ObjectAttributes const& attributes, QByteArray const& target) const {
+    struct stat status {};
+    auto const* const at = name.constData();
+    auto const& security = attributes.security;
+    if (existing_ != Existing::Resume || attributes.links != 1 ||
+        ::fstatat(directory, at, &status, AT_SYMLINK_NOFOLLOW) != 0 || status.st_nlink != 1 ||
+        (status.st_mode & S_IFMT) != (security.mode & S_IFMT))
+        return false;
+    if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))
+        return status.st_rdev == security.device;
+    if (!S_ISLNK(status.st_mode))
+        return true;
+    QByteArray there(target.size() + 1, Qt::Uninitialized);
+    auto const size =
+        ::readlinkat(directory, at, there.data(), static_cast<std::size_t>(there.size()));
+    return size == target.size() && there.startsWith(target);
 }
 
 void ObjectWriter::describe(int opened, ObjectAttributes const& attributes,
@@ -179,6 +199,8 @@ void ObjectWriter::describe(int opened, ObjectAttributes const& attributes,
         if (S_ISDIR(security.mode))
             ::fremovexattr(opened, defaultList);
     }
+    if (existing_ != Existing::Refuse)
+        removeOthers(opened, extended);
     setAttributes(extended, result, [&](char const* name, char const* value, std::size_t size) {
         return ::fsetxattr(opened, name, value, size, 0);
     });
@@ -206,23 +228,32 @@ WriteResult ObjectWriter::file(int directory, QByteArray const& name, FileNode& 
     auto const extended = FileTree::extendedAttributes(node);
     if (!extended)
         result.add(QStringLiteral("its extended attributes are damaged"));
+    auto opened = openKept(directory, name, *content, attributes, buffer, written);
+    if (!opened && !written(0)) {
+        result.add(QStringLiteral("interrupted"));
+        return result;
+    }
+    result.kept = static_cast<bool>(opened);
+    if (result.kept && ::fchmod(opened.get(), 0600) != 0)
+        result.add("its mode can't be set", errno);
     auto const mode = finalMode(attributes);
     // Most files need nothing beyond what they can be made with.
-    auto const plain = !inherits_ && extended && extended->empty() && !changesOwner(attributes) &&
-                       (mode & (mask_ | 07000)) == 0;
+    auto const plain = !result.kept && !inherits_ && extended && extended->empty() &&
+                       !changesOwner(attributes) && (mode & (mask_ | 07000)) == 0;
     auto const create = [&] {
         return Descriptor(::openat(directory, name.constData(),
                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                                    plain ? mode : 0600));
     };
-    auto opened = create();
+    if (!result.kept)
+        opened = create();
     if (!opened && clear(directory, name))
         opened = create();
     if (!opened) {
         result.addTaking("it can't be made", errno);
         return result;
     }
-    if (!writeContent(opened.get(), *content, buffer, written, result)) {
+    if (!result.kept && !writeContent(opened.get(), *content, buffer, written, result)) {
         ::unlinkat(directory, name.constData(), 0);
         return result;
     }
@@ -251,7 +282,8 @@ WriteResult ObjectWriter::other(int directory, QByteArray const& name, FileNode&
         return isLink ? ::symlinkat(target->constData(), directory, at)
                       : ::mknodat(directory, at, (security.mode & S_IFMT) | 0600, security.device);
     };
-    if (create() != 0 && (!clear(directory, name) || create() != 0)) {
+    result.kept = keepsOther(directory, name, attributes, *target);
+    if (!result.kept && create() != 0 && (!clear(directory, name) || create() != 0)) {
         result.addTaking("it can't be made", errno);
         return result;
     }
@@ -275,18 +307,50 @@ WriteResult ObjectWriter::other(int directory, QByteArray const& name, FileNode&
     return result;
 }
 
+namespace {
+
+/// Leaves errno as it is.
+bool isSameObject(int fromDirectory, QByteArray const& from, int directory,
+                  QByteArray const& name) {
+    struct stat one {};
+    struct stat other {};
+    auto const error = errno;
+    auto const same = ::fstatat(fromDirectory, from.constData(), &one, AT_SYMLINK_NOFOLLOW) == 0 &&
+                      ::fstatat(directory, name.constData(), &other, AT_SYMLINK_NOFOLLOW) == 0 &&
+                      one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+    errno = error;
+    return same;
+}
+
+} // namespace
+
 WriteResult ObjectWriter::link(int fromDirectory, QByteArray const& from, int directory,
                                QByteArray const& name, bool& impossible) const {
     WriteResult result;
     auto const create = [&] {
         return ::linkat(fromDirectory, from.constData(), directory, name.constData(), 0);
     };
-    result.made = create() == 0 || (clear(directory, name) && create() == 0);
+    result.made = create() == 0;
+    result.kept = !result.made && existing_ == Existing::Resume && errno == EEXIST &&
+                  isSameObject(fromDirectory, from, directory, name);
+    result.made = result.made || result.kept || (clear(directory, name) && create() == 0);
     impossible = !result.made &&
                  (errno == EMLINK || errno == EPERM || errno == EXDEV || errno == EOPNOTSUPP);
     if (!result.made)
         result.add("it can't be linked", errno);
     return result;
+}
+
+bool ObjectWriter::openExisting(int directory, QByteArray const& name, Descriptor& opened) const {
+    auto const* const at = name.constData();
+    struct stat status {};
+    if (::fstatat(directory, at, &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(status.st_mode))
+        return false;
+    // One that was restored before may be closed to its owner by its mode.
+    if (closes(status.st_mode))
+        (void)::fchmodat(directory, at, 0700, 0); // the opening tells if that was needed
+    opened = Descriptor(::openat(directory, at, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return static_cast<bool>(opened);
 }
 
 WriteResult ObjectWriter::makeDirectory(int directory, QByteArray const& name,
@@ -298,12 +362,10 @@ WriteResult ObjectWriter::makeDirectory(int directory, QByteArray const& name,
     };
     if (::mkdirat(directory, at, 0700) != 0) {
         auto const error = errno;
-        if (error == EEXIST && overwrite_) {
-            opened = open();
-            if (opened) {
-                result.made = true;
-                return result;
-            }
+        if (error == EEXIST && existing_ != Existing::Refuse &&
+            openExisting(directory, name, opened)) {
+            result.made = true;
+            return result;
         }
         errno = error;
         if (!clear(directory, name) || ::mkdirat(directory, at, 0700) != 0) {

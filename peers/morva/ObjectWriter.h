@@ -37,6 +37,7 @@ private:
 struct WriteResult {
     QString reason;     ///< empty: all of it was restored
     bool made = false;  ///< the object is there
+    bool kept = false;  ///< it was there before, and equal
     bool fatal = false; ///< the file system takes no more
 
     [[nodiscard]] bool done() const { return reason.isEmpty(); }
@@ -55,9 +56,15 @@ struct WriteResult {
 /// number of threads.
 class ObjectWriter {
 public:
-    /// `root`: the open directory that all objects are made below. What stands where an object is
-    /// to be made is replaced with `overwrite`, but for a directory that is not empty.
-    ObjectWriter(int root, bool overwrite);
+    /// What becomes of what stands where an object is to be made. A directory in a directory's
+    /// place is always used, but for `Refuse`.
+    enum class Existing {
+        Refuse,  ///< it stays, and the object is not made
+        Replace, ///< it goes, a directory with all that is in it
+        Resume   ///< an object that is equal stays and gets its attributes again; else as `Replace`
+    };
+    /// `root`: the open directory that all objects are made below.
+    ObjectWriter(int root, Existing existing);
 
     /// Room for reading content, one for each thread.
     class Buffer {
@@ -78,7 +85,7 @@ public:
     /// A further name for an object that was made.
     [[nodiscard]] WriteResult link(int fromDirectory, QByteArray const& from, int directory,
                                    QByteArray const& name, bool& impossible) const;
-    /// A directory with access for its owner, or one that is there with `overwrite`, opened.
+    /// A directory with access for its owner, or one that is there unless that is refused, opened.
     [[nodiscard]] WriteResult makeDirectory(int directory, QByteArray const& name,
                                             Descriptor& opened) const;
     /// Gives a directory all that it is, once its content is there.
@@ -95,12 +102,23 @@ private:
     [[nodiscard]] WriteResult other(int directory, QByteArray const& name,
                                     Replication::FileNode& node,
                                     ObjectAttributes const& attributes) const;
+    /// After a failure with EEXIST in errno.
     [[nodiscard]] bool clear(int directory, QByteArray const& name) const;
+    /// A regular file that is there and has the content; nothing if it is to be made.
+    [[nodiscard]] Descriptor openKept(int directory, QByteArray const& name,
+                                      Replication::StreamHandle& content,
+                                      ObjectAttributes const& attributes, Buffer& buffer,
+                                      Written const& written) const;
+    [[nodiscard]] bool keepsOther(int directory, QByteArray const& name,
+                                  ObjectAttributes const& attributes,
+                                  QByteArray const& target) const;
+    [[nodiscard]] bool openExisting(int directory, QByteArray const& name,
+                                    Descriptor& opened) const;
     void describe(int opened, ObjectAttributes const& attributes,
                   Replication::PosixAttributes const& extended, WriteResult& result) const;
     [[nodiscard]] mode_t finalMode(ObjectAttributes const& attributes) const;
 
-    bool overwrite_;
+    Existing existing_;
     bool privileged_;
     uid_t user_;
     gid_t group_;

@@ -60,9 +60,7 @@ void Output::result(QString const& text, QString const& type, QJsonObject object
         failOutput(error);
 }
 
-void Output::name(QByteArray const& bytes, QString const& type, QJsonObject object) const {
-    if (json)
-        return result({}, type, std::move(object));
+void Output::name(QByteArray const& bytes) const {
     if (auto const error =
             nulEnds ? print(stdout, bytes, '\0') : print(stdout, encodePosixText(shownPath(bytes))))
         failOutput(error);
@@ -102,9 +100,13 @@ void Output::unreadable(QByteArray const& path, QString const& reason) const {
     (void)print(stdout, QJsonDocument(object).toJson(QJsonDocument::Compact));
 }
 
+bool Output::showsProgress() const {
+    static bool const isTerminal = ::isatty(STDERR_FILENO) != 0;
+    return isTerminal && !quiet && !json;
+}
+
 void Output::progress(std::uint64_t doneBytes, std::uint64_t totalBytes, std::uint64_t files) {
-    static bool const shown = ::isatty(STDERR_FILENO) != 0;
-    if (quiet || json || !shown)
+    if (!showsProgress())
         return;
     auto const now = std::chrono::steady_clock::now();
     if (begun_.time_since_epoch().count() == 0)
@@ -120,8 +122,8 @@ void Output::progress(std::uint64_t doneBytes, std::uint64_t totalBytes, std::ui
                     .arg(readableSize(doneBytes), readableSize(static_cast<std::uint64_t>(rate)));
     if (totalBytes > 0 && rate > 0) {
         auto const left = static_cast<double>(totalBytes - std::min(doneBytes, totalBytes)) / rate;
-        line = QStringLiteral("%1 %, ").arg(doneBytes * 100 / totalBytes) + line +
-               QStringLiteral(", %1 s left").arg(left, 0, 'f', 0);
+        line = QStringLiteral("%1 %, ").arg(std::min(doneBytes, totalBytes) * 100 / totalBytes) +
+               line + QStringLiteral(", %1 s left").arg(left, 0, 'f', 0);
     }
     std::fprintf(stderr, "\r\033[K%s", line.toUtf8().constData());
     std::fflush(stderr);

@@ -29,9 +29,9 @@ public:
     /// empty text or object. Ends the command when standard output takes no more, without a word
     /// when a reader has left.
     void result(QString const& text, QString const& type, QJsonObject object) const;
-    /// A name or path alone as a result: for people, exactly and ended by NUL with `nulEnds`, or
-    /// the object.
-    void name(QByteArray const& bytes, QString const& type, QJsonObject object) const;
+    /// A name or path alone as a line of text: for people, or exactly and ended by NUL with
+    /// `nulEnds`.
+    void name(QByteArray const& bytes) const;
     bool nulEnds = false;
     /// A summary: as `result`, but its text is left out with --quiet.
     void summary(QString const& text, QString const& type, QJsonObject object) const;
@@ -47,6 +47,8 @@ public:
     /// Throws nothing.
     void unreadable(QByteArray const& path, QString const& reason) const;
 
+    /// Whether somebody sees the progress line.
+    [[nodiscard]] bool showsProgress() const;
     /// The progress line, on a terminal only and at most ten times a second. A total of 0 means
     /// that it isn't known.
     void progress(std::uint64_t doneBytes, std::uint64_t totalBytes, std::uint64_t files);

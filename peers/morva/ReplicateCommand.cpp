@@ -3,6 +3,7 @@
 #include "peers/morva/FedStore.h"
 #include "peers/morva/Leveller.h"
 #include "peers/morva/Replay.h"
+#include "peers/morva/SizeCount.h"
 #include "peers/morva/SnapshotName.h"
 #include "peers/morva/SnapshotTree.h"
 #include "peers/morva/SourceWalk.h"
@@ -12,6 +13,8 @@
 #include <CLI/CLI.hpp>
 
 #include <QFile>
+
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <functional>
@@ -124,8 +127,10 @@ void summarise(Output const& output, QString const& store, TreeCounts const& cou
                     .arg(counts.unchanged.load())
                     .arg(leveller.removed())
                     .arg(snapshot);
-    if (counts.problems != 0)
-        text += QStringLiteral("; %1 could not be read").arg(counts.problems.load());
+    if (auto const unread = counts.problems - counts.changed; unread != 0)
+        text += QStringLiteral("; %1 could not be read").arg(unread);
+    if (counts.changed != 0)
+        text += QStringLiteral("; %1 changed while they were read").arg(counts.changed.load());
     if (failed != 0)
         text += QStringLiteral("; %1 logs could not be applied").arg(failed);
     output.summary(text, "replicate",
@@ -139,10 +144,27 @@ void summarise(Output const& output, QString const& store, TreeCounts const& cou
                     {"logs", jsonNumber(counts.logs)},
                     {"unchanged", jsonNumber(counts.unchanged)},
                     {"gone", jsonNumber(leveller.removed())},
-                    {"unreadable", jsonNumber(counts.problems)},
+                    {"unreadable", jsonNumber(counts.problems - counts.changed)},
+                    {"changedWhileRead", jsonNumber(counts.changed)},
+                    {"vanished", jsonNumber(counts.vanished)},
                     {"failed", jsonNumber(failed)},
                     {"snapshot", jsonNumber(snapshot)},
                     {"seconds", seconds}});
+}
+
+/// The sizes of the files that will be read, holes included.
+void addSizes(std::string const& directory, Leveller const& leveller, SizeCount::Add const& add) {
+    std::error_code error;
+    auto at = std::filesystem::recursive_directory_iterator(
+        directory, std::filesystem::directory_options::skip_permission_denied, error);
+    for (; !error && at != std::filesystem::recursive_directory_iterator(); at.increment(error)) {
+        struct stat status {};
+        auto const& path = at->path().native();
+        auto const isRead = ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+                            !leveller.unchanged(path, status);
+        if (!add(isRead ? static_cast<std::uint64_t>(status.st_size) : 0))
+            return;
+    }
 }
 
 /// Reads the tree and applies its logs. Whether the walk came to its end.
@@ -152,10 +174,13 @@ bool feed(CommandLine& line, Replay& replay, Leveller const& leveller, TreeLogge
         return leveller.logRemovals(operations) ? logger.run(directory)
                                                 : TreeLogger::Result::SinkFailed;
     };
+    SizeCount count;
+    if (line.output.showsProgress())
+        count.start([&](SizeCount::Add const& add) { addSizes(directory, leveller, add); });
     Reader reader(walk, queue);
     while (auto const log = queue.take()) {
         replay.apply(log);
-        line.output.progress(logger.counts().bytes, 0, logger.counts().files);
+        line.output.progress(logger.counts().bytes, count.total(), logger.counts().files);
     }
     auto const result = reader.join();
     checkRoot(result, logger, directory);
@@ -193,6 +218,7 @@ void replicate(CommandLine& line, Arguments const& given) {
     LogQueue queue;
     OperationLogger operations(logs, queue);
     auto options = treeOptions(line.output);
+    options.attempts = 3;
     options.leaveOut = {QFile::encodeName(line.output.root).toStdString()};
     options.unchanged = [&leveller](std::string_view path, struct stat const& status) {
         return leveller.unchanged(path, status);

@@ -171,5 +171,33 @@ TEST_F(Replicate, ARootThatCannotBeReadIsNotAbsent) {
     EXPECT_EQ(run("snapshots"), ExitCode::Failed) << message;
 }
 
+TEST_F(Replicate, ExclusionsCanBeSetBeforeTheFirstReplication) {
+    write("kept", "1");
+    write("core", "2");
+    auto const details = path + "/details";
+    std::ofstream(details) << R"(<?xml version="1.0"?><XmlList><Item Name="Entry" Type="list">)"
+                           << R"(<Item Name="Path" Type="string">core</Item></Item></XmlList>)";
+    EXPECT_NE(run("exclude --store main --details " + details), ExitCode::Done);
+    ASSERT_EQ(run("exclude --store main --source " + source + " --details " + details),
+              ExitCode::Done)
+        << message;
+    ASSERT_EQ(replicate(), ExitCode::Done) << message;
+    EXPECT_EQ(stored(), "kept\n");
+}
+
+TEST_F(Replicate, NamesReachPeopleEscapedAndProgramsExactly) {
+    std::string const name = "a\nb\x1b[31m\xc2\x9b\xff";
+    write(name, "1");
+    ASSERT_EQ(replicate(), ExitCode::Done) << message;
+    EXPECT_EQ(stored(), "a\\x0ab\\x1b[31m\\x9b\\xff\n");
+    ASSERT_EQ(run("ls latest -0"), ExitCode::Done);
+    EXPECT_EQ(results, name + '\0');
+    ASSERT_EQ(run("ls latest", true), ExitCode::Done);
+    EXPECT_NE(results.find(R"("a\nb\u001b[31m)"), std::string::npos) << results;
+    EXPECT_NE(results.find(R"(\udcff")"), std::string::npos) << results;
+    EXPECT_EQ(run("restore latest --target " + path + "/t --workers 100000"), ExitCode::Usage);
+    EXPECT_EQ(run("restore latest --target " + path + "/t --workers 0"), ExitCode::Usage);
+}
+
 } // namespace
 } // namespace Morva

@@ -1,6 +1,7 @@
 #include "base/values/PosixText.h"
 #include "peers/morva/Commands.h"
 #include "peers/morva/Restorer.h"
+#include "peers/morva/SizeCount.h"
 #include "peers/morva/SnapshotTree.h"
 #include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/store/Store.h"
@@ -20,11 +21,14 @@ namespace Morva {
 
 namespace {
 
+constexpr unsigned mostWorkers = 256;
+
 struct Arguments {
     std::string store;
     std::string object;
     std::string target;
     bool overwrite = false;
+    bool resume = false;
     unsigned workers = 0;
 };
 
@@ -41,8 +45,9 @@ Descriptor openTarget(Arguments const& given) {
     auto const isEmpty = std::filesystem::is_empty(given.target, error);
     if (error)
         throw fail("can't be read: " + QString::fromStdString(error.message()));
-    if (!isEmpty && !given.overwrite)
-        throw fail(QStringLiteral("is not empty (see --overwrite)"));
+    if (!isEmpty && !given.overwrite && !given.resume)
+        throw fail(QStringLiteral("is not empty: --resume goes on with a restore that was "
+                                  "interrupted, --overwrite replaces what is in the way"));
     return opened;
 }
 
@@ -63,8 +68,20 @@ std::uint64_t expectedBytes(NamedObject const& object) {
     return file && file->analyzed() ? file->logicalSize() : 0;
 }
 
+/// Holes count too, so this is the most that there can be to write.
+void addSizes(NamedObject const& object, SizeCount::Add const& add) {
+    bool goOn = true;
+    object.tree.walk(object.entry, {}, [&](QByteArray const&, FileTree::Entry const& entry) {
+        if (!goOn || !entry.id || entry.isDirectory)
+            return goOn;
+        auto const node = object.tree.node(entry.id);
+        goOn = !node || add(node->size());
+        return goOn;
+    });
+}
+
 void summarise(Output const& output, OpenStore const& store, NamedObject const& object,
-               RestoreCounts const& counts, double seconds) {
+               RestoreCounts const& counts, double seconds, bool complete) {
     auto const value = [](auto const& count) { return count.load(std::memory_order_relaxed); };
     auto const rate = static_cast<double>(value(counts.bytes)) / std::max(seconds, 1e-9);
     auto const others = value(counts.links) + value(counts.symlinks) + value(counts.specials);
@@ -76,9 +93,11 @@ void summarise(Output const& output, OpenStore const& store, NamedObject const& 
                     .arg(readableSize(value(counts.bytes)))
                     .arg(seconds, 0, 'f', 2)
                     .arg(readableSize(static_cast<std::uint64_t>(rate)), treeName(object.tree));
+    if (value(counts.kept) > 0)
+        text += QStringLiteral("; %1 were there already").arg(value(counts.kept));
     if (value(counts.problems) > 0)
         text += QStringLiteral("; %1 with problems").arg(value(counts.problems));
-    output.summary(text, "restore",
+    output.summary(complete ? text : QString(), "restore",
                    {{"store", store.source().name},
                     {"snapshot", treeName(object.tree)},
                     {"files", jsonNumber(value(counts.files))},
@@ -86,6 +105,8 @@ void summarise(Output const& output, OpenStore const& store, NamedObject const& 
                     {"links", jsonNumber(value(counts.links))},
                     {"symlinks", jsonNumber(value(counts.symlinks))},
                     {"specials", jsonNumber(value(counts.specials))},
+                    {"complete", complete},
+                    {"kept", jsonNumber(value(counts.kept))},
                     {"bytes", jsonNumber(value(counts.bytes))},
                     {"problems", jsonNumber(value(counts.problems))},
                     {"seconds", seconds},
@@ -100,29 +121,42 @@ void restore(CommandLine& line, Arguments const& given) {
     auto target = openTarget(given);
     raiseDescriptorLimit();
 
-    auto const total = expectedBytes(object);
+    auto const analyzed = expectedBytes(object);
+    SizeCount count;
+    if (analyzed == 0 && output.showsProgress())
+        count.start([&object](SizeCount::Add const& add) { addSizes(object, add); });
     RestoreOptions options;
-    options.overwrite = given.overwrite;
+    options.existing = given.resume      ? ObjectWriter::Existing::Resume
+                       : given.overwrite ? ObjectWriter::Existing::Replace
+                                         : ObjectWriter::Existing::Refuse;
     options.workers =
         given.workers != 0 ? given.workers : std::max(2U, std::thread::hardware_concurrency());
     options.problem = [&](QByteArray const& path, QString const& reason) {
-        output.error(shownPath(path.isEmpty() ? "." : path) + ": " + reason);
+        output.unreadable(path.isEmpty() ? "." : path, reason);
     };
     options.stop = [] { return Output::interrupted.load(std::memory_order_relaxed); };
     options.progress = [&](RestoreCounts const& counts) {
-        output.progress(counts.bytes, total, counts.files);
+        output.progress(counts.bytes, analyzed != 0 ? analyzed : count.total(), counts.files);
     };
     Restorer restorer(object.tree, options);
     auto const result = restorer.run(object.entry, target.get());
+    count.end();
     output.endProgress();
     store.finish();
 
-    summarise(output, store, object, restorer.counts(), watch.seconds());
+    auto const& counts = restorer.counts();
+    summarise(output, store, object, counts, watch.seconds(), result == Restorer::Result::Done);
+    // Where the target stays closed is told, since nobody would look for that.
+    auto const soFar =
+        QStringLiteral("; %1 files are there, and %2 stays closed to others. The same "
+                       "command with --resume goes on")
+            .arg(counts.files.load())
+            .arg(argumentText(given.target));
     if (result == Restorer::Result::Stopped)
-        throw CommandFailure(ExitCode::Interrupted, "interrupted");
+        throw CommandFailure(ExitCode::Interrupted, "interrupted" + soFar);
     if (result == Restorer::Result::Failed)
-        throw CommandFailure(ExitCode::Failed, "the target takes no more");
-    if (restorer.counts().problems > 0)
+        throw CommandFailure(ExitCode::Failed, "the target takes no more" + soFar);
+    if (counts.problems > 0)
         line.code = ExitCode::SomeUnread;
 }
 
@@ -140,7 +174,10 @@ void addRestoreCommand(CommandLine& line) {
     command->add_option("--target", given->target, "The directory to write to")->required();
     command->add_flag("--overwrite", given->overwrite,
                       "Also into a directory that is not empty; what is in the way is replaced");
-    command->add_option("--workers", given->workers, "Threads that write; one a processor, or two");
+    command->add_flag("--resume", given->resume,
+                      "Goes on with an interrupted restore: what is there and equal stays");
+    command->add_option("--workers", given->workers, "Threads that write; one a processor, or two")
+        ->check(CLI::Range(1U, mostWorkers));
     command->callback([line, given]() mutable { restore(line, *given); });
 }
 

@@ -6,7 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <thread>
+#include <cstring>
+#include <system_error>
 #include <utility>
 
 namespace Morva {
@@ -75,14 +76,15 @@ void Restorer::report(Directory const* directory, QByteArray const& name,
 
 Restorer::Result Restorer::run(FileTree::Entry const& what, int target) {
     target_ = target;
-    writer_ = std::make_unique<ObjectWriter>(target, options_.overwrite);
+    writer_ = std::make_unique<ObjectWriter>(target, options_.existing);
     auto const root = std::make_shared<Directory>();
     root->opened = std::make_shared<Descriptor>(::fcntl(target, F_DUPFD_CLOEXEC, 3));
     root->id = what.isDirectory ? what.id : FileId{};
-    working_ = std::max(options_.workers, 1U);
+    if (what.isDirectory)
+        closeTarget(*root);
     std::vector<std::thread> workers;
-    for (unsigned i = 0; i < working_; ++i)
-        workers.emplace_back([this] { work(); });
+    if (!startWorkers(workers))
+        return Result::Failed;
     if (what.isDirectory) {
         walk(root);
     } else if (auto const name = nameBytes(what.name); isFileName(name)) {
@@ -99,6 +101,31 @@ Restorer::Result Restorer::run(FileTree::Entry const& what, int target) {
     if (!ended())
         finishClosed();
     return failed_ ? Result::Failed : stopped_ ? Result::Stopped : Result::Done;
+}
+
+void Restorer::closeTarget(Directory const& root) {
+    struct stat status {};
+    if (::fstat(target_, &status) != 0 || (status.st_mode & 077) == 0)
+        return;
+    targetMode_ = status.st_mode & 07777;
+    if (::fchmod(target_, S_IRWXU) != 0)
+        problem(&root, {},
+                QStringLiteral("others can read in it meanwhile: ") + std::strerror(errno));
+}
+
+bool Restorer::startWorkers(std::vector<std::thread>& workers) {
+    auto const wanted = std::max(options_.workers, 1U);
+    working_ = wanted; // before the first of them ends
+    try {
+        while (workers.size() < wanted)
+            workers.emplace_back([this] { work(); });
+    } catch (std::system_error const& error) {
+        std::lock_guard const guard(queueLock_);
+        working_ -= wanted - static_cast<unsigned>(workers.size());
+        if (workers.empty())
+            problem(nullptr, {}, QStringLiteral("no thread could be started: ") + error.what());
+    }
+    return !workers.empty();
 }
 
 // --- the walk
@@ -247,6 +274,8 @@ bool Restorer::makeObject(Place const& place, FileNode& node, ObjectAttributes c
     report(place.directory.get(), place.name, result);
     if (result.made)
         countObject(attributes);
+    if (result.kept)
+        counts_.kept.fetch_add(1, std::memory_order_relaxed);
     return result.made;
 }
 
@@ -310,6 +339,7 @@ void Restorer::makeLink(Place const& place, MadeObject const& made, FileNode& no
     bool impossible = false;
     auto const result = writer_->link(opened->get(), made.name, place.directory->opened->get(),
                                       place.name, impossible);
+    counts_.kept.fetch_add(result.kept, std::memory_order_relaxed);
     if (result.made)
         counts_.links.fetch_add(1, std::memory_order_relaxed);
     else if (impossible)
@@ -337,8 +367,12 @@ void Restorer::finish(Directory& directory) {
         return;
     }
     // Nobody ever told what the target should be.
-    if (!directory.parent && !attributes->described)
+    if (!directory.parent && !attributes->described) {
+        if (targetMode_ && ::fchmod(target_, *targetMode_) != 0)
+            problem(&directory, {},
+                    QStringLiteral("its mode can't be set: ") + std::strerror(errno));
         return;
+    }
     auto const mode = attributes->security.mode;
     if (writer_->closes(mode)) {
         auto copy = std::make_shared<Directory>();

@@ -13,6 +13,8 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -26,13 +28,14 @@ struct RestoreCounts {
     std::atomic<std::uint64_t> links{0};       ///< further names of objects
     std::atomic<std::uint64_t> symlinks{0};
     std::atomic<std::uint64_t> specials{0}; ///< devices, fifos, sockets
+    std::atomic<std::uint64_t> kept{0};     ///< of all these but directories, there before
     std::atomic<std::uint64_t> bytes{0};    ///< of content written, without holes
     std::atomic<std::uint64_t> problems{0};
 };
 
 struct RestoreOptions {
-    bool overwrite = false;
-    unsigned workers = 2;
+    ObjectWriter::Existing existing = ObjectWriter::Existing::Refuse;
+    unsigned workers = 2; ///< as many as the system gives of them
     /// Called for each object that isn't restored whole, with its path below the target and what
     /// is wrong; from any thread, one at a time. The rest goes on.
     std::function<void(QByteArray const& path, QString const& reason)> problem;
@@ -47,7 +50,9 @@ struct RestoreOptions {
 /// The thread that calls `run` walks the stored directories and makes them; the workers make all
 /// other objects, a few names of one directory at a time, and whoever ends the last object of a
 /// directory gives it its own attributes. So a directory is open, with access for this user alone,
-/// as long as something in it is to be made, and its mode and times come last.
+/// as long as something in it is to be made, and its mode and times come last. The target itself is
+/// closed to others from the beginning, also where it was there, and stays so when the restore ends
+/// early: nobody reads in an open directory what is to be below a closed one.
 ///
 /// A file with several names is made under the first that a worker meets; the others become links.
 class Restorer {
@@ -82,6 +87,9 @@ private:
     /// Names of one directory; each holds the directory open.
     using Batch = std::vector<Place>;
     struct MadeObject;
+
+    void closeTarget(Directory const& root);
+    [[nodiscard]] bool startWorkers(std::vector<std::thread>& workers);
 
     // The walk.
     void walk(DirectoryPointer const& root);
@@ -119,6 +127,7 @@ private:
     RestoreCounts counts_;
     std::unique_ptr<ObjectWriter> writer_;
     int target_ = -1;
+    std::optional<mode_t> targetMode_;             ///< before the restore, if it was changed
     std::vector<Place> ahead_;                     ///< directories that the walk has yet to open
     std::unordered_set<Replication::FileId> seen_; ///< directories that it has met
     std::atomic<bool> stopped_{false};

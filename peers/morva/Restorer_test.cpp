@@ -53,6 +53,22 @@ std::string attributesOf(std::string const& path) {
     return text;
 }
 
+std::map<std::string, ino_t> inodesOf(std::string const& directory) {
+    std::map<std::string, ino_t> all;
+    for (auto const& entry : fs::recursive_directory_iterator(directory)) {
+        struct stat status {};
+        EXPECT_EQ(::lstat(entry.path().c_str(), &status), 0);
+        if (!S_ISDIR(status.st_mode))
+            all[fs::relative(entry.path(), directory).string()] = status.st_ino;
+    }
+    return all;
+}
+
+mode_t stateMode(std::string const& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
 std::string contentOf(std::string const& path) {
     std::ifstream file(path, std::ios::binary);
     std::ostringstream text;
@@ -225,7 +241,7 @@ TEST_F(RestorerTest, EveryKindOfObjectComesBackAsItWas) {
 
     // Again over itself, with every name taken, and with the live tree.
     RestoreOptions options;
-    options.overwrite = true;
+    options.existing = ObjectWriter::Existing::Replace;
     options.workers = 3;
     ASSERT_EQ(restore(FileTree(*store(), {}), "", options), Restorer::Result::Done);
     EXPECT_EQ(problems, "");
@@ -326,7 +342,7 @@ TEST_F(RestorerTest, OverwritingFollowsNoLinkOutOfTheTarget) {
     fs::create_symlink(outside + "/file", target + "/file");
     fs::create_hard_link(outside + "/file", target + "/file2");
     RestoreOptions options;
-    options.overwrite = true;
+    options.existing = ObjectWriter::Existing::Replace;
     ASSERT_EQ(restore(FileTree(*store(), snapshot()), "", options), Restorer::Result::Done);
     EXPECT_EQ(problems, "");
     EXPECT_EQ(contentOf(outside + "/file"), "outside");
@@ -407,6 +423,99 @@ TEST_F(RestorerTest, AStopLeavesNoHalfFile) {
     EXPECT_EQ(restore(tree, "", options), Restorer::Result::Stopped);
     EXPECT_FALSE(fs::exists(target + "/big"));
     EXPECT_EQ(problems, "");
+}
+
+TEST_F(RestorerTest, ResumingKeepsWhatIsEqualAndMakesTheRestAsItWas) {
+    makeFiles(source);
+    setTimes(source);
+    replicate();
+    FileTree const tree(*store(), snapshot());
+    ASSERT_EQ(restore(tree, "", {}), Restorer::Result::Done);
+    auto const inodes = inodesOf(target);
+
+    // As an interruption leaves it: files cut or not there, modes and times of their own.
+    write(at("alone"), noise(300000));
+    write(at("other"), noise(300000));
+    setTimes(source);
+    replicate();
+    FileTree const later(*store(), snapshot());
+    write(target + "/alone", contentOf(at("alone")));
+    write(target + "/other", contentOf(at("other")).replace(299999, 1, "?"));
+    ASSERT_EQ(::chmod((target + "/alone").c_str(), 0600), 0);
+    auto const alone = inodesOf(target)["alone"];
+    RestoreOptions options;
+    options.existing = ObjectWriter::Existing::Resume;
+    ASSERT_EQ(restore(later, "", options), Restorer::Result::Done);
+    EXPECT_EQ(problems, "");
+    EXPECT_EQ(treeState(target), treeState(source));
+    auto const now = inodesOf(target);
+    EXPECT_EQ(now.at("alone"), alone);
+    std::size_t kept = 0;
+    for (auto const& [name, inode] : inodes)
+        kept += now.contains(name) && now.at(name) == inode;
+    EXPECT_GT(kept, inodes.size() / 2);
+}
+
+TEST_F(RestorerTest, ResumingPartsFilesThatAreOneInTheTargetAlone) {
+    write(at("one"), "same");
+    write(at("two"), "same");
+    replicate();
+    fs::create_directories(target);
+    write(target + "/one", "same");
+    fs::create_hard_link(target + "/one", target + "/two");
+    RestoreOptions options;
+    options.existing = ObjectWriter::Existing::Resume;
+    ASSERT_EQ(restore(FileTree(*store(), snapshot()), "", options), Restorer::Result::Done);
+    EXPECT_EQ(fs::hard_link_count(target + "/one"), 1U);
+    EXPECT_EQ(contentOf(target + "/one") + contentOf(target + "/two"), "samesame");
+}
+
+TEST_F(RestorerTest, OverwritingReplacesADirectoryWithAllThatIsInIt) {
+    write(at("file"), "new");
+    fs::create_symlink("target", at("link"));
+    replicate();
+    auto const outside = path + "/outside";
+    fs::create_directories(outside);
+    write(outside + "/stays", "outside");
+    for (auto const* name : {"file", "link"}) {
+        fs::create_directories(target + '/' + name + "/deep/er");
+        write(target + '/' + name + "/deep/old", "old");
+        fs::create_directory_symlink(outside, target + '/' + name + "/deep/out");
+    }
+    RestoreOptions options;
+    options.existing = ObjectWriter::Existing::Replace;
+    ASSERT_EQ(restore(FileTree(*store(), snapshot()), "", options), Restorer::Result::Done);
+    EXPECT_EQ(problems, "");
+    EXPECT_EQ(contentOf(target + "/file"), "new");
+    EXPECT_TRUE(fs::is_symlink(target + "/link"));
+    EXPECT_EQ(contentOf(outside + "/stays"), "outside");
+}
+
+TEST_F(RestorerTest, TheTargetIsClosedToOthersUntilItsEndAndAfterAStop) {
+    for (int i = 0; i < 100; ++i)
+        write(at(("file" + std::to_string(i)).c_str()), "text");
+    ASSERT_EQ(::chmod(source.c_str(), 0755), 0);
+    replicate();
+    FileTree const tree(*store(), snapshot());
+    auto const mode = [this] { return stateMode(target); };
+    fs::create_directories(target);
+    ASSERT_EQ(::chmod(target.c_str(), 0755), 0);
+    std::atomic<bool> wasOpen = false;
+    std::atomic<int> asked = 0;
+    RestoreOptions options;
+    options.stop = [&] {
+        wasOpen = wasOpen || mode() != 0700;
+        return ++asked == 20;
+    };
+    EXPECT_EQ(restore(tree, "", options), Restorer::Result::Stopped);
+    EXPECT_EQ(mode(), 0700U);
+    EXPECT_FALSE(wasOpen);
+    options.existing = ObjectWriter::Existing::Resume;
+    EXPECT_EQ(restore(tree, "", options), Restorer::Result::Done);
+    EXPECT_EQ(mode(), 0755U);
+    // A single object leaves the directory alone that it is put in.
+    EXPECT_EQ(restore(tree, "file7", options), Restorer::Result::Done);
+    EXPECT_EQ(mode(), 0755U);
 }
 
 TEST_F(RestorerTest, AUserWithoutPrivilegesGetsModesButNoForeignRights) {

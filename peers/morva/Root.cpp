@@ -14,6 +14,7 @@
 #include <QFile>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
@@ -258,14 +259,15 @@ void Root::erase(QString const& name, bool deactivate) {
                                                        " could be erased; run 'morva check', or "
                                                        "repeat the command");
     }
-    QDir().rmdir(directory);
-    if (isThere(directory))
-        throw CommandFailure(ExitCode::Failed, "can't remove " + directory);
     if (isThere(stateFile(source)) && !RawFile::remove(stateFile(source)))
         throw CommandFailure(ExitCode::Failed, "can't remove " + stateFile(source));
     drain(false);
-    // The name goes last: until the rest is kept, the store must be there to be named.
     checkpoint();
+    // Until a checkpoint its files are kept aside in it.
+    if (isThere(directory) && ::rmdir(QFile::encodeName(directory).constData()) != 0)
+        throw commandFailure("the store " + name + " is erased, but its directory stays",
+                             Status::fromErrno(errno, "remove", directory));
+    // The name goes last: until the rest is kept, the store must be there to be named.
     sources_.remove(source.id);
 }
 

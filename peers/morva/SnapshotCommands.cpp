@@ -1,3 +1,4 @@
+#include "base/values/Printable.h"
 #include "peers/morva/Commands.h"
 #include "peers/morva/Root.h"
 #include "peers/morva/SnapshotName.h"
@@ -44,13 +45,13 @@ void snapshot(CommandLine& line, Arguments const& given) {
 void printSnapshot(Output const& output, Root::Source const& source, SnapshotFile const& file) {
     auto const kind = SnapshotFile::typeText(file.type());
     auto const analyzed = file.analyzed();
-    auto const text =
-        QStringLiteral("%1  %2  %3  %4 files  %5 directories  %6%7")
-            .arg(file.instance().value, 5)
-            .arg(readableTime(file.sourceTime()), kind.leftJustified(8))
-            .arg(file.fileCount(), 9)
-            .arg(file.directoryCount(), 8)
-            .arg(analyzed ? readableSize(file.logicalSize()) + "  " : QString(), file.label());
+    auto const text = QStringLiteral("%1  %2  %3  %4 files  %5 directories  %6%7")
+                          .arg(file.instance().value, 5)
+                          .arg(readableTime(file.sourceTime()), kind.leftJustified(8))
+                          .arg(file.fileCount(), 9)
+                          .arg(file.directoryCount(), 8)
+                          .arg(analyzed ? readableSize(file.logicalSize()) + "  " : QString(),
+                               printable(file.label()));
     QJsonObject object{{"store", source.name},
                        {"snapshot", jsonNumber(file.instance().value)},
                        {"time", jsonNumber(file.sourceTime())},
@@ -71,7 +72,7 @@ void listSnapshots(CommandLine& line, Arguments const& given) {
         if ((!wanted.isEmpty() && source.name != wanted) || !source.made)
             continue;
         if (!line.output.json && root.sources().size() > 1)
-            line.output.result(source.name + ':', {}, {});
+            line.output.result(printable(source.name) + ':', {}, {});
         for (auto const& file : root.store(source, Root::Marked::Given)->snapshots().all())
             if (isVisible(*file))
                 printSnapshot(line.output, source, *file);

@@ -26,7 +26,7 @@ Instance snapshotNamed(Store& store, QString const& name) {
         for (auto file = all.rbegin(); file != all.rend(); ++file)
             if (isVisible(**file))
                 return (*file)->instance();
-        throw CommandFailure(ExitCode::Failed, "the store has no snapshot yet");
+        throw CommandFailure(ExitCode::Failed, "the store has no snapshot");
     }
     bool isNumber = false;
     Instance const instance{name.toUInt(&isNumber)};

@@ -16,9 +16,10 @@ using Replication::TreeOptions;
 TreeOptions treeOptions(Output const& output) {
     TreeOptions options;
     options.problem = [&output](std::string_view path, int error, std::string_view what) {
-        output.unreadable({path.data(), static_cast<qsizetype>(path.size())},
-                          QString::fromUtf8(what.data(), static_cast<qsizetype>(what.size())) +
-                              ": " + std::strerror(error));
+        output.unreadable(
+            {path.data(), static_cast<qsizetype>(path.size())},
+            QString::fromUtf8(what.data(), static_cast<qsizetype>(what.size())) +
+                (error != 0 ? QStringLiteral(": ") + std::strerror(error) : QString()));
     };
     options.stop = [] { return Output::interrupted.load(std::memory_order_relaxed); };
     return options;

@@ -1,4 +1,5 @@
 #include "base/process/Context.h"
+#include "base/values/Printable.h"
 #include "peers/morva/Commands.h"
 #include "peers/morva/Root.h"
 #include "peers/morva/SnapshotName.h"
@@ -60,11 +61,12 @@ QJsonValue jsonValue(XmlListIterator const& item) {
 /// The figures of the pool or a store: as text the plain values, as an object all of them.
 void printFigures(Output const& output, QString const& title, QString const& type,
                   XmlList const& list) {
-    QString text = title;
+    QString text = printable(title);
     for (XmlListIterator item(list); item; ++item)
         if (item.type() != XmlList::ValueTypeE::List)
             text += QStringLiteral("\n  %1 %2")
-                        .arg(item.name().leftJustified(40), jsonValue(item).toVariant().toString());
+                        .arg(item.name().leftJustified(40),
+                             printable(jsonValue(item).toVariant().toString()));
     QJsonObject object = jsonObject(list);
     object.insert("name", title);
     output.result(text, type, object);

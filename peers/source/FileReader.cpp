@@ -159,7 +159,7 @@ LogOutcome FileReader::attributes(AttributeSource const& source, Attribute const
     if (listed == 0)
         return LogOutcome::Done;
     if (listed < 0) {
-        if (errno == ENOTSUP || errno == ENOSYS)
+        if (errno == ENOTSUP || errno == ENOSYS || errno == ENOENT) // or it is gone
             return LogOutcome::Done;
         report(errno, "list extended attributes");
         return LogOutcome::Problem;
@@ -175,7 +175,7 @@ LogOutcome FileReader::attributes(AttributeSource const& source, Attribute const
                 return source.get(name.data(), value, room);
             });
         if (size < 0) {
-            if (errno == ENODATA) // removed since it was listed
+            if (errno == ENODATA || errno == ENOENT) // removed since it was listed
                 continue;
             report(errno, "read extended attribute");
             outcome = LogOutcome::Problem;

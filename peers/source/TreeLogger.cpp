@@ -130,6 +130,9 @@ private:
     [[nodiscard]] bool unchanged(struct stat const& status);
     [[nodiscard]] bool linkedToFirstName(TreeObject const& object);
     void endDirectory(struct stat const& status);
+    void fileContents(int directory, char const* name, Descriptor const& file, struct stat status);
+    /// An object that can't be had, or that isn't there any more.
+    void lost(int error, std::string_view what);
     void problem(int error, std::string_view what);
     void put(bool succeeded) { sinkFailed_ = sinkFailed_ || !succeeded; }
     void updateCounts();
@@ -262,7 +265,7 @@ void TreeLogger::Walk::regularFile(int directory, char const* name) {
     Descriptor const file = openAt(directory, name, O_NOFOLLOW | O_NONBLOCK);
     struct stat status = {};
     if (!file || ::fstat(file.get(), &status) != 0)
-        return problem(errno, "open");
+        return lost(errno, "open");
     if (!S_ISREG(status.st_mode))
         return problem(ESTALE, "open");
     TreeObject const object = here(status, file.get(), directory, name);
@@ -270,7 +273,25 @@ void TreeLogger::Walk::regularFile(int directory, char const* name) {
         return;
     add(counts_.files);
     if (!unchanged(status))
-        put(writer_.file(object));
+        fileContents(directory, name, file, status);
+}
+
+void TreeLogger::Walk::fileContents(int directory, char const* name, Descriptor const& file,
+                                    struct stat status) {
+    for (unsigned attempt = 1; !sinkFailed_; ++attempt) {
+        put(writer_.file(here(status, file.get(), directory, name)));
+        struct stat now = {};
+        if (::fstat(file.get(), &now) != 0 ||
+            (now.st_size == status.st_size && now.st_mtim.tv_sec == status.st_mtim.tv_sec &&
+             now.st_mtim.tv_nsec == status.st_mtim.tv_nsec))
+            return;
+        if (attempt >= options_.attempts ||
+            static_cast<std::uint64_t>(now.st_size) > TreeOptions::repeatedSize) {
+            add(counts_.changed);
+            return problem(0, "it changed while it was read");
+        }
+        status = now;
+    }
 }
 
 void TreeLogger::Walk::subdirectory(int directory, char const* name) {
@@ -279,7 +300,7 @@ void TreeLogger::Walk::subdirectory(int directory, char const* name) {
     struct stat status = {};
     if (child ? ::fstat(child.get(), &status) != 0
               : ::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return problem(errno, "open");
+        return lost(errno, "open");
     if (!S_ISDIR(status.st_mode))
         return problem(ESTALE, "open");
     TreeObject const object = here(status, child.get(), directory, name);
@@ -300,7 +321,7 @@ void TreeLogger::Walk::subdirectory(int directory, char const* name) {
 void TreeLogger::Walk::otherObject(int directory, char const* name) {
     struct stat status = {};
     if (::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return problem(errno, "open");
+        return lost(errno, "open");
     if (S_ISREG(status.st_mode))
         return regularFile(directory, name);
     if (S_ISDIR(status.st_mode))
@@ -325,7 +346,7 @@ void TreeLogger::Walk::symlink(int directory, char const* name, struct stat cons
            static_cast<ssize_t>(target_.size()))
         target_.resize(target_.size() * 2);
     if (length < 0)
-        return problem(errno, "read link");
+        return lost(errno, "read link");
     add(counts_.symlinks);
     put(writer_.symlink(here(status, -1, directory, name),
                         {target_.data(), static_cast<std::size_t>(length)}));
@@ -365,6 +386,13 @@ void TreeLogger::Walk::endDirectory(struct stat const& status) {
         put(writer_.endDirectory(here(status, -1, -1, nullptr)));
 }
 
+void TreeLogger::Walk::lost(int error, std::string_view what) {
+    if (error != ENOENT)
+        return problem(error, what);
+    add(counts_.vanished);
+    MORVA_TRACE(Normal) << "Gone since its directory was read:" << path_;
+}
+
 void TreeLogger::Walk::problem(int error, std::string_view what) {
     add(counts_.problems);
     MORVA_TRACE(Normal) << "Failed to" << what << path_ << Morva::TraceErrorCode{error};
@@ -396,7 +424,7 @@ void TreeLogger::Walk::readNames(Level& level) {
     level.entries.clear();
     for (;;) {
         ssize_t const got = ::getdents64(level.directory.get(), buffer_.data(), buffer_.size());
-        if (got < 0)
+        if (got < 0 && errno != ENOENT) // it was removed
             problem(errno, "read directory");
         if (got <= 0)
             break;

@@ -25,6 +25,8 @@ struct TreeCounts {
     std::atomic<std::uint64_t> bytes{0};    ///< of file contents logged, without holes
     std::atomic<std::uint64_t> logs{0};
     std::atomic<std::uint64_t> problems{0};  ///< what could not be read
+    std::atomic<std::uint64_t> changed{0};   ///< of these, files that changed while they were read
+    std::atomic<std::uint64_t> vanished{0};  ///< gone between their directory and themselves
     std::atomic<std::uint64_t> skipped{0};   ///< left out as asked for, or by the writer
     std::atomic<std::uint64_t> unchanged{0}; ///< of all these, not logged since they are known
 };
@@ -32,12 +34,16 @@ struct TreeCounts {
 struct TreeOptions {
     /// Absolute paths that are left out with all that is below them.
     std::vector<std::string> leaveOut;
-    /// Called for everything that can't be read (path, errno, what failed); the walk goes on.
+    /// Called for everything that can't be read (path, errno or 0, what failed); the walk goes on.
     std::function<void(std::string_view path, int error, std::string_view what)> problem;
     /// Asked for everything but directories; what the target has already is counted, not logged.
     std::function<bool(std::string_view path, struct stat const& status)> unchanged;
     /// Asked between two objects; true ends the walk.
     std::function<bool()> stop;
+    /// How often a file is logged that changes while it is read, unless it is larger than
+    /// `repeatedSize`; the last time it is a problem.
+    unsigned attempts = 1;
+    static constexpr std::uint64_t repeatedSize = 64U << 20;
 };
 
 /// Walks a directory tree, or one file, and hands it to a writer in an order that builds it from
@@ -46,6 +52,8 @@ struct TreeOptions {
 /// Names are taken in the order of their bytes. File systems mounted below are walked too; symbolic
 /// links are not followed. A file is logged with its size at the time it was opened; one that
 /// shrinks while it is read is cut to what was read. Writes hold at most 1 MiB and leave out holes.
+/// A file that got another size or modification time while it was read may hold parts of two
+/// states, and is a problem. What is gone when its turn comes was not there: no problem.
 class TreeLogger {
 public:
     enum class Result {
