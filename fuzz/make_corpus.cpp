@@ -167,10 +167,11 @@ void snapshots() {
         SnapshotFile file(scratch, Instance{7});
         file.setType(SnapshotType::User, false);
         file.setLabel(QStringLiteral("a label"));
-        require(file.snapshot({10, 20, 3}, 1700000000, Instance{6}, true), "snapshot");
-        require(file.openForAppend(), "append");
+        require(file.snapshot({10, 20, 3}, 1700000000, Instance{6}, true).ok(), "snapshot");
+        require(file.openForAppend().ok(), "append");
         for (std::uint64_t id = 1; id < 6; ++id)
-            require(file.addEntry(FileId{id}, Instance{static_cast<std::uint32_t>(id)}), "entry");
+            require(file.addEntry(FileId{id}, Instance{static_cast<std::uint32_t>(id)}).ok(),
+                    "entry");
     }
     QFile made(scratch + u'/' + SnapshotFile::fileName(Instance{7}));
     require(made.open(QIODevice::ReadOnly), "snapshot file");

@@ -10,7 +10,6 @@ using Morva::Fuzzing::MemoryFiles;
 using Morva::Fuzzing::require;
 using Replication::FileId;
 using Replication::Instance;
-using Replication::SnapshotEntry;
 using Replication::SnapshotFile;
 
 namespace {
@@ -19,12 +18,15 @@ std::uint64_t entries(SnapshotFile& file) {
     if (!file.openForRead())
         return 0;
     std::uint64_t count = 0;
-    SnapshotEntry entry;
-    while (file.readEntry(entry))
+    auto const next = [&file] {
+        auto const entry = file.readEntry();
+        return entry && entry->has_value();
+    };
+    while (next())
         ++count;
-    require(file.rewind(), "rewind");
+    require(file.rewind().ok(), "rewind");
     for (std::uint64_t again = 0; again < count; ++again)
-        require(file.readEntry(entry), "the entries are there again");
+        require(next(), "the entries are there again");
     (void)file.close();
     return count;
 }
@@ -53,13 +55,13 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     (void)file.dedupStatistics();
     require(file.label().size() <= SnapshotFile::maximumLabel, "label");
     if (file.openForAppend()) {
-        require(file.addEntry(FileId{5}, Instance{3}), "an entry is added");
+        require(file.addEntry(FileId{5}, Instance{3}).ok(), "an entry is added");
         (void)file.close();
         require(entries(file) == before + 1, "and read");
     }
     file.setLabel(QStringLiteral("label"));
     file.setRetire();
-    require(file.writeHeader(), "the header is written");
+    require(file.writeHeader().ok(), "the header is written");
     SnapshotFile const again(directory, instance);
     require(again.instance() == instance, "what was written is read");
     return static_cast<int>(seen & 0);

@@ -67,10 +67,11 @@ public:
                                                   Context::machineName().name(),
                                                   QStringLiteral("repository-sample"));
         Replication::StoreId const id{1};
-        bool const there = QFile::exists(Replication::Store::directoryOf(id) + "/files");
-        store_ = there ? Replication::Store::open(id, identity)
-                       : Replication::Store::create(id, identity, true);
-        must(static_cast<bool>(store_), "store");
+        auto store = Replication::Store::open(id, identity);
+        if (store.code() == Status::Code::NotFound)
+            store = Replication::Store::create(id, identity, true);
+        must(static_cast<bool>(store), "store");
+        store_ = *std::move(store);
         Replication::DataSink::Identity sink;
         sink.name = QStringLiteral("repository-sample");
         sink.sourceMachine = Context::machineName().name();
@@ -79,18 +80,18 @@ public:
         sink.ruleSet = 1;
         sink_ = std::make_unique<Replication::RepositoryPosix>(sink, Replication::ReplayId{1},
                                                                store_, streams_);
-        must(sink_->start(), "sink");
+        must(sink_->start().ok(), "sink");
         if (sink_->needsResync())
             sink_->needsResync(false);
     }
     void close() {
         if (!streams_)
             return;
-        sink_->handleShutdown();
+        must(sink_->handleShutdown().ok(), "sink");
         sink_.reset();
         {
             Replication::OperationGate::EnterAlone const alone;
-            must(store_->flush(), "flush");
+            must(store_->flush().ok(), "flush");
         }
         store_.reset();
         Replication::Store::closeAll();
@@ -142,14 +143,15 @@ public:
     }
     /// The instance of a new snapshot.
     Replication::Instance snapshot() {
-        must(store_->snapshots().userSnapshot(0, ++time_, QStringLiteral("sample")), "snapshot");
+        must(store_->snapshots().userSnapshot(0, ++time_, QStringLiteral("sample")).ok(),
+             "snapshot");
         return store_->currentInstance();
     }
     void deleteSnapshot(Replication::Instance instance) {
-        must(store_->snapshots().deleteSnapshot(instance), "delete snapshot");
+        must(store_->snapshots().deleteSnapshot(instance).ok(), "delete snapshot");
     }
     void drain() {
-        must(Replication::DedupWorker(streams_).drain(), "dedup queue");
+        must(Replication::DedupWorker(streams_).drain().ok(), "dedup queue");
         must(Replication::CleanupWorker(streams_).drain(), "cleanup queue");
     }
 

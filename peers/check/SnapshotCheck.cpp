@@ -2,10 +2,8 @@
 
 #include "base/files/BufferedFile.h"
 #include "base/values/LittleEndian.h"
+#include "replication/repository/store/SnapshotRequests.h"
 #include "replication/repository/streams/DedupFile.h"
-
-#include <QDir>
-#include <QFileInfo>
 
 #include <algorithm>
 
@@ -40,9 +38,10 @@ void SnapshotCheck::run() {
     checkClaims();
     std::uint32_t mark = 0;
     for (File const& file : snapshots_)
-        if (!file->retired())
+        if (!file->retire())
             walk(*file, ++mark);
     checkDedupFiles();
+    checkRequests();
     store_.report.figures.snapshots += snapshots_.size();
 }
 
@@ -50,17 +49,26 @@ void SnapshotCheck::run() {
 
 void SnapshotCheck::load() {
     QString const path = store_.path + "/snapshot";
-    auto const names = QDir(path).entryList(QDir::Files, QDir::Name);
-    for (QString const& name : names) {
+    auto& files = FileSystem::inForce();
+    auto const names = files.names(path, FileSystem::Kind::File);
+    if (!names)
+        return store_.fault(FaultKind::Unreadable, names.status().text());
+    for (QString const& name : *names) {
         Instance const instance = SnapshotFile::fromFileName(name);
         if (!instance)
             continue;
         auto file = std::make_shared<SnapshotFile>(path, instance, SnapshotFile::ReadOnly{});
         if (!file->instance()) {
-            fault(FaultKind::Snapshot, instance, QStringLiteral("has no sound header"));
+            fault(FaultKind::Snapshot, instance,
+                  QStringLiteral("has no sound header: %1").arg(file->status().text()));
             continue;
         }
-        checkHeader(*file, static_cast<std::uint64_t>(QFileInfo(path + "/" + name).size()));
+        auto const found = files.stat(path + "/" + name);
+        if (!found || !*found) {
+            fault(FaultKind::Unreadable, instance, QStringLiteral("can't be looked at"));
+            continue;
+        }
+        checkHeader(*file, (*found)->length);
         snapshots_.push_back(std::move(file));
     }
     if (snapshots_.empty() || snapshots_.back()->instance() != store_.instance)
@@ -85,7 +93,11 @@ void SnapshotCheck::checkHeader(SnapshotFile const& file, std::uint64_t bytes) {
     if (file.previousInstance() >= instance)
         tell(QStringLiteral("names %1 as the one before it").arg(file.previousInstance().value));
     std::uint64_t const first = file.deleteOffset();
-    if (first != header && !(old && first == oldHeader))
+    // A retirement that has begun moves it forward.
+    std::uint64_t const usual = old ? oldHeader : header;
+    bool const moved =
+        file.retire() && first > usual && (first - usual) % SnapshotEntry::packedSize == 0;
+    if (first != header && !(old && first == oldHeader) && !moved)
         tell(QStringLiteral("has its first entry at %1").arg(first));
     if (bytes < first)
         tell(QStringLiteral("ends at %1, before its entries").arg(bytes));
@@ -106,20 +118,23 @@ void SnapshotCheck::readEntries(SnapshotFile& file) {
         fault(FaultKind::Unreadable, file.instance(), QStringLiteral("can't be read"));
         return;
     }
-    SnapshotEntry entry;
-    while (file.readEntry(entry))
-        claim(file, entry);
-    if (file.readFailed())
+    auto entry = file.readEntry();
+    for (; entry && *entry; entry = file.readEntry())
+        claim(file, **entry);
+    if (!entry)
         fault(FaultKind::Unreadable, file.instance(),
-              QStringLiteral("can't be read to the end of its entries"));
+              QStringLiteral("can't be read to the end of its entries: %1")
+                  .arg(entry.status().text()));
     file.close();
 }
 
-/// The newest snapshot with a number up to this one.
+/// The newest snapshot with a number up to this one, but for those that hand on what they have.
 Instance SnapshotCheck::newestUpTo(Instance instance) const {
-    auto const above =
+    auto above =
         std::upper_bound(snapshots_.begin(), snapshots_.end(), instance,
                          [](Instance value, File const& file) { return value < file->instance(); });
+    while (above != snapshots_.begin() && (*(above - 1))->handedOn().to)
+        --above;
     return above == snapshots_.begin() ? Instance{} : (*(above - 1))->instance();
 }
 
@@ -127,7 +142,7 @@ void SnapshotCheck::claim(SnapshotFile const& file, SnapshotEntry const& entry) 
     Instance const snapshot = file.instance();
     auto const tell = [&](QString const& text) {
         // A retirement that was cut short has freed versions whose entries are still there.
-        if (!file.retired())
+        if (!file.retire())
             fault(FaultKind::SnapshotEntry, snapshot,
                   QStringLiteral("has an entry of file %1, instance %2, %3")
                       .arg(entry.id.value)
@@ -233,8 +248,17 @@ void SnapshotCheck::walk(SnapshotFile const& file, std::uint32_t mark) {
 
 void SnapshotCheck::checkDedupFiles() {
     QString const path = store_.path + "/snapshot";
-    auto const names = QDir(path).entryList({QStringLiteral("dedup*")}, QDir::Files, QDir::Name);
-    for (QString const& name : names) {
+    auto const names = FileSystem::inForce().names(path, FileSystem::Kind::File);
+    if (!names)
+        return store_.fault(FaultKind::Unreadable, names.status().text());
+    for (QString const& name : *names) {
+        if (!name.startsWith(QLatin1String("dedup")))
+            continue;
+        auto const digits = QStringLiteral("snapshot") + name.mid(5);
+        if (SnapshotFile::fromFileName(digits) > store_.instance)
+            store_.fault(
+                FaultKind::DedupFile,
+                QStringLiteral("%1 is of no instance that the store has reached").arg(name));
         BufferedFile file(DedupFile::bufferSize);
         if (!file.open(path + "/" + name)) {
             store_.fault(FaultKind::Unreadable, QStringLiteral("%1 can't be opened").arg(name));
@@ -242,7 +266,8 @@ void SnapshotCheck::checkDedupFiles() {
         }
         std::uint64_t bytes = 0;
         std::array<std::uint8_t, DedupFile::entrySize> entry;
-        for (; file.read(entry.data(), entry.size()) == entry.size(); bytes += entry.size()) {
+        Result<std::uint32_t> got = 0U;
+        while ((got = file.read(entry.data(), entry.size())) && *got == entry.size()) {
             StreamId const id{loadLittle<std::uint64_t>(entry.data())};
             // The stream may have gone since, or never have reached the disk.
             if (id.value <= Blocks::firstBlock())
@@ -251,11 +276,31 @@ void SnapshotCheck::checkDedupFiles() {
                                                        .arg(bytes / entry.size())
                                                        .arg(name)
                                                        .arg(id.value));
+            bytes += entry.size();
         }
-        if (bytes != file.length())
+        if (!got)
+            store_.fault(FaultKind::Unreadable, got.status().text());
+        else if (*got != 0)
             store_.report.note(
                 QStringLiteral("%1: %2 ends with a torn entry").arg(store_.where(), name));
     }
+}
+
+// --- what background work has still to do
+
+void SnapshotCheck::checkRequests() {
+    Replication::SnapshotRequests requests;
+    Status const read = requests.read(store_.path + "/snapshot");
+    // Without a sound file the next opening makes one from the headers.
+    if (!read && !read.is(Status::Code::NotFound))
+        store_.fault(FaultKind::Snapshot, read.text());
+    for (auto const& [key, reason] : requests.all())
+        if (!reason.isEmpty())
+            store_.report.note(QStringLiteral("%1: the background work on snapshot %2 has failed "
+                                              "and is tried again: %3")
+                                   .arg(store_.where())
+                                   .arg(key.instance.value)
+                                   .arg(reason));
 }
 
 } // namespace Morva

@@ -28,6 +28,7 @@ private:
     void checkClaims();
     void walk(Replication::SnapshotFile const& file, std::uint32_t mark);
     void checkDedupFiles();
+    void checkRequests();
     void fault(FaultKind kind, Replication::Instance snapshot, QString const& text);
 
     StoreState& store_;

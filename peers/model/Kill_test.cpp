@@ -26,7 +26,7 @@ void retireAll(Target& target) {
     auto const before = target.live();
     auto const all = target.store().snapshots().all();
     for (std::size_t i = 0; i + 1 < all.size(); ++i)
-        (void)target.store().snapshots().deleteSnapshot(all[i]->instance());
+        EXPECT_TRUE(target.store().snapshots().deleteSnapshot(all[i]->instance()));
     target.root().drain(true);
     EXPECT_EQ(difference(target.live(), before), "") << "after the retirement";
 }

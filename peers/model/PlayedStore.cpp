@@ -71,7 +71,7 @@ std::string PlayedStore::faults() {
 
 void PlayedStore::snapshot() {
     auto& snapshots = store().snapshots();
-    must(snapshots.userSnapshot(0, clock_, QStringLiteral("model")), "snapshot");
+    must(snapshots.userSnapshot(0, clock_, QStringLiteral("model")).ok(), "snapshot");
     snapshots_[store().currentInstance().value] = shown();
     count("snapshot");
 }
@@ -81,7 +81,7 @@ void PlayedStore::retire() {
         return;
     auto at = snapshots_.begin();
     std::advance(at, static_cast<std::ptrdiff_t>(pick(snapshots_.size())));
-    store().snapshots().deleteSnapshot(Instance{at->first});
+    must(store().snapshots().deleteSnapshot(Instance{at->first}).ok(), "delete snapshot");
     snapshots_.erase(at);
     if (pick(2) == 0)
         applyPool();
@@ -97,6 +97,20 @@ void PlayedStore::reopen() {
     close();
     open();
     count("reopen");
+}
+
+void PlayedStore::kill() {
+    root_->checkpoint();
+    replay_.reset();
+    root_.reset();
+    open();
+    count("kill");
+}
+
+std::string PlayedStore::unknownNumbers() const {
+    auto const unknown = replay_ ? replay_->counts().unknown : 0;
+    return unknown == 0 ? std::string()
+                        : std::to_string(unknown) + " logs on numbers that aren't known\n";
 }
 
 void PlayedStore::applyPool() {

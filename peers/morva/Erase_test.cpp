@@ -83,7 +83,7 @@ TEST_F(Erase, TakesUpWhatWasInterruptedAndLeavesTheNameToANewStore) {
     replicateInto("main");
     replicateInto("other");
     auto const oldId = root->source("other").id;
-    store()->active(false);
+    ASSERT_TRUE(store()->active(false));
     ASSERT_TRUE(store()->markForDeletion());
     ASSERT_EQ(endAndCheck(), "");
     begin();

@@ -1,22 +1,18 @@
 #include "peers/morva/Root.h"
 
-#include "base/files/RawFile.h"
+#include "base/files/FileSystem.h"
 #include "base/process/Config.h"
 #include "base/process/Context.h"
 #include "base/process/FixedPath.h"
 #include "base/trace/Log.h"
 #include "base/trace/Trace.h"
 #include "peers/morva/Failure.h"
+#include "replication/repository/store/SavedState.h"
 #include "replication/repository/store/Store.h"
 #include "replication/repository/streams/OperationGate.h"
 
-#include <QDir>
 #include <QFile>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <utility>
 
 namespace Morva {
@@ -59,12 +55,10 @@ void setRoot(QString const& path) {
 
 /// Whether a name is there. What the system can't say is neither yes nor no.
 bool isThere(QString const& name) {
-    struct stat status {};
-    if (::lstat(QFile::encodeName(name).constData(), &status) == 0)
-        return true;
-    if (errno == ENOENT)
-        return false;
-    throw commandFailure("can't look for " + name, Status::fromErrno(errno, "look at", name));
+    auto const found = FileSystem::inForce().exists(name);
+    if (!found.ok())
+        throw commandFailure("can't look for " + name, found.status());
+    return *found;
 }
 
 /// The file that each store has.
@@ -73,8 +67,8 @@ QString filesOf(Source const& source) {
 }
 
 void makePath(QString const& path) {
-    if (!QDir().mkpath(path))
-        throw CommandFailure(ExitCode::Failed, "can't make the directory " + path);
+    if (auto const status = FileSystem::inForce().makeDirectory(path); !status)
+        throw commandFailure("can't make the directory " + path, status);
 }
 
 void save(char const* name, XmlList const& list) {
@@ -153,7 +147,7 @@ std::unique_ptr<Journal> Root::openJournal() {
     if (!journal)
         throw CommandFailure(ExitCode::Failed,
                              "the journal in " + directory + " can't be read or carried out");
-    return journal;
+    return *std::move(journal);
 }
 
 void Root::findStores() {
@@ -196,29 +190,33 @@ StorePointer Root::store(Source const& source, Marked marked) {
                            "repository-" + source.name);
     if (source.kind == SourceKind::Exchange)
         identity.filterType = Replication::eFilterExchange;
-    auto const exists = isThere(filesOf(source));
-    if (!exists && source.made)
+    auto const exists = Store::exists(id);
+    if (!exists.ok())
+        throw doesNotOpen(source, exists.status());
+    if (!*exists && source.made)
         throw CommandFailure(ExitCode::Failed, "the files of the store " + source.name +
                                                    " are not at " + Store::directoryOf(id) +
                                                    ": is its volume mounted?");
-    if (!exists && purpose_ == For::Reading)
+    if (!*exists && purpose_ == For::Reading)
         throw CommandFailure(ExitCode::Failed, "the store " + source.name + " holds nothing yet");
-    auto store = exists ? Store::open(id, identity)
-                        : Store::create(id, identity, caseSensitive(source.kind));
-    if (!store && exists) {
-        store = Store::open(id, true);
-        if (store && !store->markedForDeletion())
-            store.reset();
-        if (store && marked == Marked::Refused)
+    auto opened = *exists ? Store::open(id, identity)
+                          : Store::create(id, identity, caseSensitive(source.kind));
+    if (!opened && *exists) {
+        auto going = Store::open(id, true);
+        bool const goes = going && (*going)->markedForDeletion();
+        if (goes && marked == Marked::Refused)
             throw CommandFailure(ExitCode::Failed, "the store " + source.name +
                                                        " waits for its deletion: 'morva erase " +
                                                        source.name + "' ends it");
+        if (goes)
+            opened = std::move(going);
     }
-    if (!store)
-        throw CommandFailure(ExitCode::Failed,
-                             "the store " + source.name + " does not open; run 'morva check'");
+    if (!opened)
+        throw doesNotOpen(source, opened.status());
+    auto store = *std::move(opened);
     if (store->unclean() && store->valid() && purpose_ == For::Changing)
-        store->freeUnclaimed();
+        if (Status const freed = store->freeUnclaimed(); !freed)
+            throw doesNotOpen(source, freed);
     open_ += store;
     return store;
 }
@@ -228,18 +226,23 @@ void Root::markForDeletion(Source const& source, bool deactivate) {
     StoreId const id{source.id};
     if (Store::list().contains(id))
         throw CommandFailure(ExitCode::Failed, "The store is currently in use");
-    auto const store = Store::open(id, true);
-    if (!store)
-        throw CommandFailure(ExitCode::Failed, "the store " + source.name + " does not open");
+    auto const opened = Store::open(id, true);
+    if (!opened)
+        throw doesNotOpen(source, opened.status());
+    auto const& store = *opened;
     if (store->markedForDeletion())
         return;
     if (store->active() && !deactivate)
         throw CommandFailure(ExitCode::Failed, "the store " + source.name +
                                                    " is active, since the rules feed it: give "
                                                    "--deactivate to end that and erase it");
-    store->active(false);
-    if (!store->markForDeletion())
-        throw CommandFailure(ExitCode::Failed, "The store is in the wrong state to be deleted");
+    Status marked = store->active(false);
+    if (marked)
+        marked = store->markForDeletion();
+    if (!marked)
+        throw CommandFailure(ExitCode::Failed,
+                             "the store " + source.name +
+                                 " can't be marked for deletion: " + marked.text());
     // The mark stands when the last pointer goes, and nobody can open the store from then on.
 }
 
@@ -250,23 +253,30 @@ void Root::erase(QString const& name, bool deactivate) {
     Source const source = this->source(name);
     StoreId const id{source.id};
     auto const directory = Store::directoryOf(id);
-    // Without "files" an erasing had come to its end but for what follows here.
-    if (isThere(filesOf(source))) {
+    auto const there = Store::exists(id);
+    if (!there.ok())
+        throw doesNotOpen(source, there.status());
+    // Without a file an erasing had come to its end but for what follows here.
+    if (*there) {
         markForDeletion(source, deactivate);
         auto const store = Store::open(id, true);
-        if (!store || !store->erase())
+        auto const erased =
+            store ? (*store)->erase([this] { return safePoint(); }) : store.status();
+        if (!erased)
             throw CommandFailure(ExitCode::Failed, "not all of the store " + name +
-                                                       " could be erased; run 'morva check', or "
-                                                       "repeat the command");
+                                                       " could be erased: " + erased.text() +
+                                                       "; repeat the command");
     }
-    if (isThere(stateFile(source)) && !RawFile::remove(stateFile(source)))
-        throw CommandFailure(ExitCode::Failed, "can't remove " + stateFile(source));
+    auto& files = FileSystem::inForce();
+    if (auto const status = files.removeIfThere(stateFile(source)); !status)
+        throw commandFailure("can't remove " + stateFile(source), status);
     drain(false);
     checkpoint();
     // Until a checkpoint its files are kept aside in it.
-    if (isThere(directory) && ::rmdir(QFile::encodeName(directory).constData()) != 0)
-        throw commandFailure("the store " + name + " is erased, but its directory stays",
-                             Status::fromErrno(errno, "remove", directory));
+    if (isThere(directory))
+        if (auto const status = files.removeDirectory(directory); !status)
+            throw commandFailure("the store " + name + " is erased, but its directory stays",
+                                 status);
     // The name goes last: until the rest is kept, the store must be there to be named.
     sources_.remove(source.id);
 }
@@ -287,7 +297,8 @@ std::unique_ptr<Sink> Root::sink(Source const& source) {
     if (target->caseSensitive() != caseSensitive(source.kind))
         throw CommandFailure(ExitCode::Failed, "the rules of the store " + source.name +
                                                    " tell of another kind of source than it has");
-    target->active(true);
+    if (Status const active = target->active(true); !active)
+        throw doesNotOpen(source, active);
     Sink::Identity identity;
     identity.name = "repository-" + source.name;
     identity.sourceMachine = Context::machineName().name();
@@ -295,9 +306,9 @@ std::unique_ptr<Sink> Root::sink(Source const& source) {
     identity.stateFile = stateFile(source);
     identity.ruleSet = ruleSet();
     auto sink = makeSink(source.kind, identity, ReplayId{source.id}, target, streams_);
-    if (!sink->start())
+    if (auto const started = sink->start(); !started)
         throw CommandFailure(ExitCode::Failed,
-                             "the rules of the store " + source.name + " can't be loaded");
+                             "the store " + source.name + " takes no logs: " + started.text());
     return sink;
 }
 
@@ -310,8 +321,9 @@ void Root::drain(bool dedup) {
     if (dedup) {
         if (!dedup_)
             dedup_ = std::make_unique<DedupWorker>(streams_);
-        if (!dedup_->drain())
-            throw CommandFailure(ExitCode::Failed, "the deduplication queue failed");
+        if (Status const drained = dedup_->drain([this] { return safePoint(); }); !drained)
+            throw CommandFailure(ExitCode::Failed,
+                                 "the deduplication queue failed: " + drained.text());
     }
     if (!cleanup_)
         cleanup_ = std::make_unique<CleanupWorker>(streams_);
@@ -325,12 +337,25 @@ CommandFailure Root::notWritten() const {
                                   "there space? Else run 'morva check'"};
 }
 
+CommandFailure Root::doesNotOpen(Source const& source, Status const& why) {
+    return {ExitCode::Failed,
+            "the store " + source.name + " does not open: " + why.text() + "; run 'morva check'"};
+}
+
+Status Root::safePoint() {
+    try {
+        checkpointIfDue();
+        return {};
+    } catch (CommandFailure const& failure) {
+        return Status::failure(Status::Code::IoError, "make a checkpoint of", path_,
+                               QString::fromUtf8(failure.what()));
+    }
+}
+
 void Root::flush() {
-    bool flushed = true;
-    for (auto const& store : std::as_const(open_))
-        flushed = store->flush() && flushed;
-    flushed = streams_->flush() && flushed;
-    if (!flushed)
+    bool const stores = Replication::StoreTable::flushAll().ok();
+    bool const pool = streams_->flush();
+    if (!stores || !pool)
         throw notWritten();
 }
 
@@ -355,6 +380,8 @@ void Root::checkpoint() {
         throw notWritten();
     lastCheckpoint_ = std::chrono::steady_clock::now();
     keep(openStores());
+    for (auto const& store : std::as_const(open_))
+        store->saved().durable();
 }
 
 void Root::checkpointIfDue() {

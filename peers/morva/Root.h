@@ -111,6 +111,9 @@ private:
     void findStores();
     void markForDeletion(Source const& source, bool deactivate);
     void openPool();
+    /// A checkpoint in a long work, if one is due.
+    [[nodiscard]] Status safePoint();
+    [[nodiscard]] static CommandFailure doesNotOpen(Source const& source, Status const& why);
     void flush();
     [[nodiscard]] std::vector<std::uint32_t> openStores() const;
     void keep(std::vector<std::uint32_t> const& stores);

@@ -7,8 +7,8 @@
 
 namespace Morva {
 
-/// Counts the bytes of what a command is about to read, on a thread of its own, so that its progress
-/// line knows what is left. Only worth its reads where somebody watches.
+/// Counts the bytes of what a command is about to read, on a thread of its own, so that its
+/// progress line knows what is left. Only worth its reads where somebody watches.
 class SizeCount {
 public:
     /// Called with the size of an object; false ends the count.

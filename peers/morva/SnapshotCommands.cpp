@@ -65,6 +65,15 @@ void printSnapshot(Output const& output, Root::Source const& source, SnapshotFil
     output.result(text, "snapshot", object);
 }
 
+void printDamaged(Output const& output, Root::Source const& source, SnapshotFile const& file,
+                  Status const& why) {
+    output.result(QStringLiteral("%1  damaged: %2").arg(file.instance().value, 5).arg(why.text()),
+                  "snapshot",
+                  QJsonObject{{"store", source.name},
+                              {"snapshot", jsonNumber(file.instance().value)},
+                              {"damaged", why.text()}});
+}
+
 void listSnapshots(CommandLine& line, Arguments const& given) {
     Root root(line.output, Root::For::Reading);
     auto const wanted = argumentText(given.store);
@@ -74,7 +83,9 @@ void listSnapshots(CommandLine& line, Arguments const& given) {
         if (!line.output.json && root.sources().size() > 1)
             line.output.result(printable(source.name) + ':', {}, {});
         for (auto const& file : root.store(source, Root::Marked::Given)->snapshots().all())
-            if (isVisible(*file))
+            if (Status const known = file->status(); !known)
+                printDamaged(line.output, source, *file, known);
+            else if (isVisible(*file))
                 printSnapshot(line.output, source, *file);
     }
     if (!wanted.isEmpty())
@@ -88,10 +99,22 @@ void deleteSnapshot(CommandLine& line, Arguments const& given) {
     auto store = root.store(source);
     auto const instance = snapshotNamed(*store, argumentText(given.snapshot));
     auto const atOnce = instance != store->currentInstance();
-    store->snapshots().deleteSnapshot(instance);
-    store.reset();
+    auto const failure = [&](QString const& why) {
+        return CommandFailure(ExitCode::Failed, QStringLiteral("snapshot %1 is not deleted: %2; "
+                                                               "repeat the command, or run "
+                                                               "'morva check'")
+                                                    .arg(instance.value)
+                                                    .arg(why));
+    };
+    if (Status const asked = store->snapshots().deleteSnapshot(instance); !asked)
+        throw failure(asked.text());
     if (atOnce)
         root.drain(true);
+    auto const& waiting = store->snapshots().waiting();
+    auto const left = waiting.find({instance, Replication::SnapshotRequests::Kind::Retire});
+    if (atOnce && store->snapshots().find(instance))
+        throw failure(left != waiting.end() ? left->second : QStringLiteral("it is still there"));
+    store.reset();
     root.finish();
     line.output.summary(
         atOnce ? QStringLiteral("snapshot %1 is gone").arg(instance.value)

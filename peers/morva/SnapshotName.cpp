@@ -15,6 +15,8 @@ using Replication::SnapshotType;
 using Replication::Store;
 
 bool isVisible(SnapshotFile const& file) {
+    if (!file.status())
+        return false;
     auto const type = file.type();
     return !file.retire() && !file.retired() && type != SnapshotType::Old &&
            type != SnapshotType::Initial && type != SnapshotType::Validate;
@@ -38,6 +40,10 @@ Instance snapshotNamed(Store& store, QString const& name) {
                                                   "\"latest\"; a path stands behind it, as "
                                                   "latest:PATH");
     auto const file = store.snapshots().find(instance);
+    if (file)
+        if (Status const known = file->status(); !known)
+            throw CommandFailure(ExitCode::Failed, "snapshot " + name + " can't be read: " +
+                                                       known.text() + "; run 'morva check'");
     if (!file || !isVisible(*file))
         throw CommandFailure(ExitCode::Failed, "there is no snapshot " + name);
     return instance;
@@ -46,8 +52,8 @@ Instance snapshotNamed(Store& store, QString const& name) {
 Instance takeSnapshot(Store& store, QString const& label) {
     auto const now = static_cast<std::uint32_t>(std::time(nullptr));
     store.retired().timeStamp(now);
-    if (!store.snapshots().userSnapshot(0, now, label))
-        throw CommandFailure(ExitCode::Failed, "the snapshot could not be taken");
+    if (Status const taken = store.snapshots().userSnapshot(0, now, label); !taken)
+        throw CommandFailure(ExitCode::Failed, "the snapshot could not be taken: " + taken.text());
     return store.currentInstance();
 }
 

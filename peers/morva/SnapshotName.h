@@ -11,7 +11,7 @@ class Store;
 namespace Morva {
 
 /// Whether a snapshot is one that a user took or may want: not the empty first one, no validation,
-/// none that is being retired.
+/// none that is being retired, none that is damaged.
 [[nodiscard]] bool isVisible(Replication::SnapshotFile const& file);
 /// The instance that a user means: a number, or "latest". Throws `CommandFailure` when the store
 /// has no such snapshot.

@@ -24,11 +24,12 @@ SnapshotAnalysis::SnapshotAnalysis(FileHandle const& snapshot) : snapshot_(snaps
                         << "Id" << Morva::hex << snapshot.id << Morva::dec << "Store"
                         << snapshot.store << "Type" << snapshot.kind << "Instance"
                         << snapshot.instance << "Link" << snapshot.link;
-    store_ = Store::open(snapshot.store, false);
-    if (store_) {
+    auto store = Store::open(snapshot.store, false);
+    if (store) {
+        store_ = *std::move(store);
         begin();
     } else {
-        MORVA_TRACE(Always) << "Store is not available" << snapshot.store;
+        MORVA_TRACE(Always) << "Store is not available" << snapshot.store << store.status().text();
         end(State::Failed);
     }
 }
@@ -69,7 +70,10 @@ SnapshotAnalysis::State SnapshotAnalysis::step() {
 }
 
 bool SnapshotAnalysis::countDirectory(FileId directory) {
-    FileNode::Pointer const node = store_->passiveHandle(directory, snapshot_.instance);
+    auto const found = store_->passiveHandle(directory, snapshot_.instance);
+    if (!found)
+        return false;
+    FileNode::Pointer const& node = *found;
     if (!node || !node->isDirectory()) {
         MORVA_TRACE(Always) << (node ? "Not a directory" : "No longer exists") << Morva::hex
                             << directory << Morva::dec << "instance" << snapshot_.instance;
@@ -94,7 +98,10 @@ bool SnapshotAnalysis::count(DirectoryEntry const& entry) {
         ++directoryCount_;
         return true;
     }
-    FileNode::Pointer const node = store_->passiveHandle(id, snapshot_.instance);
+    auto const found = store_->passiveHandle(id, snapshot_.instance);
+    if (!found)
+        return false;
+    FileNode::Pointer const& node = *found;
     if (!node) {
         MORVA_TRACE(Always) << "No longer exists" << Morva::hex << id << Morva::dec << "instance"
                             << snapshot_.instance;
@@ -103,15 +110,19 @@ bool SnapshotAnalysis::count(DirectoryEntry const& entry) {
     // Most files never had a second name, and needn't be remembered.
     if (!node->notLinked() && !counted_.insert(id).second)
         return true;
-    logicalSize_ += node->size();
+    auto const size = node->size();
+    if (!size)
+        return false;
+    logicalSize_ += *size;
     ++fileCount_;
     return true;
 }
 
 bool SnapshotAnalysis::record() {
     OperationGate::Enter const gate;
-    return store_->snapshots().snapshotAnalyzed(snapshot_.instance, logicalSize_, directoryCount_,
-                                                fileCount_);
+    return store_->snapshots()
+        .snapshotAnalyzed(snapshot_.instance, logicalSize_, directoryCount_, fileCount_)
+        .ok();
 }
 
 } // namespace Replication

@@ -7,6 +7,7 @@
 
 namespace Replication {
 
+using Morva::Status;
 using Morva::TracedLock;
 
 namespace {
@@ -84,18 +85,26 @@ ControlBlock::Image ControlBlock::image() const {
     return image_;
 }
 
-bool ControlBlock::write() {
+Status ControlBlock::write() {
     TracedLock lock(lock_);
-    return !dirty_ || writeLocked();
+    return dirty_ ? writeLocked() : Status();
 }
 
-bool ControlBlock::writeLocked() {
+Status ControlBlock::writeLocked() {
     markedForDeletion_.store(ControlFields(image_.data()).markedForDeletion(),
                              std::memory_order_relaxed);
-    dirty_ = !writer_(image_);
+    Status outcome = writer_(image_);
+    dirty_ = !outcome;
     if (dirty_)
-        MORVA_TRACE(Always) << "Failed to write control block";
-    return !dirty_;
+        MORVA_TRACE(Always) << "Failed to write control block" << outcome.text();
+    return outcome;
+}
+
+void ControlBlock::restore(Image const& image) {
+    image_ = image;
+    dirty_ = true;
+    markedForDeletion_.store(ControlFields(image_.data()).markedForDeletion(),
+                             std::memory_order_relaxed);
 }
 
 void ControlBlock::countName(std::uint32_t type, bool added) {

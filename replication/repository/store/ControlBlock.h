@@ -2,6 +2,7 @@
 
 #include "base/trace/TracedLock.h"
 #include "base/values/LittleEndian.h"
+#include "base/values/Status.h"
 #include "replication/common/values/Ids.h"
 
 #include <QString>
@@ -131,7 +132,7 @@ class ControlBlock {
 public:
     using Image = std::array<std::uint8_t, ControlFields::size>;
     /// Writes the whole block through to the file.
-    using Writer = std::function<bool(Image const&)>;
+    using Writer = std::function<Morva::Status(Image const&)>;
     enum class Loaded { Current, Upgraded, Invalid };
 
     explicit ControlBlock(Writer writer) : writer_(std::move(writer)) {}
@@ -163,16 +164,20 @@ public:
     [[nodiscard]] QString type() const;
     [[nodiscard]] Image image() const;
 
-    /// Runs `change` on the fields and writes the block through; false when the write failed. The
-    /// change stands in memory then, and the next write takes it along.
-    template <class Change> bool update(Change change) {
+    /// Runs `change` on the fields and writes the block through. When the write fails the change is
+    /// taken back, and what the file may have got of it goes with the next write.
+    template <class Change> [[nodiscard]] Morva::Status update(Change change) {
         Morva::TracedLock lock(lock_);
+        Image const before = image_;
         ControlFields fields(image_.data());
         change(fields);
-        return writeLocked();
+        Morva::Status outcome = writeLocked();
+        if (!outcome)
+            restore(before);
+        return outcome;
     }
     /// Writes the block if it has changed since the last successful write.
-    bool write();
+    [[nodiscard]] Morva::Status write();
 
     /// One object more or less in the tree: a directory for type 2, else a file. A counter stops
     /// at 0. Store 0 keeps no counters.
@@ -186,7 +191,8 @@ private:
         Morva::TracedLock lock(lock_);
         return (ControlFields(const_cast<std::uint8_t*>(image_.data())).*field)();
     }
-    bool writeLocked() MORVA_REQUIRES(lock_);
+    [[nodiscard]] Morva::Status writeLocked() MORVA_REQUIRES(lock_);
+    void restore(Image const& image) MORVA_REQUIRES(lock_);
 
     Writer writer_;
     mutable Morva::TracedMutex lock_{{"Lock Control Block", "Unlock Control Block"}};

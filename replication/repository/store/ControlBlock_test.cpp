@@ -14,7 +14,7 @@ struct Written {
         return [this](ControlBlock::Image const& image) {
             ++count;
             last = image;
-            return !fail;
+            return fail ? Morva::Status::fromErrno(EIO, "write", "files") : Morva::Status();
         };
     }
 };
@@ -109,15 +109,24 @@ TEST(ControlBlock, CountersCostNoWriteAndGoAlongWithTheNext) {
     EXPECT_EQ(1u, fields.dirtyFiles());
 }
 
-TEST(ControlBlock, FailedWriteIsMadeUpForByTheNext) {
+TEST(ControlBlock, AChangeThatCantBeWrittenIsTakenBack) {
     Written file;
     ControlBlock block(file.writer());
+    ASSERT_TRUE(block.update([](ControlFields& fields) { fields.storeId(StoreId{1}); }));
+    block.countName(fileType, true);
     file.fail = true;
-    EXPECT_FALSE(block.update([](ControlFields& fields) { fields.active(true); }));
+    EXPECT_FALSE(block.update([](ControlFields& fields) {
+        fields.active(true);
+        fields.markedForDeletion(true);
+    }));
+    EXPECT_FALSE(block.active());
+    EXPECT_FALSE(block.markedForDeletion());
+    EXPECT_FALSE(block.write());
     file.fail = false;
-    EXPECT_TRUE(block.write());
-    EXPECT_TRUE(ControlFields(file.last.data()).active());
-    EXPECT_EQ(2, file.count);
+    EXPECT_TRUE(block.write()); // brings back what the file may have lost
+    EXPECT_FALSE(ControlFields(file.last.data()).active());
+    EXPECT_EQ(1u, ControlFields(file.last.data()).files());
+    EXPECT_EQ(4, file.count);
 }
 
 TEST(ControlBlock, StoreZeroKeepsNoCounters) {

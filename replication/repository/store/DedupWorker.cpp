@@ -1,15 +1,18 @@
 #include "replication/repository/store/DedupWorker.h"
 
 #include "base/process/Context.h"
+#include "base/trace/Log.h"
 #include "base/trace/Trace.h"
 #include "base/trees/PagedQueue.h"
 #include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/store/Store.h"
 #include "replication/repository/streams/Cleanup.h"
-#include "replication/repository/streams/DedupRequest.h"
 #include "replication/repository/streams/OperationGate.h"
 #include "replication/repository/streams/Streams.h"
 
+#include <utility>
+
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
@@ -19,6 +22,8 @@ namespace Replication {
 
 using Morva::Extent;
 using Morva::PagedQueue;
+using Morva::Status;
+using Morva::TracedLock;
 
 namespace {
 
@@ -54,6 +59,7 @@ bool DedupWorker::start() {
     if (running() || stopEvent_ < 0 || timer_ < 0 || wake_ < 0 || streams_->stopping())
         return false;
     stop_ = false;
+    forgetParked();
     thread_ = std::thread([this] { run(); });
     return true;
 }
@@ -73,65 +79,145 @@ void DedupWorker::close() {
     MORVA_TRACE(Normal) << "Remove" << stores_.size() << "store(s)";
     stores_.clear();
     buffer_ = {};
+    TracedLock guard(parkedLock_);
+    if (std::exchange(returned_, true))
+        return;
+    for (Parked const& each : parked_)
+        if (Status const sent = streams_->dedupQueue().send(
+                Extent(each.request.encode().data(), DedupRequest::packedSize));
+            !sent)
+            // What a snapshot's file or a dedup list tells of is found again by the store.
+            MORVA_TRACE(Always) << "Failed to put a request back into the dedup queue"
+                                << sent.text();
+}
+
+void DedupWorker::forgetParked() {
+    TracedLock guard(parkedLock_);
+    parked_.clear();
+    returned_ = false;
+}
+
+std::vector<DedupWorker::Parked> DedupWorker::parked() const {
+    TracedLock guard(parkedLock_);
+    return parked_;
 }
 
 void DedupWorker::run() {
     MORVA_METHOD("DedupWorker::run");
     streams_->beginThread();
-    PagedQueue& queue = streams_->dedupQueue();
-    bool good = queue.receiver(wake_).ok();
-    Extent entry;
-    while (good && !stop_) {
-        Morva::Status const received = queue.receivePolled(entry);
-        if (received.is(Morva::Status::Code::Corruption))
-            continue; // traced; what is behind the damaged requests is received next
-        if (received.is(Morva::Status::Code::Stopped) && !stop_) {
-            std::uint64_t expirations = 0;
-            // Nothing to read: it was not the timer, so the queue itself was stopped.
-            good = ::read(timer_, &expirations, sizeof expirations) == sizeof expirations;
-            (void)closeIdle(Morva::Context::systemTime());
-            continue;
-        }
-        good = received.ok() && work(entry);
+    while (!stop_ && !streams_->stopping() && !serveQueue()) {
+        // The queue has failed: once more at the next look at the stores.
+        MORVA_TRACE(Always) << "The dedup queue has failed";
+        pollfd wait{wake_, POLLIN, 0};
+        (void)::poll(&wait, 1, -1); // whatever ends it, the queue is tried again
+        takeTimer();
     }
     close();
     streams_->endThread();
 }
 
-bool DedupWorker::drain() {
-    bool const wasRunning = running();
-    stop();
-    bool good = drainQueue(*streams_, streams_->dedupQueue(),
-                           [this](Extent const& entry) { return work(entry); });
-    close();
-    if (wasRunning)
-        good = start() && good;
-    return good;
+bool DedupWorker::takeTimer() {
+    std::uint64_t expirations = 0;
+    bool const expired = ::read(timer_, &expirations, sizeof expirations) == sizeof expirations;
+    (void)closeIdle(Morva::Context::systemTime()); // how many are left is of no interest
+    return expired;
 }
 
-bool DedupWorker::work(Extent const& entry) {
+/// Serves the queue until a stop; false when it fails.
+bool DedupWorker::serveQueue() {
+    PagedQueue& queue = streams_->dedupQueue();
+    if (!queue.receiver(wake_))
+        return false;
+    Extent entry;
+    while (!stop_) {
+        Status const received = queue.receivePolled(entry);
+        if (received.is(Status::Code::Corruption))
+            continue; // traced; what is behind the damaged requests is received next
+        if (received.is(Status::Code::Stopped) && !stop_) {
+            // Nothing to read: it was not the timer, so the queue itself was stopped.
+            if (!takeTimer())
+                return true;
+            continue;
+        }
+        if (received.is(Status::Code::Stopped))
+            return true;
+        if (!received)
+            return false;
+        if (Status const outcome = work(entry, {}); !outcome)
+            return outcome.is(Status::Code::Stopped);
+    }
+    return true;
+}
+
+Status DedupWorker::drain(SafePoint const& safePoint) {
+    bool const wasRunning = running();
+    stop();
+    forgetParked();
+    Status outcome;
+    bool const good = drainQueue(*streams_, streams_->dedupQueue(), [&](Extent const& entry) {
+        outcome = work(entry, safePoint);
+        if (outcome && safePoint)
+            outcome = safePoint();
+        return outcome.ok();
+    });
+    if (!good && outcome)
+        outcome =
+            Status::failure(streams_->stopping() ? Status::Code::Stopped : Status::Code::IoError,
+                            "work off the queue", QStringLiteral("dedupqueue"));
+    close();
+    if (wasRunning && !start())
+        outcome.update(Status::failure(Status::Code::Stopped, "start", QStringLiteral("dedup")));
+    return outcome;
+}
+
+Status DedupWorker::work(Extent const& entry, SafePoint const& safePoint) {
     MORVA_TRACE(Normal) << "Got a" << entry.size << "byte request";
     DedupRequest request;
     if (request.decode(entry)) {
-        auto [it, added] = stores_.try_emplace(request.store);
-        OpenStore& open = it->second;
-        if (!open.store)
-            open.store = Store::open(request.store, false);
-        auto const goes = [&open] { return !open.store || open.store->markedForDeletion(); };
-        bool const finished = goes() || handle(request, *open.store);
-        open.retire = Morva::Context::systemTime() + keepOpenMs;
-        // A store that is gone, or about to go, needs nothing any more, and ends its work early.
-        if (goes())
-            stores_.erase(it);
-        else if (!finished)
-            return false;
+        Status outcome = serve(request, safePoint);
+        if (outcome.is(Status::Code::Stopped))
+            return outcome;
+        if (!outcome)
+            park(request, std::move(outcome));
     }
     // A request that is done twice, after a crash, does no harm.
     OperationGate::Enter const gate;
-    return streams_->dedupQueue().release().ok();
+    return streams_->dedupQueue().release();
 }
 
-bool DedupWorker::handle(DedupRequest const& request, Store& store) {
+Status DedupWorker::serve(DedupRequest const& request, SafePoint const& safePoint) {
+    auto [it, added] = stores_.try_emplace(request.store);
+    OpenStore& open = it->second;
+    if (!open.store) {
+        auto opened = Store::open(request.store, true);
+        if (!opened.ok()) {
+            stores_.erase(it);
+            // A store that is certainly gone needs nothing any more.
+            return opened.code() == Status::Code::NotFound ? Status() : opened.status();
+        }
+        open.store = *std::move(opened);
+    }
+    auto const goes = [&open] { return open.store->markedForDeletion(); };
+    Status outcome;
+    if (!goes())
+        outcome = open.store->valid() ? handle(request, *open.store, safePoint)
+                                      : open.store->invalidity();
+    open.retire = Morva::Context::systemTime() + keepOpenMs;
+    // One that is about to go ends its work early; one that isn't valid is opened anew next time.
+    bool const going = goes();
+    if (going || !open.store->valid())
+        stores_.erase(it);
+    return going ? Status() : outcome;
+}
+
+void DedupWorker::park(DedupRequest const& request, Status reason) {
+    Morva::LogLine(QStringLiteral("Repository"), Morva::LogLevelE::Error)
+        << "Background work failed and is tried again later: %1s" << reason.text();
+    TracedLock guard(parkedLock_);
+    parked_.push_back({request, std::move(reason)});
+}
+
+Status DedupWorker::handle(DedupRequest const& request, Store& store, SafePoint const& safePoint) {
     if (buffer_.empty())
         buffer_.resize(bufferSize);
     Extent buffer(static_cast<void*>(buffer_.data()), bufferSize);
@@ -141,13 +227,12 @@ bool DedupWorker::handle(DedupRequest const& request, Store& store) {
         return store.snapshots().dedupSnapshot(checkForFreeze_, request.instance(), buffer);
     case DedupRequest::DeleteSnapshot:
         MORVA_TRACE(Normal) << "Delete snapshot" << request.instance() << "of store" << store.id();
-        (void)store.snapshots().retireSnapshot(request.instance());
-        return true;
+        return store.snapshots().retireSnapshot(request.instance(), safePoint);
     case DedupRequest::DedupVersion:
         MORVA_TRACE(Normal) << "Dedup version" << request.value << "in store" << store.id();
         return store.dedupVersion(checkForFreeze_, NodeNumber{request.value}, buffer);
     default:
-        return true;
+        return {};
     }
 }
 

@@ -19,6 +19,8 @@ namespace {
 constexpr std::uint32_t holdSeconds = 5;
 /// A jump of the clock that is worth a trace, in seconds.
 constexpr std::uint32_t jumpSeconds = 120;
+/// How far a source's clock may be ahead of this machine's, in seconds.
+constexpr std::uint64_t aheadSeconds = 86400;
 constexpr std::uint64_t idleMs = 5000;
 /// From this reason on `retire` empties the list whatever the clock says.
 constexpr std::uint32_t forcingReason = 6;
@@ -188,6 +190,10 @@ std::uint32_t RetireList::timeStamp() const {
 void RetireList::timeStamp(std::uint32_t time) {
     if (time == 0 || time <= p_->clock)
         return;
+    if (time > Morva::Context::systemTime() / 1000 + aheadSeconds) {
+        MORVA_TRACE(Testing) << "A time of the source is more than a day ahead:" << time;
+        return;
+    }
     if (time - p_->clock > jumpSeconds)
         MORVA_TRACE(Testing) << "Clock has moved forward" << time - p_->clock;
     p_->clock = time;
@@ -231,8 +237,22 @@ bool RetireList::resyncRunning() const {
     return p_->resync;
 }
 
-void RetireList::stateSaved() {
-    p_->saved = true;
+void RetireList::stateSaved(bool value) {
+    p_->saved = value;
+}
+
+void RetireList::forEach(Visit const& visit) const {
+    for (auto const& entry : p_->list)
+        visit(entry.key.name, entry.fileNode, entry.expire, entry.version);
+}
+
+void RetireList::restore(QString const& name, FileNode::Pointer node, std::uint32_t expire,
+                         Version const& version) {
+    RetiredVersion entry{{version.directory, name}, version, std::move(node), expire};
+    auto const key = entry.key;
+    p_->byName[key] = p_->list.insert(p_->list.end(), std::move(entry));
+    if (p_->list.size() == 1)
+        p_->wakeForFirst();
 }
 
 std::size_t RetireList::size() const {
@@ -243,6 +263,10 @@ void RetireList::clear() {
     p_->byName.clear();
     p_->list.clear();
     p_->wake = 0;
+}
+
+void RetireList::sendAll() {
+    p_->retire(forcingReason);
 }
 
 } // namespace Replication

@@ -3,6 +3,7 @@
 #include "replication/repository/store/FileNode.h"
 #include "replication/repository/store/Version.h"
 
+#include <functional>
 #include <list>
 #include <memory>
 
@@ -34,7 +35,8 @@ public:
     /// The store's clock, seconds since 1970 at the source; it never goes back.
     [[nodiscard]] std::uint32_t timeStamp() const;
     /// Moves the clock and sends what has waited long enough. A time of 0, or not above the
-    /// clock's, does nothing.
+    /// clock's, does nothing; nor does one that is more than a day ahead of this machine's clock,
+    /// or a single wrong time would stop the store's clock for as long.
     void timeStamp(std::uint32_t time);
 
     /// Whether a run is due by the machine's clock; if so the list is busy until one of the next
@@ -46,12 +48,21 @@ public:
     void startResync();
     void endResync();
     [[nodiscard]] bool resyncRunning() const;
-    /// A stop has begun: nothing is queued from now on.
-    void stateSaved();
+    /// A stop has begun: nothing is queued from now on, until the saved state is taken up again.
+    void stateSaved(bool value);
+    /// Every entry, by its expiry. `node` is null when the entry doesn't keep one.
+    using Visit = std::function<void(QString const& name, FileNode::Pointer const& node,
+                                     std::uint32_t expire, Version const& version)>;
+    void forEach(Visit const& visit) const;
+    /// Takes up a saved entry, behind those that are there.
+    void restore(QString const& name, FileNode::Pointer node, std::uint32_t expire,
+                 Version const& version);
 
     [[nodiscard]] std::size_t size() const;
-    /// Drops all entries unsent.
+    /// Drops all entries unsent: they are saved.
     void clear();
+    /// Sends everything that waits, whatever the clock says: nothing comes after it.
+    void sendAll();
 
 private:
     struct Private;

@@ -1,3 +1,4 @@
+#include "base/process/Context.h"
 #include "replication/repository/store/DedupWorker.h"
 #include "replication/repository/store/StoreFixture.h"
 
@@ -13,7 +14,7 @@ protected:
     [[nodiscard]] FileNode::Pointer node(QString const& name) {
         EXPECT_TRUE(writeFile(name, "x"));
         Instance const seen = snapshot();
-        return store_->passiveHandle({name}, seen);
+        return value(store_->passiveHandle({name}, seen));
     }
     [[nodiscard]] static Version version(QString const& name, FileNode const& of,
                                          std::uint64_t previous = 0) {
@@ -56,7 +57,7 @@ TEST_F(RetireLists, AFinalVersionGoesAfterFiveSecondsOfTheStoresClock) {
     EXPECT_EQ(1u, file->versionCount());
     EXPECT_EQ(0u, list().size());
     // That claim is given back by the metadata store.
-    store_->releaseFileNode(file->id(), true);
+    EXPECT_TRUE(store_->releaseFileNode(file->id(), true));
     EXPECT_EQ(0u, file->versionCount());
 }
 
@@ -70,8 +71,8 @@ TEST_F(RetireLists, WithoutRulesOrChannelNothingWaits) {
     store_.reset();
     channel_.reset();
     Store::configure(configuration_, streams_, nullptr);
-    store_ = Store::open(storeId, false);
-    Version ended = version("a", *store_->passiveHandle({"a"}, Instance{2}));
+    store_ = open();
+    Version ended = version("a", *value(store_->passiveHandle({"a"}, Instance{2})));
     list().retiredVersion(ended, nullptr, true);
     EXPECT_EQ(0u, list().size());
     EXPECT_FALSE(ended.versioned());
@@ -143,7 +144,7 @@ TEST_F(RetireLists, AResyncAndAStopSendFinalVersionsAtOnce) {
     list().retireRun(9000); // does nothing
     EXPECT_EQ(5000u, list().timeStamp());
     list().endResync();
-    list().stateSaved();
+    list().stateSaved(true);
     retire("a", file);
     retire("a", file, false);
     EXPECT_EQ(3u, sent());
@@ -156,13 +157,13 @@ TEST_F(RetireLists, VersionsAreDeduplicatedOnTheirOwnWish) {
         store_->settings(true, false, wanted, {});
         // Longer than what a stream's record holds itself, which is never shared.
         EXPECT_TRUE(writeFile("a", QByteArray(5000, 'a')));
-        auto file = store_->passiveHandle({"a"}, snapshot());
+        auto file = value(store_->passiveHandle({"a"}, snapshot()));
         list().timeStamp(5000);
         retire("a", file);
         list().timeStamp(5005);
         EXPECT_TRUE(DedupWorker(streams_).drain());
         RepMetadata metadata;
-        ASSERT_EQ(0u, file->metadata(RepMetadata::eSnapshot, metadata));
+        ASSERT_TRUE(file->metadata(RepMetadata::eSnapshot, metadata));
         EXPECT_EQ(wanted, metadata.deduped);
         file.reset();
         store_.reset();
@@ -191,6 +192,36 @@ TEST_F(RetireLists, ANonFinalVersionIsOnlyThereToBeJoined) {
     EXPECT_EQ(0u, sent());
     EXPECT_EQ(0u, list().size());
     EXPECT_FALSE(list().retireDue());
+}
+
+TEST_F(RetireLists, AClockThatIsFarAheadDoesntStopTheStores) {
+    create();
+    auto const file = node("a");
+    auto const now = static_cast<std::uint32_t>(Morva::Context::systemTime() / 1000);
+    list().timeStamp(now);
+    retire("a", file);
+    for (std::uint32_t const wrong : {0xFFFFFFFFU, now + 366 * 86400, now + 90000}) {
+        list().timeStamp(wrong);
+        EXPECT_EQ(now, list().timeStamp());
+        EXPECT_EQ(0u, sent());
+    }
+    list().timeStamp(now + 80000); // a source may be in another zone
+    EXPECT_EQ(now + 80000, list().timeStamp());
+    EXPECT_EQ(1u, sent());
+}
+
+TEST_F(RetireLists, ACloseSendsWhatWaits) {
+    create();
+    auto file = node("a");
+    list().timeStamp(5000);
+    retire("a", file);
+    auto const id = file->id();
+    file.reset();
+    store_.reset();
+    EXPECT_EQ(1u, sent());
+    store_ = open();
+    ASSERT_TRUE(store_);
+    EXPECT_EQ(1u, value(store_->passiveHandles().get(id))->versionCount());
 }
 
 } // namespace

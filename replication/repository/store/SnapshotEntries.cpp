@@ -1,5 +1,6 @@
 // The entry list of a snapshot file, and its form for statistics.
 
+#include "base/files/RawFile.h"
 #include "base/messages/XmlList.h"
 #include "base/process/Context.h"
 #include "base/trace/Trace.h"
@@ -8,132 +9,150 @@
 #include "replication/repository/streams/DedupStatistics.h"
 
 #include <QByteArray>
-#include <QFileInfo>
 
 namespace Replication {
 
 using Morva::loadLittle;
 using Morva::RawFile;
+using Morva::Result;
+using Morva::Status;
 using Morva::storeLittle;
 using Morva::TracedLock;
 
-bool SnapshotFile::openForAppend() {
-    std::uint64_t const first = deleteOffset();
-    TracedLock lock(lock_);
+Status SnapshotFile::closed() const {
+    MORVA_TRY(loadLocked());
     if (!instance_)
-        return false;
-    if (writer_ || reader_) {
-        MORVA_TRACE(Always) << "Snapshot file is already open" << path_;
-        return false;
-    }
+        return Status::corruption("open", path_, QStringLiteral("the snapshot's file is damaged"));
+    if (!writer_ && !reader_)
+        return {};
+    MORVA_TRACE(Always) << "Snapshot file is already open" << path_;
+    return Status::failure(Status::Code::Busy, "open", path_, QStringLiteral("it is open already"));
+}
+
+Status SnapshotFile::openForAppend() {
+    TracedLock lock(lock_);
+    MORVA_TRY(closed());
     auto file = RawFile::make();
-    if (!file->open(path_, RawFile::Mode::ReadWrite)) {
-        MORVA_TRACE(Always) << "Failed to open file" << path_ << file->lastError();
-        return false;
+    if (Status outcome = file->open(path_, RawFile::Mode::ReadWrite); !outcome) {
+        MORVA_TRACE(Always) << "Failed to open file" << path_ << outcome.text();
+        return outcome;
     }
-    std::uint64_t const length = file->length();
+    std::uint64_t const first = firstOffset();
+    MORVA_TRY_LET(std::uint64_t const length, file->length());
     if (length < first) {
         MORVA_TRACE(Always) << "Failed to position to end of file" << path_;
-        return false;
+        return Status::corruption("open", path_, QStringLiteral("it ends before its entries"));
     }
     appendOffset_ = length - (length - first) % SnapshotEntry::packedSize;
     writer_ = std::move(file);
-    return true;
+    return {};
 }
 
-bool SnapshotFile::openForRead() {
-    std::uint64_t const first = deleteOffset();
+Status SnapshotFile::openForRead() {
     TracedLock lock(lock_);
-    if (!instance_)
-        return false;
-    if (writer_ || reader_) {
-        MORVA_TRACE(Always) << "Snapshot file is already open" << path_;
-        return false;
-    }
-    if (!reader_.open(path_)) {
+    MORVA_TRY(closed());
+    if (Status outcome = reader_.open(path_); !outcome) {
         MORVA_TRACE(Always) << "Failed to open file" << path_ << reader_.lastError();
-        return false;
+        return outcome;
     }
-    if (!reader_.setPosition(static_cast<std::int64_t>(first))) {
+    if (!reader_.setPosition(static_cast<std::int64_t>(firstOffset()))) {
         MORVA_TRACE(Always) << "Failed to position to delete offset" << path_;
-        reader_.close();
-        return false;
+        (void)reader_.close(); // removes nothing
+        return Status::corruption("open", path_, QStringLiteral("it ends before its entries"));
     }
-    return true;
+    return {};
 }
 
 bool SnapshotFile::close() {
     TracedLock lock(lock_);
     if (writer_) {
-        writer_->close();
+        (void)writer_->close(); // removes nothing
         writer_.reset();
         return true;
     }
     bool const open = reader_.isOpen();
-    reader_.close();
+    (void)reader_.close(); // removes nothing
     return open;
 }
 
-bool SnapshotFile::addEntry(FileId id, Instance instance) {
+Status SnapshotFile::addEntry(FileId id, Instance instance) {
     return addEntry(SnapshotEntry{instance, id});
 }
 
-bool SnapshotFile::addEntry(SnapshotEntry const& entry) {
+Status SnapshotFile::addEntry(SnapshotEntry const& entry) {
     TracedLock lock(lock_);
     if (!writer_)
-        return false;
+        return notOpen();
     std::array<std::uint8_t, SnapshotEntry::packedSize> bytes{};
     storeLittle(bytes.data() + 4, entry.instance.value);
     storeLittle(bytes.data() + 8, entry.id.value);
-    if (writer_->writeAt(appendOffset_, bytes.data(), bytes.size()) != bytes.size()) {
-        MORVA_TRACE(Always) << "Failed to write snapshot entry" << path_ << writer_->lastError();
-        return false;
+    if (Status outcome = writer_->writeAt(appendOffset_, bytes.data(), bytes.size()); !outcome) {
+        MORVA_TRACE(Always) << "Failed to write snapshot entry" << outcome.text();
+        return outcome;
     }
     appendOffset_ += bytes.size();
-    return true;
+    return {};
 }
 
-bool SnapshotFile::readEntry(SnapshotEntry& entry) {
+std::uint64_t SnapshotFile::end() const {
     TracedLock lock(lock_);
+    return appendOffset_;
+}
+
+Status SnapshotFile::cut(std::uint64_t end) {
+    TracedLock lock(lock_);
+    if (!writer_)
+        return notOpen();
+    MORVA_TRY_LET(std::uint64_t const length, writer_->length());
+    if (length <= end)
+        return {};
+    MORVA_TRY(writer_->setLength(end));
+    appendOffset_ = end;
+    return {};
+}
+
+Result<std::optional<SnapshotEntry>> SnapshotFile::readEntry() {
+    TracedLock lock(lock_);
+    if (!reader_)
+        return notOpen();
     std::array<std::uint8_t, SnapshotEntry::packedSize> bytes;
-    if (!reader_ || reader_.read(bytes.data(), bytes.size()) != bytes.size())
-        return false;
-    entry.instance = Instance{loadLittle<std::uint32_t>(bytes.data() + 4)};
-    entry.id = FileId{loadLittle<std::uint64_t>(bytes.data() + 8)};
-    return true;
+    MORVA_TRY_LET(std::uint32_t const got, reader_.read(bytes.data(), bytes.size()));
+    if (got < bytes.size())
+        return std::optional<SnapshotEntry>();
+    return std::optional<SnapshotEntry>(
+        SnapshotEntry{Instance{loadLittle<std::uint32_t>(bytes.data() + 4)},
+                      FileId{loadLittle<std::uint64_t>(bytes.data() + 8)}});
 }
 
-bool SnapshotFile::readFailed() const {
+std::uint64_t SnapshotFile::position() const {
     TracedLock lock(lock_);
-    return reader_.failed();
+    return static_cast<std::uint64_t>(reader_.position());
 }
 
-bool SnapshotFile::rewind() {
-    std::uint64_t const first = deleteOffset();
+Status SnapshotFile::rewind() {
     TracedLock lock(lock_);
-    return reader_ && reader_.setPosition(static_cast<std::int64_t>(first));
+    if (!reader_)
+        return notOpen();
+    if (reader_.setPosition(static_cast<std::int64_t>(firstOffset())))
+        return {};
+    return Status::corruption("rewind", path_, QStringLiteral("it ends before its entries"));
 }
 
-bool SnapshotFile::remove() {
+Status SnapshotFile::remove() {
     TracedLock lock(lock_);
     if (!instance_)
-        return false;
-    if (reader_) {
-        reader_.deleteOnClose();
-        reader_.close();
-        return !QFileInfo::exists(path_);
-    }
-    if (!writer_) {
-        writer_ = RawFile::make();
-        if (!writer_->open(path_, RawFile::Mode::ReadWrite)) {
-            writer_.reset();
-            return false;
-        }
-    }
-    writer_->deleteOnClose();
-    writer_->close();
+        return Status::corruption("remove", path_,
+                                  QStringLiteral("the snapshot's file is damaged"));
+    (void)reader_.close(); // removes nothing
+    if (writer_)
+        (void)writer_->close(); // removes nothing
     writer_.reset();
-    return !QFileInfo::exists(path_);
+    return Morva::FileSystem::inForce().removeIfThere(path_);
+}
+
+Status SnapshotFile::notOpen() const {
+    return Status::failure(Status::Code::InvalidArgument, "use", path_,
+                           QStringLiteral("it isn't open for that"));
 }
 
 QString SnapshotFile::typeText(SnapshotType type) {
@@ -179,16 +198,39 @@ bool SnapshotFile::listed() const {
            !retire();
 }
 
+void SnapshotFile::addId(Morva::XmlList& entry, FileHandle root, Instance instance) {
+    root.instance = instance;
+    auto const id = root.encode();
+    entry.set(QLatin1String("Id"), QByteArray(reinterpret_cast<char const*>(id.data()),
+                                              static_cast<qsizetype>(id.size())));
+}
+
+bool SnapshotFile::addDamage(Morva::XmlList& entry, FileHandle root) const {
+    Status const outcome = status();
+    if (outcome)
+        return false;
+    addId(entry, root, instance());
+    entry.set(QLatin1String("Damaged"), outcome.text());
+    return true;
+}
+
 void SnapshotFile::statistics(Morva::XmlList& list, FileHandle const& root) const {
-    if (!listed())
-        return;
     Morva::XmlList entry;
-    addFigures(entry, root, nullptr);
+    if (!addDamage(entry, root)) {
+        if (!listed())
+            return;
+        addFigures(entry, root, nullptr);
+    }
     list.set(QStringLiteral("SnapShotEntry"), entry, Morva::XmlList::SetTypeE::Add);
 }
 
 void SnapshotFile::statistics(NamedLists& lists, Origin const& origin, std::uint32_t from,
                               std::uint32_t to) const {
+    Morva::XmlList damaged;
+    if (addDamage(damaged, origin.root)) {
+        lists.append({QStringLiteral("Snapshot"), damaged});
+        return;
+    }
     std::uint32_t const time = sourceTime();
     if (!listed() || ((from != 0 || to != 0) && (time < from || time > to)))
         return;
@@ -203,11 +245,8 @@ void SnapshotFile::statistics(NamedLists& lists, Origin const& origin, std::uint
 
 void SnapshotFile::addFigures(Morva::XmlList& entry, FileHandle root, Origin const* origin) const {
     SnapshotType const kind = type();
-    root.instance = instance();
-    auto const id = root.encode();
     auto const set = [&](char const* key, auto value) { entry.set(QLatin1String(key), value); };
-    set("Id",
-        QByteArray(reinterpret_cast<char const*>(id.data()), static_cast<qsizetype>(id.size())));
+    addId(entry, root, instance());
     if (origin)
         set("ReplayId", origin->replayId.value);
     bool const misspelled = origin && kind == SnapshotType::Synchronization;

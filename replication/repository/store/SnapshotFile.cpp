@@ -1,5 +1,6 @@
 #include "replication/repository/store/SnapshotFile.h"
 
+#include "base/files/RawFile.h"
 #include "base/messages/XmlList.h"
 #include "base/process/Context.h"
 #include "base/trace/Trace.h"
@@ -7,7 +8,6 @@
 #include "replication/repository/streams/DedupStatistics.h"
 
 #include <QDateTime>
-#include <QFileInfo>
 
 #include <algorithm>
 #include <cstring>
@@ -17,6 +17,7 @@ namespace Replication {
 
 using Morva::loadLittle;
 using Morva::RawFile;
+using Morva::Status;
 using Morva::storeLittle;
 using Morva::TracedLock;
 
@@ -49,6 +50,9 @@ enum Offset : std::uint32_t {
     atAnalyzed = 188,
     atMarkedForDeletion = 189,
     atIndexed = 190,
+    atLinked = 191,
+    atHandedOnLength = 192,
+    atHandedOnTo = 200,
     atLabel = 320
 };
 
@@ -90,34 +94,52 @@ SnapshotFile::SnapshotFile(QString const& directory, Instance instance) : reader
         return;
     }
     path_ = directory + QLatin1Char('/') + fileName(instance);
-    instance_ = instance;
-    auto file = RawFile::make();
-    bool good = false;
-    if (file->open(path_, RawFile::Mode::ReadWrite)) {
-        good = load(*file, false);
-    } else if (QFileInfo::exists(path_)) {
-        // To make it anew would wipe out what it says of its snapshot.
-        MORVA_TRACE(Always) << "Failed to open snapshot file" << path_ << file->lastError();
-    } else {
+    TracedLock lock(lock_);
+    Status outcome = loadLocked();
+    if (outcome.is(Status::Code::NotFound)) {
         MORVA_TRACE(Normal) << "Create" << path_ << "as it does not exist";
-        good = create(*file);
+        outcome = makeFile();
+        if (!outcome)
+            MORVA_TRACE(Always) << "Failed to create snapshot file" << outcome.text();
     }
-    file->close();
-    if (!good)
-        instance_ = {};
+    if (outcome)
+        instance_ = instance;
 }
 
 SnapshotFile::SnapshotFile(QString const& directory, Instance instance, ReadOnly)
     : reader_(readBuffer) {
     path_ = directory + QLatin1Char('/') + fileName(instance);
-    auto file = RawFile::make();
-    if (instance && file->open(path_, RawFile::Mode::ReadOnly) && load(*file, true))
+    readOnly_ = true;
+    TracedLock lock(lock_);
+    if (instance && loadLocked())
         instance_ = instance;
-    file->close();
+}
+
+SnapshotFile::SnapshotFile(QString const& directory, Instance instance, Existing existing)
+    : path_(directory + QLatin1Char('/') + fileName(instance)),
+      dedupFile_(existing.dedupFile),
+      instance_(instance),
+      reader_(readBuffer) {}
+
+SnapshotFile::SnapshotFile(QString const& directory, Instance instance, New)
+    : path_(directory + QLatin1Char('/') + fileName(instance)), reader_(readBuffer) {
+    TracedLock lock(lock_);
+    // To make it anew would wipe out what it says of its snapshot.
+    auto const there = Morva::FileSystem::inForce().exists(path_);
+    if (!there.ok())
+        creation_ = there.status();
+    else if (*there)
+        creation_ = Status::corruption("create", path_, QStringLiteral("it is there already"));
+    else
+        creation_ = makeFile();
+    if (creation_)
+        instance_ = instance;
+    else
+        MORVA_TRACE(Always) << "Failed to create snapshot file" << creation_.text();
 }
 
 SnapshotFile::~SnapshotFile() {
-    (void)close();
+    (void)close(); // of a file that was open in neither way
 }
 
 QString SnapshotFile::fileName(Instance instance) {
@@ -134,81 +156,129 @@ Instance SnapshotFile::fromFileName(QString const& name) {
     return Instance{digits.toUInt()};
 }
 
-bool SnapshotFile::load(RawFile& file, bool readOnly) {
-    std::vector<std::uint8_t> bytes(wholeHeader);
-    std::uint32_t const count = file.readAt(0, bytes.data(), wholeHeader);
-    if (count < oldHeader) {
-        MORVA_TRACE(Always) << "Failed to read snapshot header";
-        return false;
-    }
-    std::memcpy(header_.data(), bytes.data(), headerSize);
-    if (wide(header_.data(), atDeleteOffset) == 0) {
-        convertHeader();
-        return readOnly || convert(file);
-    }
-    if (wide(header_.data(), atDeleteOffset) < oldHeader) {
-        MORVA_TRACE(Always) << "Failed to read snapshot header";
-        return false;
-    }
-    if (type() != SnapshotType::Old)
-        loadLabel(bytes.data(), count);
-    // What lies outside the label's area is no label: nothing of it is carried on.
-    setWord(header_, atLabelSize, static_cast<std::uint32_t>(label_.size()));
-    return true;
+Status SnapshotFile::status() const {
+    TracedLock lock(lock_);
+    return loadLocked();
 }
 
-void SnapshotFile::loadLabel(std::uint8_t const* bytes, std::uint32_t count) {
+Status SnapshotFile::loadLocked() const {
+    if (loaded_) [[likely]]
+        return {};
+    auto file = RawFile::make();
+    auto const mode = readOnly_ ? RawFile::Mode::ReadOnly : RawFile::Mode::ReadWrite;
+    Status outcome = file->open(path_, mode);
+    if (!outcome) {
+        if (!outcome.is(Status::Code::NotFound))
+            MORVA_TRACE(Always) << "Failed to open snapshot file" << path_ << outcome.text();
+        return outcome;
+    }
+    outcome = readHeader(*file);
+    (void)file->close(); // removes nothing
+    if (!outcome) {
+        MORVA_TRACE(Always) << "Failed to read snapshot header" << outcome.text();
+        now_ = {};
+        return outcome;
+    }
+    kept_ = now_;
+    loaded_ = true;
+    alignDedupState();
+    return {};
+}
+
+Status SnapshotFile::readHeader(RawFile& file) const {
+    std::vector<std::uint8_t> bytes(wholeHeader);
+    MORVA_TRY_LET(std::uint32_t const count, file.readAt(0, bytes.data(), wholeHeader));
+    if (count < oldHeader)
+        return Status::corruption("read snapshot header", path_,
+                                  QStringLiteral("the file ends within it"));
+    auto& header = now_.header;
+    std::memcpy(header.data(), bytes.data(), headerSize);
+    if (wide(header.data(), atDeleteOffset) == 0) {
+        convertHeader();
+        return readOnly_ ? Status() : convert(file);
+    }
+    if (wide(header.data(), atDeleteOffset) < oldHeader)
+        return Status::corruption("read snapshot header", path_,
+                                  QStringLiteral("its entries begin within it"));
+    now_.label.clear();
+    if (word(header.data(), atType) != static_cast<std::uint32_t>(SnapshotType::Old))
+        loadLabel(bytes.data(), count);
+    // What lies outside the label's area is no label: nothing of it is carried on.
+    setWord(header, atLabelSize, static_cast<std::uint32_t>(now_.label.size()));
+    return {};
+}
+
+void SnapshotFile::loadLabel(std::uint8_t const* bytes, std::uint32_t count) const {
     if (count < wholeHeader) {
         MORVA_TRACE(Always) << "Failed to read snapshot header";
         return;
     }
     std::uint32_t const size = std::min(word(bytes, atLabelSize), labelRoom(bytes));
-    label_ = QString(static_cast<qsizetype>(size), Qt::Uninitialized);
-    std::memcpy(label_.data(), bytes + atLabel, std::size_t{2} * size);
+    now_.label = QString(static_cast<qsizetype>(size), Qt::Uninitialized);
+    std::memcpy(now_.label.data(), bytes + atLabel, std::size_t{2} * size);
 }
 
-void SnapshotFile::convertHeader() {
+void SnapshotFile::convertHeader() const {
+    auto const found = Morva::FileSystem::inForce().stat(path_);
     auto const changed =
-        static_cast<std::uint32_t>(QFileInfo(path_).lastModified().toSecsSinceEpoch());
-    setWord(header_, atVersion, 0);
-    setWide(header_, atDeleteOffset, oldHeader);
-    setWord(header_, atSourceTime, changed);
-    setWord(header_, atRepositoryTime, changed);
-    setWord(header_, atLabelSize, 0);
+        found && *found ? static_cast<std::uint32_t>((*found)->modified) : std::uint32_t{0};
+    auto& header = now_.header;
+    setWord(header, atVersion, 0);
+    setWide(header, atDeleteOffset, oldHeader);
+    setWord(header, atSourceTime, changed);
+    setWord(header, atRepositoryTime, changed);
+    setWord(header, atLabelSize, 0);
 }
 
-bool SnapshotFile::convert(RawFile& file) {
+Status SnapshotFile::convert(RawFile& file) const {
     // The header of the old layout ends where the entries begin, so it is written whole.
     std::array<std::uint8_t, oldHeader> image{};
-    std::memcpy(image.data(), header_.data(), headerSize);
-    if (file.writeAt(0, image.data(), oldHeader) == oldHeader)
-        return true;
-    MORVA_TRACE(Always) << "Failed to write snapshot header";
-    return false;
+    std::memcpy(image.data(), now_.header.data(), headerSize);
+    Status outcome = file.writeAt(0, image.data(), oldHeader);
+    if (!outcome)
+        MORVA_TRACE(Always) << "Failed to write snapshot header" << outcome.text();
+    return outcome;
 }
 
-bool SnapshotFile::create(RawFile& file) {
-    if (!file.create(path_, RawFile::Mode::Create)) {
-        MORVA_TRACE(Always) << "Failed to create snapshot file" << path_;
-        return false;
-    }
-    setWord(header_, atVersion, 1);
-    setWide(header_, atDeleteOffset, firstEntry);
-    setWord(header_, atGeneration, 1);
+void SnapshotFile::alignDedupState() const {
+    if (!dedupFile_)
+        return;
+    auto& header = now_.header;
+    auto const state = static_cast<DedupState>(word(header.data(), atDedupState));
+    bool const waits = state == DedupState::Processing || state == DedupState::Pending;
+    bool const ended = state == DedupState::Deduplicated || state == DedupState::None;
+    if (*dedupFile_ ? !waits : !ended)
+        setWord(header, atDedupState,
+                static_cast<std::uint32_t>(*dedupFile_ ? DedupState::Pending : DedupState::None));
+}
+
+Status SnapshotFile::makeFile() {
+    auto file = RawFile::make();
+    MORVA_TRY(file->create(path_, RawFile::Mode::Create));
+    made_ = true;
+    setWord(now_.header, atVersion, 1);
+    setWide(now_.header, atDeleteOffset, firstEntry);
+    setWord(now_.header, atGeneration, 1);
     std::array<std::uint8_t, firstEntry> image{};
-    std::memcpy(image.data(), header_.data(), headerSize);
-    if (file.writeAt(0, image.data(), firstEntry) == firstEntry)
-        return true;
-    MORVA_TRACE(Always) << "Failed to initialize snapshot file" << path_;
-    file.deleteOnClose();
-    return false;
+    std::memcpy(image.data(), now_.header.data(), headerSize);
+    Status outcome = file->writeAt(0, image.data(), firstEntry);
+    if (outcome) {
+        loaded_ = true;
+        kept_ = now_;
+    } else {
+        MORVA_TRACE(Always) << "Failed to initialize snapshot file" << outcome.text();
+        file->deleteOnClose();
+    }
+    (void)file->close(); // a file that could not be made stays as damage, which is told already
+    return outcome;
 }
 
 // --- fields
 
 template <class T> T SnapshotFile::read(T (*get)(std::uint8_t const*)) const {
     TracedLock lock(lock_);
-    return get(header_.data());
+    (void)loadLocked(); // told by `status`, which comes before
+    return get(now_.header.data());
 }
 
 Instance SnapshotFile::instance() const {
@@ -265,6 +335,10 @@ std::uint64_t SnapshotFile::deleteOffset() const {
     return read<std::uint64_t>([](auto* h) { return wide(h, atDeleteOffset); });
 }
 
+std::uint64_t SnapshotFile::firstOffset() const {
+    return wide(now_.header.data(), atDeleteOffset);
+}
+
 std::uint64_t SnapshotFile::logicalSize() const {
     return read<std::uint64_t>([](auto* h) { return wide(h, atLogicalSize); });
 }
@@ -303,7 +377,8 @@ std::uint32_t SnapshotFile::ruleSet() const {
 
 QString SnapshotFile::label() const {
     TracedLock lock(lock_);
-    return label_;
+    (void)loadLocked(); // told by `status`, which comes before
+    return now_.label;
 }
 
 bool SnapshotFile::analyzed() const {
@@ -318,50 +393,71 @@ bool SnapshotFile::indexed() const {
     return read<bool>([](auto* h) { return h[atIndexed] != 0; });
 }
 
+bool SnapshotFile::linked() const {
+    return read<bool>([](auto* h) { return h[atLinked] != 0; });
+}
+
+SnapshotFile::HandedOn SnapshotFile::handedOn() const {
+    return read<HandedOn>([](auto* h) {
+        return HandedOn{Instance{word(h, atHandedOnTo)}, wide(h, atHandedOnLength)};
+    });
+}
+
+std::array<std::uint8_t, SnapshotFile::headerSize>& SnapshotFile::changing() {
+    (void)loadLocked(); // without it `writeHeader` fails
+    return now_.header;
+}
+
 void SnapshotFile::setPreviousInstance(Instance instance) {
     TracedLock lock(lock_);
-    setWord(header_, atPreviousInstance, instance.value);
+    setWord(changing(), atPreviousInstance, instance.value);
 }
 
 void SnapshotFile::setDedupState(DedupState state) {
     TracedLock lock(lock_);
-    setWord(header_, atDedupState, static_cast<std::uint32_t>(state));
+    setWord(changing(), atDedupState, static_cast<std::uint32_t>(state));
 }
 
 void SnapshotFile::setDedupOffset(std::uint64_t offset) {
     TracedLock lock(lock_);
-    setWide(header_, atDedupOffset, offset);
+    setWide(changing(), atDedupOffset, offset);
 }
 
 void SnapshotFile::setDeleteOffset(std::uint64_t offset) {
     TracedLock lock(lock_);
-    setWide(header_, atDeleteOffset, offset);
+    setWide(changing(), atDeleteOffset, offset);
 }
 
 void SnapshotFile::setLength(std::uint64_t length) {
     TracedLock lock(lock_);
-    setWide(header_, atLength, length);
+    setWide(changing(), atLength, length);
 }
 
 void SnapshotFile::setCounters(Counters const& counters) {
     TracedLock lock(lock_);
-    std::memcpy(header_.data() + atCounters, counters.data(), sizeof counters);
+    std::memcpy(changing().data() + atCounters, counters.data(), sizeof counters);
 }
 
 void SnapshotFile::setDedupStatistics(DedupStatistics const& statistics) {
     TracedLock lock(lock_);
     // The first word is carried through.
-    std::memcpy(header_.data() + atDedup + 8, &statistics.streams, sizeof statistics - 8);
+    std::memcpy(changing().data() + atDedup + 8, &statistics.streams, sizeof statistics - 8);
 }
 
 void SnapshotFile::setIndexed(bool value) {
     TracedLock lock(lock_);
-    header_[atIndexed] = value;
+    changing()[atIndexed] = value;
+}
+
+void SnapshotFile::setHandedOn(HandedOn const& value) {
+    TracedLock lock(lock_);
+    setWord(changing(), atHandedOnTo, value.to.value);
+    setWide(changing(), atHandedOnLength, value.length);
 }
 
 void SnapshotFile::labelLocked(QString const& text) {
-    label_ = text.left(labelRoom(header_.data()));
-    setWord(header_, atLabelSize, static_cast<std::uint32_t>(label_.size()));
+    now_.label = text.left(labelRoom(changing().data()));
+    setWord(changing(), atLabelSize, static_cast<std::uint32_t>(now_.label.size()));
 }
 
 void SnapshotFile::setLabel(QString const& text) {
@@ -371,40 +467,41 @@ void SnapshotFile::setLabel(QString const& text) {
 
 void SnapshotFile::setType(SnapshotType type, bool needResync) {
     TracedLock lock(lock_);
-    setWord(header_, atType, static_cast<std::uint32_t>(type));
-    header_[atNeedResync] = needResync;
+    setWord(changing(), atType, static_cast<std::uint32_t>(type));
+    changing()[atNeedResync] = needResync;
 }
 
 void SnapshotFile::policyLocked(std::uint32_t policy, std::uint32_t opId, std::uint32_t ruleSet) {
-    setWord(header_, atType, static_cast<std::uint32_t>(SnapshotType::Policy));
-    setWord(header_, atPolicy, policy);
-    setWord(header_, atOpId, opId);
-    setWord(header_, atRuleSet, ruleSet);
+    setWord(changing(), atType, static_cast<std::uint32_t>(SnapshotType::Policy));
+    setWord(changing(), atPolicy, policy);
+    setWord(changing(), atOpId, opId);
+    setWord(changing(), atRuleSet, ruleSet);
 }
 
 void SnapshotFile::setPolicy(std::uint32_t policy, std::uint32_t opId, std::uint32_t ruleSet,
                              bool needResync) {
     TracedLock lock(lock_);
     policyLocked(policy, opId, ruleSet);
-    header_[atNeedResync] = needResync;
+    changing()[atNeedResync] = needResync;
 }
 
 bool SnapshotFile::updateResyncSnapshot(std::uint32_t policy, std::uint32_t opId,
                                         std::uint32_t ruleSet, bool indexed, QString const& label) {
     TracedLock lock(lock_);
-    if (word(header_.data(), atType) != static_cast<std::uint32_t>(SnapshotType::Synchronization))
+    if (word(changing().data(), atType) !=
+        static_cast<std::uint32_t>(SnapshotType::Synchronization))
         return false;
     policyLocked(policy, opId, ruleSet);
-    header_[atIndexed] = indexed;
+    changing()[atIndexed] = indexed;
     labelLocked(label);
     return true;
 }
 
 void SnapshotFile::retireLocked() {
-    setWide(header_, atLogicalSize, 0);
-    setWide(header_, atDirectoryCount, 0);
-    header_[atRetire] = 1;
-    header_[atAnalyzed] = 1;
+    setWide(changing(), atLogicalSize, 0);
+    setWide(changing(), atDirectoryCount, 0);
+    changing()[atRetire] = 1;
+    changing()[atAnalyzed] = 1;
 }
 
 void SnapshotFile::setRetire() {
@@ -415,80 +512,89 @@ void SnapshotFile::setRetire() {
 void SnapshotFile::setRetired() {
     TracedLock lock(lock_);
     retireLocked();
-    header_[atRetired] = 1;
+    changing()[atRetired] = 1;
 }
 
 void SnapshotFile::clearRetired() {
     TracedLock lock(lock_);
-    header_[atRetired] = 0;
+    changing()[atRetired] = 0;
 }
 
-void SnapshotFile::markForDeletion() {
+void SnapshotFile::setMarkedForDeletion(bool value) {
     TracedLock lock(lock_);
-    header_[atMarkedForDeletion] = 1;
+    changing()[atMarkedForDeletion] = value;
 }
 
 void SnapshotFile::analyzed(std::uint64_t logicalSize, std::uint64_t directories,
                             std::uint64_t files) {
     TracedLock lock(lock_);
-    if (header_[atAnalyzed])
+    if (changing()[atAnalyzed])
         return;
-    setWide(header_, atLogicalSize, logicalSize);
-    setWide(header_, atDirectoryCount, directories);
-    setWide(header_, atFileCount, files);
-    header_[atAnalyzed] = 1;
+    setWide(changing(), atLogicalSize, logicalSize);
+    setWide(changing(), atDirectoryCount, directories);
+    setWide(changing(), atFileCount, files);
+    changing()[atAnalyzed] = 1;
 }
 
 bool SnapshotFile::analysis(std::uint64_t& logicalSize, std::uint64_t& directories,
                             std::uint64_t& files) const {
     TracedLock lock(lock_);
-    if (!header_[atAnalyzed])
+    if (!loadLocked() || !now_.header[atAnalyzed])
         return false;
-    logicalSize = wide(header_.data(), atLogicalSize);
-    directories = wide(header_.data(), atDirectoryCount);
-    files = wide(header_.data(), atFileCount);
+    logicalSize = wide(now_.header.data(), atLogicalSize);
+    directories = wide(now_.header.data(), atDirectoryCount);
+    files = wide(now_.header.data(), atFileCount);
     return true;
 }
 
-bool SnapshotFile::snapshot(Counters const& counters, std::uint32_t sourceTime, Instance previous,
-                            bool dedup) {
+Status SnapshotFile::snapshot(Counters const& counters, std::uint32_t sourceTime, Instance previous,
+                              bool dedup) {
     TracedLock lock(lock_);
-    std::memcpy(header_.data() + atCounters, counters.data(), sizeof counters);
-    setWord(header_, atSourceTime, sourceTime);
-    setWord(header_, atRepositoryTime,
+    auto& header = now_.header;
+    std::memcpy(header.data() + atCounters, counters.data(), sizeof counters);
+    setWord(header, atSourceTime, sourceTime);
+    setWord(header, atRepositoryTime,
             static_cast<std::uint32_t>(Morva::Context::systemTime() / 1000));
-    setWord(header_, atPreviousInstance, previous.value);
-    setWord(header_, atDedupState,
+    setWord(header, atPreviousInstance, previous.value);
+    header[atLinked] = 1;
+    setWord(header, atDedupState,
             static_cast<std::uint32_t>(dedup ? DedupState::Pending : DedupState::None));
     return writeHeaderLocked();
 }
 
-bool SnapshotFile::writeHeader() {
+Status SnapshotFile::writeHeader() {
     TracedLock lock(lock_);
     return writeHeaderLocked();
 }
 
-bool SnapshotFile::writeHeaderLocked() {
-    if (!instance_)
-        return false;
-    auto const label = 2 * static_cast<std::uint32_t>(label_.size());
-    std::array<std::uint8_t, wholeHeader> image;
-    std::memcpy(image.data(), header_.data(), headerSize);
-    std::memcpy(image.data() + atLabel, label_.constData(), label);
-    std::uint32_t const count = headerSize + label;
-    bool written = false;
-    if (writer_) {
-        written = writer_->writeAt(0, image.data(), count) == count;
+Status SnapshotFile::writeHeaderLocked() {
+    Status outcome = writeImage();
+    MORVA_TRACE(Verbose) << "Written" << outcome.ok();
+    if (outcome) {
+        kept_ = now_;
     } else {
-        auto file = RawFile::make();
-        written = file->open(path_, RawFile::Mode::ReadWrite) &&
-                  file->writeAt(0, image.data(), count) == count;
-        file->close();
+        MORVA_TRACE(Always) << "Failed to write snapshot header" << path_ << outcome.text();
+        if (loaded_)
+            now_ = kept_;
     }
-    MORVA_TRACE(Verbose) << "Written" << written;
-    if (!written)
-        MORVA_TRACE(Always) << "Failed to write snapshot header" << path_;
-    return written;
+    return outcome;
+}
+
+Status SnapshotFile::writeImage() {
+    // What was never read must not be overwritten.
+    if (!instance_ || !loaded_)
+        return Status::corruption("write snapshot header", path_,
+                                  QStringLiteral("the snapshot's file is damaged"));
+    auto const label = 2 * static_cast<std::uint32_t>(now_.label.size());
+    std::array<std::uint8_t, wholeHeader> image;
+    std::memcpy(image.data(), now_.header.data(), headerSize);
+    std::memcpy(image.data() + atLabel, now_.label.constData(), label);
+    std::uint32_t const count = headerSize + label;
+    if (writer_)
+        return writer_->writeAt(0, image.data(), count);
+    auto file = RawFile::make();
+    MORVA_TRY(file->open(path_, RawFile::Mode::ReadWrite));
+    return file->writeAt(0, image.data(), count);
 }
 
 } // namespace Replication

@@ -35,8 +35,8 @@ protected:
     [[nodiscard]] static std::vector<SnapshotEntry> entries(SnapshotFile& file) {
         std::vector<SnapshotEntry> result;
         EXPECT_TRUE(file.openForRead());
-        for (SnapshotEntry entry; file.readEntry(entry);)
-            result.push_back(entry);
+        for (auto entry = file.readEntry(); entry && *entry; entry = file.readEntry())
+            result.push_back(**entry);
         EXPECT_TRUE(file.close());
         return result;
     }
@@ -70,7 +70,7 @@ TEST_F(SnapshotFiles, HeaderHasItsGoldenBytes) {
         file->setDedupState(DedupState::Processing);
         file->setDedupOffset(0x41);
         file->setIndexed(true);
-        file->markForDeletion();
+        file->setMarkedForDeletion(true);
         file->analyzed(0x51, 0x52, 0x53);
         file->setLabel(QStringLiteral("Aé"));
         ASSERT_TRUE(file->writeHeader());

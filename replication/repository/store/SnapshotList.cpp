@@ -1,7 +1,9 @@
 #include "replication/repository/store/SnapshotList.h"
 
 #include "base/blocks/Failures.h"
+#include "base/files/RawFile.h"
 #include "base/trace/Trace.h"
+#include "base/trees/PagedQueue.h"
 #include "replication/repository/store/Directories.h"
 #include "replication/repository/store/Event.h"
 #include "replication/repository/store/RetireList.h"
@@ -10,14 +12,14 @@
 #include "replication/repository/streams/DedupRequest.h"
 #include "replication/repository/streams/Streams.h"
 
-#include <QDir>
-#include <QFileInfo>
-
 #include <algorithm>
-#include <map>
+#include <set>
+#include <utility>
 
 namespace Replication {
 
+using Morva::Result;
+using Morva::Status;
 using Morva::TracedLock;
 
 namespace {
@@ -31,45 +33,32 @@ Instance dedupInstance(QString const& name) {
     return SnapshotFile::fromFileName(QStringLiteral("snapshot") + name.mid(dedupPrefix.size()));
 }
 
-/// What lies in a snapshot directory for one instance.
+/// What lies in a snapshot directory.
 struct Found {
-    bool snapshot = false;
-    bool dedup = false;
+    std::set<Instance> snapshots;
+    std::set<Instance> dedupFiles;
+    QStringList strangers; // of instances above the highest
+    Instance highestStranger;
 };
 
-std::map<Instance, Found> scan(QString const& path, Instance highest) {
-    std::map<Instance, Found> result;
-    QDir directory(path);
-    QStringList const names = directory.entryList(QDir::Files, QDir::Name);
+Result<Found> scan(QString const& path, Instance highest) {
+    Found result;
+    MORVA_TRY_LET(QStringList const names,
+                  Morva::FileSystem::inForce().names(path, Morva::FileSystem::Kind::File));
     for (QString const& name : names) {
         Instance const snapshot = SnapshotFile::fromFileName(name);
         Instance const dedup = dedupInstance(name);
         Instance const instance = snapshot ? snapshot : dedup;
         if (!instance)
             continue;
-        if (highest && instance > highest) {
-            MORVA_TRACE(Always) << "Remove" << name << "of an unfinished snapshot";
-            directory.remove(name);
-            continue;
+        if (instance > highest) {
+            result.strangers += name;
+            result.highestStranger = std::max(result.highestStranger, instance);
+        } else {
+            (snapshot ? result.snapshots : result.dedupFiles).insert(instance);
         }
-        (snapshot ? result[instance].snapshot : result[instance].dedup) = true;
     }
     return result;
-}
-
-/// Brings the state of deduplication in line with the dedup file; whether it changed.
-bool alignDedupState(SnapshotFile& file, bool dedupFile) {
-    DedupState const state = file.dedupState();
-    if (dedupFile) {
-        if (state == DedupState::Processing || state == DedupState::Pending)
-            return false;
-        file.setDedupState(DedupState::Pending);
-        return true;
-    }
-    if (state == DedupState::Deduplicated || state == DedupState::None)
-        return false;
-    file.setDedupState(DedupState::None);
-    return true;
 }
 
 } // namespace
@@ -80,56 +69,72 @@ SnapshotList::~SnapshotList() = default;
 
 // --- life
 
-bool SnapshotList::create(QString const& snapshotPath) {
+Status SnapshotList::create(QString const& snapshotPath) {
     p_->path = snapshotPath;
-    auto file = std::make_shared<SnapshotFile>(snapshotPath, Instance{1});
+    auto file = std::make_shared<SnapshotFile>(snapshotPath, Instance{1}, SnapshotFile::New{});
     file->setType(SnapshotType::Initial, false);
-    if (!file->writeHeader() || !file->openForAppend())
-        return false;
+    MORVA_TRY(file->writeHeader());
+    MORVA_TRY(file->openForAppend());
     {
         TracedLock lock(p_->lock);
+        MORVA_TRY(p_->requests.replace(snapshotPath, {}));
         p_->active = file;
         p_->snapshots = {file};
     }
     return p_->openDedup();
 }
 
-bool SnapshotList::load(QString const& snapshotPath, bool upgraded, bool unclean) {
+Status SnapshotList::load(QString const& snapshotPath, bool upgraded) {
     p_->path = snapshotPath;
-    ControlBlock::Image image = p_->store.control().image();
-    ControlFields const control(image.data());
     Instance const current = p_->store.currentInstance();
-    Instance previous;
+    MORVA_TRY_LET(Found const found, scan(snapshotPath, current));
+    for (QString const& name : found.strangers)
+        MORVA_TRACE(Always) << "The store has not reached the instance of" << name << "in"
+                            << snapshotPath << "which is left alone";
     std::vector<std::shared_ptr<SnapshotFile>> list;
-    for (auto const& [instance, found] : scan(snapshotPath, unclean ? current : Instance{})) {
-        if (!found.snapshot)
-            continue;
-        auto file = std::make_shared<SnapshotFile>(snapshotPath, instance);
-        if (!file->instance())
-            continue;
-        bool changed = alignDedupState(*file, found.dedup);
-        if (upgraded) {
-            if ((control.deleteValidateInstance() && control.validateInstance() == instance) ||
-                (control.deleteLastInstance() && control.lastInstance()))
-                file->setRetire();
-            file->setPreviousInstance(previous);
-            changed = true;
-        }
-        if (changed)
-            (void)file->writeHeader();
-        previous = instance;
-        list.push_back(std::move(file));
-    }
-    if (list.empty() || list.back()->instance() != current || !list.back()->openForAppend()) {
+    for (Instance const instance : found.snapshots)
+        list.push_back(std::make_shared<SnapshotFile>(
+            snapshotPath, instance, SnapshotFile::Existing{found.dedupFiles.contains(instance)}));
+    if (list.empty() || list.back()->instance() != current) {
         MORVA_TRACE(Always) << "Failed to find the active snapshot" << current;
-        return false;
+        return Status::corruption("open the active snapshot",
+                                  snapshotPath + u'/' + SnapshotFile::fileName(current),
+                                  QStringLiteral("the file is missing"));
     }
+    if (Status outcome = list.back()->openForAppend(); !outcome) {
+        MORVA_TRACE(Always) << "Failed to find the active snapshot" << current;
+        return std::move(outcome).during(QStringLiteral("open the active snapshot"));
+    }
+    if (upgraded)
+        MORVA_TRY(upgrade(list));
     {
         TracedLock lock(p_->lock);
         p_->active = list.back();
         p_->snapshots = std::move(list);
+        p_->strangers = found.strangers;
+        p_->highestStranger = found.highestStranger;
+        MORVA_TRY(p_->loadRequests());
+        p_->queueAgain({found.dedupFiles.begin(), found.dedupFiles.end()});
     }
     return p_->openDedup();
+}
+
+/// What an old control block says of the snapshots, written in their files.
+Status SnapshotList::upgrade(std::vector<std::shared_ptr<SnapshotFile>> const& list) {
+    ControlBlock::Image image = p_->store.control().image();
+    ControlFields const control(image.data());
+    Instance previous;
+    for (auto const& file : list) {
+        if (!file->status())
+            continue; // it stays in the list as damaged
+        if ((control.deleteValidateInstance() && control.validateInstance() == file->instance()) ||
+            (control.deleteLastInstance() && control.lastInstance()))
+            file->setRetire();
+        file->setPreviousInstance(previous);
+        MORVA_TRY(file->writeHeader());
+        previous = file->instance();
+    }
+    return {};
 }
 
 void SnapshotList::close() {
@@ -139,24 +144,26 @@ void SnapshotList::close() {
     p_->active.reset();
     p_->snapshots.clear();
     TracedLock dedupLock(p_->dedupLock);
-    p_->dedup.reset();
+    p_->newStreams.reset();
 }
 
-bool SnapshotList::Private::openDedup() {
+Status SnapshotList::Private::openDedup() {
     TracedLock guard(dedupLock);
-    dedup = std::make_unique<DedupFile>(path);
-    if (dedup->openForAppend())
-        return true;
+    newStreams = std::make_unique<DedupFile>(path);
+    if (newStreams->openForAppend())
+        return {};
     MORVA_TRACE(Always) << "Failed to open the dedup list";
-    dedup.reset();
-    return false;
+    Status outcome =
+        Status::failure(Status::Code::IoError, "open the dedup list", newStreams->name());
+    newStreams.reset();
+    return outcome;
 }
 
 std::shared_ptr<SnapshotFile> SnapshotList::Private::find(Instance instance) const {
-    for (auto const& file : snapshots)
-        if (file->instance() == instance)
-            return file;
-    return nullptr;
+    auto const at =
+        std::lower_bound(snapshots.begin(), snapshots.end(), instance,
+                         [](auto const& file, Instance value) { return file->instance() < value; });
+    return at != snapshots.end() && (*at)->instance() == instance ? *at : nullptr;
 }
 
 std::shared_ptr<SnapshotFile> SnapshotList::Private::findOlder(Instance instance) const {
@@ -164,77 +171,138 @@ std::shared_ptr<SnapshotFile> SnapshotList::Private::findOlder(Instance instance
     return file && file != snapshots.back() ? file : nullptr;
 }
 
-void SnapshotList::Private::queueDeletion(SnapshotFile& file) {
-    // What the queue refuses is asked for again at the next snapshot.
-    file.setRetire();
+// --- requests
+
+Status SnapshotList::Private::loadRequests() {
+    Status const outcome = requests.read(path);
+    if (outcome)
+        return {};
+    // An unreadable file must not be replaced: the next opening can read it.
+    if (!outcome.is(Status::Code::NotFound) && !outcome.is(Status::Code::Corruption))
+        return outcome;
+    MORVA_TRACE(Normal) << "Look at the header of every snapshot:" << outcome.text();
+    SnapshotRequests::Reasons found;
+    for (auto const& file : snapshots)
+        if (file->status() && file->retire())
+            found[{file->instance(), SnapshotRequests::Kind::Retire}] = {};
+    if (Status const written = requests.replace(path, std::move(found)); !written)
+        MORVA_TRACE(Always) << "Failed to write the requests of snapshots" << written.text();
+    return {};
+}
+
+void SnapshotList::Private::queueAgain(std::vector<Instance> const& dedupFiles) {
+    std::set<std::pair<std::uint32_t, Instance>> queued;
+    Status const read = store.streams().dedupQueue().forEach([&](Morva::Extent const& bytes) {
+        DedupRequest request;
+        if (request.decode(bytes) && request.store == store.id())
+            queued.emplace(request.type, request.instance());
+        return true;
+    });
+    if (!read) {
+        MORVA_TRACE(Always) << "Failed to look into the dedup queue" << read.text();
+        return;
+    }
+    for (Instance const instance : dedupFiles)
+        if (!queued.contains({DedupRequest::DedupSnapshot, instance}) &&
+            !DedupRequests::dedupSnapshot(store.streams(), store.id(), instance))
+            MORVA_TRACE(Always) << "Failed to ask for deduplication of snapshot" << instance;
+    for (auto const& [key, reason] : SnapshotRequests::Reasons(requests.all())) {
+        auto const file = findOlder(key.instance);
+        if (key.kind != SnapshotRequests::Kind::Retire || !file ||
+            queued.contains({DedupRequest::DeleteSnapshot, key.instance}))
+            continue;
+        if (!file->status() || !file->retire())
+            continue;
+        if (!DedupRequests::deleteSnapshot(store.streams(), store.id(), key.instance))
+            MORVA_TRACE(Always) << "Failed to ask for the deletion of snapshot" << key.instance;
+    }
+}
+
+Status SnapshotList::Private::requestRetirement(SnapshotFile& file, bool handOver) {
+    MORVA_TRY(file.status());
+    // The list of requests goes first: one that its snapshot knows nothing of is void.
+    MORVA_TRY(requests.add({file.instance(), SnapshotRequests::Kind::Retire}));
+    handOver ? file.setRetired() : file.setRetire();
+    return file.writeHeader();
+}
+
+Status SnapshotList::Private::queueDeletion(SnapshotFile& file) {
+    MORVA_TRY(requestRetirement(file, true));
     if (DedupRequests::deleteSnapshot(store.streams(), store.id(), file.instance()))
-        file.setRetired();
-    (void)file.writeHeader();
+        return {};
+    // It is asked for again at the next snapshot and the next opening.
+    file.clearRetired();
+    (void)file.writeHeader(); // the wish stands in either case
+    return Status::failure(Status::Code::IoError, "write to the dedup queue", file.path(),
+                           QStringLiteral("the queue takes no request"));
 }
 
 // --- taking snapshots
 
 void SnapshotList::Private::moveDedup(Instance instance) {
     TracedLock guard(dedupLock);
-    if (!dedup)
+    if (!newStreams)
         return;
     if (!store.dedupSnapshots()) {
-        if (!dedup->empty())
+        if (!newStreams->empty())
             MORVA_TRACE(Always) << "Failed to empty the dedup list";
         return;
     }
-    if (!dedup->rename(instance))
+    // A list that stays behind goes with the next snapshot, a request at the next opening.
+    if (!newStreams->rename(instance))
         MORVA_TRACE(Always) << "Failed to move the dedup list to instance" << instance;
-    else
-        (void)DedupRequests::dedupSnapshot(store.streams(), store.id(), instance);
+    else if (!DedupRequests::dedupSnapshot(store.streams(), store.id(), instance))
+        MORVA_TRACE(Always) << "Failed to ask for deduplication of snapshot" << instance;
 }
 
-void SnapshotList::Private::discard(Instance instance) {
-    store.unfinished().finish([name = path + QLatin1Char('/') + SnapshotFile::fileName(instance)] {
-        return !QFileInfo(name).isFile() || Morva::RawFile::remove(name);
+void SnapshotList::Private::discard(SnapshotFile& file) {
+    if (!file.made())
+        return;
+    (void)file.close(); // it may be open in neither way
+    store.unfinished().finish(
+        [name = file.path()] { return Morva::FileSystem::inForce().removeIfThere(name); });
+}
+
+Status SnapshotList::Private::advance(Instance old, SnapshotFile const& file) {
+    return store.control().update([&](ControlFields& fields) {
+        fields.lastInstance(old);
+        fields.instance(file.instance());
+        fields.deleteLastInstance(false);
+        if (file.type() != SnapshotType::Validate)
+            return;
+        fields.validateInstance(file.instance());
+        fields.deleteValidateInstance(false);
     });
 }
 
-bool SnapshotList::Private::take(std::function<void(SnapshotFile&)> const& describe) {
+Status SnapshotList::Private::take(std::uint32_t sourceTime,
+                                   std::function<void(SnapshotFile&)> const& describe) {
     Instance const old = store.currentInstance();
-    Instance const next{old.value + 1};
+    Instance const next{[&] {
+        TracedLock guard(lock);
+        return std::max(old, highestStranger).value + 1;
+    }()};
     // Everything that can fail comes before the store moves on, so that a full disk leaves it in
     // the old instance.
-    if (!store.settle())
-        return false;
-    auto file = std::make_shared<SnapshotFile>(path, next);
-    if (!file->instance()) {
-        discard(next);
-        return false;
+    MORVA_TRY(store.settle());
+    auto file = std::make_shared<SnapshotFile>(path, next, SnapshotFile::New{});
+    Status outcome = file->creation();
+    if (outcome) {
+        describe(*file);
+        outcome = file->snapshot(store.control().counters(),
+                                 sourceTime ? sourceTime : store.retired().timeStamp(), old,
+                                 store.dedupSnapshots());
     }
-    describe(*file);
-    if (!file->snapshot(store.control().counters(), store.retired().timeStamp(), old,
-                        store.dedupSnapshots()) ||
-        !file->openForAppend()) {
-        file->remove();
-        discard(next);
-        return false;
+    if (outcome)
+        outcome = file->openForAppend();
+    if (outcome) {
+        // Cached handles on directories and their pages belong to the instance that ends.
+        store.directories().forget();
+        outcome = advance(old, *file);
     }
-    // Cached handles on directories and their pages belong to the instance that ends.
-    store.directories().forget();
-    Instance lastBefore;
-    bool deleteLastBefore = false;
-    bool const written = store.control().update([&](ControlFields& fields) {
-        lastBefore = fields.lastInstance();
-        deleteLastBefore = fields.deleteLastInstance();
-        fields.lastInstance(old);
-        fields.instance(next);
-        fields.deleteLastInstance(false);
-    });
-    if (!written) {
-        (void)store.control().update([&](ControlFields& fields) {
-            fields.lastInstance(lastBefore);
-            fields.instance(old);
-            fields.deleteLastInstance(deleteLastBefore);
-        });
-        file->remove();
-        discard(next);
-        return false;
+    if (!outcome) {
+        discard(*file);
+        return outcome;
     }
     store.currentInstance_.store(next.value, std::memory_order_release);
     moveDedup(next);
@@ -242,76 +310,82 @@ bool SnapshotList::Private::take(std::function<void(SnapshotFile&)> const& descr
     active->close();
     active = file;
     snapshots.push_back(file);
-    for (std::size_t i = 0; i + 1 < snapshots.size(); ++i)
-        if (snapshots[i]->retire() && !snapshots[i]->retired())
-            queueDeletion(*snapshots[i]);
-    return true;
+    queueWishes();
+    return {};
 }
 
-bool SnapshotList::snapshot(std::uint32_t sourceTime, bool needResync, std::uint32_t policy,
-                            std::uint32_t opId, std::uint32_t ruleSet, QString const& machine,
-                            QString const& label) {
+/// What could not be asked for before, as with the one that was active until now.
+void SnapshotList::Private::queueWishes() {
+    for (auto const& [key, reason] : SnapshotRequests::Reasons(requests.all())) {
+        auto const wish =
+            key.kind == SnapshotRequests::Kind::Retire ? findOlder(key.instance) : nullptr;
+        if (!wish || !wish->status() || !wish->retire() || wish->retired())
+            continue;
+        if (Status const queued = queueDeletion(*wish); !queued)
+            MORVA_TRACE(Always) << "Failed to ask for the deletion of snapshot" << key.instance
+                                << queued.text();
+    }
+}
+
+Status SnapshotList::snapshot(std::uint32_t sourceTime, bool needResync, std::uint32_t policy,
+                              std::uint32_t opId, std::uint32_t ruleSet, QString const& machine,
+                              QString const& label) {
     MORVA_METHOD("snapshot");
     if (!p_->store.id())
-        return scope.result(true);
+        return {};
     MORVA_TRACE(Verbose) << "Snapshot of" << machine << "Policy" << policy;
     bool const indexed = p_->store.indexSnapshots() && p_->store.event();
-    if (!p_->take([&](SnapshotFile& file) {
-            file.setPolicy(policy, opId, ruleSet, needResync);
-            file.setIndexed(indexed);
-            file.setLabel(label);
-        }))
-        return scope.result(false);
+    MORVA_TRY(p_->take(sourceTime, [&](SnapshotFile& file) {
+        file.setPolicy(policy, opId, ruleSet, needResync);
+        file.setIndexed(indexed);
+        file.setLabel(label);
+    }));
     if (Event* event = p_->store.event();
         event && !event->snapshot(p_->store.currentInstance(), ruleSet, policy, opId, needResync,
                                   sourceTime))
         MORVA_TRACE(Always) << "Failed to send snapshot event";
-    return scope.result(true);
+    return {};
 }
 
-bool SnapshotList::userSnapshot(std::uint32_t opId, std::uint32_t time, QString const& label) {
+Status SnapshotList::userSnapshot(std::uint32_t opId, std::uint32_t time, QString const& label) {
     MORVA_METHOD("userSnapshot");
     if (!p_->store.id())
-        return scope.result(true);
+        return {};
     bool const indexed = p_->store.indexSnapshots() && p_->store.event();
-    if (!p_->take([&](SnapshotFile& file) {
-            file.setType(SnapshotType::User, false);
-            file.setIndexed(indexed);
-            file.setLabel(label);
-        }))
-        return scope.result(false);
+    MORVA_TRY(p_->take(time, [&](SnapshotFile& file) {
+        file.setType(SnapshotType::User, false);
+        file.setIndexed(indexed);
+        file.setLabel(label);
+    }));
     if (Event* event = p_->store.event();
         event && !event->userSnapshot(p_->store.currentInstance(), opId, false, time, label))
         MORVA_TRACE(Always) << "Failed to send user snapshot event";
-    return scope.result(true);
+    return {};
 }
 
-bool SnapshotList::resyncSnapshot(std::uint32_t time, QString const& label) {
+Status SnapshotList::resyncSnapshot(std::uint32_t time, QString const& label) {
     MORVA_METHOD("resyncSnapshot");
     if (!p_->store.id())
-        return scope.result(true);
-    if (!p_->take([&](SnapshotFile& file) {
-            file.setType(SnapshotType::Synchronization, true);
-            file.setLabel(label);
-        }))
-        return scope.result(false);
+        return {};
+    MORVA_TRY(p_->take(time, [&](SnapshotFile& file) {
+        file.setType(SnapshotType::Synchronization, true);
+        file.setLabel(label);
+    }));
     if (Event* event = p_->store.event();
         event && !event->resyncSnapshot(p_->store.currentInstance(), 0, time))
         MORVA_TRACE(Always) << "Failed to send resync snapshot event";
-    return scope.result(true);
+    return {};
 }
 
-Instance SnapshotList::validateSnapshot() {
+Result<Instance> SnapshotList::validateSnapshot() {
     MORVA_METHOD("validateSnapshot");
-    if (p_->store.id() && p_->take([](SnapshotFile& file) {
-            file.setType(SnapshotType::Validate, false);
-            file.setLabel(QStringLiteral("Validate"));
-        }))
-        (void)p_->store.control().update([this](ControlFields& fields) {
-            fields.validateInstance(p_->store.currentInstance());
-            fields.deleteValidateInstance(false);
-        });
-    return scope.result(p_->store.currentInstance());
+    if (!p_->store.id())
+        return p_->store.currentInstance();
+    MORVA_TRY(p_->take(0, [](SnapshotFile& file) {
+        file.setType(SnapshotType::Validate, false);
+        file.setLabel(QStringLiteral("Validate"));
+    }));
+    return p_->store.currentInstance();
 }
 
 // --- looking and adding
@@ -325,16 +399,19 @@ void SnapshotList::addEntry(FileId id, Instance instance) {
         MORVA_TRACE(Always) << "Failed to record the end of" << id << "in instance" << instance;
 }
 
-bool SnapshotList::writeEntries() {
+Status SnapshotList::writeEntries() {
     auto& unwritten = p_->unwritten;
     while (!unwritten.empty()) {
-        if (!p_->active || !p_->active->addEntry(unwritten.front())) {
+        Status outcome = p_->active ? p_->active->addEntry(unwritten.front())
+                                    : Status::failure(Status::Code::Stopped, "write entries",
+                                                      p_->path, QStringLiteral("it is closed"));
+        if (!outcome) {
             Morva::Failures::note();
-            return false;
+            return outcome;
         }
         unwritten.erase(unwritten.begin());
     }
-    return true;
+    return {};
 }
 
 void SnapshotList::addToDedup(StreamId id) {
@@ -342,13 +419,13 @@ void SnapshotList::addToDedup(StreamId id) {
         return;
     MORVA_TRACE(Debug) << ">>>> Ask for stream" << id << "to be deduped after the next snapshot";
     TracedLock guard(p_->dedupLock);
-    if (p_->dedup && !p_->dedup->append(id))
+    if (p_->newStreams && !p_->newStreams->append(id))
         MORVA_TRACE(Always) << "Failed to add to the dedup list";
 }
 
 bool SnapshotList::flushDedup() {
     TracedLock guard(p_->dedupLock);
-    return !p_->dedup || p_->dedup->flush();
+    return !p_->newStreams || p_->newStreams->flush();
 }
 
 std::shared_ptr<SnapshotFile> SnapshotList::find(Instance instance) const {
@@ -370,6 +447,16 @@ void SnapshotList::forEach(std::function<void(SnapshotFile const&)> const& visit
     TracedLock guard(p_->lock);
     for (auto const& file : p_->snapshots)
         visit(*file);
+}
+
+SnapshotRequests::Reasons SnapshotList::waiting() const {
+    TracedLock guard(p_->lock);
+    return p_->requests.all();
+}
+
+QStringList SnapshotList::strangers() const {
+    TracedLock guard(p_->lock);
+    return p_->strangers;
 }
 
 } // namespace Replication

@@ -30,7 +30,7 @@ TEST_F(Snapshots, KindsSayWhatTheyAre) {
     EXPECT_EQ(Instance{2}, snapshot("policy"));
     EXPECT_TRUE(list().userSnapshot(9, 100, "user"));
     EXPECT_TRUE(list().resyncSnapshot(101, "resync"));
-    EXPECT_EQ(Instance{5}, list().validateSnapshot());
+    EXPECT_EQ(Instance{5}, *list().validateSnapshot());
     auto const files = list().all();
     ASSERT_EQ(5u, files.size());
     SnapshotType const types[] = {SnapshotType::Initial, SnapshotType::Policy, SnapshotType::User,
@@ -98,7 +98,7 @@ TEST_F(Snapshots, AnEntryOfAVersionThatHasNotEndedFreesNothing) {
     ASSERT_TRUE(writeFile("kept", "1"));
     ASSERT_TRUE(writeFile("changed", "1"));
     (void)snapshot();
-    auto const located = store_->directories().locate({"kept"}, PathMode::DoNotBuildPath);
+    auto const located = value(store_->directories().locate({"kept"}, PathMode::DoNotBuildPath));
     ASSERT_TRUE(located.found);
     // As after a crash between the entry and the pages that it tells of.
     ASSERT_TRUE(list().active()->addEntry(located.key.fileId(), Instance{1}));
@@ -120,15 +120,15 @@ TEST_F(Snapshots, AnEntryOfAVersionThatHasNotEndedFreesNothing) {
 
 TEST_F(Snapshots, ValidationSnapshotsGoTogether) {
     create();
-    (void)list().validateSnapshot();
-    (void)list().validateSnapshot();
-    list().deleteValidateSnapshot(); // the active one is of the kind
+    EXPECT_TRUE(list().validateSnapshot());
+    EXPECT_TRUE(list().validateSnapshot());
+    EXPECT_TRUE(list().deleteValidateSnapshot()); // the active one is of the kind
     drain();
     EXPECT_EQ((std::vector<std::uint32_t>{1, 2, 3}), instances());
     (void)snapshot();
     drain();
     EXPECT_EQ((std::vector<std::uint32_t>{1, 2, 4}), instances());
-    list().deleteValidateSnapshot();
+    EXPECT_TRUE(list().deleteValidateSnapshot());
     drain();
     EXPECT_EQ((std::vector<std::uint32_t>{1, 4}), instances());
 }
@@ -210,7 +210,7 @@ TEST_F(Snapshots, MarkingAStoreForDeletionEndsItsPassAndNoOther) {
     EXPECT_TRUE(DedupRequests::dedupSnapshot(*streams_, StoreId{99}, Instance{1}));
     streams_->freezing(true);
     DedupWorker worker(streams_, [this] {
-        store_->active(false);
+        EXPECT_TRUE(store_->active(false));
         EXPECT_TRUE(store_->markForDeletion());
     });
     EXPECT_TRUE(worker.drain());

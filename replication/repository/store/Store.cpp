@@ -1,5 +1,6 @@
 #include "replication/repository/store/Store.h"
 
+#include "base/files/RawFile.h"
 #include "base/process/FixedPath.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/ActiveHandles.h"
@@ -10,18 +11,17 @@
 #include "replication/repository/store/PassiveHandles.h"
 #include "replication/repository/store/PathOperations.h"
 #include "replication/repository/store/RetireList.h"
+#include "replication/repository/store/SavedState.h"
 #include "replication/repository/store/SnapshotDirectories.h"
 #include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/streams/Streams.h"
-
-#include <QDir>
-#include <QFile>
 
 #include <cstring>
 
 namespace Replication {
 
 using Morva::RawFile;
+using Morva::Status;
 using Morva::XmlList;
 
 namespace {
@@ -84,9 +84,10 @@ Store::Store(StoreId id)
     Configuration const& values = shared().configuration;
     nodes_ = std::make_unique<NodeFile>(values.fileNodeCacheSize, *streams_);
     control_ = std::make_unique<ControlBlock>([this](ControlBlock::Image const& image) {
-        return nodes_->isOpen() && nodes_->changeControl([&](void* block) {
+        bool const written = nodes_->isOpen() && nodes_->changeControl([&](void* block) {
             std::memcpy(block, image.data(), image.size());
         });
+        return outcome(written, "write the control block of");
     });
     pointers_ = std::make_unique<NodePointer>(values.filePointerCacheSize);
     passive_ = std::make_unique<PassiveHandles>(*this);
@@ -96,41 +97,54 @@ Store::Store(StoreId id)
     retired_ = std::make_unique<RetireList>(*this);
     active_ = std::make_unique<ActiveHandles>(*this);
     paths_ = std::make_unique<PathOperations>(*this);
+    saved_ = std::make_unique<SavedState>(*this, statePath_);
 }
 
 Store::~Store() {
     MORVA_TRACE(Normal) << "Active handles" << active_->size() << "Passive handles"
                         << passive_->size() << "Retired versioned files" << retired_->size();
-    close();
+    (void)close(); // whoever wants to know has closed it before
 }
 
 // --- making a store
 
-bool Store::createFiles(StoreIdentity const& identity, bool caseSensitive) {
+/// For what tells of a failure by a boolean and a trace.
+Status Store::outcome(bool good, char const* operation) const {
+    return good ? Status() : Status::failure(Status::Code::IoError, operation, storePath_);
+}
+
+Status Store::createFiles(StoreIdentity const& identity, bool caseSensitive) {
     MORVA_METHOD("create");
+    MORVA_TRY(Morva::FileSystem::inForce().makeDirectory(storePath_));
+    Status made = makeFiles(caseSensitive, identity);
+    if (made) {
+        valid_ = true;
+        return {};
+    }
+    // Nothing was there before, so that the next attempt finds the place as this one did.
+    removeMade();
+    return made;
+}
+
+Status Store::makeFiles(bool caseSensitive, StoreIdentity const& identity) {
     caseSensitive_ = caseSensitive;
     sourceMachine_ = identity.sourceMachine;
     name_ = identity.name;
     Configuration const& values = shared().configuration;
     QString const files = storePath_ + QStringLiteral("/files");
-    // What a store of this id has left behind is of no use to the new one.
-    (void)RawFile::remove(statePath_);
-    for (QString const& name : QDir(snapshotPath_).entryList(QDir::Files | QDir::Hidden))
-        (void)RawFile::remove(snapshotPath_ + u'/' + name);
-    if (!nodes_->create(files, values.fileNodeGrowSize,
-                        values.fileNodeRandomAccess ? RawFile::Mode::Random
-                                                    : RawFile::Mode::ReadWrite))
-        return scope.result(false);
+    MORVA_TRY(nodes_->create(files, values.fileNodeGrowSize,
+                             values.fileNodeRandomAccess ? RawFile::Mode::Random
+                                                         : RawFile::Mode::ReadWrite));
     open_ = true;
-    if (!pointers_->create(files + QStringLiteral(".ptrs"))) {
+    if (Status made = pointers_->create(files + QStringLiteral(".ptrs")); !made) {
         MORVA_TRACE(Always) << "Failed to create node pointer file";
-        return scope.result(false);
+        return made;
     }
-    if (!directories_->create(files + QStringLiteral(".tree"))) {
+    if (Status made = directories_->create(files + QStringLiteral(".tree")); !made) {
         MORVA_TRACE(Always) << "Failed to initialize directory bplustree";
-        return scope.result(false);
+        return made;
     }
-    bool const written = control_->update([&](ControlFields& fields) {
+    MORVA_TRY(control_->update([&](ControlFields& fields) {
         fields.version(ControlFields::currentVersion);
         fields.instance(Instance{1});
         fields.storeId(id_);
@@ -142,11 +156,29 @@ bool Store::createFiles(StoreIdentity const& identity, bool caseSensitive) {
         fields.active(true);
         // Until the store is whole an opening finds no valid one.
         fields.openMark(true);
-    });
+    }));
     currentInstance_.store(1, std::memory_order_release);
     makeEvent(newSequence);
-    valid_ = written && createRoot() && createSnapshots();
-    return scope.result(valid_.load());
+    MORVA_TRY(createRoot());
+    return createSnapshots();
+}
+
+/// Takes back a creation that failed: closes the files and removes them.
+void Store::removeMade() {
+    (void)close(); // of no use to anybody
+    for (auto const& directory : {snapshotPath_, storePath_}) {
+        auto const names =
+            Morva::FileSystem::inForce().names(directory, Morva::FileSystem::Kind::File);
+        if (!names.ok())
+            continue;
+        for (QString const& name : *names)
+            if (Status const gone =
+                    Morva::FileSystem::inForce().removeIfThere(directory + u'/' + name);
+                !gone)
+                MORVA_TRACE(Always) << "Failed to take back" << gone.text();
+        if (Status const gone = Morva::FileSystem::inForce().removeDirectory(directory); !gone)
+            MORVA_TRACE(Always) << "Failed to take back" << gone.text();
+    }
 }
 
 void Store::makeEvent(std::uint32_t opening) {
@@ -164,23 +196,23 @@ void Store::takeRoot(FileId root) {
     MORVA_TRACE(Normal) << "Set store id to" << rootId_;
 }
 
-bool Store::createRoot() {
+Status Store::createRoot() {
     takeRoot(pointers_->rootId());
     DirKey key = DirKey::root(rootId_);
     NodeInfo info(caseSensitivity(), NodeInfo::Root);
     info.placeHolder = true;
     info.sourceMachine = sourceMachine_;
     info.name = name_;
-    return active_->create(key, {}, LiveMode::Clear, 0, std::move(info)) != nullptr;
+    return active_->create(key, {}, LiveMode::Clear, 0, std::move(info)).status();
 }
 
-bool Store::createSnapshots() {
+Status Store::createSnapshots() {
     if (!id_) {
         indexSnapshots_ = dedupSnapshots_ = dedupVersions_ = false;
-        return true;
+        return {};
     }
-    if (!QDir().mkpath(snapshotPath_) || !snapshots_->create(snapshotPath_))
-        return false;
+    MORVA_TRY(Morva::FileSystem::inForce().makeDirectory(snapshotPath_));
+    MORVA_TRY(snapshots_->create(snapshotPath_));
     return control_->update([](ControlFields& fields) {
         fields.directories(0); // the root doesn't count
         fields.sequence(newSequence + 1);
@@ -189,34 +221,39 @@ bool Store::createSnapshots() {
 
 // --- opening
 
-bool Store::openFiles() {
+Status Store::openFiles() {
     MORVA_METHOD("open");
-    if (!openControl())
-        return scope.result(false);
+    MORVA_TRY(openControl());
     makeEvent(control_->sequence());
     if (markedForDeletion()) {
-        if (!control_->deletionSent() && id_) {
-            if (event_ && !event_->deleteStore(replayId(), id_))
-                MORVA_TRACE(Always) << "Failed to send delete store event";
-            (void)control_->update([](ControlFields& fields) { fields.deletionSent(true); });
-        }
         takeRoot({});
-        return scope.result(true);
+        if (control_->deletionSent() || !id_)
+            return {};
+        MORVA_TRY(control_->update([](ControlFields& fields) { fields.deletionSent(true); }));
+        if (event_ && !event_->deleteStore(replayId(), id_))
+            MORVA_TRACE(Always) << "Failed to send delete store event";
+        return {};
     }
-    valid_ = openTree();
+    invalidity_ = openTree();
+    valid_ = invalidity_.ok();
     if (!valid_) {
-        (void)directories_->close();
-        (void)pointers_->close();
+        (void)directories_->close(); // they have not changed
+        (void)pointers_->close();    // as these
     }
-    return scope.result(true);
+    return {};
 }
 
-bool Store::openControl() {
+Status Store::openControl() {
     Configuration const& values = shared().configuration;
-    if (!nodes_->open(storePath_ + QStringLiteral("/files"), values.fileNodeGrowSize,
+    QString const files = storePath_ + QStringLiteral("/files");
+    if (!nodes_->open(files, values.fileNodeGrowSize,
                       values.fileNodeRandomAccess ? RawFile::Mode::Random
-                                                  : RawFile::Mode::ReadWrite))
-        return false;
+                                                  : RawFile::Mode::ReadWrite)) {
+        auto const there = Morva::FileSystem::inForce().exists(files);
+        if (there.ok() && !*there)
+            return Status::failure(Status::Code::NotFound, "open", files);
+        return outcome(false, "open \"files\" of");
+    }
     open_ = true;
     ControlBlock::Image image;
     nodes_->readControl([&](void const* block) {
@@ -227,9 +264,9 @@ bool Store::openControl() {
     // A block of another store, or of none, would pass for an old version of store 0.
     if (loaded == ControlBlock::Loaded::Invalid || ControlFields(image.data()).storeId() != id_) {
         MORVA_TRACE(Always) << "Invalid control block";
-        (void)nodes_->close();
+        (void)nodes_->close(); // it has not changed
         open_ = false;
-        return false;
+        return Status::corruption("open", files, QStringLiteral("its control block is invalid"));
     }
     upgraded_ = loaded == ControlBlock::Loaded::Upgraded;
     control_->print(static_cast<int>(Morva::TraceLevel::Debug));
@@ -241,101 +278,128 @@ bool Store::openControl() {
     if (unclean_)
         MORVA_TRACE(Always) << "Store was not shutdown correctly";
     // On the disk itself before anything that it is to tell of.
-    return control_->update([&](ControlFields& fields) {
+    MORVA_TRY(control_->update([&](ControlFields& fields) {
         fields.openMark(true);
         if (id_)
             fields.sequence(fields.sequence() + 1);
-    }) && nodes_->flush();
+    }));
+    return nodes_->flush();
 }
 
-bool Store::openTree() {
+Status Store::openTree() {
     QString const files = storePath_ + QStringLiteral("/files");
-    if (!pointers_->open(files + QStringLiteral(".ptrs"))) {
+    if (Status opened = pointers_->open(files + QStringLiteral(".ptrs")); !opened) {
         MORVA_TRACE(Always) << "Failed to open 'files' node pointer file";
-        return false;
+        return opened;
     }
-    if (!directories_->open(files + QStringLiteral(".tree"))) {
+    if (Status opened = directories_->open(files + QStringLiteral(".tree")); !opened) {
         MORVA_TRACE(Always) << "Failed to initialize directory tree file";
-        return false;
+        return opened;
+    }
+    // Before any node can be freed.
+    if (Status loaded = saved_->load(); !loaded) {
+        MORVA_TRACE(Always) << "Failed to read saved state" << loaded.text();
+        return loaded;
     }
     takeRoot(pointers_->rootId());
-    ActiveHandle::Pointer const root = active_->get(rootId_);
+    MORVA_TRY_LET(ActiveHandle::Pointer const root, active_->get(rootId_));
     MORVA_CHECK(root && root->fileNode(), "ptRoot");
     if (!root || !root->fileNode())
-        return false;
+        return outcome(false, "read the root of");
     sourceMachine_ = root->fileNode()->sourceMachine();
     name_ = root->fileNode()->name();
     control_->print(static_cast<int>(Morva::TraceLevel::Debug));
     MORVA_TRACE(Normal) << "Name" << name_ << "Source Machine" << sourceMachine_;
-    return !id_ || snapshots_->load(snapshotPath_, upgraded_, unclean_);
+    return id_ ? snapshots_->load(snapshotPath_, upgraded_) : Status();
 }
 
 // --- flushing and closing
 
-bool Store::settle() {
-    return unfinished_.settle() && (!snapshots_ || snapshots_->writeEntries());
+Status Store::settle() {
+    MORVA_TRY(unfinished_.settle());
+    return snapshots_ ? snapshots_->writeEntries() : Status();
 }
 
-bool Store::flush() {
+Status Store::flush() {
     MORVA_METHOD("flush");
-    bool const settled = !valid_ || settle();
-    bool const pool = streams_->flush();
-    return scope.result(flushFiles() && pool && settled);
+    Status result;
+    if (valid_) {
+        result = settle();
+        result.update(saveState());
+    }
+    result.update(outcome(streams_->flush(), "flush the pool of"));
+    result.update(flushFiles());
+    return result;
 }
 
-bool Store::flushFiles() {
+Status Store::saveState() {
+    Status saved = saved_->save();
+    if (!saved)
+        MORVA_TRACE(Always) << "Failed to save the state of store" << id_ << saved.text();
+    return saved;
+}
+
+Status Store::flushFiles() {
     if (!open_)
-        return true;
-    bool const settled = !valid_ || settle();
-    bool const control = control_->write();
-    bool const nodes = nodes_->flush();
+        return {};
+    Status result = valid_ ? settle() : Status();
+    result.update(control_->write());
+    result.update(nodes_->flush());
     if (!valid_)
-        return control && nodes;
-    bool const pointers = pointers_->flush();
-    bool const directories = directories_->flush();
+        return result;
+    result.update(pointers_->flush());
+    result.update(directories_->flush());
     // Nothing depends on this list: what is lost of it stays as it is.
     (void)snapshots_->flushDedup();
-    return control && nodes && pointers && directories && settled;
+    return result;
 }
 
-bool Store::flushForFreeze() {
+Status Store::flushForFreeze() {
     MORVA_METHOD("flushForFreeze");
-    if (!open_ || !flushFiles())
-        return scope.result(false);
-    return scope.result(control_->update([](ControlFields& fields) { fields.openMark(false); }));
+    if (!open_)
+        return outcome(false, "flush");
+    if (valid_)
+        MORVA_TRY(saveState());
+    MORVA_TRY(flushFiles());
+    return control_->update([](ControlFields& fields) { fields.openMark(false); });
 }
 
-void Store::markOpen() {
+Status Store::markOpen() {
     MORVA_METHOD("markOpen");
-    if (open_ && control_->update([](ControlFields& fields) { fields.openMark(true); }))
-        (void)nodes_->flush();
+    if (!open_)
+        return {};
+    MORVA_TRY(control_->update([](ControlFields& fields) { fields.openMark(true); }));
+    return nodes_->flush();
 }
 
-bool Store::close() {
+Status Store::close() {
     MORVA_METHOD("close");
     if (!open_)
-        return scope.result(true);
-    retired_->clear();
-    bool const settled = !valid_ || settle();
+        return {};
+    retired_->sendAll();
+    Status result = valid_ ? settle() : Status();
     unfinished_.clear(); // its steps hold handles
     directories_->forget();
     MORVA_CHECK(passive_->size() == 0, "passiveHandles");
-    bool flushed = flushFiles() && settled;
+    result.update(flushFiles());
     bool const wasValid = valid_.exchange(false);
     // A store that was found unclean and could not be opened has not become clean by that; one
     // that only waits for its deletion has nothing to lose.
-    if (flushed && (wasValid || !unclean_ || markedForDeletion()))
-        flushed = control_->update([](ControlFields& fields) {
+    if (result && (wasValid || !unclean_ || markedForDeletion()))
+        result = control_->update([](ControlFields& fields) {
             fields.openMark(false);
             fields.lastSequence(fields.sequence());
         });
     control_->print(static_cast<int>(Morva::TraceLevel::Debug));
     snapshots_->close();
     open_ = false;
-    bool const tree = directories_->close();
-    bool const pointers = pointers_->close();
-    bool const nodes = nodes_->close();
-    return scope.result(tree && pointers && nodes && flushed);
+    result.update(saved_->close());
+    result.update(directories_->close());
+    result.update(pointers_->close());
+    result.update(nodes_->close());
+    if (!result)
+        MORVA_TRACE(Always) << "Failed to close store" << id_ << result.text();
+    return result;
 }
 
 void Store::closed() {
@@ -343,9 +407,12 @@ void Store::closed() {
     if (!open_ || !id_ || !markedForDeletion() || control_->deletionSent())
         return;
     ReplayId const replay = replayId();
-    (void)control_->update([](ControlFields& fields) { fields.deletionSent(true); });
+    // Unwritten, it is told of by the next opening.
+    if (!control_->update([](ControlFields& fields) { fields.deletionSent(true); }))
+        return;
     // The receiver may have the store erased as soon as it is told, so it is closed before.
-    close();
+    if (!close())
+        return;
     if (event_ && !event_->deleteStore(replay, id_))
         MORVA_TRACE(Always) << "Failed to send delete store event";
 }
@@ -368,10 +435,10 @@ bool Store::active() const {
     return control_->active();
 }
 
-void Store::active(bool value) {
+Status Store::active(bool value) {
     if (control_->active() == value && !(value && markedForDeletion()))
-        return;
-    (void)control_->update([value](ControlFields& fields) {
+        return {};
+    return control_->update([value](ControlFields& fields) {
         if (value && fields.deletionSent())
             return;
         fields.active(value);
@@ -380,22 +447,25 @@ void Store::active(bool value) {
     });
 }
 
-bool Store::markForDeletion() {
+Status Store::markForDeletion() {
     MORVA_METHOD("markForDeletion");
+    auto const refused = [this](char const* why) {
+        return Status::failure(Status::Code::InvalidArgument, "mark for deletion", storePath_,
+                               QLatin1String(why));
+    };
     if (!open_) {
         MORVA_TRACE(Always) << "Invalid store";
-        return scope.result(false);
+        return refused("the store isn't open");
     }
     if (active()) {
         MORVA_TRACE(Always) << "Store" << id_ << "ReplayId" << replayId() << "is active";
-        return scope.result(false);
+        return refused("the store is active");
     }
-    (void)control_->update([this](ControlFields& fields) {
+    return control_->update([this](ControlFields& fields) {
         fields.markedForDeletion(true);
         if (!id_)
             fields.deletionSent(true);
     });
-    return scope.result(true);
 }
 
 void Store::settings(bool indexSnapshots, bool dedupSnapshots, bool dedupVersions,

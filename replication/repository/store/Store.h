@@ -1,9 +1,12 @@
 #pragma once
 
 #include "base/messages/XmlList.h"
+#include "base/trace/TracedLock.h"
+#include "base/values/Status.h"
 #include "replication/common/values/FileHandle.h"
 #include "replication/common/values/Ids.h"
 #include "replication/repository/store/ControlBlock.h"
+#include "replication/repository/store/SafePoint.h"
 #include "replication/repository/store/StoreTable.h"
 #include "replication/repository/store/Unfinished.h"
 
@@ -35,6 +38,7 @@ class PassiveHandles;
 class PathOperations;
 class RepositoryStream;
 class RetireList;
+class SavedState;
 class SnapshotDirectories;
 class SnapshotList;
 class Streams;
@@ -66,16 +70,18 @@ public:
     /// Whether there is a pool; without one no store can be made or opened.
     [[nodiscard]] static bool configured();
     /// See StoreTable.
-    [[nodiscard]] static StorePointer create(StoreId id, StoreIdentity const& identity,
-                                             bool caseSensitive) {
+    [[nodiscard]] static Morva::Result<StorePointer>
+    create(StoreId id, StoreIdentity const& identity, bool caseSensitive) {
         return StoreTable::create(id, identity, caseSensitive);
     }
-    [[nodiscard]] static StorePointer open(StoreId id, bool forDeletion) {
+    [[nodiscard]] static Morva::Result<StorePointer> open(StoreId id, bool forDeletion) {
         return StoreTable::open(id, forDeletion);
     }
-    [[nodiscard]] static StorePointer open(StoreId id, StoreIdentity const& identity) {
+    [[nodiscard]] static Morva::Result<StorePointer> open(StoreId id,
+                                                          StoreIdentity const& identity) {
         return StoreTable::open(id, identity);
     }
+    [[nodiscard]] static Morva::Result<bool> exists(StoreId id) { return StoreTable::exists(id); }
     /// Traces the stores that are still open and drops the pool and the channel.
     static void closeAll();
     [[nodiscard]] static QList<StoreId> list() { return StoreTable::list(); }
@@ -97,6 +103,7 @@ public:
     [[nodiscard]] SnapshotList& snapshots() const { return *snapshots_; }
     [[nodiscard]] RetireList& retired() const { return *retired_; }
     [[nodiscard]] PathOperations& paths() const { return *paths_; }
+    [[nodiscard]] SavedState& saved() const { return *saved_; }
     [[nodiscard]] Unfinished& unfinished() { return unfinished_; }
     [[nodiscard]] Streams& streams() const { return *streams_; }
     /// Null when no metadata store is told of changes.
@@ -106,6 +113,8 @@ public:
     [[nodiscard]] StoreId id() const { return id_; }
     [[nodiscard]] ReplayId replayId() const;
     [[nodiscard]] bool valid() const { return valid_; }
+    /// Why a store that isn't valid isn't, unless it is marked for deletion.
+    [[nodiscard]] Morva::Status const& invalidity() const { return invalidity_; }
     /// The process that last had it open did not close it.
     [[nodiscard]] bool unclean() const { return unclean_; }
     [[nodiscard]] bool caseSensitive() const { return caseSensitive_; }
@@ -117,10 +126,11 @@ public:
     [[nodiscard]] QString const& name() const { return name_; }
     [[nodiscard]] QString const& sourceMachine() const { return sourceMachine_; }
     [[nodiscard]] bool active() const;
-    void active(bool value);
+    /// A change to true has no effect once the metadata store has been told of the deletion.
+    [[nodiscard]] Morva::Status active(bool value);
     [[nodiscard]] bool markedForDeletion() const { return control_->markedForDeletion(); }
-    /// Marks the store as one to be erased. False for an active store.
-    bool markForDeletion();
+    /// Marks the store as one to be erased. Refused for an active store.
+    [[nodiscard]] Morva::Status markForDeletion();
     [[nodiscard]] FileId rootId() const { return rootId_; }
     [[nodiscard]] FileHandle const& rootHandle() const { return rootHandle_; }
     [[nodiscard]] QString const& path() const { return storePath_; }
@@ -139,76 +149,94 @@ public:
     [[nodiscard]] QStringList const& dedupExclude() const { return dedupExclude_; }
 
     // --- file handles (see FileHandles.cpp)
-    [[nodiscard]] NodeNumber fileNode(FileId id, Instance instance) const;
-    [[nodiscard]] std::shared_ptr<FileNode> passiveHandle(FileId id, Instance instance) const;
-    [[nodiscard]] std::shared_ptr<FileNode> passiveHandle(QStringList const& path,
-                                                          Instance instance) const;
-    [[nodiscard]] std::shared_ptr<FileNode> passiveHandle(FileHandle const& handle) const;
+    [[nodiscard]] Morva::Result<NodeNumber> fileNode(FileId id, Instance instance) const;
+    // Null for what isn't there.
+    [[nodiscard]] Morva::Result<std::shared_ptr<FileNode>> passiveHandle(FileId id,
+                                                                         Instance instance) const;
+    [[nodiscard]] Morva::Result<std::shared_ptr<FileNode>> passiveHandle(QStringList const& path,
+                                                                         Instance instance) const;
+    [[nodiscard]] Morva::Result<std::shared_ptr<FileNode>>
+    passiveHandle(FileHandle const& handle) const;
     /// 0, or 22 or 18.
     [[nodiscard]] std::uint32_t mungeFh(FileHandle& handle, FileHandle const& mount) const;
-    [[nodiscard]] FileHandle fileHandle(FileId id, Instance instance, FileHandle::Kind kind) const;
-    [[nodiscard]] bool lookup(FileHandle& result, FileHandle const& directory,
-                              QString const& name) const;
+    /// Only kind `Raw` can fail.
+    [[nodiscard]] Morva::Result<FileHandle> fileHandle(FileId id, Instance instance,
+                                                       FileHandle::Kind kind) const;
+    /// Whether there is such a name.
+    [[nodiscard]] Morva::Result<bool> lookup(FileHandle& result, FileHandle const& directory,
+                                             QString const& name) const;
     [[nodiscard]] std::uint32_t lookupParent(FileHandle& result, FileHandle const& object) const;
 
     // --- versions (see Versions.cpp)
 
     /// Enters a new node in the id's chain; the old node's fate follows from who saw it: nobody,
     /// and it loses its reference, or a snapshot, and the active snapshot notes that it ended. A
-    /// file without names isn't in the chain any more: its new node goes with its handle. False,
-    /// and the new node without its reference, when no entry could be had; counted by the pool.
-    [[nodiscard]] bool updateFileId(std::uint32_t time, FileId id, FileNode& oldNode,
-                                    FileNode& newNode);
+    /// file without names isn't in the chain any more: its new node goes with its handle. When no
+    /// entry could be had the new node is left without its reference.
+    [[nodiscard]] Morva::Status updateFileId(std::uint32_t time, FileId id, FileNode& oldNode,
+                                             FileNode& newNode);
     /// Drops one link of the file that `key` names (its name has been taken out of the directory
     /// already) and, with the last one, the file. With `retire` the version goes to the metadata
     /// store. Takes the name off the counters. What the disk refuses stays in `unfinished`.
     void removeFileId(DirKey const& key, bool retire);
     /// A claim on a version is over: with `version` that of a retained version, else a reference.
-    void releaseFileNode(NodeNumber node, bool version);
-    /// Deduplicates the streams of one node; false only when the pool is stopping or the store is
+    /// Success for one that isn't there any more; fails, with the claim kept, when it can't be
+    /// read.
+    [[nodiscard]] Morva::Status releaseFileNode(NodeNumber node, bool version);
+    /// Deduplicates the streams of one node. `Stopped` when the pool is stopping or the store is
     /// to go. `checkForFreeze` and `buffer` as for `Streams::dedupStream`.
-    [[nodiscard]] bool dedupVersion(std::function<void()> const& checkForFreeze, NodeNumber node,
-                                    Morva::Extent& buffer);
-    /// The same for one stream.
+    [[nodiscard]] Morva::Status dedupVersion(std::function<void()> const& checkForFreeze,
+                                             NodeNumber node, Morva::Extent& buffer);
+    /// Held while the last name of a file or one of its versions goes: both change the id's chain
+    /// and then the version that is left. Outside of all other locks of the store.
+    [[nodiscard]] Morva::TracedMutex& endings() { return endings_; }
+    /// The same as `dedupVersion` for one stream; false when the pool is stopping or the store is
+    /// to go.
     [[nodiscard]] bool dedupStream(std::function<void()> const& checkForFreeze, StreamId id,
                                    DedupStatistics& statistics, Morva::Extent& buffer);
 
     // --- state
 
-    /// Ends what operations that the disk failed have left over. False when it fails still; nothing
-    /// may change the live tree then. By the writer of the live tree.
-    [[nodiscard]] bool settle();
-    /// Writes all that changed to the files and the disk. The pool goes first, since nodes point
+    /// Ends what operations that the disk failed have left over. When it fails still, nothing may
+    /// change the live tree. By the writer of the live tree.
+    [[nodiscard]] Morva::Status settle();
+    /// Writes all that changed to the files and the disk. What a sink has to find again is saved,
+    /// so that it is of one state with the tree. Then the pool goes first, since nodes point
     /// to streams; then "files", the pointer file, whose entries point to nodes, and the tree,
     /// whose keys name ids. So what is on the disk never points to what isn't there. `OpenMark`
-    /// stays set. False when any of it failed; the rest has been tried all the same. The caller
+    /// stays set. The first failure of any of it; the rest has been tried all the same. The caller
     /// holds the operation gate alone.
-    [[nodiscard]] bool flush();
+    [[nodiscard]] Morva::Status flush();
     /// As `flush` without the pool, which the caller has flushed; then clears `OpenMark`, which
     /// stays set if anything failed. Until `markOpen` nothing may change the store.
-    [[nodiscard]] bool flushForFreeze();
-    void markOpen();
-    /// Flushes, clears `OpenMark` if that worked, and closes the files. Harmless when closed.
-    bool close();
+    [[nodiscard]] Morva::Status flushForFreeze();
+    [[nodiscard]] Morva::Status markOpen();
+    /// Sends the versions that wait for it, flushes, clears `OpenMark` if that worked, and closes
+    /// the files. Harmless when closed.
+    Morva::Status close();
     /// As the last reference goes. Of a store that was marked for deletion, the metadata store is
     /// told now.
     void closed();
     /// The end of a store that is not valid any more and whose deletion has been told of: frees
     /// every node and drops its streams, then removes the files, "files" last, so that an end in
-    /// between can be taken up again. True, and nothing done, for any other store. False when the
-    /// disk failed: before all nodes were freed, and then it can be tried again, or with the
-    /// directory still there. The caller holds the only pointer, and not the operation gate.
-    bool erase();
+    /// between can be taken up again. Success, and nothing done, for any other store. Fails before
+    /// all nodes were freed, and then it can be tried again, or with the directory still there.
+    /// `safePoint` is called between steps. The caller holds the only pointer, and not the
+    /// operation gate.
+    [[nodiscard]] Morva::Status erase(SafePoint const& safePoint = {});
     /// Frees the versions that nothing claims: those of files that were deleted while they were
     /// open, when the process that had them open is gone. Reads every node. For a store that was
-    /// just opened. The caller doesn't hold the operation gate.
-    void freeUnclaimed();
+    /// just opened. Fails when not every node could be read. The caller doesn't hold the operation
+    /// gate.
+    [[nodiscard]] Morva::Status freeUnclaimed();
 
     // --- statistics, from any thread; what isn't open counts as 0 (see StoreStatistics.cpp)
 
     /// An HTML table with a row for each figure.
     void statistics(QString& html) const;
-    /// The binary form: the figures of the store and one "SnapShotEntry" for each snapshot.
+    /// The binary form: the figures of the store and one "SnapShotEntry" for each snapshot. With
+    /// background work that waits "StoreWaitingWork", how much, and with some that failed
+    /// "StoreFailedWork", the reasons.
     void statistics(Morva::XmlList& result) const;
     /// For the statistics of the process: adds a list "Snapshot" for each snapshot that is told
     /// of, with the figures of the store, "Instance", and again under "Snapshot" its own figures.
@@ -222,23 +250,29 @@ private:
     friend class SnapshotList;
 
     explicit Store(StoreId id);
-    [[nodiscard]] bool createFiles(StoreIdentity const& identity, bool caseSensitive);
+    [[nodiscard]] Morva::Status outcome(bool good, char const* operation) const;
+    [[nodiscard]] Morva::Status createFiles(StoreIdentity const& identity, bool caseSensitive);
+    [[nodiscard]] Morva::Status makeFiles(bool caseSensitive, StoreIdentity const& identity);
+    void removeMade();
     void makeEvent(std::uint32_t opening);
     void takeRoot(FileId root);
-    [[nodiscard]] bool createRoot();
-    [[nodiscard]] bool createSnapshots();
-    [[nodiscard]] bool openFiles();
-    [[nodiscard]] bool openControl();
-    [[nodiscard]] bool openTree();
-    [[nodiscard]] bool flushFiles();
-    void eraseNodes();
-    void forEachNode(bool (PassiveHandles::*work)(NodeNumber));
+    [[nodiscard]] Morva::Status createRoot();
+    [[nodiscard]] Morva::Status createSnapshots();
+    [[nodiscard]] Morva::Status openFiles();
+    [[nodiscard]] Morva::Status openControl();
+    [[nodiscard]] Morva::Status openTree();
+    [[nodiscard]] Morva::Status saveState();
+    [[nodiscard]] Morva::Status flushFiles();
+    [[nodiscard]] Morva::Status forEachNode(Morva::Status (PassiveHandles::*work)(NodeNumber),
+                                            SafePoint const& safePoint);
     struct Figures;
+    void setWaiting(Morva::XmlList& result) const;
     [[nodiscard]] Figures figures() const;
-    [[nodiscard]] bool dropLink(DirKey const& key, bool retire);
-    [[nodiscard]] bool dropLastLink(DirKey const& key, ActiveHandle& handle, bool retire);
+    [[nodiscard]] Morva::Status dropLink(DirKey const& key, bool retire);
+    [[nodiscard]] Morva::Status dropLastLink(DirKey const& key, ActiveHandle& handle, bool retire);
 
     std::atomic<bool> valid_{false};
+    Morva::Status invalidity_;
     bool caseSensitive_ = true;
     std::atomic<std::uint32_t> currentInstance_{0};
     StoreId id_;
@@ -254,6 +288,7 @@ private:
     std::atomic<int> referenceCount_{0};
 
     std::shared_ptr<Streams> streams_;
+    std::unique_ptr<SavedState> saved_; // asked by the nodes as they go
     std::unique_ptr<Event> event_;
     std::unique_ptr<NodeFile> nodes_;
     std::unique_ptr<ControlBlock> control_;
@@ -266,6 +301,7 @@ private:
     std::unique_ptr<ActiveHandles> active_;
     std::unique_ptr<PathOperations> paths_;
     Unfinished unfinished_;
+    Morva::TracedMutex endings_{{"Lock Endings", "Unlock Endings"}};
 };
 
 } // namespace Replication

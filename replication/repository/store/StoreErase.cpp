@@ -1,6 +1,5 @@
 // The end of a store.
 
-#include "base/blocks/Failures.h"
 #include "base/files/RawFile.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/NodeFile.h"
@@ -9,11 +8,13 @@
 #include "replication/repository/streams/OperationGate.h"
 #include "replication/repository/streams/Streams.h"
 
-#include <QDir>
-
 #include <algorithm>
+#include <cerrno>
+#include <utility>
 
 namespace Replication {
+
+using Morva::Status;
 
 namespace {
 
@@ -21,67 +22,80 @@ namespace {
 constexpr std::uint64_t nodesInSlice = 64;
 
 /// Removes the files of a directory, `last` after all others, and the directory itself. Goes on
-/// where one can't be removed.
-bool removeDirectory(QString const& path, QString const& last = {}) {
-    QDir const directory(path);
-    QStringList names = directory.entryList(QDir::Files | QDir::Hidden | QDir::System, QDir::Name);
-    if (names.removeOne(last))
-        names.append(last);
-    MORVA_TRACE(Normal) << "Remove" << names.size() << "files from" << path;
-    for (QString const& name : std::as_const(names)) {
+/// where one can't be removed, but for `last`, which stays then.
+Status removeDirectory(QString const& path, QString const& last = {}) {
+    auto names = Morva::FileSystem::inForce().names(path, Morva::FileSystem::Kind::File);
+    if (!names.ok())
+        return names.status();
+    bool const hasLast = names->removeOne(last);
+    MORVA_TRACE(Normal) << "Remove" << names->size() + hasLast << "files from" << path;
+    Status result;
+    auto const remove = [&](QString const& name) {
         MORVA_TRACE(Verbose) << "Remove" << name;
-        if (!Morva::RawFile::remove(path + QLatin1Char('/') + name))
-            MORVA_TRACE(Always) << "Failed to remove" << name << "from" << path;
-    }
-    return directory.rmdir(path);
+        Status gone = Morva::FileSystem::inForce().removeIfThere(path + QLatin1Char('/') + name);
+        if (!gone)
+            MORVA_TRACE(Always) << "Failed to remove" << name << "from" << path << gone.text();
+        result.update(std::move(gone));
+    };
+    for (QString const& name : std::as_const(*names))
+        remove(name);
+    MORVA_TRY(std::move(result));
+    if (hasLast)
+        remove(last);
+    MORVA_TRY(std::move(result));
+    Status gone = Morva::FileSystem::inForce().removeDirectory(path);
+    return gone.is(Status::Code::NotFound) ? Status() : gone;
 }
 
 } // namespace
 
-bool Store::erase() {
+Status Store::erase(SafePoint const& safePoint) {
     MORVA_METHOD("erase");
     if (!open_ || !control_->deletionSent() || valid_) {
         MORVA_TRACE(Always) << "Invalid erase request";
-        return scope.result(true);
+        return {};
     }
     MORVA_TRACE(Normal) << "Erasing store" << id_ << "ReplayId" << replayId() << "Location"
                         << storePath_;
-    if (!QDir(snapshotPath_).exists())
+    if (auto const there = Morva::FileSystem::inForce().exists(snapshotPath_);
+        there.ok() && !*there)
         MORVA_TRACE(Normal) << "No snapshot directory";
-    else if (!removeDirectory(snapshotPath_))
-        MORVA_TRACE(Always) << "Failed to remove" << snapshotPath_;
-    Morva::Failures::Watch const failures;
-    eraseNodes();
-    if (failures.any()) {
-        // Without the files nobody would know any more what the store held in the pool.
-        MORVA_TRACE(Always) << "Failed to free all nodes of store" << id_;
-        return scope.result(false);
-    }
-    (void)nodes_->close();
-    open_ = false;
-    if (removeDirectory(storePath_, QStringLiteral("files")))
-        return scope.result(true);
-    MORVA_TRACE(Always) << "Failed to remove" << storePath_;
-    return scope.result(false);
-}
-
-void Store::eraseNodes() {
+    Status snapshots = removeDirectory(snapshotPath_);
     // Neither ids nor directories are needed: every node says itself what it holds.
-    forEachNode(&PassiveHandles::erase);
+    if (Status freed = forEachNode(&PassiveHandles::erase, safePoint); !freed) {
+        // Without the files nobody would know any more what the store held in the pool.
+        MORVA_TRACE(Always) << "Failed to free all nodes of store" << id_ << freed.text();
+        return freed;
+    }
+    // "files" is the last to go: as long as anything is there, it says that it is to be erased.
+    MORVA_TRY(std::move(snapshots));
+    Status result = nodes_->close();
+    open_ = false;
+    MORVA_TRY(std::move(result));
+    Status removed = removeDirectory(storePath_, QStringLiteral("files"));
+    if (!removed)
+        MORVA_TRACE(Always) << "Failed to remove" << storePath_ << removed.text();
+    return removed;
 }
 
-void Store::freeUnclaimed() {
-    forEachNode(&PassiveHandles::freeUnclaimed);
+Status Store::freeUnclaimed() {
+    return forEachNode(&PassiveHandles::freeUnclaimed, {});
 }
 
-void Store::forEachNode(bool (PassiveHandles::*work)(NodeNumber)) {
+Status Store::forEachNode(Status (PassiveHandles::*work)(NodeNumber), SafePoint const& safePoint) {
+    Status status;
     std::uint64_t const end = nodes_->totalBlocks();
     for (std::uint64_t number = nodes_->firstBlock() + 1; number < end;) {
-        OperationGate::Enter const gate;
-        std::uint64_t const sliceEnd = std::min(number + nodesInSlice, end);
-        for (; number < sliceEnd; ++number)
-            (passive_.get()->*work)(NodeNumber{number});
+        {
+            OperationGate::Enter const gate;
+            std::uint64_t const sliceEnd = std::min(number + nodesInSlice, end);
+            for (; number < sliceEnd; ++number)
+                status.update((passive_.get()->*work)(NodeNumber{number}));
+        }
+        if (safePoint)
+            MORVA_TRY(safePoint());
     }
+    return status;
 }
 
 } // namespace Replication

@@ -11,24 +11,21 @@ namespace {
 /// Several stores over one pool; `store_` is the one that the fixture's operations work on.
 class StoreErase : public StoreFixture {
 protected:
-    void createStore(std::uint64_t id) {
-        store_ = Store::create(StoreId{id}, identity(), true);
-        ASSERT_TRUE(store_);
-    }
+    void createStore(std::uint64_t id) { create(StoreId{id}); }
     /// Deduplicates what the snapshots asked for, and works off the deletions.
     void work() {
         ASSERT_TRUE(DedupWorker(streams_).drain());
         ASSERT_TRUE(CleanupWorker(streams_).drain());
     }
     static void mark(std::uint64_t id) {
-        StorePointer const store = Store::open(StoreId{id}, false);
+        StorePointer const store = open(StoreId{id});
         ASSERT_TRUE(store);
-        store->active(false);
+        ASSERT_TRUE(store->active(false));
         ASSERT_TRUE(store->markForDeletion());
     }
     static bool erase(std::uint64_t id) {
-        StorePointer const store = Store::open(StoreId{id}, true);
-        return store && store->erase();
+        StorePointer const store = open(StoreId{id}, true);
+        return store && store->erase().ok();
     }
     /// What of the pool is in use.
     [[nodiscard]] std::string poolInUse() const {
@@ -56,14 +53,14 @@ TEST_F(StoreErase, AStoreInAnyOtherStateIsLeftAlone) {
     EXPECT_TRUE(erase(1)); // not valid, but nobody was told
     ASSERT_TRUE(QFile::rename(files + ".away", files + ".tree"));
     mark(1);
-    store_ = Store::open(StoreId{1}, true);
+    store_ = open(StoreId{1}, true);
     ASSERT_TRUE(store_);
     EXPECT_TRUE(store_->close());
     EXPECT_TRUE(store_->erase()); // no control block
     EXPECT_TRUE(QFile::exists(files));
 
     createStore(0);
-    store_->active(false);
+    EXPECT_TRUE(store_->active(false));
     EXPECT_TRUE(store_->markForDeletion()); // there is nobody to tell, so that counts as done
     EXPECT_TRUE(store_->erase());           // but it is valid
     EXPECT_TRUE(QFile::exists(store_->path() + "/files"));
@@ -107,11 +104,11 @@ TEST_F(StoreErase, WhatTheDiskRefusedIsFreedTheNextTime) {
         closePool(); // so that nothing is in a cache
         openPool();
         {
-            StorePointer const store = Store::open(StoreId{1}, true);
+            StorePointer const store = open(StoreId{1}, true);
             ASSERT_TRUE(store);
             std::uint64_t const faultsBefore = files.faults();
             files.failReadsAfter(reads);
-            bool const erased = store->erase();
+            bool const erased = store->erase().ok();
             failed = files.faults() != faultsBefore;
             files.heal();
             if (!erased) {

@@ -8,6 +8,7 @@
 #include "replication/repository/store/FileNode.h"
 #include "replication/repository/store/NodeFile.h"
 #include "replication/repository/store/NodePointer.h"
+#include "replication/repository/store/Outcomes.h"
 #include "replication/repository/store/PassiveHandles.h"
 #include "replication/repository/store/PathOperations.h"
 #include "replication/repository/store/RetireList.h"
@@ -84,34 +85,43 @@ protected:
     [[nodiscard]] static StoreIdentity identity() {
         return {ReplayId{7}, QStringLiteral("machine"), QStringLiteral("repository-home")};
     }
-    void create(bool caseSensitive = true) {
-        store_ = Store::create(storeId, identity(), caseSensitive);
-        ASSERT_TRUE(store_);
+    /// A new store in the place of the one before.
+    void create(bool caseSensitive = true) { create(storeId, caseSensitive); }
+    void create(StoreId id, bool caseSensitive = true) {
+        QDir(Store::directoryOf(id)).removeRecursively();
+        auto made = Store::create(id, identity(), caseSensitive);
+        ASSERT_TRUE(made) << made.status().text().toStdString();
+        store_ = *made;
     }
     void reopen() {
         store_.reset();
-        store_ = Store::open(storeId, false);
+        store_ = open();
         ASSERT_TRUE(store_);
+    }
+    /// Null when it doesn't open.
+    [[nodiscard]] static StorePointer open(StoreId id = storeId, bool forDeletion = false) {
+        auto opened = Store::open(id, forDeletion);
+        return opened ? *std::move(opened) : StorePointer();
     }
 
     /// A file with content, in the root or below; the directories on the way are made.
     bool writeFile(QString const& path, QByteArray const& content) {
         FileContext const context = writing();
         QStringList const parts = path.split(QLatin1Char('/'));
-        auto const handle = store_->paths().createStream(context, parts, dataStreamName, {});
-        return handle && handle->streamHandle &&
-               store_->paths().truncate(context, *handle,
-                                        static_cast<std::uint64_t>(content.size()), 0) &&
-               store_->paths().write(context, *handle, 0, content.constData(),
+        auto const made = store_->paths().createStream(context, parts, dataStreamName, {});
+        return made && (*made)->streamHandle &&
+               store_->paths().truncate(context, **made, static_cast<std::uint64_t>(content.size()),
+                                        0) &&
+               store_->paths().write(context, **made, 0, content.constData(),
                                      static_cast<std::uint32_t>(content.size()));
     }
     bool removeFile(QString const& path) {
-        return store_->paths().unlink(writing(), path.split(QLatin1Char('/')));
+        return store_->paths().unlink(writing(), path.split(QLatin1Char('/'))).ok();
     }
     /// The content at an instance; nothing when there is no such file.
     [[nodiscard]] std::optional<QByteArray> contentAt(QString const& path, Instance instance) {
-        auto const node = store_->passiveHandle(path.split(QLatin1Char('/')), instance);
-        auto const stream = node ? node->openStream(dataStreamName) : nullptr;
+        auto const node = value(store_->passiveHandle(path.split(QLatin1Char('/')), instance));
+        auto const stream = node ? value(node->openStream(dataStreamName)) : nullptr;
         if (!stream)
             return {};
         QByteArray result(static_cast<qsizetype>(stream->length()), Qt::Uninitialized);

@@ -118,11 +118,27 @@ void Store::statistics(XmlList& result) const {
     setCache(result, "StoreDirectoryCache", figures.directoryCache);
     setCache(result, "StoreNodeCache", figures.nodeCache);
     setCache(result, "StorePointerCache", figures.pointerCache);
+    setWaiting(result);
     FileHandle root = rootHandle_;
     root.kind = FileHandle::Snapshot;
     XmlList snapshots;
     snapshots_->forEach([&](SnapshotFile const& file) { file.statistics(snapshots, root); });
     result.set("SnapShotList", snapshots);
+}
+
+/// Retirements that wait and background work that failed, with its reasons; nothing where there is
+/// none.
+void Store::setWaiting(XmlList& result) const {
+    auto const waiting = snapshots_->waiting();
+    if (waiting.empty())
+        return;
+    result.set("StoreWaitingWork", static_cast<std::uint32_t>(waiting.size()));
+    QStringList failed;
+    for (auto const& [key, reason] : waiting)
+        if (!reason.isEmpty())
+            failed += QStringLiteral("snapshot %1: %2").arg(key.instance.value).arg(reason);
+    if (!failed.isEmpty())
+        result.set("StoreFailedWork", failed.join(QStringLiteral("; ")));
 }
 
 void Store::statistics(XmlList& result, QString const& machine, QString const& store,

@@ -1,17 +1,20 @@
 #include "replication/repository/store/StoreTable.h"
 
+#include "base/files/FileSystem.h"
+#include "base/files/RawFile.h"
 #include "base/trace/Trace.h"
 #include "base/trace/TracedLock.h"
 #include "replication/common/rules/ReplayStream.h"
 #include "replication/repository/store/Store.h"
 
-#include <QDir>
-
 #include <condition_variable>
 #include <map>
+#include <vector>
 
 namespace Replication {
 
+using Morva::Result;
+using Morva::Status;
 using Morva::TracedLock;
 using Morva::TracedMutex;
 
@@ -83,63 +86,146 @@ void StorePointer::reset() {
     StoreTable::removeStore(store);
 }
 
-StorePointer StoreTable::create(StoreId id, StoreIdentity const& identity, bool caseSensitive) {
+namespace {
+
+Status noPool() {
+    return Status::failure(Status::Code::InvalidArgument, "open a store", {},
+                           QStringLiteral("there is no pool of streams"));
+}
+
+Status missing(StoreId id) {
+    return Status::failure(Status::Code::NotFound, "open a store", Store::directoryOf(id),
+                           QStringLiteral("there is none"));
+}
+
+/// Whether a store that is open may be given out.
+Status usable(Store const& store, bool forDeletion) {
+    if (forDeletion || store.valid())
+        return {};
+    if (!store.invalidity())
+        return store.invalidity();
+    return Status::failure(Status::Code::InvalidArgument, "open a store", store.path(),
+                           QStringLiteral("it is marked for deletion"));
+}
+
+/// Ends the work on an entry that was begun, unless a store is put into it.
+class Opening {
+public:
+    explicit Opening(StoreId id) : id_(id) {}
+    ~Opening() {
+        if (!done_)
+            table().settle(id_, nullptr);
+    }
+    Opening(Opening const&) = delete;
+    Opening& operator=(Opening const&) = delete;
+    [[nodiscard]] StorePointer settle(std::unique_ptr<Store> store) {
+        StorePointer result(store.get());
+        table().settle(id_, store.release());
+        done_ = true;
+        return result;
+    }
+
+private:
+    StoreId id_;
+    bool done_ = false;
+};
+
+} // namespace
+
+Result<bool> StoreTable::exists(StoreId id) {
+    QString const path = Store::directoryOf(id);
+    MORVA_TRY_LET(bool const whole,
+                  Morva::FileSystem::inForce().exists(path + QStringLiteral("/files")));
+    if (whole)
+        return true;
+    for (QString const& directory : {path, path + QStringLiteral("/snapshot")}) {
+        auto const names =
+            Morva::FileSystem::inForce().names(directory, Morva::FileSystem::Kind::File);
+        if (!names.ok() && names.code() != Status::Code::NotFound)
+            return names.status();
+        if (names.ok() && !names->isEmpty())
+            return Status::corruption("open a store", path,
+                                      QStringLiteral("its \"files\" is missing, and \"%1\" is "
+                                                     "there: is its volume mounted?")
+                                          .arg(names->front()));
+    }
+    return false;
+}
+
+Result<StorePointer> StoreTable::create(StoreId id, StoreIdentity const& identity,
+                                        bool caseSensitive) {
     MORVA_METHOD("create");
     if (!Store::configured())
-        return {};
+        return noPool();
     {
         TracedLock guard(table().lock);
         if (table().find(id) != table().stores.end())
-            return {};
+            return Status::failure(Status::Code::Busy, "make a store", Store::directoryOf(id),
+                                   QStringLiteral("it is open"));
         table().stores[id] = Entry{};
     }
+    Opening opening(id);
+    MORVA_TRY_LET(bool const there, exists(id));
+    if (there)
+        return Status::failure(Status::Code::InvalidArgument, "make a store",
+                               Store::directoryOf(id), QStringLiteral("there is one already"));
     std::unique_ptr<Store> store(new Store(id));
-    if (!QDir().mkpath(store->path()) || !store->createFiles(identity, caseSensitive)) {
-        MORVA_TRACE(Always) << "Failed to create 'directories' files";
-        store.reset();
-        table().settle(id, nullptr);
-        return {};
+    if (Status made = store->createFiles(identity, caseSensitive); !made) {
+        MORVA_TRACE(Always) << "Failed to create 'directories' files" << made.text();
+        return made;
     }
-    StorePointer result(store.get());
-    table().settle(id, store.release());
-    return result;
+    return opening.settle(std::move(store));
 }
 
-StorePointer StoreTable::open(StoreId id, bool forDeletion) {
+Result<StorePointer> StoreTable::open(StoreId id, bool forDeletion) {
     MORVA_METHOD("open (StoreId)");
     if (!Store::configured())
-        return {};
+        return noPool();
     {
         TracedLock guard(table().lock);
         auto const it = table().find(id);
         if (it != table().stores.end()) {
-            Store* const store = it->second.store;
-            return forDeletion || store->valid() ? StorePointer(store) : StorePointer();
+            MORVA_TRY(usable(*it->second.store, forDeletion));
+            return StorePointer(it->second.store);
         }
         table().stores[id] = Entry{};
     }
+    Opening opening(id);
     std::unique_ptr<Store> store(new Store(id));
-    if (!store->openFiles() || (!store->valid() && !forDeletion)) {
-        store.reset();
-        table().settle(id, nullptr);
-        return {};
+    if (Status opened = store->openFiles(); !opened) {
+        // Absent is what nothing is left of, and no single file.
+        MORVA_TRY_LET(bool const there, exists(id));
+        return there ? opened : missing(id);
     }
-    StorePointer result(store.get());
-    table().settle(id, store.release());
-    return result;
+    MORVA_TRY(usable(*store, forDeletion));
+    return opening.settle(std::move(store));
 }
 
-StorePointer StoreTable::open(StoreId id, StoreIdentity const& identity) {
-    StorePointer store = open(id, false);
-    if (!store)
-        return {};
+Result<StorePointer> StoreTable::open(StoreId id, StoreIdentity const& identity) {
+    MORVA_TRY_LET(StorePointer store, open(id, false));
     if (store->replayId() != identity.replayId) {
         MORVA_TRACE(Normal) << "Store" << id << "has ReplayId" << store->replayId();
-        return {};
+        return Status::failure(Status::Code::InvalidArgument, "open a store", store->path(),
+                               QStringLiteral("it is fed by another stream"));
     }
     if (store->control().batch() != identity.batch)
-        (void)store->control().update([&](ControlFields& fields) { fields.batch(identity.batch); });
+        MORVA_TRY(
+            store->control().update([&](ControlFields& fields) { fields.batch(identity.batch); }));
     return store;
+}
+
+Status StoreTable::flushAll() {
+    std::vector<StorePointer> open;
+    {
+        TracedLock guard(table().lock);
+        for (auto const& [id, entry] : table().stores)
+            if (!entry.busy)
+                open.emplace_back(entry.store);
+    }
+    Status result;
+    for (StorePointer const& store : open)
+        result.update(store->flush());
+    return result;
 }
 
 void StoreTable::closeAll() {

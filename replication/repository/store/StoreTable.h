@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/values/Status.h"
 #include "replication/common/values/Ids.h"
 
 #include <QList>
@@ -58,16 +59,25 @@ private:
 /// it, and whoever wants that one waits, so that one store doesn't hold up another.
 class StoreTable {
 public:
-    /// A new store, its files replacing any that are there. Null when the id is open already, with
-    /// nothing changed, and when the files can't be made.
-    [[nodiscard]] static StorePointer create(StoreId id, StoreIdentity const& identity,
-                                             bool caseSensitive);
-    /// Null when the store can't be opened. A store that is marked for deletion isn't valid; it is
-    /// given out with `forDeletion` alone.
-    [[nodiscard]] static StorePointer open(StoreId id, bool forDeletion);
-    /// As `open(id, false)`; null also when the store is fed by another replay id. Brings the
+    /// A new store, in a place where there is nothing: `exists` must be certain of that. `Busy`,
+    /// with nothing changed, when the id is open already. When the files can't be made, none is
+    /// left.
+    [[nodiscard]] static Morva::Result<StorePointer>
+    create(StoreId id, StoreIdentity const& identity, bool caseSensitive);
+    /// `NotFound` when there is certainly no store of this id. A store that is marked for deletion
+    /// or can't be opened beyond its control block isn't valid; it is given out with `forDeletion`
+    /// alone.
+    [[nodiscard]] static Morva::Result<StorePointer> open(StoreId id, bool forDeletion);
+    /// As `open(id, false)`; fails also when the store is fed by another replay id. Brings the
     /// store's batch mark up to date.
-    [[nodiscard]] static StorePointer open(StoreId id, StoreIdentity const& identity);
+    [[nodiscard]] static Morva::Result<StorePointer> open(StoreId id,
+                                                          StoreIdentity const& identity);
+    /// Whether there is a store of this id. False is certain: its directory is absent or holds no
+    /// file. A directory with files and without "files" is `Corruption`: something is missing.
+    [[nodiscard]] static Morva::Result<bool> exists(StoreId id);
+    /// Flushes every store that is open, whoever has opened it, as `Store::flush` does; the first
+    /// failure of any. The caller holds the operation gate alone.
+    [[nodiscard]] static Morva::Status flushAll();
     static void closeAll();
     /// The ids of the open stores.
     [[nodiscard]] static QList<StoreId> list();

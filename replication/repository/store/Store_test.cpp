@@ -1,3 +1,4 @@
+#include "base/files/FaultyFiles.h"
 #include "replication/repository/store/StoreFixture.h"
 
 #include <QFile>
@@ -56,7 +57,7 @@ TEST_F(Stores, ANewStoreIsValidAndComesBack) {
 TEST_F(Stores, OneObjectForEachOpenId) {
     create();
     EXPECT_FALSE(Store::create(storeId, identity(), true));
-    StorePointer const second = Store::open(storeId, false);
+    StorePointer const second = open();
     EXPECT_EQ(store_.get(), second.get());
     EXPECT_EQ(QList<StoreId>{storeId}, Store::list());
     store_ = StorePointer();
@@ -80,7 +81,7 @@ TEST_F(Stores, ManyThreadsOpenAndCloseOneStore) {
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([&] {
             for (int n = 0; n < 50; ++n) {
-                StorePointer const store = Store::open(storeId, false);
+                StorePointer const store = open();
                 opened += store && store->valid() && store->rootId() == FileId{129};
             }
         });
@@ -91,32 +92,90 @@ TEST_F(Stores, ManyThreadsOpenAndCloseOneStore) {
     EXPECT_FALSE(openMarkOnDisk());
 }
 
-TEST_F(Stores, UncleanEndIsSeenAndUnfinishedSnapshotsGo) {
+TEST_F(Stores, FilesOfInstancesThatWereNotReachedAreLeftAlone) {
     create();
     ASSERT_TRUE(writeFile("a", "1"));
     store_.reset();
-    auto const put = [&](char const* name) {
-        QFile file(directory() + QStringLiteral("/snapshot/") + QLatin1String(name));
+    auto const name = [](char const* file) {
+        return directory() + QStringLiteral("/snapshot/") + QLatin1String(file);
+    };
+    QStringList const strangers{"dedup0000000002", "snapshot0000000002", "snapshot0000000005"};
+    for (QString const& each : strangers) {
+        QFile file(name(qPrintable(each)));
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray(4096, '\0'));
-    };
-    auto const there = [&](char const* name) {
-        return QFile::exists(directory() + QStringLiteral("/snapshot/") + QLatin1String(name));
-    };
-    put("snapshot0000000002");
-    put("dedup0000000002");
-    put("notes");
+        file.write(QByteArray(4096, '\7'));
+    }
     patchControl([](ControlFields fields) { fields.openMark(true); });
-    store_ = Store::open(storeId, false);
+    store_ = open();
     ASSERT_TRUE(store_);
-    EXPECT_FALSE(there("snapshot0000000002"));
-    EXPECT_FALSE(there("dedup0000000002"));
-    EXPECT_TRUE(there("notes"));
+    EXPECT_TRUE(store_->unclean());
+    EXPECT_EQ(strangers, store_->snapshots().strangers());
     EXPECT_EQ(3u, store_->control().sequence());
-    EXPECT_EQ(Instance{2}, snapshot());
-    EXPECT_EQ(QByteArray("1"), contentAt("a", Instance{2}));
+    // The next number that nobody has.
+    EXPECT_EQ(Instance{6}, snapshot());
+    EXPECT_EQ(Instance{1}, store_->snapshots().active()->previousInstance());
+    EXPECT_EQ(QByteArray("1"), contentAt("a", Instance{6}));
     reopen();
-    EXPECT_EQ(Instance{2}, store_->currentInstance());
+    EXPECT_EQ(Instance{6}, store_->currentInstance());
+    QFile left(name("dedup0000000002"));
+    ASSERT_TRUE(left.open(QIODevice::ReadOnly));
+    EXPECT_EQ(QByteArray(4096, '\7'), left.readAll());
+}
+
+TEST_F(Stores, WhatIsMissingMakesNoNewStore) {
+    EXPECT_FALSE(*Store::exists(storeId));
+    EXPECT_EQ(Morva::Status::Code::NotFound, Store::open(storeId, false).code());
+    create();
+    ASSERT_TRUE(writeFile("a", "1"));
+    (void)snapshot();
+    store_.reset();
+    EXPECT_TRUE(*Store::exists(storeId));
+    EXPECT_FALSE(Store::create(storeId, identity(), true));
+    QString const files = directory() + QStringLiteral("/files");
+    ASSERT_TRUE(QFile::rename(files, files + ".away"));
+    auto const missing = Store::exists(storeId);
+    EXPECT_EQ(Morva::Status::Code::Corruption, missing.code());
+    EXPECT_TRUE(missing.status().text().contains("\"files\" is missing"));
+    EXPECT_FALSE(Store::create(storeId, identity(), true));
+    EXPECT_EQ(Morva::Status::Code::Corruption, Store::open(storeId, false).code());
+    // With everything but the snapshots gone, too.
+    for (QString const& name : QDir(directory()).entryList(QDir::Files))
+        ASSERT_TRUE(QFile::rename(directory() + u'/' + name, root_.filePath(name)));
+    EXPECT_EQ(Morva::Status::Code::Corruption, Store::exists(storeId).code());
+    EXPECT_FALSE(Store::create(storeId, identity(), true));
+    for (char const* name : {"files.tree", "files.ptrs.blocks"})
+        ASSERT_TRUE(QFile::rename(root_.filePath(name), directory() + u'/' + QLatin1String(name)));
+    ASSERT_TRUE(QFile::rename(root_.filePath("files.away"), files));
+    store_ = open();
+    ASSERT_TRUE(store_);
+    EXPECT_EQ(QByteArray("1"), contentAt("a", Instance{2}));
+}
+
+TEST_F(Stores, ACreationThatFailsLeavesNothingBehind) {
+    Morva::FaultyFiles files;
+    std::uint64_t tried = 0;
+    for (bool failed = true; failed; ++tried) {
+        auto const before = files.faults();
+        files.failWrite(tried + 1);
+        auto made = Store::create(storeId, identity(), true);
+        failed = files.faults() != before;
+        files.heal();
+        if (!made) {
+            EXPECT_TRUE(failed);
+            auto const there = Store::exists(storeId);
+            ASSERT_TRUE(there.ok()) << there.status().text().toStdString();
+            EXPECT_FALSE(*there) << tried;
+            continue;
+        }
+        // What the failure hit has been written after all.
+        store_ = *std::move(made);
+        EXPECT_TRUE(store_->flush());
+        reopen();
+        EXPECT_TRUE(store_->valid());
+        store_.reset();
+        QDir(directory()).removeRecursively();
+    }
+    EXPECT_GT(tried, 5u);
 }
 
 TEST_F(Stores, OldControlBlockIsUpgradedAndNewerRefused) {
@@ -140,21 +199,21 @@ TEST_F(Stores, ActiveStoreIsNotMarkedForDeletion) {
     create();
     EXPECT_FALSE(store_->markForDeletion());
     EXPECT_FALSE(store_->markedForDeletion());
-    store_->active(false);
+    EXPECT_TRUE(store_->active(false));
     EXPECT_TRUE(store_->markForDeletion());
-    store_->active(true); // wanted again before anyone was told
+    EXPECT_TRUE(store_->active(true)); // wanted again before anyone was told
     EXPECT_FALSE(store_->markedForDeletion());
-    store_->active(false);
+    EXPECT_TRUE(store_->active(false));
     EXPECT_TRUE(store_->markForDeletion());
     EXPECT_EQ(0u, channel_->count(EventRecord::DeleteStore));
     store_.reset();
     EXPECT_EQ(1u, channel_->count(EventRecord::DeleteStore));
     EXPECT_EQ(storeId, channel_->events.back().object.store);
     EXPECT_FALSE(Store::open(storeId, false));
-    StorePointer const marked = Store::open(storeId, true);
+    StorePointer const marked = open(storeId, true);
     ASSERT_TRUE(marked);
     EXPECT_FALSE(marked->valid());
-    marked->active(true); // too late
+    EXPECT_TRUE(marked->active(true)); // too late
     EXPECT_FALSE(marked->active());
     EXPECT_TRUE(marked->markedForDeletion());
     EXPECT_FALSE(marked->rootHandle().id);
@@ -167,7 +226,7 @@ TEST_F(Stores, FreezeLeavesACleanStore) {
     EXPECT_TRUE(streams_->flush());
     EXPECT_TRUE(store_->flushForFreeze());
     EXPECT_FALSE(openMarkOnDisk());
-    store_->markOpen();
+    EXPECT_TRUE(store_->markOpen());
     EXPECT_TRUE(openMarkOnDisk());
     EXPECT_TRUE(store_->flush());
     EXPECT_TRUE(openMarkOnDisk());
@@ -178,19 +237,18 @@ TEST_F(Stores, FreezeLeavesACleanStore) {
 }
 
 TEST_F(Stores, StoreZeroHasNoSnapshots) {
-    store_ = Store::create(StoreId{}, identity(), true);
-    ASSERT_TRUE(store_);
+    create(StoreId{});
     store_->settings(true, true, true, {});
     EXPECT_FALSE(store_->indexSnapshots());
     ASSERT_TRUE(writeFile("a", "1"));
     EXPECT_EQ(Instance{1}, snapshot());
-    EXPECT_EQ(Instance{1}, store_->snapshots().validateSnapshot());
+    EXPECT_EQ(Instance{1}, *store_->snapshots().validateSnapshot());
     QString reason;
     EXPECT_FALSE(store_->snapshots().markSnapshot(reason, Instance{1}));
     EXPECT_EQ(QStringLiteral("Invalid Id"), reason);
     EXPECT_TRUE(channel_->events.empty());
     store_.reset();
-    store_ = Store::open(StoreId{}, false);
+    store_ = open(StoreId{});
     ASSERT_TRUE(store_);
     EXPECT_TRUE(store_->valid());
 }
@@ -229,7 +287,7 @@ TEST_F(Stores, DamagedDirectoriesDontOpenOrAtLeastDontCrash) {
                 if (at < 64 || random() % 16 == 0)
                     bytes[at] = static_cast<char>(random());
             put(bytes);
-            StorePointer const store = Store::open(storeId, false);
+            StorePointer const store = open();
             if (store && store->valid())
                 (void)store->passiveHandle({"d", "a"}, Instance{2});
         }
