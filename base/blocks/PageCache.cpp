@@ -1,6 +1,7 @@
 #include "base/blocks/PageCache.h"
 
 #include "base/blocks/Failures.h"
+#include "base/blocks/FileCalls.h"
 #include "base/trace/Trace.h"
 
 #include <algorithm>
@@ -219,7 +220,7 @@ Result<void*> PageCache::pin(std::uint64_t page) {
     bool const inOrder = page - expected_ < aheadBytes / pageSize_;
     expected_ = page + 1;
     if (!inOrder || !readAhead(frame)) {
-        Status read = file_->readWhole(page * pageSize_, frame->bytes(), pageSize_);
+        Status read = FileCalls::readWhole(*file_, page * pageSize_, frame->bytes(), pageSize_);
         if (!read) [[unlikely]] {
             MORVA_TRACE(Always) << "Failed to read page" << page << "of" << file_->name();
             Failures::note();
@@ -242,7 +243,8 @@ bool PageCache::readAhead(Frame* frame) {
     if (count == 1)
         return false;
     aheadBytes_.resize(aheadBytes);
-    auto const got = file_->readAt(first * pageSize_, aheadBytes_.data(), count * pageSize_);
+    auto const got =
+        FileCalls::readAt(*file_, first * pageSize_, aheadBytes_.data(), count * pageSize_);
     if (!got || *got < pageSize_)
         return false;
     count = *got / pageSize_;
@@ -377,7 +379,7 @@ Status PageCache::writeRun(Frame* const* frames, std::size_t count) {
             std::memcpy(runBytes_.data() + i * pageSize_, frames[i]->bytes(), pageSize_);
         from = runBytes_.data();
     }
-    Status written = file_->writeAt(frames[0]->number * pageSize_, from, bytes);
+    Status written = FileCalls::writeAt(*file_, frames[0]->number * pageSize_, from, bytes);
     if (!written) {
         MORVA_TRACE(Always) << "Failed to write" << count << "pages from" << frames[0]->number
                             << "of" << file_->name();

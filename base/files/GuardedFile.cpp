@@ -8,104 +8,100 @@ GuardedFile::GuardedFile(Journal& journal, std::unique_ptr<RawFile> file)
     : journal_(&journal), file_(std::move(file)) {}
 
 GuardedFile::~GuardedFile() {
-    (void)close(); // traced where it failed, and nobody is left to tell
+    close();
 }
 
-Status GuardedFile::create(QString const& name, Mode mode) {
+bool GuardedFile::create(QString const& name, Mode mode) {
     if (isOpen() || !journal_->isGuarded(name))
         return file_->create(name, mode);
-    MORVA_TRY_LET(content_, journal_->created(name));
+    content_ = journal_->created(name);
     position_ = 0;
-    auto status = file_->create(name, mode);
-    if (!status)
-        content_.reset();
-    return status;
+    if (content_ && file_->create(name, mode))
+        return true;
+    content_.reset();
+    return false;
 }
 
-Status GuardedFile::open(QString const& name, Mode mode) {
-    if (isOpen())
-        return file_->open(name, mode);
-    MORVA_TRY(file_->open(name, mode));
+bool GuardedFile::open(QString const& name, Mode mode) {
+    if (isOpen() || !file_->open(name, mode))
+        return false;
     position_ = 0;
     if (!journal_->isGuarded(name))
-        return {};
-    auto content = journal_->contentOf(name, *file_);
-    if (!content) {
-        (void)file_->close(); // nothing was written
-        return content.status();
-    }
-    content_ = *std::move(content);
-    return {};
+        return true;
+    content_ = journal_->contentOf(name, file_->length());
+    if (!content_)
+        file_->close();
+    return content_ != nullptr;
 }
 
-Status GuardedFile::close() {
+void GuardedFile::close() {
     if (!isOpen())
-        return {};
+        return;
     bool const removes = content_ && deleteOnClose_;
     QString const removed = removes ? name() : QString();
     content_.reset();
     deleteOnClose_ = false;
-    auto status = file_->close();
+    file_->close();
     if (removes)
-        status.update(journal_->removeIfThere(removed));
-    return status;
+        static_cast<void>(journal_->remove(removed));
 }
 
-Result<std::uint32_t> GuardedFile::read(void* buffer, std::uint32_t count) {
+std::uint32_t GuardedFile::read(void* buffer, std::uint32_t count) {
     if (!content_)
         return file_->read(buffer, count);
-    auto done = readAt(static_cast<std::uint64_t>(position_), buffer, count);
-    if (done)
-        position_ += *done;
+    auto const done = readAt(static_cast<std::uint64_t>(position_), buffer, count);
+    position_ += done;
     return done;
 }
 
-Status GuardedFile::write(void const* buffer, std::uint32_t count) {
+std::uint32_t GuardedFile::write(void const* buffer, std::uint32_t count) {
     if (!content_)
         return file_->write(buffer, count);
-    auto status = writeAt(static_cast<std::uint64_t>(position_), buffer, count);
-    if (status)
-        position_ += count;
-    return status;
+    auto const done = writeAt(static_cast<std::uint64_t>(position_), buffer, count);
+    position_ += done;
+    return done;
 }
 
-Status GuardedFile::setPosition(std::int64_t offset, Where from) {
-    MORVA_TRY(file_->setPosition(offset, from));
+bool GuardedFile::setPosition(std::int64_t offset, Where from) {
+    if (!file_->setPosition(offset, from))
+        return false;
     position_ = offset;
-    return {};
+    return true;
 }
 
 std::int64_t GuardedFile::position() const {
     return content_ ? position_ : file_->position();
 }
 
-Result<std::uint32_t> GuardedFile::readAt(std::uint64_t offset, void* buffer, std::uint32_t count) {
+std::uint32_t GuardedFile::readAt(std::uint64_t offset, void* buffer, std::uint32_t count) {
     return content_ ? content_->readAt(*file_, offset, buffer, count)
                     : file_->readAt(offset, buffer, count);
 }
 
-Status GuardedFile::writeAt(std::uint64_t offset, void const* buffer, std::uint32_t count) {
+std::uint32_t GuardedFile::writeAt(std::uint64_t offset, void const* buffer, std::uint32_t count) {
     return content_ ? content_->writeAt(*file_, offset, buffer, count)
                     : file_->writeAt(offset, buffer, count);
 }
 
-Status GuardedFile::setLength(std::uint64_t bytes) {
+bool GuardedFile::setLength(std::uint64_t bytes) {
     return content_ ? content_->setLength(*file_, bytes) : file_->setLength(bytes);
 }
 
-Result<std::uint64_t> GuardedFile::length() const {
-    return content_ ? Result(content_->length()) : file_->length();
+std::uint64_t GuardedFile::length() const {
+    return content_ ? content_->length() : file_->length();
 }
 
-Status GuardedFile::sync() {
-    return content_ ? Status() : file_->sync();
+bool GuardedFile::sync() {
+    return content_ || file_->sync();
 }
 
-Result<std::unique_ptr<RawFile>> GuardedFile::threadFile(Mode mode) {
-    MORVA_TRY_LET(auto inner, file_->threadFile(mode));
+std::unique_ptr<RawFile> GuardedFile::threadFile(Mode mode) {
+    auto inner = file_->threadFile(mode);
+    if (!inner)
+        return nullptr;
     auto other = std::make_unique<GuardedFile>(*journal_, std::move(inner));
     other->content_ = content_;
-    return std::unique_ptr<RawFile>(std::move(other));
+    return other;
 }
 
 bool GuardedFile::deleteOnClose() {

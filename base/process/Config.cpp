@@ -2,8 +2,14 @@
 
 #include "base/files/RawFile.h"
 #include "base/process/FixedPath.h"
+#include "base/values/PosixText.h"
 
 #include <QFileInfo>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
 
 namespace Morva {
 
@@ -12,36 +18,41 @@ namespace {
 /// Larger than any configuration that a person or the rule distribution writes.
 constexpr std::uint64_t maxFileBytes = 64 << 20;
 
-Status writeWhole(QString const& path, QByteArray const& text) {
+bool writeWhole(QString const& path, QByteArray const& text) {
     auto const file = RawFile::make();
-    MORVA_TRY(file->create(path, RawFile::Mode::ReadWrite));
-    MORVA_TRY(file->write(Extent(text)));
-    MORVA_TRY(file->sync());
-    return file->close();
+    if (!file->create(path, RawFile::Mode::ReadWrite))
+        return false;
+    bool const fine = file->write(Extent(text)) && file->sync();
+    file->close();
+    return fine;
 }
 
-Result<QByteArray> readWhole(QString const& path) {
-    auto const file = RawFile::make();
-    MORVA_TRY(file->open(path, RawFile::Mode::ReadOnly));
-    MORVA_TRY_LET(auto const length, file->length());
-    if (length > maxFileBytes)
-        return Status::corruption("read", path, QStringLiteral("is too large"));
-    QByteArray text(static_cast<qsizetype>(length), Qt::Uninitialized);
-    MORVA_TRY(file->readWhole(0, text.data(), static_cast<std::uint32_t>(length)));
-    return text;
-}
-
-Status replace(QString const& path, QByteArray const& text) {
-    auto& files = FileSystem::inForce();
-    auto const fresh = path + QStringLiteral(".new");
-    auto status = writeWhole(fresh, text);
-    if (status)
-        status = files.rename(fresh, path);
-    if (!status) {
-        (void)files.removeIfThere(fresh); // the first failure is the one to tell
-        return status;
+/// Brings a rename to the disk; a failure only means that a power cut can undo it.
+void syncDirectory(QString const& path) {
+    int const directory = ::open(encodePosixText(path).constData(), O_RDONLY | O_DIRECTORY);
+    if (directory >= 0) {
+        (void)::fsync(directory);
+        ::close(directory);
     }
-    return files.syncDirectory(QFileInfo(path).absolutePath());
+}
+
+std::optional<QByteArray> readWhole(QString const& path, QString& error) {
+    auto const file = RawFile::make();
+    if (!file->open(path, RawFile::Mode::ReadOnly)) {
+        error = QStringLiteral("can't be opened");
+        return std::nullopt;
+    }
+    std::uint64_t const length = file->length();
+    if (length > maxFileBytes) {
+        error = QStringLiteral("is too large");
+        return std::nullopt;
+    }
+    QByteArray text(static_cast<qsizetype>(length), Qt::Uninitialized);
+    if (file->read(text.data(), static_cast<std::uint32_t>(length)) != length) {
+        error = QStringLiteral("can't be read");
+        return std::nullopt;
+    }
+    return text;
 }
 
 QString localPath(QString const& fileName) {
@@ -55,13 +66,11 @@ QString localPath(QString const& fileName) {
 
 Config Config::load(QString const& path) {
     Config result;
-    if (path.isEmpty())
-        return result;
-    auto const text = readWhole(path);
-    if (text.code() == Status::Code::NotFound)
+    if (path.isEmpty() || ::access(encodePosixText(path).constData(), F_OK) != 0)
         return result;
     result.absent_ = false;
-    QString error = text.status().text();
+    QString error;
+    auto const text = readWhole(path, error);
     auto list = text ? XmlList::fromXml(*text, &error) : std::nullopt;
     if (!list) {
         MORVA_TRACE(Always) << "Configuration file" << path << error;
@@ -74,10 +83,16 @@ Config Config::load(QString const& path) {
 
 bool Config::save(QString const& path, XmlList const& list) {
     auto const text = list.toXml();
-    if (!text.isEmpty() && replace(path, text))
-        return true;
-    MORVA_TRACE(Always) << "Failed to write configuration file" << path;
-    return false;
+    auto const fresh = path + QStringLiteral(".new");
+    auto const freshName = encodePosixText(fresh);
+    if (text.isEmpty() || !writeWhole(fresh, text) ||
+        std::rename(freshName.constData(), encodePosixText(path).constData()) != 0) {
+        MORVA_TRACE(Always) << "Failed to write configuration file" << path;
+        (void)std::remove(freshName.constData());
+        return false;
+    }
+    syncDirectory(QFileInfo(path).absolutePath());
+    return true;
 }
 
 ConfigLocal::ConfigLocal(QString const& fileName) : Config(load(localPath(fileName))) {}

@@ -1,5 +1,6 @@
 #include "base/trees/PagedList.h"
 
+#include "base/blocks/FileCalls.h"
 #include "base/trace/Trace.h"
 #include "base/trees/ListSorter.h"
 #include "base/trees/RecordCheck.h"
@@ -97,8 +98,8 @@ Status PagedList::copyFile(PagedList const& other) {
         auto const part = static_cast<std::uint32_t>(
             std::min<std::uint64_t>(bytes.size(), other.spilled_ - spilled_));
         std::uint64_t const at = Header::size + spilled_;
-        MORVA_TRY(other.file_->readWhole(at, bytes.data(), part));
-        MORVA_TRY(file_->writeAt(at, bytes.data(), part));
+        MORVA_TRY(FileCalls::readWhole(*other.file_, at, bytes.data(), part));
+        MORVA_TRY(FileCalls::writeAt(*file_, at, bytes.data(), part));
         spilled_ += part;
     }
     return {};
@@ -108,7 +109,7 @@ Status PagedList::copyFile(PagedList const& other) {
 
 Status PagedList::openFile() {
     file_ = RawFile::make();
-    Status made = file_->create(path_, mode);
+    Status made = FileCalls::create(*file_, path_, mode);
     if (!made) {
         made = fail("Failed to create list", std::move(made));
         file_.reset();
@@ -121,7 +122,7 @@ Status PagedList::open() {
     forget();
     failure_ = {};
     file_ = RawFile::make();
-    Status opened = file_->open(path_, mode);
+    Status opened = FileCalls::open(*file_, path_, mode);
     if (opened)
         opened = readHeader();
     if (!opened) {
@@ -136,7 +137,7 @@ Status PagedList::readHeader() {
         return Status::corruption("open", path_, QStringLiteral("its header is damaged"));
     };
     std::array<std::uint8_t, Header::size> header;
-    MORVA_TRY(file_->readWhole(0, header.data(), Header::size));
+    MORVA_TRY(FileCalls::readWhole(*file_, 0, header.data(), Header::size));
     if (std::memcmp(header.data(), Header::magic, 8) != 0 ||
         loadLittle<std::uint32_t>(header.data() + Header::atVersion) != Header::version ||
         loadLittle<std::uint64_t>(header.data() + Header::atCheck) !=
@@ -144,7 +145,7 @@ Status PagedList::readHeader() {
         return unsound();
     count_ = loadLittle<std::uint64_t>(header.data() + Header::atCount);
     spilled_ = loadLittle<std::uint64_t>(header.data() + Header::atBytes);
-    MORVA_TRY_LET(std::uint64_t const length, file_->length());
+    MORVA_TRY_LET(std::uint64_t const length, FileCalls::length(*file_));
     return spilled_ <= length - Header::size && count_ <= spilled_ / frameSize ? Status()
                                                                                : unsound();
 }
@@ -156,7 +157,7 @@ Status PagedList::writeHeader() {
     storeLittle(header.data() + Header::atCount, count_);
     storeLittle(header.data() + Header::atBytes, spilled_);
     storeLittle(header.data() + Header::atCheck, recordCheck(0, header.data(), Header::atCheck));
-    Status written = file_->writeAt(0, header.data(), Header::size);
+    Status written = FileCalls::writeAt(*file_, 0, header.data(), Header::size);
     headerWritten_ = written.ok();
     return written ? std::move(written) : fail("Failed to write list", std::move(written));
 }
@@ -169,7 +170,8 @@ Status PagedList::spill() {
         MORVA_TRY(openFile());
     auto const bytes = static_cast<std::uint32_t>(tail_.size());
     headerWritten_ = false;
-    if (Status written = file_->writeAt(Header::size + spilled_, tail_.data(), bytes); !written)
+    if (Status written = FileCalls::writeAt(*file_, Header::size + spilled_, tail_.data(), bytes);
+        !written)
         return fail("Failed to write list", std::move(written));
     spilled_ += bytes;
     tail_.clear();
@@ -188,7 +190,7 @@ Status PagedList::close() {
     else if (file_)
         file_->deleteOnClose();
     if (file_)
-        closed.update(file_->close());
+        file_->close();
     forget();
     return closed;
 }
@@ -201,7 +203,7 @@ bool PagedList::deleteOnClose() {
 void PagedList::clear() {
     if (file_) {
         file_->deleteOnClose();
-        (void)file_->close(); // traced there; the list is empty all the same
+        file_->close();
     }
     forget();
     failure_ = {};
@@ -240,7 +242,7 @@ Status PagedList::fill(std::uint64_t position, std::uint64_t count) {
     window_.resize(std::min(std::max(wanted, count), spilled_ - position));
     windowStart_ = position;
     auto const bytes = static_cast<std::uint32_t>(window_.size());
-    Status read = file_->readWhole(Header::size + position, window_.data(), bytes);
+    Status read = FileCalls::readWhole(*file_, Header::size + position, window_.data(), bytes);
     if (!read)
         window_.clear();
     return read;
@@ -323,18 +325,18 @@ Status PagedList::sortOnDisk() {
         MORVA_TRY(sorter.add(record));
     }
     MORVA_TRY_LET(std::unique_ptr<RawFile> const sorted, sorter.finish());
-    if (Status renamed = RawFile::rename(sorted->name(), path_); !renamed) {
+    if (Status renamed = FileCalls::rename(sorted->name(), path_); !renamed) {
         sorted->deleteOnClose();
-        (void)sorted->close(); // the rename has failed already
+        sorted->close();
         return renamed;
     }
-    (void)sorted->close(); // removes nothing
+    sorted->close();
     file_ = RawFile::make();
     spilled_ += tail_.size();
     tail_.clear();
     window_.clear();
     headerWritten_ = false;
-    return file_->open(path_, mode);
+    return FileCalls::open(*file_, path_, mode);
 }
 
 } // namespace Morva

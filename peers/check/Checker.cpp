@@ -4,6 +4,8 @@
 #include "peers/check/PoolCheck.h"
 #include "peers/check/StoreCheck.h"
 
+#include <QDir>
+
 #include <chrono>
 
 namespace Morva {
@@ -20,9 +22,9 @@ namespace {
 constexpr int idDigits = 16;
 
 /// Every directory whose name is the id of a store, ascending.
-Result<QList<StoreId>> storesIn(QString const& path) {
+QList<StoreId> storesIn(QString const& path) {
     QList<StoreId> result;
-    MORVA_TRY_LET(auto const names, FileSystem::inForce().names(path, FileSystem::Kind::Directory));
+    auto const names = QDir(path).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
     for (QString const& name : names) {
         bool isId = false;
         StoreId const id{name.toULongLong(&isId, 16)};
@@ -39,10 +41,7 @@ CheckReport checkRepository(RepositoryPaths const& paths, CheckOptions const& op
     CheckReport report;
     PoolCheck pool(paths, options, report);
     pool.begin();
-    auto const stores = storesIn(paths.stores);
-    if (!stores)
-        report.fault(FaultKind::Unreadable, QStringLiteral("stores"), stores.status().text());
-    for (StoreId const id : stores ? *stores : QList<StoreId>()) {
+    for (StoreId const id : storesIn(paths.stores)) {
         auto const name = QString::number(id.value, 16).rightJustified(idDigits, u'0');
         StoreCheck(id, paths.stores + "/" + name, pool).run();
         if (options.progress)

@@ -80,14 +80,14 @@ public:
         sink.ruleSet = 1;
         sink_ = std::make_unique<Replication::RepositoryPosix>(sink, Replication::ReplayId{1},
                                                                store_, streams_);
-        must(sink_->start().ok(), "sink");
+        must(sink_->start(), "sink");
         if (sink_->needsResync())
             sink_->needsResync(false);
     }
     void close() {
         if (!streams_)
             return;
-        must(sink_->handleShutdown().ok(), "sink");
+        sink_->handleShutdown();
         sink_.reset();
         {
             Replication::OperationGate::EnterAlone const alone;

@@ -2,7 +2,6 @@
 
 #include "base/trace/Trace.h"
 #include "base/values/PosixText.h"
-#include "peers/morva/ExitCode.h"
 #include "replication/common/values/WindowsObject.h"
 #include "replication/repository/store/Directories.h"
 #include "replication/repository/store/DirectoryScan.h"
@@ -37,22 +36,14 @@ QString const attributesStreamName = QString::fromUtf16(Replication::PosixStream
 /// A larger stream of anything but content is damage: Linux bounds what one file can have.
 constexpr std::uint64_t maximumSmallStream = 16 * 1024 * 1024;
 
-/// The value of a look-up; ends the command when it failed.
-template <class Value> Value valueOf(Result<Value> result, QString const& what) {
-    if (result.ok())
-        return *std::move(result);
-    throw CommandFailure(ExitCode::Failed, result.status().during(what).text() +
-                                               QStringLiteral("; run \"morva check\""));
-}
-
 /// The whole of a small stream; empty when the object has none.
 std::optional<QByteArray> readSmall(FileNode& node, QString const& name) {
-    auto const opened = node.openStream(name);
-    if (!opened)
-        return std::nullopt;
-    auto const& stream = *opened;
-    if (!stream)
+    auto const stream = node.openStream(name);
+    if (!stream) {
+        if (node.exists(name))
+            return std::nullopt;
         return QByteArray();
+    }
     auto const length = stream->length();
     if (length > maximumSmallStream) {
         MORVA_TRACE(Always) << "Stream" << name << "of node" << node.id() << "is too long";
@@ -71,24 +62,19 @@ FileTree::Entry FileTree::root() const {
 }
 
 NodeNumber FileTree::nodeNumber(FileId id) const {
-    return id ? valueOf(store_->fileNode(id, instance_), QStringLiteral("look for a version"))
-              : NodeNumber{};
+    return id ? store_->fileNode(id, instance_) : NodeNumber{};
 }
 
 FileNode::Pointer FileTree::node(FileId id) const {
-    auto const number = id ? store_->fileNode(id, instance_) : NodeNumber{};
-    auto const found = number ? store_->passiveHandles().get(*number) : FileNode::Pointer();
-    return found ? *found : nullptr;
+    return store_->passiveHandles().get(nodeNumber(id));
 }
 
 std::optional<FileTree::Entry> FileTree::find(QStringList const& path) const {
     auto parts = path;
     parts.removeAll(QStringLiteral("."));
     Entry at = root();
-    auto const what = [&] { return QStringLiteral("look for ") + parts.join(u'/'); };
     if (live()) {
-        auto const located =
-            valueOf(store_->directories().locate(parts, PathMode::DoNotBuildPath), what());
+        auto const located = store_->directories().locate(parts, PathMode::DoNotBuildPath);
         if (!located.found)
             return std::nullopt;
         if (!located.key.isRoot())
@@ -97,8 +83,7 @@ std::optional<FileTree::Entry> FileTree::find(QStringList const& path) const {
         return at;
     }
     for (auto const& part : parts) {
-        auto const item =
-            valueOf(store_->snapshotDirectories().findItem(at.id, instance_, part), what());
+        auto const item = store_->snapshotDirectories().findItem(at.id, instance_, part);
         if (!item || item->liveOnly)
             return std::nullopt;
         at = {part, item->fileId, item->link, item->type == Replication::directoryType};
@@ -185,7 +170,7 @@ std::optional<ObjectAttributes> FileTree::attributes(FileNode& node) {
     if (!record)
         return std::nullopt;
     ObjectAttributes result;
-    // Versions that ended under older programs count no names.
+    // A version that has ended counts its names no more.
     result.links = node.linkCount() == 0 && node.notLinked() ? 1 : node.linkCount();
     if (auto const security = PosixSecurity::decode(Extent(*record)))
         result.security = *security;
@@ -228,16 +213,13 @@ std::optional<PosixAttributes> FileTree::extendedAttributes(FileNode& node) {
 }
 
 std::shared_ptr<StreamHandle> FileTree::content(FileNode& node) {
-    auto const opened = node.openStream(Replication::dataStreamName);
-    return opened ? *opened : nullptr;
+    return node.openStream(Replication::dataStreamName);
 }
 
 std::uint64_t FileTree::size(FileNode& node, ObjectAttributes const& attributes) {
     if (S_ISREG(attributes.security.mode))
-        return valueOf(node.size(), QStringLiteral("read a size"));
-    return S_ISLNK(attributes.security.mode)
-               ? valueOf(node.size(linkStreamName), QStringLiteral("read a size"))
-               : 0;
+        return node.size();
+    return S_ISLNK(attributes.security.mode) ? node.size(linkStreamName) : 0;
 }
 
 QByteArray nameBytes(QString const& name) {

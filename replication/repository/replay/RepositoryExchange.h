@@ -20,11 +20,7 @@ public:
 
 protected:
     /// Also lets go of the open objects.
-    [[nodiscard]] Morva::Status dropHandles() override;
-    void forgetHandles() override;
-    void saveMore(SavedHandles& handles) override;
-    [[nodiscard]] Morva::Status takeUpMore(SavedHandles& handles) override;
-    [[nodiscard]] QList<QStringList> pathsOf(LogEntry const& log) override;
+    void dropHandles() override;
 
 private:
     /// What a sequence text stands for.

@@ -10,9 +10,6 @@
 
 namespace Replication {
 
-using Morva::Result;
-using Morva::Status;
-
 using StreamPointer = std::shared_ptr<StreamHandle>;
 
 ActiveHandle::ActiveHandle(Store& store, FileId id, FileNode::Pointer node)
@@ -27,32 +24,20 @@ ActiveHandle::~ActiveHandle() {
     store_.activeHandles().release(id_);
 }
 
-Status ActiveHandle::commit(LinkId) {
+bool ActiveHandle::commit(LinkId) {
     if (!copy_)
-        return {};
+        return true;
     FileNode::Pointer const copy = std::exchange(copy_, nullptr);
     copy->print(static_cast<int>(Morva::TraceLevel::Debug));
-    MORVA_TRY(store_.updateFileId(store_.retired().timeStamp(), id_, *fileNode_, *copy));
+    if (!store_.updateFileId(store_.retired().timeStamp(), id_, *fileNode_, *copy))
+        return false;
     version_.fileType = copy->type();
     if (version_.versioned()) {
         version_.fileNode = copy->id();
         MORVA_TRACE(Verbose) << "%%% Version" << id_ << "FileNode" << version_.fileNode;
     }
     fileNode_ = copy;
-    return {};
-}
-
-Status ActiveHandle::end(LinkId link, Status status) {
-    if (status)
-        return commit(link);
-    if (FileNode::Pointer const copy = std::exchange(copy_, nullptr))
-        copy->releaseVersion(); // with the last pointer it goes, and with it its streams
-    return status;
-}
-
-Status ActiveHandle::noFile() const {
-    return Status::failure(Status::Code::InvalidArgument, "change file", QString(),
-                           QStringLiteral("file %1 has no node").arg(id_.value));
+    return true;
 }
 
 // --- streams
@@ -61,7 +46,7 @@ bool ActiveHandle::sameStream(QString const& a, QString const& b) const {
     return QString::compare(a, b, store_.caseSensitivity()) == 0;
 }
 
-Result<StreamPointer> ActiveHandle::current(StreamPointer const& stream) const {
+StreamPointer ActiveHandle::current(StreamPointer const& stream) const {
     if (stream && fileNode_)
         for (Replaced const& entry : replaced_)
             if (entry.id == stream->id() && entry.handle.lock() == stream)
@@ -69,23 +54,13 @@ Result<StreamPointer> ActiveHandle::current(StreamPointer const& stream) const {
     return stream;
 }
 
-Result<StreamHandle const*> ActiveHandle::current(StreamHandle const& stream,
-                                                  StreamPointer& keep) const {
+StreamHandle const& ActiveHandle::current(StreamHandle const& stream, StreamPointer& keep) const {
     for (Replaced const& entry : replaced_)
-        if (entry.id == stream.id() && entry.handle.lock().get() == &stream && fileNode_) {
-            MORVA_TRY_LET(keep, fileNode_->openStream(entry.name));
-            return keep ? keep.get() : &stream;
+        if (entry.id == stream.id() && entry.handle.lock().get() == &stream) {
+            keep = fileNode_ ? fileNode_->openStream(entry.name) : nullptr;
+            return keep ? *keep : stream;
         }
-    return &stream;
-}
-
-QString ActiveHandle::streamName(StreamPointer const& stream) const {
-    if (!stream || !fileNode_)
-        return {};
-    for (Replaced const& entry : replaced_)
-        if (entry.id == stream->id() && entry.handle.lock() == stream)
-            return entry.name;
-    return fileNode_->streamName(stream->id());
+    return stream;
 }
 
 void ActiveHandle::replaced(StreamPointer const& before, QString const& name) {
@@ -95,98 +70,112 @@ void ActiveHandle::replaced(StreamPointer const& before, QString const& name) {
 }
 
 template <class Change>
-Status ActiveHandle::change(LinkId link, StreamPointer& stream, Change&& change) {
+bool ActiveHandle::change(LinkId link, StreamPointer& stream, Change&& change) {
     if (!fileNode_)
-        return noFile();
-    if (!replaced_.empty()) {
-        MORVA_TRY_LET(stream, current(stream));
-    }
-    StreamPointer const before = stream;
-    Status status = change();
-    bool const copied = copy_ != nullptr;
-    status = end(link, std::move(status));
-    // With a copy of the node its copies of streams have gone as well.
-    if (!status && copied)
+        return false;
+    if (!replaced_.empty())
+        stream = current(stream);
+    StreamPointer before = stream;
+    bool const result = change();
+    if (!commit(link)) {
         stream = before;
+        return false;
+    }
     if (stream != before)
         replaced(before, fileNode_->streamName(stream->id()));
-    return status;
+    return result;
 }
 
-Result<StreamPointer> ActiveHandle::createStream(LinkId link, QString const& name, bool dedup) {
-    return run(link, [&](FileNode& node) { return node.createActiveStream(copy_, name, dedup); });
+StreamPointer ActiveHandle::createStream(LinkId link, QString const& name, bool dedup) {
+    if (!fileNode_)
+        return nullptr;
+    StreamPointer result = fileNode_->createActiveStream(copy_, name, dedup);
+    return commit(link) ? result : nullptr;
 }
 
-Result<StreamPointer> ActiveHandle::openStream(LinkId link, QString const& name, bool dedup) {
-    return run(link, [&](FileNode& node) { return node.openActiveStream(copy_, name, dedup); });
+StreamPointer ActiveHandle::openStream(LinkId link, QString const& name, bool dedup) {
+    if (!fileNode_)
+        return nullptr;
+    StreamPointer result = fileNode_->openActiveStream(copy_, name, dedup);
+    return commit(link) ? result : nullptr;
 }
 
-Status ActiveHandle::write(LinkId link, StreamPointer& stream, std::uint64_t offset,
-                           void const* data, std::uint32_t count, std::uint32_t sourceTime) {
+bool ActiveHandle::write(LinkId link, StreamPointer& stream, std::uint64_t offset, void const* data,
+                         std::uint32_t count, std::uint32_t sourceTime) {
     return change(link, stream,
                   [&] { return fileNode_->write(copy_, stream, offset, data, count, sourceTime); });
 }
 
-Status ActiveHandle::truncate(LinkId link, StreamPointer& stream, std::uint64_t size,
-                              std::uint32_t flags, std::uint32_t sourceTime) {
+bool ActiveHandle::truncate(LinkId link, StreamPointer& stream, std::uint64_t size,
+                            std::uint32_t flags, std::uint32_t sourceTime) {
     return change(link, stream,
                   [&] { return fileNode_->truncate(copy_, stream, size, flags, sourceTime); });
 }
 
-Status ActiveHandle::zeroData(LinkId link, StreamPointer& stream, std::uint64_t start,
-                              std::uint64_t end, std::uint32_t sourceTime) {
+bool ActiveHandle::zeroData(LinkId link, StreamPointer& stream, std::uint64_t start,
+                            std::uint64_t end, std::uint32_t sourceTime) {
     return change(link, stream,
                   [&] { return fileNode_->zeroData(copy_, stream, start, end, sourceTime); });
 }
 
-Status ActiveHandle::dirty(LinkId link, StreamHandle const& stream) {
+bool ActiveHandle::dirty(LinkId link, StreamHandle const& stream) {
     StreamPointer keep;
-    MORVA_TRY_LET(StreamHandle const* const target, current(stream, keep));
-    return run(link, [&](FileNode& node) { return node.dirty(copy_, *target); });
+    bool const result = fileNode_ && fileNode_->dirty(copy_, current(stream, keep));
+    return commit(link) && result;
 }
 
-Status ActiveHandle::sparse(LinkId link, StreamHandle const& stream) {
+bool ActiveHandle::sparse(LinkId link, StreamHandle const& stream) {
     StreamPointer keep;
-    MORVA_TRY_LET(StreamHandle const* const target, current(stream, keep));
-    return run(link, [&](FileNode& node) { return node.sparse(copy_, *target); });
+    bool const result = fileNode_ && fileNode_->sparse(copy_, current(stream, keep));
+    return commit(link) && result;
 }
 
-Status ActiveHandle::removeStream(LinkId link, QString const& name) {
-    MORVA_TRY(run(link, [&](FileNode& node) { return node.removeStream(copy_, name); }));
-    std::erase_if(replaced_, [&](Replaced const& entry) { return sameStream(entry.name, name); });
-    return {};
+bool ActiveHandle::removeStream(LinkId link, QString const& name) {
+    bool const done = fileNode_ && fileNode_->removeStream(copy_, name);
+    bool const result = commit(link) && done;
+    if (result)
+        std::erase_if(replaced_,
+                      [&](Replaced const& entry) { return sameStream(entry.name, name); });
+    return result;
 }
 
-Status ActiveHandle::renameStream(LinkId link, QString const& from, QString const& to) {
-    MORVA_TRY(run(link, [&](FileNode& node) { return node.renameStream(copy_, from, to); }));
-    std::erase_if(replaced_, [&](Replaced const& entry) { return sameStream(entry.name, to); });
-    for (Replaced& entry : replaced_)
-        if (sameStream(entry.name, from))
-            entry.name = to;
-    return {};
+bool ActiveHandle::renameStream(LinkId link, QString const& from, QString const& to) {
+    if (from.isEmpty() || to.isEmpty())
+        return false;
+    bool const done = fileNode_ && fileNode_->renameStream(copy_, from, to);
+    bool const result = commit(link) && done;
+    if (result) {
+        std::erase_if(replaced_, [&](Replaced const& entry) { return sameStream(entry.name, to); });
+        for (Replaced& entry : replaced_)
+            if (sameStream(entry.name, from))
+                entry.name = to;
+    }
+    return result;
 }
 
-Status ActiveHandle::renameStream(LinkId link, StreamHandle const& stream, QString const& to) {
+bool ActiveHandle::renameStream(LinkId link, StreamHandle const& stream, QString const& to) {
     StreamPointer keep;
-    if (!fileNode_)
-        return noFile();
-    MORVA_TRY_LET(StreamHandle const* const target, current(stream, keep));
-    QString const from = fileNode_->streamName(target->id());
+    if (!fileNode_ || to.isEmpty())
+        return false;
+    StreamHandle const& target = current(stream, keep);
+    QString const from = fileNode_->streamName(target.id());
     if (!from.isEmpty())
         return renameStream(link, from, to);
-    return run(link, [&](FileNode& node) { return node.renameStream(copy_, *target, to); });
+    return fileNode_->renameStream(copy_, target, to);
 }
 
-Status ActiveHandle::replaceStream(LinkId link, StreamHandle const& from, StreamPointer const& to) {
+bool ActiveHandle::replaceStream(LinkId link, StreamHandle const& from, StreamPointer const& to) {
     if (!fileNode_)
-        return noFile();
+        return false;
     StreamPointer keep;
-    MORVA_TRY_LET(StreamHandle const* const source, current(from, keep));
-    QString const name = fileNode_->streamName(source->id());
-    MORVA_TRY_LET(StreamPointer const before, fileNode_->openStream(name));
-    MORVA_TRY(run(link, [&](FileNode& node) { return node.replaceStream(copy_, *source, to); }));
-    replaced(before, name);
-    return {};
+    StreamHandle const& source = current(from, keep);
+    QString const name = fileNode_->streamName(source.id());
+    StreamPointer const before = fileNode_->openStream(name);
+    bool const done = fileNode_->replaceStream(copy_, source, to);
+    bool const result = commit(link) && done;
+    if (result)
+        replaced(before, name);
+    return result;
 }
 
 void ActiveHandle::closeStream(QString const& name) {
@@ -197,38 +186,48 @@ void ActiveHandle::closeStream(QString const& name) {
 
 // --- links and attributes
 
-Result<std::uint32_t> ActiveHandle::removeLink(LinkId link) {
-    return run(link, [&](FileNode& node) { return node.removeLink(copy_); });
+std::uint32_t ActiveHandle::removeLink(LinkId link) {
+    if (!fileNode_)
+        return 0;
+    std::uint32_t const result = fileNode_->removeLink(copy_);
+    return commit(link) ? result : fileNode_->linkCount();
 }
 
-Result<LinkId> ActiveHandle::addLink(LinkId link, bool keepLiveOnly) {
-    return run(link, [&](FileNode& node) { return node.addLink(copy_, keepLiveOnly); });
+LinkId ActiveHandle::addLink(LinkId link, bool keepLiveOnly) {
+    if (!fileNode_)
+        return {};
+    LinkId const result = fileNode_->addLink(copy_, keepLiveOnly);
+    return commit(link) ? result : LinkId{};
 }
 
-Status ActiveHandle::owner(LinkId link, QString const& text) {
-    return run(link, [&](FileNode& node) { return node.owner(copy_, text); });
+bool ActiveHandle::owner(LinkId link, QString const& text) {
+    bool const result = fileNode_ && fileNode_->owner(copy_, text);
+    return commit(link) && result;
 }
 
-Status ActiveHandle::attributes(LinkId link, std::uint32_t value) {
-    return run(link, [&](FileNode& node) { return node.attributes(copy_, value); });
+bool ActiveHandle::attributes(LinkId link, std::uint32_t value) {
+    bool const result = fileNode_ && fileNode_->attributes(copy_, value);
+    return commit(link) && result;
 }
 
-Status ActiveHandle::liveOnly(LinkId link, bool value) {
-    return run(link, [&](FileNode& node) { return node.liveOnly(copy_, value); });
+void ActiveHandle::liveOnly(LinkId link, bool value) {
+    if (!fileNode_)
+        return;
+    fileNode_->liveOnly(copy_, value);
+    (void)commit(link);
 }
 
-Status ActiveHandle::attr(LinkId link, bool setModified, std::uint32_t modified, bool setCreated,
-                          std::uint32_t created, bool setAttributes, std::uint32_t attributes) {
-    return run(link, [&](FileNode& node) {
-        return node.attr(copy_, setModified, modified, setCreated, created, setAttributes,
-                         attributes);
-    });
+bool ActiveHandle::attr(LinkId link, bool setModified, std::uint32_t modified, bool setCreated,
+                        std::uint32_t created, bool setAttributes, std::uint32_t attributes) {
+    bool const result = fileNode_ && fileNode_->attr(copy_, setModified, modified, setCreated,
+                                                     created, setAttributes, attributes);
+    return commit(link) && result;
 }
 
 // --- reading
 
 std::uint32_t ActiveHandle::linkCount() const {
-    return fileNode_ ? fileNode_->names() : 0;
+    return fileNode_ ? fileNode_->linkCount() : 0;
 }
 
 bool ActiveHandle::notLinked() const {
@@ -239,17 +238,19 @@ NodeTimes ActiveHandle::times() const {
     return fileNode_ ? fileNode_->times() : NodeTimes{};
 }
 
-Result<std::uint64_t> ActiveHandle::size(QString const& stream) const {
-    return fileNode_ ? fileNode_->size(stream) : std::uint64_t{0};
+std::uint64_t ActiveHandle::size(QString const& stream) const {
+    return fileNode_ ? fileNode_->size(stream) : 0;
 }
 
-Result<std::vector<StreamRecord>> ActiveHandle::streamList() const {
+std::vector<StreamRecord> ActiveHandle::streamList() const {
     return fileNode_ ? fileNode_->streamList() : std::vector<StreamRecord>{};
 }
 
 QStringList ActiveHandle::namedAttributes() const {
-    QStringList result = fileNode_ ? fileNode_->streamNames() : QStringList();
-    result.removeIf([&](QString const& name) { return sameStream(name, dataStreamName); });
+    QStringList result;
+    for (StreamRecord const& stream : streamList())
+        if (!sameStream(stream.name, dataStreamName))
+            result.append(stream.name);
     return result;
 }
 

@@ -1,5 +1,6 @@
 #include "replication/repository/store/ActiveHandles.h"
 
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/ControlBlock.h"
 #include "replication/repository/store/Directories.h"
@@ -9,9 +10,6 @@
 #include "replication/repository/store/Store.h"
 
 namespace Replication {
-
-using Morva::Result;
-using Morva::Status;
 
 ActiveHandles::ActiveHandles(Store& store) : store_(store) {}
 
@@ -27,10 +25,10 @@ ActiveHandle::Pointer ActiveHandles::enter(FileId id, FileNode::Pointer node) {
     return result;
 }
 
-Result<ActiveHandle::Pointer> ActiveHandles::get(FileId id) {
+ActiveHandle::Pointer ActiveHandles::get(FileId id) {
     MORVA_METHOD("activeHandle");
     if (!id)
-        return ActiveHandle::Pointer();
+        return nullptr;
     if (auto const found = handles_.constFind(id); found != handles_.cend()) {
         MORVA_TRACE(Debug) << "Try to reuse ActiveHandle" << id;
         // A dead one is just being destroyed, further up on this thread: a new one takes its place.
@@ -38,110 +36,100 @@ Result<ActiveHandle::Pointer> ActiveHandles::get(FileId id) {
             return result;
     }
     MORVA_TRACE(Debug) << "Create ActiveHandle" << id;
-    MORVA_TRY_LET(NodeNumber const number, store_.pointers().getNode(id));
-    MORVA_TRY_LET(FileNode::Pointer node, store_.passiveHandles().get(number));
+    FileNode::Pointer node = store_.passiveHandles().get(store_.pointers().getNode(id));
     if (!node)
-        return ActiveHandle::Pointer();
+        return nullptr;
     node->print(static_cast<int>(Morva::TraceLevel::Debug));
     return enter(id, std::move(node));
 }
 
-Result<ActiveHandle::Pointer> ActiveHandles::open(FileId id) {
-    MORVA_TRY_LET(ActiveHandle::Pointer handle, get(id));
+ActiveHandle::Pointer ActiveHandles::get(DirKey& key, LiveMode mode) {
+    ActiveHandle::Pointer handle = get(key.fileId());
     if (!handle)
-        return Status::corruption("open file", store_.path(),
-                                  QStringLiteral("file %1 isn't there").arg(id.value));
-    return handle;
-}
-
-Result<ActiveHandle::Pointer> ActiveHandles::get(DirKey& key, LiveMode mode) {
-    MORVA_TRY_LET(ActiveHandle::Pointer handle, open(key.fileId()));
+        return nullptr;
     handle->links().insert(key.link(), {key, key.name()});
     bool const wanted = mode == LiveMode::LiveOnly;
     if (key.liveOnly() == wanted)
         return handle;
     key.liveOnly(wanted);
-    Status status = store_.directories().liveOnly(key);
-    if (status) {
-        status = handle->liveOnly(key.link(), wanted);
-        if (status)
-            return handle;
-        // The entry and its key say again what the node says.
+    if (!store_.directories().liveOnly(key)) {
         key.liveOnly(!wanted);
-        store_.unfinished().finish(
-            [this, back = DirKey(key)]() mutable { return store_.directories().liveOnly(back); });
-        return status;
+        return nullptr;
     }
-    key.liveOnly(!wanted);
-    return status;
+    handle->liveOnly(key.link(), wanted);
+    return handle;
 }
 
-Result<ActiveHandle::Pointer> ActiveHandles::create(DirKey& key, QStringList const& path,
-                                                    LiveMode mode, std::uint32_t sourceTime,
-                                                    NodeInfo info) {
+ActiveHandle::Pointer ActiveHandles::create(DirKey& key, QStringList const& path, LiveMode mode,
+                                            std::uint32_t sourceTime, NodeInfo info) {
     MORVA_METHOD("activeHandle (Create)");
     bool const placeHolder = info.placeHolder;
     bool const liveOnly = mode == LiveMode::LiveOnly;
-    MORVA_TRY_LET(FileNode::Pointer node, store_.passiveHandles().create(
-                                              key.type(), liveOnly, sourceTime, std::move(info)));
+    FileNode::Pointer node =
+        store_.passiveHandles().create(key.type(), liveOnly, sourceTime, std::move(info));
+    if (!node)
+        return nullptr;
     if (key.isRoot())
         return createRoot(key, std::move(node));
 
-    Result<FileId> const made = store_.pointers().newId(node->id(), store_.currentInstance());
-    if (!made) {
+    FileId const id = store_.pointers().newId(node->id(), store_.currentInstance());
+    if (!id) {
         node->releaseVersion();
-        return made.status();
+        return nullptr;
     }
-    FileId const id = *made;
     key.fileId(id);
     key.linkId(LinkId{1});
     ActiveHandle::Pointer handle = enter(id, node);
-    if (Status status = enterInDirectory(key, *handle, path, liveOnly); !status) {
+    if (!enterInDirectory(key, *handle, path, liveOnly)) {
         // With the last pointer the node goes, and with it what was made of its contents.
         store_.directories().forget(id);
-        store_.unfinished().finish([this, id] { return store_.pointers().freeId(id).status(); });
+        store_.unfinished().finish([this, id] {
+            Morva::Failures::Watch const watch;
+            return store_.pointers().freeId(id) || !watch.any();
+        });
         handle->fileNode()->releaseVersion();
         key.fileId({});
-        return status;
+        return nullptr;
     }
     if (!placeHolder && !key.liveOnly() && store_.indexSnapshots() && store_.event())
         (void)store_.event()->created(id, key.link(), key.directoryId(),
-                                      path.isEmpty() ? key.name() : path.last(),
-                                      sourceTime); // a gap in the sequence tells of it
+                                      path.isEmpty() ? key.name() : path.last(), sourceTime);
     else
         MORVA_TRACE(Testing) << "#### Not New";
     handle->links().insert(key.link(), {key, key.name()});
     return handle;
 }
 
-Result<ActiveHandle::Pointer> ActiveHandles::createRoot(DirKey const& key, FileNode::Pointer node) {
-    store_.pointers().setRoot(node->id(), store_.currentInstance());
+ActiveHandle::Pointer ActiveHandles::createRoot(DirKey const& key, FileNode::Pointer node) {
+    if (!store_.pointers().setRoot(node->id(), store_.currentInstance())) {
+        node->releaseVersion();
+        return nullptr;
+    }
     ActiveHandle::Pointer handle = enter(key.fileId(), std::move(node));
-    MORVA_TRY(store_.directories().setParent(*handle, key.directoryId()));
+    if (!store_.directories().setParent(*handle, key.directoryId()))
+        return nullptr;
     handle->links().insert(key.link(), {key, key.name()});
     return handle;
 }
 
-Status ActiveHandles::enterInDirectory(DirKey& key, ActiveHandle& handle, QStringList const& path,
-                                       bool liveOnly) {
+bool ActiveHandles::enterInDirectory(DirKey& key, ActiveHandle& handle, QStringList const& path,
+                                     bool liveOnly) {
     // The parent's id first, so that no directory can be met without it.
-    if (key.isDirectory())
-        MORVA_TRY(store_.directories().setParent(handle, key.directoryId()));
-    Result<ActiveHandle::Pointer> const parent = open(key.directoryId());
+    if (key.isDirectory() && !store_.directories().setParent(handle, key.directoryId()))
+        return false;
+    ActiveHandle::Pointer const parent = get(key.directoryId());
     if (!parent) {
         MORVA_TRACE(Always) << "Failed to open parent directory" << key.directoryId();
-        return parent.status();
+        return false;
     }
     return store_.directories().insert(liveOnly ? NotToBackup::eLiveOnly : NotToBackup::eNothing,
-                                       **parent, key, path.isEmpty() ? key.name() : path.last());
+                                       *parent, key, path.isEmpty() ? key.name() : path.last());
 }
 
-Result<ActiveHandle::Pointer> ActiveHandles::restore(FileId id, NodeNumber number) {
-    if (!id)
-        return ActiveHandle::Pointer();
-    MORVA_TRY_LET(FileNode::Pointer node, store_.passiveHandles().restore(number));
+ActiveHandle::Pointer ActiveHandles::restore(FileId id, NodeNumber number) {
+    FileNode::Pointer node = id ? store_.passiveHandles().restore(number) : nullptr;
     if (!node)
-        return ActiveHandle::Pointer();
+        return nullptr;
     if (ActiveHandle::Pointer known = handles_.value(id).lock())
         return known;
     return enter(id, std::move(node));

@@ -14,9 +14,6 @@
 
 namespace Replication {
 
-using Morva::Result;
-using Morva::Status;
-
 /// Where the walk of one directory stands, between two looks at its page.
 struct Directories::CheckFrame {
     CheckFrame(FileId directory, NotToBackup::Expressions rulesOfFiles)
@@ -30,15 +27,14 @@ struct Directories::CheckFrame {
     QString childName; ///< as it is spelled
 };
 
-Status Directories::checkOperations(NotToBackup const& rules, ActiveHandle& directory,
-                                    QStringList& path) {
+void Directories::checkOperations(NotToBackup const& rules, ActiveHandle& directory,
+                                  QStringList& path) {
     MORVA_METHOD("checkOperations");
     WriterScope writer(writer_);
     if (!directory.fileNode() || !directory.fileNode()->isDirectory()) {
         MORVA_TRACE(Always) << "Not a directory" << Morva::hex << directory.id();
-        return misfit("apply rules", path.join(QLatin1Char('/')), "it is no directory");
+        return;
     }
-    Status failure;
     std::vector<CheckFrame> stack;
     std::unordered_set<FileId> onStack;
     auto const push = [&](FileId id) {
@@ -49,9 +45,7 @@ Status Directories::checkOperations(NotToBackup const& rules, ActiveHandle& dire
     push(directory.id());
     while (!stack.empty()) {
         CheckFrame& frame = stack.back();
-        Result<Step> const step = checkPages(rules, frame, path);
-        failure.update(step.status());
-        if (step && *step == Step::Descend) {
+        if (checkPages(rules, frame, path) == Step::Descend) {
             if (!onStack.contains(frame.child)) {
                 path.append(frame.childName);
                 push(frame.child);
@@ -63,43 +57,39 @@ Status Directories::checkOperations(NotToBackup const& rules, ActiveHandle& dire
         if (!stack.empty())
             path.removeLast();
     }
-    return failure;
 }
 
-Result<Directories::Step> Directories::checkPages(NotToBackup const& rules, CheckFrame& frame,
-                                                  QStringList& path) {
-    MORVA_TRY(store_.settle());
-    MORVA_TRY_LET(OpenDirectories::Pointer const open, open_.get(frame.id, "checkOperations"));
+Directories::Step Directories::checkPages(NotToBackup const& rules, CheckFrame& frame,
+                                          QStringList& path) {
+    if (!store_.settle())
+        return Step::Failed;
+    OpenDirectories::Pointer const open = open_.get(frame.id, "checkOperations");
+    if (!open)
+        return Step::Failed;
     for (; frame.page < open->pages(); ++frame.page, frame.offset = 0) {
         PageContext const context{"checkOperations", frame.id, frame.page, open->pages(), {}};
-        Result<std::uint8_t*> const page = open->readPage(frame.page);
+        std::uint8_t* const page = open->readPage(frame.page);
         if (!page) {
             DirectoryPage::traceFailedRead(context);
-            return page.status();
+            return Step::Failed;
         }
         Check check{rules, frame, path};
-        Status status;
-        PageEdit edit(*page);
-        while (!check.descend && status && edit.next()) {
+        PageEdit edit(page);
+        while (!check.descend && !check.failed && edit.next()) {
             if (edit.offset() < frame.offset || !edit.entry().inUse())
                 continue;
             DirectoryEntry entry = edit.entry();
             frame.offset = edit.offset() + entry.entryLength();
-            Result<bool> const gone = checkEntry(check, *open, entry);
-            status = gone.status();
-            if (status && *gone)
+            if (checkEntry(check, *open, entry))
                 edit.remove();
         }
-        if (edit.invalid()) {
-            DirectoryPage::traceInvalid(context, *page, edit.offset());
-            status.update(
-                damaged("apply rules", path.join(QLatin1Char('/')), "an entry is invalid"));
-        }
+        if (edit.invalid())
+            DirectoryPage::traceInvalid(context, page, edit.offset());
         // Objects and keys have changed, so the entries follow in any case.
         if (check.dirty)
             finishPage(*open);
-        MORVA_TRY(std::move(status));
-        MORVA_TRY(store_.settle());
+        if (check.failed || !store_.settle())
+            return Step::Failed;
         if (check.descend)
             return Step::Descend;
     }
@@ -107,18 +97,17 @@ Result<Directories::Step> Directories::checkPages(NotToBackup const& rules, Chec
 }
 
 /// True when the entry's object is gone, and the entry is to go.
-Result<bool> Directories::checkEntry(Check& check, OpenDirectory& open, DirectoryEntry& entry) {
+bool Directories::checkEntry(Check& check, OpenDirectory& open, DirectoryEntry& entry) {
     QString const name = entry.name().toString();
     DirKey key = this->key(check.frame.id, name);
-    MORVA_TRY_LET(bool const found, find(key));
-    if (!found)
+    if (!find(key))
         return false;
     bool const bContinue = key.fileId() == entry.fileId();
     if (!bContinue)
         MORVA_TRACE(Always) << "BTree does not match entry" << name;
     MORVA_CHECK(bContinue, "bContinue");
     if (!bContinue)
-        return damaged("apply rules", name, "BTree does not match entry");
+        return false;
     NotToBackup::OpType opType = NotToBackup::eNothing;
     if (key.isDirectory()) {
         check.path.append(name);
@@ -134,15 +123,16 @@ Result<bool> Directories::checkEntry(Check& check, OpenDirectory& open, Director
         if (key.isDirectory() && std::exchange(check.dirty, false)) {
             finishPage(open);
             // An image that waits to be written must not meet later changes of its page.
-            MORVA_TRY(store_.settle());
+            check.failed = !store_.settle();
+            if (check.failed)
+                return false;
         }
-        MORVA_TRY_LET(bool const gone, checkRemove(key));
+        bool const gone = checkRemove(key);
         check.dirty = check.dirty || gone;
         return gone;
     }
     bool const liveOnly = opType == NotToBackup::eLiveOnly;
-    if (key.liveOnly() != liveOnly) {
-        MORVA_TRY(checkLiveOnly(key, name, liveOnly));
+    if (key.liveOnly() != liveOnly && checkLiveOnly(key, name, liveOnly)) {
         entry.liveOnly(liveOnly);
         check.dirty = true;
     }
@@ -154,49 +144,43 @@ Result<bool> Directories::checkEntry(Check& check, OpenDirectory& open, Director
     return false;
 }
 
-Result<bool> Directories::checkRemove(DirKey& key) {
+bool Directories::checkRemove(DirKey& key) {
     if (key.isDirectory()) {
-        MORVA_TRY_LET(ActiveHandle::Pointer const handle,
-                      store_.activeHandles().open(key.fileId()));
-        if (Status status = discardDirectory(*handle); !status) {
+        ActiveHandle::Pointer const handle = store_.activeHandles().get(key.fileId());
+        if (!handle || !discardDirectory(*handle)) {
             MORVA_TRACE(Always) << "Failed to discard directory" << key.name();
-            return status;
+            return false;
         }
-        MORVA_TRY_LET(bool const found, find(key));
-        if (!found) {
+        if (!find(key)) {
             MORVA_TRACE(Always) << "Lost entry out of BTree" << key.name();
-            return damaged("apply rules", key.name(), "Lost entry out of BTree");
+            return false;
         }
     }
-    if (Status status = treeRemove(key); !status) {
+    if (!treeRemove(key)) {
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to remove" << key.name();
-        return status;
+        return false;
     }
     MORVA_TRACE(Debug) << "BTree Removed" << key.name();
     dropObject(key);
     return true;
 }
 
-Status Directories::checkLiveOnly(DirKey& key, QString const& name, bool value) {
-    auto const handle = store_.activeHandles().open(key.fileId());
+bool Directories::checkLiveOnly(DirKey& key, QString const& name, bool value) {
+    ActiveHandle::Pointer const handle = store_.activeHandles().get(key.fileId());
     if (!handle) {
         MORVA_TRACE(Always) << "Failed to open" << name;
-        return handle.status();
+        return false;
     }
-    DirKey before = key;
+    handle->liveOnly(key.link(), value);
     key.liveOnly(value);
-    if (Status status = treeUpdate(key); !status) {
+    if (!treeUpdate(key)) {
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to update" << key.name();
-        return status;
-    }
-    if (Status status = (*handle)->liveOnly(key.link(), value); !status) {
-        store_.unfinished().finish([this, before] { return treeUpdate(before); });
-        return status;
+        return false;
     }
     MORVA_TRACE(Debug) << "BTree update" << key.name();
     store_.control().countName(key.type(), !value);
-    tellLiveOnly(**handle, key, name);
-    return {};
+    tellLiveOnly(*handle, key, name);
+    return true;
 }
 
 } // namespace Replication

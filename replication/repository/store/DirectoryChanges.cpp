@@ -1,5 +1,6 @@
 // Names come, go and change: insert, remove, liveOnly, link, unlink.
 
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/ActiveHandles.h"
 #include "replication/repository/store/Directories.h"
@@ -13,159 +14,171 @@
 
 namespace Replication {
 
-using Morva::Result;
-using Morva::Status;
-
-Status Directories::insert(NotToBackup::OpType opType, ActiveHandle& directory, DirKey& key,
-                           QString const& name) {
+bool Directories::insert(NotToBackup::OpType opType, ActiveHandle& directory, DirKey& key,
+                         QString const& name) {
     MORVA_METHOD("insert");
     WriterScope writer(writer_);
     if (!directory.fileNode() || !directory.fileNode()->isDirectory()) {
         MORVA_TRACE(Always) << "Hande is not a directory";
-        return misfit("insert", name, "the parent is no directory");
+        return false;
     }
-    MORVA_TRY(store_.settle());
-    MORVA_TRY_LET(OpenDirectories::Pointer const open, open_.get(directory.id(), "insert"));
+    if (!store_.settle())
+        return false;
+    OpenDirectories::Pointer const open = open_.get(directory.id(), "insert");
+    if (!open)
+        return false;
     if (name.size() > static_cast<qsizetype>(DirectoryPage::maximumName)) {
         MORVA_TRACE(Always) << "Name too long" << name.size();
-        return misfit("insert", name, "the name is too long");
+        return false;
     }
     if (name.isEmpty()) {
         MORVA_TRACE(Always) << "Empty name";
-        return misfit("insert", name, "the name is empty");
+        return false;
     }
     std::uint32_t const needed = DirectoryPage::usedSize(static_cast<std::uint32_t>(name.size()));
     std::uint64_t position = 0;
-    MORVA_TRY_LET(std::uint8_t* const slot, findSpace(*open, needed, position));
+    std::uint8_t* const slot = findSpace(*open, needed, position);
+    if (!slot)
+        return false;
     MORVA_TRACE(Debug) << "Found Slot" << position;
     key.linkId(key.link());
     key.liveOnly(opType == NotToBackup::eLiveOnly);
     key.position(position);
     DirectoryEntry(slot).fill(key, name);
-    MORVA_TRY(writePage(*open));
-    if (Status status = treeInsert(key); !status) {
+    if (!writePage(*open))
+        return false;
+    if (!treeInsert(key)) {
         // Without its key the entry would only be found by a check.
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to insert" << name;
         store_.unfinished().finish([this, key] { return takeEntryBack(key); });
-        return status;
+        return false;
     }
     MORVA_TRACE(Debug) << "BTree insert" << name;
     count(key, true);
-    return {};
+    return scope.result(true);
 }
 
-Result<std::uint8_t*> Directories::findSpace(OpenDirectory& directory, std::uint32_t needed,
-                                             std::uint64_t& position) {
-    MORVA_TRY_LET(std::optional<std::uint64_t> const number, directory.firstFit(needed));
+std::uint8_t* Directories::findSpace(OpenDirectory& directory, std::uint32_t needed,
+                                     std::uint64_t& position) {
+    std::optional<std::uint64_t> number;
+    if (!directory.firstFit(needed, number))
+        return nullptr;
     if (!number) {
         position = directory.pages() * DirectoryPage::size;
         return directory.newPage();
     }
     PageContext const context{"insert", directory.id(), *number, directory.pages(), {}};
-    Result<std::uint8_t*> const page = directory.readPage(*number);
+    std::uint8_t* const page = directory.readPage(*number);
     if (!page) {
         DirectoryPage::traceFailedRead(context);
-        return page;
+        return nullptr;
     }
-    DirectoryPage::Slot const slot = DirectoryPage::takeSlot(*page, needed);
+    DirectoryPage::Slot const slot = DirectoryPage::takeSlot(page, needed);
     if (!slot.offset) {
-        DirectoryPage::traceInvalid(context, *page, slot.invalidAt);
-        return damaged("insert", QStringLiteral("directory %1").arg(directory.id().value),
-                       "an entry is invalid");
+        DirectoryPage::traceInvalid(context, page, slot.invalidAt);
+        return nullptr;
     }
     position = *number * DirectoryPage::size + *slot.offset;
-    return *page + *slot.offset;
+    return page + *slot.offset;
 }
 
-Result<std::uint8_t*> Directories::entryOf(OpenDirectory& directory, DirKey const& key) {
-    Result<std::uint8_t*> const page = directory.readPage(DirectoryPage::pageOf(key.position()));
+std::uint8_t* Directories::entryOf(OpenDirectory& directory, DirKey const& key) {
+    std::uint8_t* const page = directory.readPage(DirectoryPage::pageOf(key.position()));
     if (!page) {
         MORVA_TRACE(Always) << "Failed to read whole page" << DirectoryPage::pageOf(key.position());
-        return page;
+        return nullptr;
     }
     std::uint32_t const offset = DirectoryPage::offsetOf(key.position());
-    DirectoryEntry const entry(*page + offset);
+    DirectoryEntry const entry(page + offset);
     bool const valid = entry.valid(DirectoryPage::size - offset);
     if (valid && entry.fileId() == key.fileId() && sameEntryName(entry.name(), key.name()))
-        return *page + offset;
+        return page + offset;
     MORVA_TRACE(Always) << "Id mismatch"
                         << "Key" << Morva::hex << key.fileId() << key.link() << key.typeWord()
                         << Morva::dec << key.position() << key.name() << "Entry"
                         << (valid ? entry.name().toString() : QStringLiteral("invalid"))
                         << Morva::hex << (valid ? entry.fileId() : FileId{});
-    return damaged("find entry", key.name(), "the directory tree doesn't match the entry");
+    return nullptr;
 }
 
-Status Directories::remove(DirKey& key, bool force) {
+bool Directories::remove(DirKey& key, bool force) {
     MORVA_METHOD("remove");
     WriterScope writer(writer_);
-    MORVA_TRY(store_.settle());
-    if (!force && key.isDirectory()) {
-        MORVA_TRY_LET(bool const empty, emptyDirectory(key));
-        if (!empty) {
-            MORVA_TRACE(Normal) << "Cannot remove an non-empty directory" << key.name();
-            return misfit("remove", key.name(), "the directory isn't empty");
-        }
+    if (!store_.settle())
+        return false;
+    if (!force && key.isDirectory() && !emptyDirectory(key)) {
+        MORVA_TRACE(Normal) << "Cannot remove an non-empty directory" << key.name();
+        return false;
     }
-    MORVA_TRY_LET(OpenDirectories::Pointer const open, open_.get(key.directoryId(), "remove"));
-    Result<std::uint8_t*> const entry = entryOf(*open, key);
+    OpenDirectories::Pointer const open = open_.get(key.directoryId(), "remove");
+    if (!open)
+        return false;
+    std::uint8_t* const entry = entryOf(*open, key);
     if (!entry) {
         MORVA_TRACE(Always) << "!!!!!!! Failed to remove from directory" << key.name();
-        return entry.status();
+        return false;
     }
     std::uint32_t const offset = DirectoryPage::offsetOf(key.position());
-    if (!DirectoryPage::removeEntry(*entry - offset, offset)) {
+    if (!DirectoryPage::removeEntry(entry - offset, offset)) {
         MORVA_TRACE(Always) << "!!!!!!! Failed to remove from directory" << key.name();
-        return damaged("remove", key.name(), "the entries before it are invalid");
+        return false;
     }
-    MORVA_TRY(writePage(*open));
-    if (Status status = finishKey(&Directories::treeRemove, key); !status) {
+    if (!writePage(*open))
+        return false;
+    if (!finishKey(&Directories::treeRemove, key)) {
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to remove" << key.name();
-        return status;
+        return false;
     }
     MORVA_TRACE(Debug) << "BTree Removed" << key.name();
-    return {};
+    return scope.result(true);
 }
 
-Status Directories::liveOnly(DirKey& key) {
+bool Directories::liveOnly(DirKey& key) {
     MORVA_METHOD("liveOnly");
     WriterScope writer(writer_);
-    MORVA_TRY(store_.settle());
-    MORVA_TRY_LET(OpenDirectories::Pointer const open, open_.get(key.directoryId(), "liveOnly"));
-    MORVA_TRY_LET(std::uint8_t* const bytes, entryOf(*open, key));
+    if (!store_.settle())
+        return false;
+    OpenDirectories::Pointer const open = open_.get(key.directoryId(), "liveOnly");
+    if (!open)
+        return false;
+    std::uint8_t* const bytes = entryOf(*open, key);
+    if (!bytes)
+        return false;
     DirectoryEntry entry(bytes);
     bool const before = entry.liveOnly();
     entry.typeWord(key.typeWord() & (DirKey::liveOnlyBit | DirKey::typeMask));
-    MORVA_TRY(writePage(*open));
+    if (!writePage(*open))
+        return false;
     if (before != key.liveOnly())
         store_.control().countName(key.type(), before);
-    if (Status status = finishKey(&Directories::treeUpdate, key); !status) {
+    if (!finishKey(&Directories::treeUpdate, key)) {
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to update" << key.name();
-        return status;
+        return false;
     }
     MORVA_TRACE(Debug) << "BTree updated" << key.name();
-    return {};
+    return scope.result(true);
 }
 
-Result<bool> Directories::emptyDirectory(DirKey const& key) {
+bool Directories::emptyDirectory(DirKey const& key) {
     MORVA_METHOD("emptyDirectory");
     if (!key.isDirectory())
         return false;
-    auto const handle = store_.activeHandles().open(key.fileId());
-    if (!handle) {
+    ActiveHandle::Pointer const handle = store_.activeHandles().get(key.fileId());
+    if (!handle || !handle->fileNode()) {
         MORVA_TRACE(Always) << "Unable to open directory" << Morva::hex << key.fileId();
-        return handle.status();
+        return false;
     }
-    DirectoryScan scan(*(*handle)->fileNode(), key.fileId(), "emptyDirectory");
+    Morva::Failures::Watch const watch;
+    DirectoryScan scan(*handle->fileNode(), key.fileId(), "emptyDirectory");
+    if (!scan.hasData() && !watch.any()) {
+        MORVA_TRACE(Verbose) << "No directory data";
+        return true;
+    }
     if (scan.nextName()) {
         MORVA_TRACE(Verbose) << "Found" << scan.entry().name().toString();
         return false;
     }
-    // What can't be read isn't the end.
-    MORVA_TRY(Status(scan.status()));
-    if (!scan.hasData())
-        MORVA_TRACE(Verbose) << "No directory data";
-    return scope.result(true);
+    return scope.result(!watch.any());
 }
 
 void Directories::dropObject(DirKey const& key) {
@@ -174,96 +187,100 @@ void Directories::dropObject(DirKey const& key) {
     store_.removeFileId(key, true);
 }
 
-Status Directories::removeLink(DirKey& key) {
+bool Directories::removeLink(DirKey& key) {
     MORVA_METHOD("removeLink");
     WriterScope writer(writer_);
-    MORVA_TRY(remove(key, false));
+    if (!remove(key, false))
+        return false;
     dropObject(key);
-    return {};
+    return scope.result(true);
 }
 
-Status Directories::unlink(DirKey& key, ActiveHandle& handle, QString const& stream) {
+bool Directories::unlink(DirKey& key, ActiveHandle& handle, QString const& stream) {
     MORVA_METHOD("unlink");
     WriterScope writer(writer_);
     // Before anything else, so that a refused or a smaller deletion doesn't empty a directory.
     if (!stream.isEmpty() && stream.compare(dataStreamName, store_.caseSensitivity()) != 0)
-        return handle.removeStream(key.link(), stream);
+        return scope.result(handle.removeStream(key.link(), stream));
     if (key.isRoot() || handle.id() == store_.rootId()) {
         MORVA_TRACE(Always) << "Cannot unlink root directory";
-        return misfit("remove", QString(), "it is the root");
+        return false;
     }
-    if (handle.fileNode() && handle.fileNode()->isDirectory())
-        MORVA_TRY(discardDirectory(handle));
+    if (handle.fileNode() && handle.fileNode()->isDirectory() && !discardDirectory(handle))
+        return false;
     DirKey current(key.directoryId(), key.name(), 0);
-    MORVA_TRY_LET(bool const found, find(current));
-    if (!found) {
+    Morva::Failures::Watch const watch;
+    if (!find(current)) {
+        if (watch.any())
+            return false;
         MORVA_TRACE(Normal) << "Unable to find that file, be happy its gone" << key.name();
-        return {};
+        return true;
     }
     if (current.fileId() != handle.id()) {
         MORVA_TRACE(Normal) << "Not the same file id, be happy its gone" << key.name();
-        return {};
+        return true;
     }
-    return removeLink(current);
+    return scope.result(removeLink(current));
 }
 
-Status Directories::link(NotToBackup::OpType opType, DirKey& from, QStringList const& path) {
+bool Directories::link(NotToBackup::OpType opType, DirKey& from, QStringList const& path) {
     MORVA_METHOD("link");
     WriterScope writer(writer_);
     if (from.isDirectory()) {
         MORVA_TRACE(Always) << "Cannot link to a directory";
-        return misfit("link", from.name(), "it is a directory");
+        return false;
     }
     if (from.name().isEmpty()) {
         MORVA_TRACE(Always) << "Invalid handle supplied";
-        return misfit("link", QString(), "the handle has no name");
+        return false;
     }
     if (path.isEmpty()) {
         MORVA_TRACE(Always) << "No destination address supplied";
-        return misfit("link", from.name(), "no destination was given");
+        return false;
     }
-    MORVA_TRY_LET(Located const target, locate(path, PathMode::BuildPath));
+    Located const target = locate(path, PathMode::BuildPath);
+    if (target.failed)
+        return false;
     if (target.found) {
         MORVA_TRACE(Always) << "Destination already exists" << path.join(QLatin1Char('/'));
-        return misfit("link", path.join(QLatin1Char('/')), "it is there already");
+        return false;
     }
     if (!target.parentFound) {
         MORVA_TRACE(Always) << "Parent not found" << path.join(QLatin1Char('/'));
-        return misfit("link", path.join(QLatin1Char('/')), "its parent isn't a directory");
+        return false;
     }
-    MORVA_TRY_LET(bool const found, find(from));
-    if (!found) {
+    if (!find(from)) {
         MORVA_TRACE(Always) << "Failed to find from BTree entry" << from.name();
-        return Status::failure(Status::Code::NotFound, "link", from.name());
+        return false;
     }
     if (from.isDirectory()) {
         MORVA_TRACE(Always) << "Cannot link to a directory";
-        return misfit("link", from.name(), "it is a directory");
+        return false;
     }
-    auto const opened = store_.activeHandles().open(from.fileId());
-    if (!opened) {
+    ActiveHandle::Pointer const source = store_.activeHandles().get(from.fileId());
+    if (!source || !source->fileNode()) {
         MORVA_TRACE(Always) << "Failed to open from handle" << from.name();
-        return opened.status();
+        return false;
     }
-    ActiveHandle::Pointer const source = *opened;
-    auto const parent = store_.activeHandles().open(target.parent.fileId());
+    ActiveHandle::Pointer const parent = store_.activeHandles().get(target.parent.fileId());
     if (!parent) {
         MORVA_TRACE(Always) << "Failed to open parent directory";
-        return parent.status();
+        return false;
     }
     DirKey to = key(target.parent.fileId(), path.last(), source->fileNode()->type());
     to.fileId(from.fileId());
-    Result<LinkId> const link = source->addLink(from.link(), opType == NotToBackup::eLiveOnly);
+    LinkId const link = source->addLink(from.link(), opType == NotToBackup::eLiveOnly);
     if (!link) {
         MORVA_TRACE(Always) << "Failed to add a link to" << from.name();
-        return link.status();
+        return false;
     }
-    to.linkId(*link);
-    if (Status status = insert(opType, **parent, to, path.last()); !status) {
+    to.linkId(link);
+    if (!insert(opType, *parent, to, path.last())) {
         MORVA_TRACE(Always) << "Failed to insert link file" << path.last();
-        store_.unfinished().finish(
-            [source, number = *link] { return source->removeLink(number).status(); });
-        return status;
+        store_.unfinished().finish([source, link, left = source->linkCount() - 1] {
+            return source->removeLink(link) == left;
+        });
+        return false;
     }
     if (store_.event() && store_.indexSnapshots() && to.link() == LinkId{2} && !from.liveOnly()) {
         MORVA_TRACE(Verbose)
@@ -271,7 +288,7 @@ Status Directories::link(NotToBackup::OpType opType, DirKey& from, QStringList c
         store_.event()->removed(from.fileId(), from.link(), from.directoryId(),
                                 store_.retired().timeStamp());
     }
-    return {};
+    return scope.result(true);
 }
 
 } // namespace Replication

@@ -12,9 +12,6 @@
 
 namespace Replication {
 
-using Morva::Result;
-using Morva::Status;
-
 /// Where the walk of one directory stands, between two looks at its page.
 struct Directories::DiscardFrame {
     explicit DiscardFrame(FileId directory) : id(directory) {}
@@ -24,15 +21,15 @@ struct Directories::DiscardFrame {
     std::uint32_t offset = 0;
     FileId child;           ///< the directory at `offset`, to be emptied first
     bool childDone = false; ///< which has been done
-    Morva::Status failure;  ///< what can't be removed, the first of it
+    bool failed = false;
 };
 
-Status Directories::discardDirectory(ActiveHandle& directory) {
+bool Directories::discardDirectory(ActiveHandle& directory) {
     MORVA_METHOD("discardDirectory");
     WriterScope writer(writer_);
     if (!directory.fileNode() || !directory.fileNode()->isDirectory()) {
         MORVA_TRACE(Always) << "Not a directory" << Morva::hex << directory.id();
-        return misfit("remove", QString(), "it is no directory");
+        return false;
     }
     std::vector<DiscardFrame> stack;
     std::unordered_set<FileId> onStack;
@@ -40,74 +37,69 @@ Status Directories::discardDirectory(ActiveHandle& directory) {
     onStack.insert(directory.id());
     while (true) {
         DiscardFrame& frame = stack.back();
-        Result<Step> const step = discardPages(frame);
-        if (!step) {
-            frame.failure.update(step.status());
-        } else if (*step == Step::Descend) {
+        Step step = discardPages(frame);
+        if (step == Step::Descend) {
             if (onStack.insert(frame.child).second) {
                 stack.emplace_back(frame.child);
                 continue;
             }
             MORVA_TRACE(Always) << "Directory is its own parent" << Morva::hex << frame.child;
-            frame.failure.update(damaged("remove", QString(), "a directory is its own parent"));
+            step = Step::Failed;
         }
-        MORVA_CHECK(frame.failure.ok(), "bContinue");
-        if (!frame.failure) {
+        MORVA_CHECK(!frame.failed, "bContinue");
+        if (step == Step::Failed || frame.failed) {
             for (std::size_t level = 1; level < stack.size(); ++level)
                 MORVA_TRACE(Always)
                     << "Failed to discard directory" << Morva::hex << stack[level].id;
-            return frame.failure;
+            return false;
         }
         onStack.erase(frame.id);
         stack.pop_back();
         if (stack.empty())
-            return {};
+            return scope.result(true);
         stack.back().childDone = true;
     }
 }
 
-Result<Directories::Step> Directories::discardPages(DiscardFrame& frame) {
-    MORVA_TRY(store_.settle());
-    Result<OpenDirectories::Pointer> const opened = open_.get(frame.id, "discardDirectory");
-    if (!opened) {
+Directories::Step Directories::discardPages(DiscardFrame& frame) {
+    if (!store_.settle())
+        return Step::Failed;
+    OpenDirectories::Pointer const open = open_.get(frame.id, "discardDirectory");
+    if (!open) {
         MORVA_TRACE(Always) << "Failed to open data stream of directory" << Morva::hex << frame.id;
-        return opened.status();
+        return Step::Failed;
     }
-    OpenDirectory& open = **opened;
-    for (; frame.page < open.pages(); ++frame.page, frame.offset = 0) {
-        PageContext const context{"discardDirectory", frame.id, frame.page, open.pages(), {}};
-        Result<std::uint8_t*> const page = open.readPage(frame.page);
+    for (; frame.page < open->pages(); ++frame.page, frame.offset = 0) {
+        PageContext const context{"discardDirectory", frame.id, frame.page, open->pages(), {}};
+        std::uint8_t* const page = open->readPage(frame.page);
         if (!page) {
             DirectoryPage::traceFailedRead(context);
-            return page.status();
+            return Step::Failed;
         }
         bool dirty = false;
         bool descend = false;
-        Status status;
-        PageEdit edit(*page);
-        while (status && !descend && edit.next()) {
-            DirectoryEntry const entry = edit.entry();
+        PageEdit edit(page);
+        while (!descend && edit.next()) {
             if (edit.offset() < frame.offset)
                 continue;
-            Result<bool> const gone = entry.free() ? Result<bool>(edit.hasBefore())
-                                      : entry.inUse()
-                                          ? discardEntry(frame, entry, edit.offset(), descend)
-                                          : Result<bool>(false);
-            status = gone.status();
-            if (status && *gone) {
+            DirectoryEntry const entry = edit.entry();
+            bool const gone =
+                entry.free() ? edit.hasBefore()
+                             : entry.inUse() && discardEntry(frame, entry, edit.offset(), descend);
+            if (gone) {
                 edit.remove();
                 dirty = true;
             }
         }
         if (edit.invalid()) {
-            DirectoryPage::traceInvalid(context, *page, edit.offset());
-            frame.failure.update(damaged("remove", QString(), "an entry is invalid"));
+            DirectoryPage::traceInvalid(context, page, edit.offset());
+            frame.failed = true;
         }
         // The objects are gone, so the entries go in any case.
         if (dirty)
-            finishPage(open);
-        MORVA_TRY(std::move(status));
-        MORVA_TRY(store_.settle());
+            finishPage(*open);
+        if (!store_.settle())
+            return Step::Failed;
         if (descend)
             return Step::Descend;
     }
@@ -115,22 +107,21 @@ Result<Directories::Step> Directories::discardPages(DiscardFrame& frame) {
 }
 
 /// True when the entry's object is gone, and the entry is to go.
-Result<bool> Directories::discardEntry(DiscardFrame& frame, DirectoryEntry const& entry,
-                                       std::uint32_t offset, bool& descend) {
+bool Directories::discardEntry(DiscardFrame& frame, DirectoryEntry const& entry,
+                               std::uint32_t offset, bool& descend) {
     QString const name = entry.name().toString();
     DirKey key = this->key(frame.id, name);
-    MORVA_TRY_LET(bool const found, find(key));
     bool const childDone = std::exchange(frame.childDone, false);
-    if (!found) {
-        char const* const what =
-            childDone ? "Lost entry out of BTree" : "BTree does not contain entry";
-        MORVA_TRACE(Always) << what << name;
-        frame.failure.update(damaged("remove", name, what));
+    if (!find(key)) {
+        MORVA_TRACE(Always) << (childDone ? "Lost entry out of BTree"
+                                          : "BTree does not contain entry")
+                            << name;
+        frame.failed = true;
         return false;
     }
     if (key.fileId() != entry.fileId()) {
         MORVA_TRACE(Always) << "BTree does not match entry" << name;
-        frame.failure.update(damaged("remove", name, "BTree does not match entry"));
+        frame.failed = true;
         return false;
     }
     if (key.isDirectory() && !childDone) {
@@ -140,9 +131,10 @@ Result<bool> Directories::discardEntry(DiscardFrame& frame, DirectoryEntry const
         return false;
     }
     MORVA_TRACE(Testing) << "Delete" << name;
-    if (Status status = treeRemove(key); !status) {
+    if (!treeRemove(key)) {
         MORVA_TRACE(Always) << "!!!!!!! Failed to remove from tree" << name;
-        return status;
+        frame.failed = true;
+        return false;
     }
     MORVA_TRACE(Debug) << "Removed from tree" << name;
     dropObject(key);

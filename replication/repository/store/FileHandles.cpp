@@ -10,41 +10,38 @@
 
 namespace Replication {
 
-using Morva::Result;
-
-Result<NodeNumber> Store::fileNode(FileId id, Instance instance) const {
+NodeNumber Store::fileNode(FileId id, Instance instance) const {
     MORVA_METHOD("fileNode");
     if (!instance)
         return scope.result(pointers().getNode(id));
     if (instance > currentInstance())
-        return NodeNumber{};
+        return scope.result(NodeNumber{});
     return scope.result(pointers().getInstance(id, instance));
 }
 
-Result<FileNode::Pointer> Store::passiveHandle(FileId id, Instance instance) const {
+FileNode::Pointer Store::passiveHandle(FileId id, Instance instance) const {
     if (!id || !instance)
-        return FileNode::Pointer();
+        return nullptr;
     for (;;) {
-        MORVA_TRY_LET(NodeNumber const number, fileNode(id, instance));
-        MORVA_TRY_LET(FileNode::Pointer node, passiveHandles().get(number));
+        NodeNumber const number = fileNode(id, instance);
+        FileNode::Pointer node = passiveHandles().get(number);
         // Between the two steps a retirement can have freed the node, and another file taken it.
-        MORVA_TRY_LET(NodeNumber const still, fileNode(id, instance));
-        if (still == number)
+        if (fileNode(id, instance) == number)
             return node;
     }
 }
 
-Result<FileNode::Pointer> Store::passiveHandle(QStringList const& path, Instance instance) const {
+FileNode::Pointer Store::passiveHandle(QStringList const& path, Instance instance) const {
     FileId id = rootId();
     for (QString const& element : path) {
-        MORVA_TRY_LET(id, snapshotDirectories().findName(id, instance, element));
+        id = snapshotDirectories().findName(id, instance, element);
         if (!id)
-            return FileNode::Pointer();
+            return nullptr;
     }
     return passiveHandle(id, instance);
 }
 
-Result<FileNode::Pointer> Store::passiveHandle(FileHandle const& handle) const {
+FileNode::Pointer Store::passiveHandle(FileHandle const& handle) const {
     switch (handle.kind) {
     case FileHandle::Raw:
         return passiveHandles().get(handle.node());
@@ -54,13 +51,13 @@ Result<FileNode::Pointer> Store::passiveHandle(FileHandle const& handle) const {
         return passiveHandle(rootId(), handle.instance);
     case FileHandle::FileIdOnly:
         MORVA_TRACE(Verbose) << "FileId handle";
-        return FileNode::Pointer();
+        return nullptr;
     case FileHandle::Invalid:
         MORVA_TRACE(Verbose) << "Invalid handle";
-        return FileNode::Pointer();
+        return nullptr;
     default:
         MORVA_TRACE(Always) << "Corrupt handle" << handle.kind;
-        return FileNode::Pointer();
+        return nullptr;
     }
 }
 
@@ -99,14 +96,12 @@ std::uint32_t Store::mungeFh(FileHandle& handle, FileHandle const& mount) const 
     return scope.result(std::uint32_t{0});
 }
 
-Result<FileHandle> Store::fileHandle(FileId id, Instance instance, FileHandle::Kind kind) const {
+FileHandle Store::fileHandle(FileId id, Instance instance, FileHandle::Kind kind) const {
     FileHandle result;
     switch (kind) {
-    case FileHandle::Raw: {
-        MORVA_TRY_LET(NodeNumber const node, pointers().getInstance(id, instance));
-        result.id = node.value;
+    case FileHandle::Raw:
+        result.id = pointers().getInstance(id, instance).value;
         break;
-    }
     case FileHandle::Passive:
     case FileHandle::Snapshot:
         result.id = id.value;
@@ -123,8 +118,7 @@ Result<FileHandle> Store::fileHandle(FileId id, Instance instance, FileHandle::K
     return result;
 }
 
-Result<bool> Store::lookup(FileHandle& result, FileHandle const& directory,
-                           QString const& name) const {
+bool Store::lookup(FileHandle& result, FileHandle const& directory, QString const& name) const {
     MORVA_METHOD("lookup");
     FileId parent;
     switch (directory.kind) {
@@ -132,7 +126,7 @@ Result<bool> Store::lookup(FileHandle& result, FileHandle const& directory,
     case FileHandle::Raw:
     case FileHandle::FileIdOnly:
         MORVA_TRACE(Always) << "Cannot lookup a raw, sort or invalid handle";
-        return false;
+        return scope.result(false);
     case FileHandle::Passive:
         parent = directory.fileId();
         break;
@@ -141,13 +135,11 @@ Result<bool> Store::lookup(FileHandle& result, FileHandle const& directory,
         break;
     default:
         MORVA_TRACE(Always) << "Corrupt handle" << directory.kind;
-        return false;
+        return scope.result(false);
     }
-    MORVA_TRY_LET(FileId const id,
-                  snapshotDirectories().findName(parent, directory.instance, name));
-    if (id) {
-        MORVA_TRY_LET(result, fileHandle(id, directory.instance, FileHandle::Passive));
-    }
+    FileId const id = snapshotDirectories().findName(parent, directory.instance, name);
+    if (id)
+        result = fileHandle(id, directory.instance, FileHandle::Passive);
     return scope.result(static_cast<bool>(id));
 }
 
@@ -160,14 +152,11 @@ std::uint32_t Store::lookupParent(FileHandle& result, FileHandle const& object) 
         MORVA_TRACE(Always) << "Raw, Sort or invalid handle";
         return scope.result(DirectoryStatus::badHandle);
     case FileHandle::Passive: {
-        auto const node = passiveHandle(object);
-        auto const parent = node && *node ? snapshotDirectories().parentId(**node) : FileId{};
-        if (!parent || !*parent)
+        FileNode::Pointer const node = passiveHandle(object);
+        FileId const parent = node ? snapshotDirectories().parentId(*node) : FileId{};
+        if (!parent)
             return scope.result(DirectoryStatus::serverFault);
-        auto const made = fileHandle(*parent, object.instance, FileHandle::Passive);
-        if (!made)
-            return scope.result(DirectoryStatus::serverFault);
-        result = *made;
+        result = fileHandle(parent, object.instance, FileHandle::Passive);
         return scope.result(DirectoryStatus::ok);
     }
     case FileHandle::Snapshot:

@@ -5,19 +5,15 @@
 #include "replication/common/values/RepMetadata.h"
 #include "replication/repository/store/NodeFile.h"
 #include "replication/repository/store/PassiveHandles.h"
-#include "replication/repository/store/SavedState.h"
 #include "replication/repository/store/Store.h"
 #include "replication/repository/streams/OperationGate.h"
 #include "replication/repository/streams/Streams.h"
 
-#include <cerrno>
 #include <ctime>
 #include <optional>
 
 namespace Replication {
 
-using Morva::Result;
-using Morva::Status;
 using Morva::TracedLock;
 
 namespace {
@@ -44,7 +40,7 @@ FileNode::FileNode(Store& store, NodePin pin, NodeInfo info)
       node_(std::move(pin)) {}
 
 FileNode::~FileNode() {
-    bool const dead = !discarded_ && node_.node().claims() == 0 && !store_.saved().keeps(number_);
+    bool const dead = !discarded_ && node_.node().claims() == 0;
     // A reader can be the last to hold it.
     std::optional<OperationGate::Enter> gate;
     if (dead)
@@ -52,7 +48,7 @@ FileNode::~FileNode() {
     // The record isn't rewritten without the streams: the block goes with it.
     if (dead)
         info_.release(store_.streams(), NodeInfo(info_.caseSensitivity()));
-    store_.passiveHandles().release(*this, !dead);
+    store_.passiveHandles().release(*this, discarded_);
 }
 
 std::uint32_t FileNode::attributes() const {
@@ -90,11 +86,6 @@ std::uint32_t FileNode::linkCount() const {
     return node_.node().linkCount();
 }
 
-std::uint32_t FileNode::names() const {
-    TracedLock guard(lock_);
-    return node_.node().names();
-}
-
 bool FileNode::notLinked() const {
     TracedLock guard(lock_);
     return node_.node().nextLink() == NodeBlock::firstLink;
@@ -105,12 +96,12 @@ NodeTimes FileNode::times() const {
     return node_.node().times();
 }
 
-Result<std::uint64_t> FileNode::size(QString const& stream) const {
+std::uint64_t FileNode::size(QString const& stream) const {
     TracedLock guard(lock_);
     return info_.size(store_.streams(), stream);
 }
 
-Result<std::uint64_t> FileNode::size() const {
+std::uint64_t FileNode::size() const {
     return size(dataStreamName);
 }
 
@@ -139,17 +130,9 @@ bool FileNode::exists(QString const& stream) const {
     return info_.exists(stream);
 }
 
-Result<std::vector<StreamRecord>> FileNode::streamList() const {
+std::vector<StreamRecord> FileNode::streamList() const {
     TracedLock guard(lock_);
     return info_.streamList(store_.streams(), type_);
-}
-
-QStringList FileNode::streamNames() const {
-    TracedLock guard(lock_);
-    QStringList result;
-    for (NodeStream const& entry : info_.streams())
-        result.append(entry.name);
-    return result;
 }
 
 QString FileNode::streamName(StreamId id) const {
@@ -157,14 +140,14 @@ QString FileNode::streamName(StreamId id) const {
     return info_.streamName(id);
 }
 
-Result<FileNode::FilterInfo> FileNode::filterInfo() const {
+FileNode::FilterInfo FileNode::filterInfo() const {
     TracedLock guard(lock_);
     NodeTimes const times = node_.node().times();
-    MORVA_TRY_LET(std::uint64_t const size, info_.size(store_.streams(), dataStreamName));
-    return FilterInfo{size, node_.node().linkCount(), times.createdSource, times.modifiedSource};
+    return {info_.size(store_.streams(), dataStreamName), node_.node().linkCount(),
+            times.createdSource, times.modifiedSource};
 }
 
-Result<FileNode::StreamPointer> FileNode::openStream(QString const& name) {
+std::shared_ptr<StreamHandle> FileNode::openStream(QString const& name) {
     TracedLock guard(lock_);
     return info_.streamHandle(store_.streams(), name);
 }
@@ -174,9 +157,9 @@ std::vector<StreamId> FileNode::streamIds() const {
     return info_.idList();
 }
 
-Status FileNode::metadata(std::uint32_t level, RepMetadata& result) const {
+std::uint32_t FileNode::metadata(std::uint32_t level, RepMetadata& result) const {
     if (level != RepMetadata::eSnapshot && level != RepMetadata::eBackup)
-        return Status::fromErrno(EINVAL, "describe", QString());
+        return 22;
     TracedLock guard(lock_);
     NodeTimes const times = node_.node().times();
     result = RepMetadata();
@@ -190,7 +173,8 @@ Status FileNode::metadata(std::uint32_t level, RepMetadata& result) const {
     result.modifiedSource = times.modifiedSource;
     result.owner = info_.owner;
     result.linkCount = node_.node().linkCount();
-    return info_.metadata(store_.streams(), result, level);
+    info_.metadata(store_.streams(), result, level);
+    return 0;
 }
 
 void FileNode::print(int traceLevel) const {
@@ -213,58 +197,54 @@ void FileNode::printCounts(char const* which) const {
                          << "Instance" << node.instance();
 }
 
-Status FileNode::refused(char const* operation, QString const& stream,
-                         QString const& reason) const {
-    return Status::failure(Status::Code::InvalidArgument, operation, stream, reason,
-                           {Status::Unit::Record, number_.value});
-}
-
-Status FileNode::missing(char const* operation, QString const& stream) const {
-    return Status::failure(Status::Code::NotFound, operation, stream,
-                           QStringLiteral("the file has no such stream"),
-                           {Status::Unit::Record, number_.value});
-}
-
-Status FileNode::lost(char const* operation, StreamId id) const {
-    reportLostStream(id);
-    return Status::failure(Status::Code::NotFound, operation, QString(),
-                           QStringLiteral("the file does not have stream %1").arg(id.value),
-                           {Status::Unit::Record, number_.value});
-}
-
 // --- the copy decision
 
-Result<FileNode*> FileNode::writable(Pointer& copy) {
+FileNode::Fate FileNode::decide(Pointer& copy) {
     NodeBlock const node = node_.node();
     bool const shared = node.claims() >= 2;
     if (!shared && (node.liveOnly() || store_.currentInstance() <= node.instance()))
-        return this;
-    MORVA_TRY_LET(copy, store_.passiveHandles().copyOf(*this));
+        return Fate::InPlace;
+    copy = store_.passiveHandles().copyOf(*this);
+    if (!copy) {
+        // Not every caller has a result to tell it by.
+        store_.streams().nodeTree().failed();
+        return Fate::Failed;
+    }
     printCounts("Old Node");
     copy->printCounts("New Node");
-    return copy.get();
+    return Fate::Copied;
 }
 
-Status FileNode::takeCopy(Pointer& copy) {
+FileNode* FileNode::writable(Pointer& copy) {
+    switch (decide(copy)) {
+    case Fate::InPlace:
+        return this;
+    case Fate::Copied:
+        return copy.get();
+    case Fate::Failed:
+        break;
+    }
+    return nullptr;
+}
+
+bool FileNode::takeCopy(Pointer& copy) {
     TracedLock guard(lock_);
-    return writable(copy).status();
+    return decide(copy) == Fate::Copied;
 }
 
-Status FileNode::writeInfo() {
+bool FileNode::writeInfo() {
     MORVA_METHOD("updateNodeInfo");
     if (info_.type() == NodeInfo::Empty) {
         MORVA_TRACE(Always) << "Record of node" << number_ << "is damaged, leave it";
-        return Status::corruption("write record", store_.path() + QStringLiteral("/files"),
-                                  QStringLiteral("the record is damaged"),
-                                  {Status::Unit::Block, number_.value});
+        return scope.result(false);
     }
     thread_local Morva::PackBuffer buffer(1024);
     info_.pack(buffer);
-    return store_.nodes().writeRecord(node_, buffer.extentWithoutSize());
+    return scope.result(store_.nodes().writeRecord(node_, buffer.extentWithoutSize()));
 }
 
-void FileNode::writeBlock() {
-    store_.nodes().update(node_);
+bool FileNode::writeBlock() {
+    return store_.nodes().update(node_);
 }
 
 void FileNode::touch(std::uint32_t sourceTime) {
@@ -279,8 +259,8 @@ void FileNode::touch(std::uint32_t sourceTime) {
 
 // --- attributes
 
-Status FileNode::attr(Pointer& copy, bool setModified, std::uint32_t modified, bool setCreated,
-                      std::uint32_t created, bool setAttributes, std::uint32_t attributes) {
+bool FileNode::attr(Pointer& copy, bool setModified, std::uint32_t modified, bool setCreated,
+                    std::uint32_t created, bool setAttributes, std::uint32_t attributes) {
     MORVA_METHOD("attr");
     TracedLock guard(lock_);
     NodeTimes times = node_.node().times();
@@ -288,12 +268,10 @@ Status FileNode::attr(Pointer& copy, bool setModified, std::uint32_t modified, b
     setCreated = setCreated && times.createdSource != created;
     setAttributes = setAttributes && info_.attributes != attributes;
     if (!setModified && !setCreated && !setAttributes)
-        return {};
-    MORVA_TRY_LET(FileNode* const target, writable(copy));
-    if (setAttributes) {
-        MORVA_TRACE(Verbose) << "Set Attribute to " << attributes;
-        MORVA_TRY(target->setInfo(target->info_.attributes, attributes));
-    }
+        return scope.result(true);
+    FileNode* const target = writable(copy);
+    if (!target)
+        return scope.result(false);
     if (setModified) {
         MORVA_TRACE(Verbose) << "Set Modified Source to " << modified;
         times.modifiedSource = modified;
@@ -303,26 +281,30 @@ Status FileNode::attr(Pointer& copy, bool setModified, std::uint32_t modified, b
         times.createdSource = created;
     }
     target->node_.node().times(times);
-    target->writeBlock();
-    return {};
+    if (!setAttributes)
+        return scope.result(target->writeBlock());
+    MORVA_TRACE(Verbose) << "Set Attribute to " << attributes;
+    return scope.result(target->setInfo(target->info_.attributes, attributes));
 }
 
-Status FileNode::owner(Pointer& copy, QString const& text) {
+bool FileNode::owner(Pointer& copy, QString const& text) {
     MORVA_METHOD("owner");
     TracedLock guard(lock_);
-    if (info_.owner == text)
-        return {};
-    MORVA_TRY_LET(FileNode* const target, writable(copy));
-    return target->setInfo(target->info_.owner, text);
+    FileNode* const target = info_.owner == text ? nullptr : writable(copy);
+    if (!target)
+        return scope.result(false);
+    (void)target->setInfo(target->info_.owner, text);
+    return scope.result(copy != nullptr);
 }
 
-Status FileNode::attributes(Pointer& copy, std::uint32_t value) {
+bool FileNode::attributes(Pointer& copy, std::uint32_t value) {
     MORVA_METHOD("attributes");
     TracedLock guard(lock_);
-    if (info_.attributes == value)
-        return {};
-    MORVA_TRY_LET(FileNode* const target, writable(copy));
-    return target->setInfo(target->info_.attributes, value);
+    FileNode* const target = info_.attributes == value ? nullptr : writable(copy);
+    if (!target)
+        return scope.result(false);
+    (void)target->setInfo(target->info_.attributes, value);
+    return scope.result(copy != nullptr);
 }
 
 void FileNode::endLiveOnly() {
@@ -332,29 +314,32 @@ void FileNode::endLiveOnly() {
     node.instance(store_.currentInstance());
 }
 
-Status FileNode::liveOnly(Pointer& copy, bool value) {
+void FileNode::liveOnly(Pointer& copy, bool value) {
     MORVA_METHOD("liveOnly");
     TracedLock guard(lock_);
     NodeBlock node = node_.node();
     if (node.liveOnly() && !value) {
         endLiveOnly();
         writeBlock();
-    } else if (!node.liveOnly() && value && node.names() == 1) {
+    } else if (!node.liveOnly() && value && node.linkCount() == 1) {
         MORVA_TRACE(Verbose) << "Now live only" << number_;
-        MORVA_TRY_LET(FileNode* const target, writable(copy));
-        NodeBlock changed = target->node_.node();
-        changed.typeWord(changed.typeWord() | NodeBlock::liveOnlyBit);
-        target->writeBlock();
+        if (FileNode* const target = writable(copy)) {
+            NodeBlock changed = target->node_.node();
+            changed.typeWord(changed.typeWord() | NodeBlock::liveOnlyBit);
+            target->writeBlock();
+        }
     }
-    return {};
 }
 
 // --- links and claims
 
-Result<LinkId> FileNode::addLink(Pointer& copy, bool keepLiveOnly) {
+LinkId FileNode::addLink(Pointer& copy, bool keepLiveOnly) {
     MORVA_METHOD("addLink");
     TracedLock guard(lock_);
-    MORVA_TRY_LET(FileNode* const target, writable(copy));
+    bool const first = node_.node().nextLink() == NodeBlock::firstLink;
+    FileNode* const target = first ? writable(copy) : this;
+    if (!target)
+        return {};
     NodeBlock node = target->node_.node();
     if (node.liveOnly() && !keepLiveOnly)
         target->endLiveOnly();
@@ -365,26 +350,23 @@ Result<LinkId> FileNode::addLink(Pointer& copy, bool keepLiveOnly) {
     return scope.result(LinkId{link});
 }
 
-Result<std::uint32_t> FileNode::removeLink(Pointer& copy) {
+std::uint32_t FileNode::removeLink(Pointer& copy) {
     MORVA_METHOD("removeLink");
     TracedLock guard(lock_);
-    std::uint32_t const count = node_.node().names();
+    std::uint32_t const count = node_.node().linkCount();
     if (count == 0)
-        return std::uint32_t{0};
-    if (count == 1) {
-        node_.node().ended(true);
-        writeBlock();
-        return scope.result(std::uint32_t{0});
-    }
-    MORVA_TRY_LET(FileNode* const target, writable(copy));
+        return 0;
+    FileNode* const target = count >= 2 ? writable(copy) : this;
+    if (!target)
+        return count;
     target->node_.node().linkCount(count - 1);
     target->writeBlock();
     return scope.result(count - 1);
 }
 
-void FileNode::end() {
+void FileNode::dropLinks() {
     TracedLock guard(lock_);
-    node_.node().ended(true);
+    node_.node().linkCount(0);
     writeBlock();
 }
 

@@ -1,6 +1,7 @@
 #include "replication/repository/store/NodePointer.h"
 
 #include "base/blocks/Blocks.h"
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 
 #include <algorithm>
@@ -11,8 +12,7 @@ namespace Replication {
 
 using Morva::BlockPin;
 using Morva::Blocks;
-using Morva::Result;
-using Morva::Status;
+using Morva::Failures;
 using Morva::TracedLock;
 
 namespace {
@@ -77,128 +77,112 @@ NodePointer::NodePointer(std::uint32_t entries)
           static_cast<std::uint32_t>((std::uint64_t{entries} + 127) >> PointerEntry::slotBits))) {}
 
 NodePointer::~NodePointer() {
-    (void)close(); // whoever has changed something has flushed it and knows the outcome
+    close();
 }
 
-Status NodePointer::failed(char const* operation) const {
-    return Status::failure(Status::Code::IoError, operation, path_,
-                           QStringLiteral("the file isn't open"));
-}
-
-Status NodePointer::create(QString const& path) {
+bool NodePointer::create(QString const& path) {
     MORVA_METHOD("create");
     TracedLock guard(lock_);
-    path_ = path + QStringLiteral(".blocks");
-    Status status = blocks_->create(path_, blockBytes, 0, 0, Morva::RawFile::Mode::ReadWrite);
-    if (!status) {
-        MORVA_TRACE(Always) << "Failed to create block file" << path_;
-        return status;
+    QString const name = path + QStringLiteral(".blocks");
+    if (!blocks_->create(name, blockBytes, 0, 0, Morva::RawFile::Mode::ReadWrite)) {
+        MORVA_TRACE(Always) << "Failed to create block file" << name;
+        return scope.result(false);
     }
-    status = setControl();
-    if (status)
-        status = getControl();
-    if (!status) {
-        MORVA_TRACE(Always) << "Failed to initialize block file" << path_;
-        (void)blocks_->close(); // nothing of it is to stay
-        return status;
+    if (!setControl() || !getControl()) {
+        MORVA_TRACE(Always) << "Failed to initialize block file" << name;
+        (void)blocks_->close(); // of no use
+        return scope.result(false);
     }
     valid_ = true;
-    return {};
+    return scope.result(true);
 }
 
-Status NodePointer::open(QString const& path) {
+bool NodePointer::open(QString const& path) {
     MORVA_METHOD("open");
     TracedLock guard(lock_);
-    path_ = path + QStringLiteral(".blocks");
-    Status status = blocks_->open(path_, 0, Morva::RawFile::Mode::ReadWrite);
-    if (!status) {
-        MORVA_TRACE(Always) << "Failed to open NodePointer block file" << path_;
-        return status;
+    QString const name = path + QStringLiteral(".blocks");
+    if (!blocks_->open(name, 0, Morva::RawFile::Mode::ReadWrite)) {
+        MORVA_TRACE(Always) << "Failed to open NodePointer block file" << name;
+        return scope.result(false);
     }
-    status = blocks_->blockSize() == blockBytes
-                 ? getControl()
-                 : Status::corruption("open", path_, QStringLiteral("wrong block size"));
-    if (!status) {
-        MORVA_TRACE(Always) << "Failed to initialize NodePointer block file" << path_;
-        (void)blocks_->close(); // nothing was changed
-        return status;
+    if (blocks_->blockSize() != blockBytes || !getControl()) {
+        MORVA_TRACE(Always) << "Failed to initialize NodePointer block file" << name;
+        (void)blocks_->close(); // of no use
+        return scope.result(false);
     }
     valid_ = true;
-    return {};
+    return scope.result(true);
 }
 
-Status NodePointer::close() {
+bool NodePointer::close() {
     TracedLock guard(lock_);
     if (!control_)
-        return {};
+        return true;
     valid_ = false;
     blocks_->returnBlock(std::exchange(control_, nullptr), false);
-    return blocks_->close();
+    return blocks_->close().ok();
 }
 
-Status NodePointer::flush(bool sync) {
+bool NodePointer::flush(bool sync) {
     TracedLock guard(lock_);
-    if (!control_)
-        return failed("flush");
-    MORVA_TRY(blocks_->flush());
-    return sync ? blocks_->sync() : Status();
+    return control_ && blocks_->flush().ok() && (!sync || blocks_->sync().ok());
 }
 
-Status NodePointer::setControl() {
+bool NodePointer::setControl() {
     std::uint64_t number = 0;
-    MORVA_TRY_LET(void* const block, blocks_->newBlock(number));
-    bool const first = number == Blocks::firstBlock();
-    blocks_->returnBlock(block, first);
-    if (first)
-        return {};
-    MORVA_TRACE(Always) << "Failed to intialize block file" << number;
-    return Status::corruption("create", path_, QStringLiteral("the first block has another number"),
-                              {Status::Unit::Block, number});
+    auto const fresh = blocks_->newBlock(number);
+    void* const block = fresh ? *fresh : nullptr;
+    if (!block || number != Blocks::firstBlock()) {
+        MORVA_TRACE(Always) << "Failed to intialize block file" << number;
+        if (block)
+            blocks_->returnBlock(block, false);
+        return false;
+    }
+    return blocks_->returnBlock(block, true);
 }
 
-Status NodePointer::getControl() {
-    MORVA_TRY_LET(control_, blocks_->getBlock(Blocks::firstBlock()));
-    return {};
+bool NodePointer::getControl() {
+    auto const control = blocks_->getBlock(Blocks::firstBlock());
+    control_ = control ? *control : nullptr;
+    return control_ != nullptr;
 }
 
 FileId NodePointer::rootId() const {
     return FileId{Blocks::firstBlock() * PointerEntry::perBlock + rootSlot};
 }
 
-void NodePointer::setRoot(NodeNumber node, Instance instance) {
+bool NodePointer::setRoot(NodeNumber node, Instance instance) {
     TracedLock guard(lock_);
+    if (!control_)
+        return false;
     PointerEntry root = entryAt(control_, rootSlot);
     root.generation(0);
     root.instance(instance);
     root.node(node);
     root.previous({});
     root.next({});
-    blocks_->updateBlock(control_);
+    return blocks_->updateBlock(control_);
 }
 
-Result<NodePointer::Pin> NodePointer::get(FileId id) const {
+NodePointer::Pin NodePointer::get(FileId id) const {
     std::uint64_t const block = numberOf(id) >> PointerEntry::slotBits;
     std::uint32_t const slot = numberOf(id) % PointerEntry::perBlock;
     if (!control_ || block < Blocks::firstBlock() || block >= blocks_->blockCount() ||
         (block == Blocks::firstBlock() && slot != rootSlot))
-        return Pin();
+        return {};
     BlockPin pin = BlockPin::get(*blocks_, block);
-    if (!pin)
-        return pin.status();
-    if (entryAt(pin.get(), slot).generation() != generationOf(id))
-        return Pin();
-    return Pin(std::move(pin), id);
+    if (!pin || entryAt(pin.get(), slot).generation() != generationOf(id))
+        return {};
+    return {std::move(pin), id};
 }
 
-Result<NodePointer::Pin> NodePointer::getUsed(FileId id) const {
-    MORVA_TRY_LET(Pin pin, get(id));
+NodePointer::Pin NodePointer::getUsed(FileId id) const {
+    Pin pin = get(id);
     return pin && pin->node() ? std::move(pin) : Pin();
 }
 
-Result<NodePointer::Pin> NodePointer::older(PointerEntry entry) const {
-    if (!entry.previous())
-        return Pin();
-    MORVA_TRY_LET(Pin pin, getUsed(entry.previous()));
+NodePointer::Pin NodePointer::older(PointerEntry entry) const {
+    Pin pin = entry.previous() ? getUsed(entry.previous()) : Pin();
     // Instances fall along a chain; one that doesn't has been linked into it by damage.
     return pin && pin->instance() < entry.instance() ? std::move(pin) : Pin();
 }
@@ -212,19 +196,17 @@ void NodePointer::setFreeHead(FileId id) {
     blocks_->updateBlock(control_);
 }
 
-Status NodePointer::extend() {
+bool NodePointer::extend() {
     std::uint64_t number = 0;
-    Result<void*> const made = blocks_->newBlock(number);
+    auto const fresh = blocks_->newBlock(number);
+    void* const block = fresh ? *fresh : nullptr;
     std::uint64_t const first = number * PointerEntry::perBlock;
-    if (!made || first > UINT32_MAX - PointerEntry::perBlock) {
+    if (!block || first > UINT32_MAX - PointerEntry::perBlock) {
         MORVA_TRACE(Always) << "Failed to get new entry block";
-        if (!made)
-            return made.status();
-        (void)blocks_->freeBlock(*made); // it was just taken
-        return Status::failure(Status::Code::NoSpace, "extend", path_,
-                               QStringLiteral("there are no more numbers for files"));
+        if (block)
+            (void)blocks_->freeBlock(block); // it was taken just now
+        return false;
     }
-    void* const block = *made;
     for (std::uint32_t slot = 0; slot < PointerEntry::perBlock; ++slot) {
         PointerEntry entry = entryAt(block, slot);
         bool const last = slot + 1 == PointerEntry::perBlock;
@@ -234,27 +216,29 @@ Status NodePointer::extend() {
     }
     blocks_->returnBlock(block, true);
     setFreeHead(FileId{first});
-    return {};
+    return true;
 }
 
-Result<NodePointer::Pin> NodePointer::takeFree() {
-    Pin taken;
-    if (freeHead()) {
-        MORVA_TRY_LET(taken, get(freeHead()));
-        if (!taken || taken->node()) {
-            MORVA_TRACE(Always) << "Free list of node pointers is damaged at" << freeHead();
-            taken = {};
-        }
+NodePointer::Pin NodePointer::takeFree() {
+    Failures::Watch const watch;
+    Pin taken = freeHead() ? get(freeHead()) : Pin();
+    if (watch.any())
+        return {};
+    if (freeHead() && (!taken || taken->node())) {
+        MORVA_TRACE(Always) << "Free list of node pointers is damaged at" << freeHead();
+        taken = {};
     }
     if (!taken) {
-        MORVA_TRY(extend());
-        MORVA_TRY_LET(taken, get(freeHead()));
+        if (!extend())
+            return {};
+        taken = get(freeHead());
+        if (!taken)
+            return {};
     }
     FileId const head = taken->previous();
-    Pin next;
-    if (head) {
-        MORVA_TRY_LET(next, get(head));
-    }
+    Pin next = head ? get(head) : Pin();
+    if (watch.any())
+        return {};
     setFreeHead(head);
     if (next && !next->node())
         next.change().next(head);
@@ -280,19 +264,15 @@ void NodePointer::putFree(Pin& pin, Pin& next) {
     setFreeHead(head);
 }
 
-Status NodePointer::release(Pin& pin) {
+bool NodePointer::release(Pin& pin) {
     // All that is read comes first, so that a failure leaves the chain as it was.
-    Pin newer, third, free;
-    if (pin->next()) {
-        MORVA_TRY_LET(newer, getUsed(pin->next()));
-    }
-    MORVA_TRY_LET(Pin behind, older(pin.entry()));
-    if (behind) {
-        MORVA_TRY_LET(third, older(behind.entry()));
-    }
-    if (freeHead()) {
-        MORVA_TRY_LET(free, get(freeHead()));
-    }
+    Failures::Watch const watch;
+    Pin newer = pin->next() ? getUsed(pin->next()) : Pin();
+    Pin behind = older(pin.entry());
+    Pin third = behind ? older(behind.entry()) : Pin();
+    Pin free = freeHead() ? get(freeHead()) : Pin();
+    if (watch.any())
+        return false;
     if (newer || !behind) {
         FileId const previous = pin->previous();
         FileId const next = pin->next();
@@ -301,7 +281,7 @@ Status NodePointer::release(Pin& pin) {
         if (behind && behind->next() == pin.id())
             behind.change().next(next);
         putFree(pin, free);
-        return {};
+        return true;
     }
     // The head's id has to stay valid: it takes over the older version, whose entry goes.
     PointerEntry& head = pin.change();
@@ -311,46 +291,47 @@ Status NodePointer::release(Pin& pin) {
     head.node(behind->node());
     head.previous(behind->previous());
     putFree(behind, free);
-    return {};
+    return true;
 }
 
-Result<FileId> NodePointer::newId(NodeNumber node, Instance instance) {
+FileId NodePointer::newId(NodeNumber node, Instance instance) {
     TracedLock guard(lock_);
-    if (!control_ || !node)
-        return Status::failure(Status::Code::InvalidArgument, "make id", path_);
-    MORVA_TRY_LET(Pin taken, takeFree());
+    Pin taken = control_ && node ? takeFree() : Pin();
+    if (!taken)
+        return {};
     taken.change().instance(instance);
     taken.change().node(node);
     return taken.id();
 }
 
-Result<NodeNumber> NodePointer::getNode(FileId id) const {
+NodeNumber NodePointer::getNode(FileId id) const {
     MORVA_METHOD("getNode");
     TracedLock guard(lock_);
-    MORVA_TRY_LET(Pin const head, get(id));
+    Pin const head = get(id);
     return scope.result(head ? head->node() : NodeNumber{});
 }
 
-Result<Instance> NodePointer::currentInstance(FileId id) const {
+Instance NodePointer::currentInstance(FileId id) const {
     MORVA_METHOD("currentInstance");
     TracedLock guard(lock_);
-    MORVA_TRY_LET(Pin const head, getUsed(id));
+    Pin const head = getUsed(id);
     return scope.result(head ? head->instance() : Instance{});
 }
 
-Result<Instance> NodePointer::newInstance(FileId id, NodeNumber node, Instance instance) {
+Instance NodePointer::newInstance(FileId id, NodeNumber node, Instance instance) {
     TracedLock guard(lock_);
-    if (!node)
-        return Instance{};
-    MORVA_TRY_LET(Pin head, getUsed(id));
+    Pin head = node ? getUsed(id) : Pin();
     if (!head)
-        return Instance{};
+        return {};
     if (head->instance() == instance) {
         head.change().node(node);
         return instance;
     }
-    MORVA_TRY_LET(Pin behind, older(head.entry()));
-    MORVA_TRY_LET(Pin version, takeFree());
+    Failures::Watch const watch;
+    Pin behind = older(head.entry());
+    Pin version = watch.any() ? Pin() : takeFree();
+    if (!version)
+        return {};
     Instance const before = head->instance();
     PointerEntry& entry = version.change();
     entry.instance(before);
@@ -365,85 +346,74 @@ Result<Instance> NodePointer::newInstance(FileId id, NodeNumber node, Instance i
     return before;
 }
 
-Result<NodeNumber> NodePointer::getInstance(FileId id, Instance instance) const {
+NodeNumber NodePointer::getInstance(FileId id, Instance instance) const {
     MORVA_METHOD("getInstance");
     TracedLock guard(lock_);
-    MORVA_TRY_LET(Pin entry, getUsed(id));
-    while (entry && entry->instance() >= instance) {
-        MORVA_TRY_LET(entry, older(entry.entry()));
-    }
-    return scope.result(entry ? entry->node() : NodeNumber{});
+    for (Pin entry = getUsed(id); entry; entry = older(entry.entry()))
+        if (entry->instance() < instance)
+            return scope.result(entry->node());
+    return scope.result(NodeNumber{});
 }
 
-Result<NodePointer::Pin> NodePointer::newestUpTo(FileId id, Instance instance) const {
-    MORVA_TRY_LET(Pin entry, getUsed(id));
-    while (entry && entry->instance() > instance) {
-        MORVA_TRY_LET(entry, older(entry.entry()));
-    }
-    return entry;
-}
-
-Result<std::optional<NodePointer::Version>> NodePointer::findInstance(FileId id,
-                                                                      Instance instance) const {
+bool NodePointer::findInstance(FileId id, Instance instance, NodeNumber& node,
+                               bool& current) const {
     TracedLock guard(lock_);
-    MORVA_TRY_LET(Pin const entry, newestUpTo(id, instance));
-    std::optional<Version> result;
-    if (entry && entry->instance() == instance)
-        result = {entry->node(), entry.id() == id};
-    return result;
-}
-
-Result<bool> NodePointer::freeId(FileId id) {
-    TracedLock guard(lock_);
-    MORVA_TRY_LET(Pin head, getUsed(id));
-    if (!head || head->previous() || id == rootId())
+    Pin entry = getUsed(id);
+    while (entry && entry->instance() > instance)
+        entry = older(entry.entry());
+    if (!entry || entry->instance() != instance)
         return false;
-    MORVA_TRY(release(head));
+    node = entry->node();
+    current = entry.id() == id;
     return true;
 }
 
-Result<NodeNumber> NodePointer::freeInstance(FileId id, Instance instance) {
+bool NodePointer::freeId(FileId id) {
+    TracedLock guard(lock_);
+    Pin head = getUsed(id);
+    if (!head || head->previous() || id == rootId())
+        return false;
+    return release(head);
+}
+
+bool NodePointer::freeInstance(FileId id, Instance instance, NodeNumber& node) {
     MORVA_METHOD("freeInstance (FileNode)");
     Instance unused;
-    return freeVersion(id, instance, unused);
+    return scope.result(freeVersion(id, instance, node, unused));
 }
 
-Result<bool> NodePointer::freeInstance(FileId id, Instance instance, Instance& lastInstance) {
+bool NodePointer::freeInstance(FileId id, Instance instance, Instance& lastInstance) {
     MORVA_METHOD("freeInstance (LastInstance)");
-    MORVA_TRY_LET(NodeNumber const freed, freeVersion(id, instance, lastInstance));
-    return scope.result(static_cast<bool>(freed));
+    NodeNumber unused;
+    return scope.result(freeVersion(id, instance, unused, lastInstance));
 }
 
-Result<NodeNumber> NodePointer::freeVersion(FileId id, Instance instance, Instance& lastInstance) {
+bool NodePointer::freeVersion(FileId id, Instance instance, NodeNumber& node,
+                              Instance& lastInstance) {
     TracedLock guard(lock_);
-    MORVA_TRY_LET(Pin entry, newestUpTo(id, instance));
+    Pin entry = getUsed(id);
+    while (entry && entry->instance() > instance)
+        entry = older(entry.entry());
     if (!entry)
-        return NodeNumber{};
+        return false;
     if (entry->instance() < instance) {
         lastInstance = entry->instance();
-        return NodeNumber{};
+        return false;
     }
     // The root's entry itself never goes to the free list.
-    if (entry.id() == rootId()) {
-        MORVA_TRY_LET(Pin const behind, older(entry.entry()));
-        if (!behind)
-            return NodeNumber{};
-    }
-    NodeNumber const node = entry->node();
-    MORVA_TRY(release(entry));
-    return node;
+    if (entry.id() == rootId() && !older(entry.entry()))
+        return false;
+    node = entry->node();
+    return release(entry);
 }
 
-Result<std::vector<Instance>> NodePointer::instanceList(FileId id) const {
-    std::vector<Instance> list;
+bool NodePointer::instanceList(FileId id, std::vector<Instance>& list) const {
+    list.clear();
     TracedLock guard(lock_);
-    MORVA_TRY_LET(Pin entry, getUsed(id));
-    while (entry) {
+    for (Pin entry = getUsed(id); entry; entry = older(entry.entry()))
         list.push_back(entry->instance());
-        MORVA_TRY_LET(entry, older(entry.entry()));
-    }
     std::reverse(list.begin(), list.end());
-    return list;
+    return !list.empty();
 }
 
 std::uint64_t NodePointer::hits() const {
@@ -461,17 +431,19 @@ std::uint32_t NodePointer::size() const {
     return blocks_->size();
 }
 
-Status NodePointer::walk(std::function<bool(Entry const&)> const& visit) const {
-    Status status;
+bool NodePointer::walk(std::function<bool(Entry const&)> const& visit) const {
+    bool whole = true;
     std::array<std::uint8_t, blockBytes> copy;
     for (std::uint64_t block = Blocks::firstBlock();; ++block) {
         {
             TracedLock guard(lock_);
-            if (!control_ || block >= blocks_->blockCount())
-                return status;
+            if (!control_)
+                return false;
+            if (block >= blocks_->blockCount())
+                return whole;
             BlockPin const pin = BlockPin::get(*blocks_, block);
             if (!pin) {
-                status.update(Status(pin.status()));
+                whole = false;
                 continue;
             }
             std::memcpy(copy.data(), pin.get(), copy.size());
@@ -482,27 +454,25 @@ Status NodePointer::walk(std::function<bool(Entry const&)> const& visit) const {
             PointerEntry const entry = entryAt(copy.data(), slot);
             FileId const id = makeId(block * PointerEntry::perBlock + slot, entry.generation());
             if (!visit({id, entry.instance(), entry.node(), entry.previous(), entry.next()}))
-                return status;
+                return whole;
         }
     }
 }
 
-Status NodePointer::freeList(std::vector<FileId>& list) const {
+bool NodePointer::freeList(std::vector<FileId>& list) const {
     list.clear();
     TracedLock guard(lock_);
     if (!control_)
-        return {};
+        return false;
     std::uint64_t const most = blocks_->blockCount() * PointerEntry::perBlock;
     for (FileId id = freeHead(); id;) {
-        MORVA_TRY_LET(Pin const entry, get(id));
+        Pin const entry = get(id);
         if (!entry || entry->node() || list.size() >= most)
-            return Status::corruption("read free list", path_,
-                                      QStringLiteral("the list is damaged"),
-                                      {Status::Unit::Record, numberOf(id)});
+            return false;
         list.push_back(id);
         id = entry->previous();
     }
-    return {};
+    return true;
 }
 
 } // namespace Replication

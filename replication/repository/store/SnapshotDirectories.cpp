@@ -16,9 +16,7 @@ namespace Replication {
 
 using Morva::Extent;
 using Morva::PagedList;
-using Morva::Result;
-using Morva::Status;
-using Answer = DirectoryStatus;
+using Status = DirectoryStatus;
 
 namespace {
 
@@ -27,12 +25,6 @@ constexpr std::uint64_t smallDirectoryPages = 4;
 
 DirectoryItem itemOf(DirectoryEntry const& entry) {
     return {entry.fileId(), entry.link(), entry.type(), entry.liveOnly()};
-}
-
-Status notDirectory(FileId directory) {
-    return Status::failure(Status::Code::InvalidArgument, "scan",
-                           QStringLiteral("directory %1").arg(directory.value),
-                           QStringLiteral("it is no directory"));
 }
 
 LinkId linkOr1(LinkId link) {
@@ -50,93 +42,83 @@ void SnapshotDirectories::forget() {
     names_->clear();
 }
 
-Result<FileId> SnapshotDirectories::findName(FileId directory, Instance instance,
-                                             QString const& name) {
-    MORVA_TRY_LET(auto const item, findItem(directory, instance, name));
+FileId SnapshotDirectories::findName(FileId directory, Instance instance, QString const& name) {
+    auto const item = findItem(directory, instance, name);
     return item ? item->fileId : FileId{};
 }
 
-Result<std::optional<DirectoryItem>>
-SnapshotDirectories::findItem(FileId directory, Instance instance, QString const& name) {
+std::optional<DirectoryItem> SnapshotDirectories::findItem(FileId directory, Instance instance,
+                                                           QString const& name) {
     MORVA_METHOD("findName");
-    std::optional<DirectoryItem> const none;
     if (!instance || instance > store_.currentInstance())
-        return none;
-    MORVA_TRY_LET(FileNode::Pointer const node, store_.passiveHandle(directory, instance));
+        return std::nullopt;
+    FileNode::Pointer const node = store_.passiveHandle(directory, instance);
     if (!node) {
         MORVA_TRACE(Normal) << "Failed to get handle" << Morva::hex << directory;
-        return none;
+        return std::nullopt;
     }
     return findItem(*node, directory, instance, name);
 }
 
-Result<std::optional<DirectoryItem>> SnapshotDirectories::findItem(FileNode& node, FileId directory,
-                                                                   Instance instance,
-                                                                   QString const& name) {
-    std::optional<DirectoryItem> found;
+std::optional<DirectoryItem> SnapshotDirectories::findItem(FileNode& node, FileId directory,
+                                                           Instance instance, QString const& name) {
     if (!node.isDirectory()) {
         MORVA_TRACE(Normal) << "Not a directory" << Morva::hex << directory;
-        return found;
+        return std::nullopt;
     }
     Qt::CaseSensitivity const sensitivity = store_.caseSensitivity();
-    // Success with nothing found at the end of the scan.
-    auto const search = [&](DirectoryScan& scan) {
-        while (scan.nextName())
-            if (sameName(scan.entry().name(), name, sensitivity)) {
-                found = itemOf(scan.entry());
-                break;
-            }
-        return scan.status();
-    };
     DirectoryScan scan(node, directory, "Snapshot findName", instance);
     // A node of the current instance, and a live-only one at any time, changes in place.
     bool const frozen = node.instance() < store_.currentInstance() && !node.liveOnly();
     if (scan.pages() <= smallDirectoryPages || !frozen) {
-        MORVA_TRY(search(scan));
-    } else {
-        SnapshotNames::Id const id{directory, node.id(), node.instance()};
-        SnapshotNames::Table table = names_->find(id);
-        if (!table) {
-            auto built = std::make_shared<NameTable>();
-            while (scan.nextName())
-                built->add(nameHash(scan.entry().name(), sensitivity), scan.page());
-            MORVA_TRY(Status(scan.status()));
-            built->sort();
-            table = built;
-            names_->insert(id, table);
-        }
-        for (std::uint64_t const page : table->pagesOf(nameHash(name, sensitivity))) {
-            DirectoryScan one(node, directory, "Snapshot findName", instance, page, 1);
-            MORVA_TRY(search(one));
-            if (found)
-                break;
-        }
-    }
-    if (!found)
+        while (scan.nextName())
+            if (sameName(scan.entry().name(), name, sensitivity))
+                return itemOf(scan.entry());
         MORVA_TRACE(Verbose) << "Failed to find" << name;
-    return found;
+        return std::nullopt;
+    }
+    SnapshotNames::Id const id{directory, node.id(), node.instance()};
+    SnapshotNames::Table table = names_->find(id);
+    if (!table) {
+        auto built = std::make_shared<NameTable>();
+        while (scan.nextName())
+            built->add(nameHash(scan.entry().name(), sensitivity), scan.page());
+        built->sort();
+        table = built;
+        if (!scan.failed())
+            names_->insert(id, table);
+    }
+    for (std::uint64_t const page : table->pagesOf(nameHash(name, sensitivity))) {
+        DirectoryScan one(node, directory, "Snapshot findName", instance, page, 1);
+        while (one.nextName())
+            if (sameName(one.entry().name(), name, sensitivity))
+                return itemOf(one.entry());
+    }
+    MORVA_TRACE(Verbose) << "Failed to find" << name;
+    return std::nullopt;
 }
 
-Status SnapshotDirectories::dirscan(std::uint32_t& count, PagedList& list, FileNode& node,
-                                    FileId directory, Instance instance) {
+bool SnapshotDirectories::dirscan(std::uint32_t& count, PagedList& list, FileNode& node,
+                                  FileId directory, Instance instance) {
     MORVA_METHOD("Snapshot dirscan");
     if (!node.isDirectory()) {
         MORVA_TRACE(Always) << "Not a directory" << Morva::hex << directory;
-        return notDirectory(directory);
+        return false;
     }
     DirectoryScan scan(node, directory, "Snapshot dirscan", instance);
     while (scan.nextName()) {
-        MORVA_TRY(DirscanRecord::write(list, scan.entry()));
+        if (!DirscanRecord::write(list, scan.entry()))
+            return false;
         ++count;
     }
-    return scan.status();
+    return scope.result(!scan.failed());
 }
 
-Status SnapshotDirectories::validDirectory(FileNode& node, FileId directory, Instance instance) {
+bool SnapshotDirectories::validDirectory(FileNode& node, FileId directory, Instance instance) {
     MORVA_METHOD("Snapshot validDirectory");
     if (!node.isDirectory()) {
         MORVA_TRACE(Always) << "Not a directory" << Morva::hex << directory;
-        return notDirectory(directory);
+        return false;
     }
     DirectoryScan scan(node, directory, "Snapshot validDirectory", instance);
     std::uint64_t entries = 0;
@@ -149,22 +131,19 @@ Status SnapshotDirectories::validDirectory(FileNode& node, FileId directory, Ins
     if (!scan.failed())
         MORVA_TRACE(Verbose) << "Snapshot validDirectory" << entries << "entries"
                              << "Used" << used;
-    return scan.status();
+    return scope.result(!scan.failed());
 }
 
 std::uint32_t SnapshotDirectories::objectName(QString& name, FileId& parent, FileId& object,
                                               LinkId& link, Instance instance) {
-    auto const opened = store_.passiveHandle(parent, instance);
-    if (!opened)
-        return Answer::serverFault;
-    FileNode::Pointer const node = *opened;
+    FileNode::Pointer const node = store_.passiveHandle(parent, instance);
     if (!node) {
         MORVA_TRACE(Normal) << "Failed to get handle" << Morva::hex << parent;
-        return Answer::stale;
+        return Status::stale;
     }
     if (!node->isDirectory()) {
         MORVA_TRACE(Normal) << "Not a directory" << Morva::hex << parent;
-        return Answer::stale;
+        return Status::stale;
     }
     FileId nextParent;
     LinkId nextLink{1};
@@ -181,13 +160,11 @@ std::uint32_t SnapshotDirectories::objectName(QString& name, FileId& parent, Fil
             object = parent;
             parent = nextParent;
             link = nextLink;
-            return Answer::ok;
+            return Status::ok;
         }
     }
-    if (scan.failed())
-        return Answer::serverFault;
     MORVA_TRACE(Normal) << "Failed to find" << Morva::hex << object << "in" << parent;
-    return Answer::stale;
+    return Status::stale;
 }
 
 bool SnapshotDirectories::fits(FileHandle const& snapshot, FileHandle const& object) const {
@@ -202,7 +179,7 @@ std::uint32_t SnapshotDirectories::objectName(QString& name, FileHandle const& o
     MORVA_METHOD("objectName");
     if (!fits(snapshot, object) || !fits(snapshot, directory)) {
         MORVA_TRACE(Always) << "Bad arguments";
-        return Answer::badArguments;
+        return Status::badArguments;
     }
     FileId parent = directory.fileId();
     FileId id = object.fileId();
@@ -215,34 +192,28 @@ std::uint32_t SnapshotDirectories::directoryPath(QString& path, FileHandle const
     MORVA_METHOD("directoryPath");
     if (!fits(snapshot, object)) {
         MORVA_TRACE(Always) << "Bad arguments";
-        return Answer::badArguments;
+        return Status::badArguments;
     }
     path.clear();
     FileId id = object.fileId();
     if (id == store_.rootId())
-        return Answer::ok;
-    auto const opened = store_.passiveHandle(id, snapshot.instance);
-    if (!opened)
-        return Answer::serverFault;
-    FileNode::Pointer const node = *opened;
+        return Status::ok;
+    FileNode::Pointer const node = store_.passiveHandle(id, snapshot.instance);
     if (!node) {
         MORVA_TRACE(Normal) << "No longer exists" << Morva::hex << id;
-        return Answer::stale;
+        return Status::stale;
     }
     if (!node->isDirectory()) {
         MORVA_TRACE(Normal) << "Not a directory" << Morva::hex << id;
-        return Answer::stale;
+        return Status::stale;
     }
     if (!node->exists(dataStreamName)) {
         MORVA_TRACE(Normal) << "No data steam" << Morva::hex << id;
-        return Answer::stale;
+        return Status::stale;
     }
-    auto const above = parentOf(*node);
-    if (!above)
-        return Answer::serverFault;
-    FileId parent = *above;
+    FileId parent = parentOf(*node);
     if (!parent)
-        return Answer::stale;
+        return Status::stale;
     MORVA_TRACE(Debug) << "First parent" << Morva::hex << parent;
     QStringList names;
     LinkId link{1};
@@ -251,16 +222,16 @@ std::uint32_t SnapshotDirectories::directoryPath(QString& path, FileHandle const
         // Damage could have made a loop of the tree.
         if (!seen.insert(id).second) {
             MORVA_TRACE(Always) << "Directory is its own parent" << Morva::hex << id;
-            return Answer::stale;
+            return Status::stale;
         }
         QString name;
         std::uint32_t const status = objectName(name, parent, id, link, snapshot.instance);
-        if (status != Answer::ok)
+        if (status != Status::ok)
             return scope.result(status);
         names.prepend(name);
     }
     path = names.join(QLatin1Char('/'));
-    return Answer::ok;
+    return Status::ok;
 }
 
 } // namespace Replication

@@ -1,20 +1,22 @@
 #include "replication/repository/store/Store.h"
 
-#include "base/files/RawFile.h"
 #include "base/process/FixedPath.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/ActiveHandles.h"
 #include "replication/repository/store/Directories.h"
 #include "replication/repository/store/Event.h"
+#include "replication/repository/store/FileCalls.h"
 #include "replication/repository/store/NodeFile.h"
 #include "replication/repository/store/NodePointer.h"
 #include "replication/repository/store/PassiveHandles.h"
 #include "replication/repository/store/PathOperations.h"
 #include "replication/repository/store/RetireList.h"
-#include "replication/repository/store/SavedState.h"
 #include "replication/repository/store/SnapshotDirectories.h"
 #include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/streams/Streams.h"
+
+#include <QDir>
+#include <QFile>
 
 #include <cstring>
 
@@ -97,7 +99,6 @@ Store::Store(StoreId id)
     retired_ = std::make_unique<RetireList>(*this);
     active_ = std::make_unique<ActiveHandles>(*this);
     paths_ = std::make_unique<PathOperations>(*this);
-    saved_ = std::make_unique<SavedState>(*this, statePath_);
 }
 
 Store::~Store() {
@@ -115,7 +116,8 @@ Status Store::outcome(bool good, char const* operation) const {
 
 Status Store::createFiles(StoreIdentity const& identity, bool caseSensitive) {
     MORVA_METHOD("create");
-    MORVA_TRY(Morva::FileSystem::inForce().makeDirectory(storePath_));
+    if (!QDir().mkpath(storePath_))
+        return Status::fromErrno(errno, "make", storePath_);
     Status made = makeFiles(caseSensitive, identity);
     if (made) {
         valid_ = true;
@@ -132,17 +134,18 @@ Status Store::makeFiles(bool caseSensitive, StoreIdentity const& identity) {
     name_ = identity.name;
     Configuration const& values = shared().configuration;
     QString const files = storePath_ + QStringLiteral("/files");
-    MORVA_TRY(nodes_->create(files, values.fileNodeGrowSize,
-                             values.fileNodeRandomAccess ? RawFile::Mode::Random
-                                                         : RawFile::Mode::ReadWrite));
+    MORVA_TRY(outcome(nodes_->create(files, values.fileNodeGrowSize,
+                                     values.fileNodeRandomAccess ? RawFile::Mode::Random
+                                                                 : RawFile::Mode::ReadWrite),
+                      "make \"files\" of"));
     open_ = true;
-    if (Status made = pointers_->create(files + QStringLiteral(".ptrs")); !made) {
+    if (!pointers_->create(files + QStringLiteral(".ptrs"))) {
         MORVA_TRACE(Always) << "Failed to create node pointer file";
-        return made;
+        return outcome(false, "make \"files.ptrs.blocks\" of");
     }
-    if (Status made = directories_->create(files + QStringLiteral(".tree")); !made) {
+    if (!directories_->create(files + QStringLiteral(".tree"))) {
         MORVA_TRACE(Always) << "Failed to initialize directory bplustree";
-        return made;
+        return outcome(false, "make \"files.tree\" of");
     }
     MORVA_TRY(control_->update([&](ControlFields& fields) {
         fields.version(ControlFields::currentVersion);
@@ -167,17 +170,13 @@ Status Store::makeFiles(bool caseSensitive, StoreIdentity const& identity) {
 void Store::removeMade() {
     (void)close(); // of no use to anybody
     for (auto const& directory : {snapshotPath_, storePath_}) {
-        auto const names =
-            Morva::FileSystem::inForce().names(directory, Morva::FileSystem::Kind::File);
+        auto const names = FileCalls::files(directory);
         if (!names.ok())
             continue;
         for (QString const& name : *names)
-            if (Status const gone =
-                    Morva::FileSystem::inForce().removeIfThere(directory + u'/' + name);
-                !gone)
+            if (Status const gone = FileCalls::remove(directory + u'/' + name); !gone)
                 MORVA_TRACE(Always) << "Failed to take back" << gone.text();
-        if (Status const gone = Morva::FileSystem::inForce().removeDirectory(directory); !gone)
-            MORVA_TRACE(Always) << "Failed to take back" << gone.text();
+        QDir().rmdir(directory);
     }
 }
 
@@ -203,7 +202,8 @@ Status Store::createRoot() {
     info.placeHolder = true;
     info.sourceMachine = sourceMachine_;
     info.name = name_;
-    return active_->create(key, {}, LiveMode::Clear, 0, std::move(info)).status();
+    return outcome(active_->create(key, {}, LiveMode::Clear, 0, std::move(info)) != nullptr,
+                   "make the root of");
 }
 
 Status Store::createSnapshots() {
@@ -211,7 +211,8 @@ Status Store::createSnapshots() {
         indexSnapshots_ = dedupSnapshots_ = dedupVersions_ = false;
         return {};
     }
-    MORVA_TRY(Morva::FileSystem::inForce().makeDirectory(snapshotPath_));
+    if (!QDir().mkpath(snapshotPath_))
+        return Status::fromErrno(errno, "make", snapshotPath_);
     MORVA_TRY(snapshots_->create(snapshotPath_));
     return control_->update([](ControlFields& fields) {
         fields.directories(0); // the root doesn't count
@@ -249,7 +250,7 @@ Status Store::openControl() {
     if (!nodes_->open(files, values.fileNodeGrowSize,
                       values.fileNodeRandomAccess ? RawFile::Mode::Random
                                                   : RawFile::Mode::ReadWrite)) {
-        auto const there = Morva::FileSystem::inForce().exists(files);
+        auto const there = FileCalls::exists(files);
         if (there.ok() && !*there)
             return Status::failure(Status::Code::NotFound, "open", files);
         return outcome(false, "open \"files\" of");
@@ -283,26 +284,21 @@ Status Store::openControl() {
         if (id_)
             fields.sequence(fields.sequence() + 1);
     }));
-    return nodes_->flush();
+    return outcome(nodes_->flush(), "write \"files\" of");
 }
 
 Status Store::openTree() {
     QString const files = storePath_ + QStringLiteral("/files");
-    if (Status opened = pointers_->open(files + QStringLiteral(".ptrs")); !opened) {
+    if (!pointers_->open(files + QStringLiteral(".ptrs"))) {
         MORVA_TRACE(Always) << "Failed to open 'files' node pointer file";
-        return opened;
+        return outcome(false, "open \"files.ptrs.blocks\" of");
     }
-    if (Status opened = directories_->open(files + QStringLiteral(".tree")); !opened) {
+    if (!directories_->open(files + QStringLiteral(".tree"))) {
         MORVA_TRACE(Always) << "Failed to initialize directory tree file";
-        return opened;
-    }
-    // Before any node can be freed.
-    if (Status loaded = saved_->load(); !loaded) {
-        MORVA_TRACE(Always) << "Failed to read saved state" << loaded.text();
-        return loaded;
+        return outcome(false, "open \"files.tree\" of");
     }
     takeRoot(pointers_->rootId());
-    MORVA_TRY_LET(ActiveHandle::Pointer const root, active_->get(rootId_));
+    ActiveHandle::Pointer const root = active_->get(rootId_);
     MORVA_CHECK(root && root->fileNode(), "ptRoot");
     if (!root || !root->fileNode())
         return outcome(false, "read the root of");
@@ -316,27 +312,17 @@ Status Store::openTree() {
 // --- flushing and closing
 
 Status Store::settle() {
-    MORVA_TRY(unfinished_.settle());
-    return snapshots_ ? snapshots_->writeEntries() : Status();
+    if (!unfinished_.settle())
+        return outcome(false, "end an operation that was begun in");
+    return snapshots_->writeEntries();
 }
 
 Status Store::flush() {
     MORVA_METHOD("flush");
-    Status result;
-    if (valid_) {
-        result = settle();
-        result.update(saveState());
-    }
+    Status result = valid_ ? settle() : Status();
     result.update(outcome(streams_->flush(), "flush the pool of"));
     result.update(flushFiles());
     return result;
-}
-
-Status Store::saveState() {
-    Status saved = saved_->save();
-    if (!saved)
-        MORVA_TRACE(Always) << "Failed to save the state of store" << id_ << saved.text();
-    return saved;
 }
 
 Status Store::flushFiles() {
@@ -344,11 +330,11 @@ Status Store::flushFiles() {
         return {};
     Status result = valid_ ? settle() : Status();
     result.update(control_->write());
-    result.update(nodes_->flush());
+    result.update(outcome(nodes_->flush(), "write \"files\" of"));
     if (!valid_)
         return result;
-    result.update(pointers_->flush());
-    result.update(directories_->flush());
+    result.update(outcome(pointers_->flush(), "write \"files.ptrs.blocks\" of"));
+    result.update(outcome(directories_->flush(), "write \"files.tree\" of"));
     // Nothing depends on this list: what is lost of it stays as it is.
     (void)snapshots_->flushDedup();
     return result;
@@ -358,8 +344,6 @@ Status Store::flushForFreeze() {
     MORVA_METHOD("flushForFreeze");
     if (!open_)
         return outcome(false, "flush");
-    if (valid_)
-        MORVA_TRY(saveState());
     MORVA_TRY(flushFiles());
     return control_->update([](ControlFields& fields) { fields.openMark(false); });
 }
@@ -369,7 +353,7 @@ Status Store::markOpen() {
     if (!open_)
         return {};
     MORVA_TRY(control_->update([](ControlFields& fields) { fields.openMark(true); }));
-    return nodes_->flush();
+    return outcome(nodes_->flush(), "write \"files\" of");
 }
 
 Status Store::close() {
@@ -393,10 +377,9 @@ Status Store::close() {
     control_->print(static_cast<int>(Morva::TraceLevel::Debug));
     snapshots_->close();
     open_ = false;
-    result.update(saved_->close());
-    result.update(directories_->close());
-    result.update(pointers_->close());
-    result.update(nodes_->close());
+    result.update(outcome(directories_->close(), "close \"files.tree\" of"));
+    result.update(outcome(pointers_->close(), "close \"files.ptrs.blocks\" of"));
+    result.update(outcome(nodes_->close(), "close \"files\" of"));
     if (!result)
         MORVA_TRACE(Always) << "Failed to close store" << id_ << result.text();
     return result;

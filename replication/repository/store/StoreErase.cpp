@@ -1,12 +1,15 @@
 // The end of a store.
 
-#include "base/files/RawFile.h"
+#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
+#include "replication/repository/store/FileCalls.h"
 #include "replication/repository/store/NodeFile.h"
 #include "replication/repository/store/PassiveHandles.h"
 #include "replication/repository/store/Store.h"
 #include "replication/repository/streams/OperationGate.h"
 #include "replication/repository/streams/Streams.h"
+
+#include <QDir>
 
 #include <algorithm>
 #include <cerrno>
@@ -24,15 +27,15 @@ constexpr std::uint64_t nodesInSlice = 64;
 /// Removes the files of a directory, `last` after all others, and the directory itself. Goes on
 /// where one can't be removed, but for `last`, which stays then.
 Status removeDirectory(QString const& path, QString const& last = {}) {
-    auto names = Morva::FileSystem::inForce().names(path, Morva::FileSystem::Kind::File);
+    auto names = FileCalls::files(path);
     if (!names.ok())
-        return names.status();
+        return names.code() == Status::Code::NotFound ? Status() : names.status();
     bool const hasLast = names->removeOne(last);
     MORVA_TRACE(Normal) << "Remove" << names->size() + hasLast << "files from" << path;
     Status result;
     auto const remove = [&](QString const& name) {
         MORVA_TRACE(Verbose) << "Remove" << name;
-        Status gone = Morva::FileSystem::inForce().removeIfThere(path + QLatin1Char('/') + name);
+        Status gone = FileCalls::remove(path + QLatin1Char('/') + name);
         if (!gone)
             MORVA_TRACE(Always) << "Failed to remove" << name << "from" << path << gone.text();
         result.update(std::move(gone));
@@ -43,8 +46,7 @@ Status removeDirectory(QString const& path, QString const& last = {}) {
     if (hasLast)
         remove(last);
     MORVA_TRY(std::move(result));
-    Status gone = Morva::FileSystem::inForce().removeDirectory(path);
-    return gone.is(Status::Code::NotFound) ? Status() : gone;
+    return QDir().rmdir(path) ? Status() : Status::fromErrno(errno, "remove", path);
 }
 
 } // namespace
@@ -57,9 +59,6 @@ Status Store::erase(SafePoint const& safePoint) {
     }
     MORVA_TRACE(Normal) << "Erasing store" << id_ << "ReplayId" << replayId() << "Location"
                         << storePath_;
-    if (auto const there = Morva::FileSystem::inForce().exists(snapshotPath_);
-        there.ok() && !*there)
-        MORVA_TRACE(Normal) << "No snapshot directory";
     Status snapshots = removeDirectory(snapshotPath_);
     // Neither ids nor directories are needed: every node says itself what it holds.
     if (Status freed = forEachNode(&PassiveHandles::erase, safePoint); !freed) {
@@ -69,7 +68,7 @@ Status Store::erase(SafePoint const& safePoint) {
     }
     // "files" is the last to go: as long as anything is there, it says that it is to be erased.
     MORVA_TRY(std::move(snapshots));
-    Status result = nodes_->close();
+    Status result = outcome(nodes_->close(), "close \"files\" of");
     open_ = false;
     MORVA_TRY(std::move(result));
     Status removed = removeDirectory(storePath_, QStringLiteral("files"));
@@ -82,20 +81,20 @@ Status Store::freeUnclaimed() {
     return forEachNode(&PassiveHandles::freeUnclaimed, {});
 }
 
-Status Store::forEachNode(Status (PassiveHandles::*work)(NodeNumber), SafePoint const& safePoint) {
-    Status status;
+Status Store::forEachNode(bool (PassiveHandles::*work)(NodeNumber), SafePoint const& safePoint) {
     std::uint64_t const end = nodes_->totalBlocks();
+    Morva::Failures::Watch const failures;
     for (std::uint64_t number = nodes_->firstBlock() + 1; number < end;) {
         {
             OperationGate::Enter const gate;
             std::uint64_t const sliceEnd = std::min(number + nodesInSlice, end);
             for (; number < sliceEnd; ++number)
-                status.update((passive_.get()->*work)(NodeNumber{number}));
+                (passive_.get()->*work)(NodeNumber{number});
         }
         if (safePoint)
             MORVA_TRY(safePoint());
     }
-    return status;
+    return outcome(!failures.any(), "read every node of");
 }
 
 } // namespace Replication
