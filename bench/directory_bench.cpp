@@ -50,21 +50,21 @@ public:
     static QString name(std::int64_t number) { return QStringLiteral("some file %1").arg(number); }
     bool fill() {
         return each([this](QStringList const& path) {
-            return store_->paths().createObject(context_, path, {}) != nullptr;
+            return store_->paths().createObject(context_, path, {}).ok();
         });
     }
     bool empty() {
         return each([this](QStringList const& path) {
-                   return store_->paths().unlink(context_, path);
+                   return store_->paths().unlink(context_, path).ok();
                }) &&
                CleanupWorker(streams_).drain();
     }
     bool has(std::int64_t number) {
-        return store_->directories().locate({"d", name(number)}, PathMode::DoNotBuildPath).found;
+        return store_->directories().locate({"d", name(number)}, PathMode::DoNotBuildPath)->found;
     }
     std::int64_t list() {
-        auto const located = store_->directories().locate({"d"}, PathMode::DoNotBuildPath);
-        auto const handle = store_->activeHandles().get(located.key.fileId());
+        auto const located = *store_->directories().locate({"d"}, PathMode::DoNotBuildPath);
+        auto const handle = *store_->activeHandles().get(located.key.fileId());
         auto const node = handle ? handle->fileNode() : nullptr;
         std::int64_t seen = 0;
         if (node)

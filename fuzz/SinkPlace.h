@@ -45,7 +45,7 @@ template <class Sink> struct SinkPlace {
         identity.stateFile = directory.filePath(QStringLiteral("state-1"));
         identity.ruleSet = 1;
         sink = std::make_unique<Sink>(identity, replayId, store, pool);
-        require(sink->start(), "sink");
+        require(sink->start().ok(), "sink");
     }
     ~SinkPlace() {
         sink.reset();
@@ -69,7 +69,7 @@ template <class Sink> struct SinkPlace {
         builder.begin(LogType::Message, ++sequence)
             .number(LogField::MessageType, DataSink::SourceStarted);
         static_cast<void>(take(builder));
-        auto const root = store->activeHandles().get(store->rootId());
+        auto const root = *store->activeHandles().get(store->rootId());
         require(root && store->directories().discardDirectory(*root), "the store is emptied");
     }
 

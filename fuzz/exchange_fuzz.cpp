@@ -110,13 +110,13 @@ public:
     void compare() const {
         for (auto const& [path, object] : objects_) {
             auto const located =
-                place_.store->directories().locate(path.split(u'/'), PathMode::DoNotBuildPath);
+                *place_.store->directories().locate(path.split(u'/'), PathMode::DoNotBuildPath);
             require(located.found, "an object is there");
-            auto const handle = place_.store->activeHandles().get(located.key.fileId());
-            require(handle && handle->streamList().size() == object->streams.size(),
+            auto const handle = *place_.store->activeHandles().get(located.key.fileId());
+            require(handle && handle->fileNode()->streamIds().size() == object->streams.size(),
                     "an object's streams");
             for (auto const& [name, content] : object->streams) {
-                auto const opened = handle->fileNode()->openStream(name);
+                auto const opened = *handle->fileNode()->openStream(name);
                 require(opened && opened->length() == static_cast<std::uint64_t>(content.size()),
                         "a stream's length");
                 QByteArray stored(content.size(), '\0');

@@ -61,7 +61,7 @@ struct Target : Fuzzing::SinkPlace<RepositoryWindows> {
                sink->replay(log);
     }
     void check() {
-        auto const root = store->activeHandles().get(store->rootId());
+        auto const root = *store->activeHandles().get(store->rootId());
         require(root && store->directories().validDirectory(*root->fileNode(), root->id()),
                 "the root's names and the tree agree");
     }

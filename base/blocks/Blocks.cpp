@@ -1,7 +1,6 @@
 #include "base/blocks/Blocks.h"
 
 #include "base/blocks/Failures.h"
-#include "base/blocks/FileCalls.h"
 #include "base/blocks/HeaderPage.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
@@ -103,7 +102,7 @@ Status Blocks::open(QString const& name, std::uint64_t growSize, RawFile::Mode m
 Status Blocks::readHeader(std::uint64_t growSize) {
     std::array<std::uint8_t, Header::size> bytes;
     std::uint8_t const* header = bytes.data();
-    MORVA_TRY(FileCalls::readWhole(*file_, 0, bytes.data(), Header::size));
+    MORVA_TRY(file_->readWhole(0, bytes.data(), Header::size));
     if (std::memcmp(header, Header::magic, 8) != 0 ||
         field<std::uint32_t>(header, Header::atVersion) != Header::version ||
         field<std::uint32_t>(header, Header::atCheck) != headerCheck(header, Header::atCheck))
@@ -118,7 +117,7 @@ Status Blocks::readHeader(std::uint64_t growSize) {
         reservedBits_ >= 64)
         return unsoundHeader();
     mask_ = ~std::uint64_t{0} >> reservedBits_;
-    MORVA_TRY_LET(std::uint64_t const length, FileCalls::length(*file_));
+    MORVA_TRY_LET(std::uint64_t const length, file_->length());
     if (blockCount_ < firstBlock() || blockCount_ - 1 > mask_ || blockCount_ > reservedCount_ ||
         reservedCount_ > length / blockSize || freeCount_ >= blockCount_ ||
         freeHead_ >= blockCount_)
@@ -137,8 +136,7 @@ Status Blocks::recoverCount() {
     std::vector<std::uint8_t> block(blockSize_);
     std::uint64_t last = reservedCount_;
     while (last > blockCount_) {
-        Status read =
-            FileCalls::readWhole(*file_, (last - 1) * blockSize_, block.data(), blockSize_);
+        Status read = file_->readWhole((last - 1) * blockSize_, block.data(), blockSize_);
         if (!read && !read.is(Status::Code::Corruption))
             return read;
         if (!read || std::ranges::any_of(block, [](std::uint8_t byte) { return byte != 0; }))
@@ -211,7 +209,7 @@ Status Blocks::growTo(std::uint64_t blocks) {
     if (blocks > largestFile / blockSize_)
         return Status::failure(Status::Code::NoSpace, "extend", file_->name(),
                                QStringLiteral("a file can't be that large"));
-    MORVA_TRY(FileCalls::setLength(*file_, blocks * blockSize_));
+    MORVA_TRY(file_->setLength(blocks * blockSize_));
     std::uint64_t const before = std::exchange(reservedCount_, blocks);
     Status written = writeHeader();
     if (!written)

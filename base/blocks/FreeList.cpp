@@ -1,7 +1,6 @@
 #include "base/blocks/FreeList.h"
 
 #include "base/blocks/Failures.h"
-#include "base/blocks/FileCalls.h"
 #include "base/blocks/HeaderPage.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
@@ -84,7 +83,7 @@ Status FreeList::open(QString const& name, std::uint64_t limit, RawFile::Mode mo
 
 Status FreeList::readHeader(std::uint64_t limit) {
     MORVA_TRY(pinHeader(pageSize));
-    MORVA_TRY_LET(std::uint64_t const length, FileCalls::length(*file_));
+    MORVA_TRY_LET(std::uint64_t const length, file_->length());
     reservedPages_ = length / pageSize - 1;
     limit_ = loadLittle<std::uint64_t>(header_ + Header::atLimit);
     runs_ = loadLittle<std::uint64_t>(header_ + Header::atRuns);
@@ -238,9 +237,9 @@ Status FreeList::nextPage() {
         return {};
     if (page > reservedPages_) {
         std::uint64_t grown = reservedPages_ + growPages;
-        Status extended = FileCalls::setLength(*file_, (1 + grown) * pageSize);
+        Status extended = file_->setLength((1 + grown) * pageSize);
         if (!extended)
-            extended = FileCalls::setLength(*file_, (1 + (grown = page)) * pageSize);
+            extended = file_->setLength((1 + (grown = page)) * pageSize);
         if (!extended) {
             MORVA_TRACE(Always) << "Failed to extend" << file_->name() << file_->lastError();
             Failures::note();

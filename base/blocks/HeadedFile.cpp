@@ -1,12 +1,11 @@
 #include "base/blocks/HeadedFile.h"
 
-#include "base/blocks/FileCalls.h"
 #include "base/trace/Trace.h"
 
 namespace Morva {
 
 Status HeadedFile::sync() {
-    return header_ ? FileCalls::sync(*file_) : notOpen("sync");
+    return header_ ? file_->sync() : notOpen("sync");
 }
 
 Status HeadedFile::notOpen(char const* operation) {
@@ -20,14 +19,14 @@ Status HeadedFile::unsoundHeader() const {
 
 Status HeadedFile::beginCreation(QString const& name, RawFile::Mode mode, std::uint32_t pageSize) {
     file_ = RawFile::make();
-    Status made = FileCalls::create(*file_, name, mode);
+    Status made = file_->create(name, mode);
     if (!made) {
         MORVA_TRACE(Always) << "Failed to create file" << name << file_->lastError();
         giveUp();
         return made;
     }
     cache_.attach(*file_, pageSize);
-    made = FileCalls::setLength(*file_, pageSize);
+    made = file_->setLength(pageSize);
     if (!made)
         return endCreation(std::move(made));
     auto header = cache_.pinZero(0);
@@ -48,7 +47,7 @@ Status HeadedFile::endCreation(Status written) {
 
 Status HeadedFile::beginOpening(QString const& name, RawFile::Mode mode) {
     file_ = RawFile::make();
-    Status opened = FileCalls::open(*file_, name, mode);
+    Status opened = file_->open(name, mode);
     if (!opened) {
         MORVA_TRACE(Normal) << "Failed to open file" << name << file_->lastError();
         giveUp();

@@ -1,7 +1,6 @@
 #include "base/blocks/PageCache.h"
 
 #include "base/blocks/Failures.h"
-#include "base/blocks/FileCalls.h"
 #include "base/trace/Trace.h"
 
 #include <algorithm>
@@ -220,7 +219,7 @@ Result<void*> PageCache::pin(std::uint64_t page) {
     bool const inOrder = page - expected_ < aheadBytes / pageSize_;
     expected_ = page + 1;
     if (!inOrder || !readAhead(frame)) {
-        Status read = FileCalls::readWhole(*file_, page * pageSize_, frame->bytes(), pageSize_);
+        Status read = file_->readWhole(page * pageSize_, frame->bytes(), pageSize_);
         if (!read) [[unlikely]] {
             MORVA_TRACE(Always) << "Failed to read page" << page << "of" << file_->name();
             Failures::note();
@@ -243,8 +242,7 @@ bool PageCache::readAhead(Frame* frame) {
     if (count == 1)
         return false;
     aheadBytes_.resize(aheadBytes);
-    auto const got =
-        FileCalls::readAt(*file_, first * pageSize_, aheadBytes_.data(), count * pageSize_);
+    auto const got = file_->readAt(first * pageSize_, aheadBytes_.data(), count * pageSize_);
     if (!got || *got < pageSize_)
         return false;
     count = *got / pageSize_;
@@ -379,7 +377,7 @@ Status PageCache::writeRun(Frame* const* frames, std::size_t count) {
             std::memcpy(runBytes_.data() + i * pageSize_, frames[i]->bytes(), pageSize_);
         from = runBytes_.data();
     }
-    Status written = FileCalls::writeAt(*file_, frames[0]->number * pageSize_, from, bytes);
+    Status written = file_->writeAt(frames[0]->number * pageSize_, from, bytes);
     if (!written) {
         MORVA_TRACE(Always) << "Failed to write" << count << "pages from" << frames[0]->number
                             << "of" << file_->name();

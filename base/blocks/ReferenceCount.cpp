@@ -1,7 +1,6 @@
 #include "base/blocks/ReferenceCount.h"
 
 #include "base/blocks/Failures.h"
-#include "base/blocks/FileCalls.h"
 #include "base/blocks/HeaderPage.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
@@ -103,7 +102,7 @@ Status ReferenceCount::open(QString const& name, std::uint64_t limit, std::uint6
 
 Status ReferenceCount::readHeader(std::uint64_t limit) {
     MORVA_TRY(pinHeader(pageSize));
-    MORVA_TRY_LET(std::uint64_t const length, FileCalls::length(*file_));
+    MORVA_TRY_LET(std::uint64_t const length, file_->length());
     limit_ = loadLittle<std::uint64_t>(header_ + Header::atLimit);
     pages_ = loadLittle<std::uint64_t>(header_ + Header::atPages);
     bool const sound = std::memcmp(header_, Header::magic, 8) == 0 &&
@@ -142,7 +141,7 @@ Status ReferenceCount::growTo(std::uint64_t pages) {
     if (pages > largestPages)
         return Status::failure(Status::Code::NoSpace, "extend", file_->name(),
                                QStringLiteral("a file can't be that large"));
-    MORVA_TRY(FileCalls::setLength(*file_, (1 + pages) * pageSize));
+    MORVA_TRY(file_->setLength((1 + pages) * pageSize));
     std::uint64_t const before = std::exchange(pages_, pages);
     Status stored = storeHeader();
     if (!stored)

@@ -10,74 +10,79 @@ BufferedFile::BufferedFile(std::uint32_t bufferSize)
     : bufferSize_(std::max<std::uint32_t>(bufferSize, 1)) {}
 
 BufferedFile::~BufferedFile() {
-    close();
+    (void)close(); // traced by the file, and nobody is left to tell
 }
 
-bool BufferedFile::open(QString const& name, RawFile::Mode mode) {
+Status BufferedFile::open(QString const& name, RawFile::Mode mode) {
     if (file_) {
         lastError_ = EBUSY;
-        return false;
+        return Status::fromErrno(EBUSY, "open", name);
     }
     auto file = RawFile::make();
-    if (!file->open(name, mode)) {
+    if (auto status = file->open(name, mode); !status) {
         lastError_ = file->lastError();
-        return false;
+        return status;
     }
     file_ = std::move(file);
     start_ = position_ = 0;
     filled_ = 0;
-    return true;
+    return {};
 }
 
-void BufferedFile::close() {
+Status BufferedFile::close() {
     if (!file_)
-        return;
+        return {};
     lastError_ = file_->lastError();
-    file_->close();
+    auto status = file_->close();
     file_.reset();
     filled_ = 0;
+    return status;
 }
 
-std::uint32_t BufferedFile::read(void* buffer, std::uint32_t count) {
+Result<std::uint32_t> BufferedFile::read(void* buffer, std::uint32_t count) {
     if (!file_)
-        return 0;
+        return Status::fromErrno(EBADF, "read", {});
     auto* const to = static_cast<std::uint8_t*>(buffer);
+    std::uint64_t position = position_;
     std::uint32_t done = 0;
     while (done < count) {
         std::uint32_t const wanted = count - done;
-        if (position_ >= start_ && position_ - start_ < filled_) {
-            auto const skip = static_cast<std::uint32_t>(position_ - start_);
-            std::uint32_t const got = std::min(wanted, filled_ - skip);
+        std::uint32_t got = 0;
+        if (position >= start_ && position - start_ < filled_) {
+            auto const skip = static_cast<std::uint32_t>(position - start_);
+            got = std::min(wanted, filled_ - skip);
             std::memcpy(to + done, buffer_.data() + skip, got);
-            done += got;
-            position_ += got;
+        } else if (wanted >= bufferSize_) {
+            MORVA_TRY_LET(got, file_->readAt(position, to + done, wanted));
+            count = done + got; // short is the end
+        } else {
+            buffer_.resize(bufferSize_);
+            start_ = position;
+            filled_ = 0;
+            MORVA_TRY_LET(filled_, file_->readAt(position, buffer_.data(), bufferSize_));
+            if (filled_ == 0)
+                break;
             continue;
         }
-        if (wanted >= bufferSize_) {
-            std::uint32_t const got = file_->readAt(position_, to + done, wanted);
-            position_ += got;
-            return done + got;
-        }
-        buffer_.resize(bufferSize_);
-        start_ = position_;
-        filled_ = file_->readAt(position_, buffer_.data(), bufferSize_);
-        if (filled_ == 0)
-            break;
+        done += got;
+        position += got;
     }
+    position_ = position;
     return done;
 }
 
-bool BufferedFile::setPosition(std::int64_t offset, RawFile::Where from) {
+Status BufferedFile::setPosition(std::int64_t offset, RawFile::Where from) {
     if (!file_ || offset < 0 || from != RawFile::Where::Start) {
         lastError_ = file_ ? EINVAL : EBADF;
-        return false;
+        return Status::fromErrno(static_cast<int>(lastError_), "set position of",
+                                 file_ ? file_->name() : QString());
     }
     position_ = static_cast<std::uint64_t>(offset);
-    return true;
+    return {};
 }
 
-std::uint64_t BufferedFile::length() const {
-    return file_ ? file_->length() : 0;
+Result<std::uint64_t> BufferedFile::length() const {
+    return file_ ? file_->length() : Result<std::uint64_t>(std::uint64_t{0});
 }
 
 bool BufferedFile::deleteOnClose() {

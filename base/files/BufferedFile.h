@@ -19,20 +19,18 @@ public:
     BufferedFile(BufferedFile const&) = delete;
     BufferedFile& operator=(BufferedFile const&) = delete;
 
-    /// Opens an existing file at its start; false when it is not there or this is open already.
-    [[nodiscard]] bool open(QString const& name, RawFile::Mode mode = RawFile::Mode::ReadOnly);
-    /// Closing a closed file is harmless. Removes the file if `deleteOnClose` was called.
-    void close();
-    /// Bytes read at the position, which moves on by them; a short count means the end of the file
-    /// or an error, which `failed` tells apart.
-    [[nodiscard]] std::uint32_t read(void* buffer, std::uint32_t count);
-    /// After a short count: whether there was more to read.
-    [[nodiscard]] bool failed() const { return position_ < length(); }
-    [[nodiscard]] bool setPosition(std::int64_t offset,
-                                   RawFile::Where from = RawFile::Where::Start);
+    /// Opens an existing file at its start; `NotFound` when it is not there, `Busy` when this is
+    /// open already.
+    [[nodiscard]] Status open(QString const& name, RawFile::Mode mode = RawFile::Mode::ReadOnly);
+    /// As `RawFile::close`.
+    Status close();
+    /// As `RawFile::read`. A failure leaves the position where it was.
+    [[nodiscard]] Result<std::uint32_t> read(void* buffer, std::uint32_t count);
+    [[nodiscard]] Status setPosition(std::int64_t offset,
+                                     RawFile::Where from = RawFile::Where::Start);
     [[nodiscard]] std::int64_t position() const { return static_cast<std::int64_t>(position_); }
     /// Length of the file in bytes, 0 when closed.
-    [[nodiscard]] std::uint64_t length() const;
+    [[nodiscard]] Result<std::uint64_t> length() const;
     /// The file is removed when it is closed. False when closed.
     bool deleteOnClose();
     [[nodiscard]] std::uint32_t lastError() const;

@@ -29,8 +29,8 @@ GuardedContent::GuardedContent(std::shared_ptr<JournalPages> pages, std::uint64_
 
 // --- reading
 
-std::uint32_t GuardedContent::readAt(RawFile& file, std::uint64_t offset, void* buffer,
-                                     std::uint32_t count) const {
+Result<std::uint32_t> GuardedContent::readAt(RawFile& file, std::uint64_t offset, void* buffer,
+                                             std::uint32_t count) const {
     std::shared_lock const hold(lock_);
     std::uint64_t const end = length();
     if (offset >= end)
@@ -41,27 +41,26 @@ std::uint32_t GuardedContent::readAt(RawFile& file, std::uint64_t offset, void* 
     std::uint32_t guarded = 0;
     if (offset < boundary) {
         guarded = static_cast<std::uint32_t>(std::min<std::uint64_t>(count, boundary - offset));
-        if (!readPages(file, offset, bytes, guarded))
-            return 0;
+        MORVA_TRY(readPages(file, offset, bytes, guarded));
     }
-    if (guarded == count)
-        return count;
-    return guarded + file.readAt(offset + guarded, bytes + guarded, count - guarded);
+    if (guarded != count)
+        MORVA_TRY(file.readWhole(offset + guarded, bytes + guarded, count - guarded));
+    return count;
 }
 
-bool GuardedContent::readBase(RawFile& file, std::uint64_t offset, std::uint8_t* buffer,
-                              std::uint32_t count) const {
+Status GuardedContent::readBase(RawFile& file, std::uint64_t offset, std::uint8_t* buffer,
+                                std::uint32_t count) const {
     std::uint32_t const kept =
         offset < kept_ ? static_cast<std::uint32_t>(std::min<std::uint64_t>(count, kept_ - offset))
                        : 0;
-    if (kept != 0 && file.readAt(offset, buffer, kept) != kept)
-        return false;
+    if (kept != 0)
+        MORVA_TRY(file.readWhole(offset, buffer, kept));
     std::fill(buffer + kept, buffer + count, std::uint8_t{0});
-    return true;
+    return {};
 }
 
-bool GuardedContent::readPages(RawFile& file, std::uint64_t offset, std::uint8_t* buffer,
-                               std::uint32_t count) const {
+Status GuardedContent::readPages(RawFile& file, std::uint64_t offset, std::uint8_t* buffer,
+                                 std::uint32_t count) const {
     if (slots_.empty())
         return readBase(file, offset, buffer, count);
     std::uint64_t const end = offset + count;
@@ -73,17 +72,14 @@ bool GuardedContent::readPages(RawFile& file, std::uint64_t offset, std::uint8_t
                 stop = std::min(stop + pageSize, end);
         }
         auto const part = static_cast<std::uint32_t>(stop - offset);
-        bool const done =
-            found == slots_.end()
-                ? readBase(file, offset, buffer, part)
-                : pages_->read(found->second, static_cast<std::uint32_t>(offset % pageSize), buffer,
-                               part);
-        if (!done)
-            return false;
+        MORVA_TRY(found == slots_.end()
+                      ? readBase(file, offset, buffer, part)
+                      : pages_->read(found->second, static_cast<std::uint32_t>(offset % pageSize),
+                                     buffer, part));
         offset = stop;
         buffer += part;
     }
-    return true;
+    return {};
 }
 
 // --- writing
@@ -94,37 +90,34 @@ void GuardedContent::grown(std::uint64_t end) {
         ;
 }
 
-std::uint32_t GuardedContent::writeAt(RawFile& file, std::uint64_t offset, void const* buffer,
-                                      std::uint32_t count) {
+Status GuardedContent::writeAt(RawFile& file, std::uint64_t offset, void const* buffer,
+                               std::uint32_t count) {
     std::shared_lock const noCheckpoint(pages_->changing());
-    if (pages_->isBroken())
-        return 0;
+    MORVA_TRY(pages_->whole());
     auto const* const bytes = static_cast<std::uint8_t const*>(buffer);
     std::uint64_t const boundary = guardedPages_ * pageSize;
     std::uint32_t done = 0;
     if (offset < boundary) {
-        auto const guarded =
-            static_cast<std::uint32_t>(std::min<std::uint64_t>(count, boundary - offset));
-        done = writePages(file, offset, bytes, guarded);
+        done = static_cast<std::uint32_t>(std::min<std::uint64_t>(count, boundary - offset));
+        MORVA_TRY(writePages(file, offset, bytes, done));
         grown(done == 0 ? 0 : offset + done);
-        if (done != guarded)
-            return done;
     }
     if (done == count)
-        return done;
+        return {};
     std::shared_lock const hold(lock_);
+    std::uint32_t const direct = count - done;
     written_.store(true, std::memory_order_relaxed);
-    std::uint32_t const direct = file.writeAt(offset + done, bytes + done, count - done);
+    MORVA_TRY(file.writeAt(offset + done, bytes + done, direct));
     if (unsynced_.fetch_add(direct, std::memory_order_relaxed) + direct >= syncStep) {
         unsynced_.store(0, std::memory_order_relaxed);
         file.startSync();
     }
-    grown(direct == 0 ? 0 : offset + done + direct);
-    return done + direct;
+    grown(offset + count);
+    return {};
 }
 
-std::uint32_t GuardedContent::writePages(RawFile& file, std::uint64_t offset,
-                                         std::uint8_t const* buffer, std::uint32_t count) {
+Status GuardedContent::writePages(RawFile& file, std::uint64_t offset, std::uint8_t const* buffer,
+                                  std::uint32_t count) {
     std::uint32_t done = 0;
     while (done < count) {
         std::uint64_t const page = (offset + done) / pageSize;
@@ -134,8 +127,7 @@ std::uint32_t GuardedContent::writePages(RawFile& file, std::uint64_t offset,
         {
             std::shared_lock const hold(lock_);
             if (auto const found = slots_.find(page); found != slots_.end()) {
-                if (!pages_->write(found->second, within, buffer + done, part))
-                    return done;
+                MORVA_TRY(pages_->write(found->second, within, buffer + done, part));
                 done += part;
                 continue;
             }
@@ -145,72 +137,66 @@ std::uint32_t GuardedContent::writePages(RawFile& file, std::uint64_t offset,
         while (fresh < whole && !slots_.contains(page + fresh))
             ++fresh;
         part = fresh == 0 ? part : fresh * pageSize;
-        bool const written = fresh == 0 ? writePart(file, page, within, buffer + done, part)
-                                        : writeNewPages(page, buffer + done, fresh);
-        if (!written)
-            return done;
+        MORVA_TRY(fresh == 0 ? writePart(file, page, within, buffer + done, part)
+                             : writeNewPages(page, buffer + done, fresh));
         done += part;
     }
-    return done;
+    return {};
 }
 
-bool GuardedContent::writeNewPages(std::uint64_t page, std::uint8_t const* buffer,
-                                   std::uint64_t count) {
+Status GuardedContent::writeNewPages(std::uint64_t page, std::uint8_t const* buffer,
+                                     std::uint64_t count) {
     std::uint64_t const slot = pages_->take(count);
-    if (!pages_->write(slot, 0, buffer, static_cast<std::uint32_t>(count * pageSize)))
-        return false;
+    MORVA_TRY(pages_->write(slot, 0, buffer, static_cast<std::uint32_t>(count * pageSize)));
     for (std::uint64_t i = 0; i < count; ++i)
         slots_.emplace(page + i, slot + i);
-    return true;
+    return {};
 }
 
-bool GuardedContent::writePart(RawFile& file, std::uint64_t page, std::uint32_t within,
-                               std::uint8_t const* buffer, std::uint32_t count) {
+Status GuardedContent::writePart(RawFile& file, std::uint64_t page, std::uint32_t within,
+                                 std::uint8_t const* buffer, std::uint32_t count) {
     if (auto const found = slots_.find(page); found != slots_.end())
         return pages_->write(found->second, within, buffer, count);
     std::array<std::uint8_t, pageSize> bytes;
-    if (!readBase(file, page * pageSize, bytes.data(), pageSize))
-        return false;
+    MORVA_TRY(readBase(file, page * pageSize, bytes.data(), pageSize));
     std::copy_n(buffer, count, bytes.begin() + within);
     return writeNewPages(page, bytes.data(), 1);
 }
 
 // --- the length
 
-bool GuardedContent::setLength(RawFile& file, std::uint64_t bytes) {
+Status GuardedContent::setLength(RawFile& file, std::uint64_t bytes) {
     std::shared_lock const noCheckpoint(pages_->changing());
-    if (pages_->isBroken())
-        return false;
+    MORVA_TRY(pages_->whole());
     std::uint64_t const now = length();
     if (bytes < now)
         return cut(file, bytes);
-    if (bytes > std::max(now, file.length())) {
+    MORVA_TRY_LET(auto const held, file.length());
+    if (bytes > std::max(now, held)) {
         written_.store(true, std::memory_order_relaxed);
-        if (!file.setLength(bytes))
-            return false;
+        MORVA_TRY(file.setLength(bytes));
     }
     grown(bytes);
-    return true;
+    return {};
 }
 
-bool GuardedContent::cut(RawFile& file, std::uint64_t bytes) {
+Status GuardedContent::cut(RawFile& file, std::uint64_t bytes) {
     std::unique_lock const hold(lock_);
     std::uint64_t const last = bytes / pageSize;
     if (auto const tail = static_cast<std::uint32_t>(bytes % pageSize);
         tail != 0 && last < guardedPages_) {
         std::array<std::uint8_t, pageSize> const zeros{};
-        if (!writePart(file, last, tail, zeros.data(), pageSize - tail))
-            return false;
+        MORVA_TRY(writePart(file, last, tail, zeros.data(), pageSize - tail));
     }
-    if (std::uint64_t const floor = std::max(bytes, base_); file.length() > floor) {
+    MORVA_TRY_LET(auto const held, file.length());
+    if (std::uint64_t const floor = std::max(bytes, base_); held > floor) {
         written_.store(true, std::memory_order_relaxed);
-        if (!file.setLength(floor))
-            return false;
+        MORVA_TRY(file.setLength(floor));
     }
     std::erase_if(slots_, [bytes](auto const& slot) { return slot.first >= pagesFor(bytes); });
     kept_ = std::min(kept_, bytes);
     length_.store(bytes, std::memory_order_release);
-    return true;
+    return {};
 }
 
 // --- the checkpoint
@@ -235,8 +221,8 @@ std::vector<GuardedContent::Run> GuardedContent::runs() const {
     return result;
 }
 
-bool GuardedContent::apply(RawFile& file, JournalPages const& pages, std::vector<Run> const& runs,
-                           std::uint64_t length) {
+Status GuardedContent::apply(RawFile& file, JournalPages const& pages, std::vector<Run> const& runs,
+                             std::uint64_t length) {
     constexpr std::uint64_t pagesAtOnce = 64;
     std::vector<std::uint8_t> buffer(pagesAtOnce * pageSize);
     for (Run const& run : runs) {
@@ -248,13 +234,13 @@ bool GuardedContent::apply(RawFile& file, JournalPages const& pages, std::vector
                 break;
             auto const size = static_cast<std::uint32_t>(std::min(
                 {(run.count - i) * pageSize, std::uint64_t{buffer.size()}, length - start}));
-            if (run.slot != Run::zeros && !pages.read(run.slot + i, 0, buffer.data(), size))
-                return false;
-            if (file.writeAt(start, buffer.data(), size) != size)
-                return false;
+            if (run.slot != Run::zeros)
+                MORVA_TRY(pages.read(run.slot + i, 0, buffer.data(), size));
+            MORVA_TRY(file.writeAt(start, buffer.data(), size));
         }
     }
-    return file.length() <= length || file.setLength(length);
+    MORVA_TRY_LET(auto const held, file.length());
+    return held <= length ? Status() : file.setLength(length);
 }
 
 void GuardedContent::settle() {

@@ -36,11 +36,11 @@ public:
     GuardedContent(std::shared_ptr<JournalPages> pages, std::uint64_t length);
 
     /// The calls of a `RawFile`, done on `file`, which is open on the file itself.
-    [[nodiscard]] std::uint32_t readAt(RawFile& file, std::uint64_t offset, void* buffer,
-                                       std::uint32_t count) const;
-    [[nodiscard]] std::uint32_t writeAt(RawFile& file, std::uint64_t offset, void const* buffer,
-                                        std::uint32_t count);
-    [[nodiscard]] bool setLength(RawFile& file, std::uint64_t bytes);
+    [[nodiscard]] Result<std::uint32_t> readAt(RawFile& file, std::uint64_t offset, void* buffer,
+                                               std::uint32_t count) const;
+    [[nodiscard]] Status writeAt(RawFile& file, std::uint64_t offset, void const* buffer,
+                                 std::uint32_t count);
+    [[nodiscard]] Status setLength(RawFile& file, std::uint64_t bytes);
     [[nodiscard]] std::uint64_t length() const { return length_.load(std::memory_order_acquire); }
 
     /// The file itself was written to since the checkpoint.
@@ -51,24 +51,24 @@ public:
     [[nodiscard]] std::vector<Run> runs() const;
 
     /// Writes the pages of all runs, cuts the file to `length`.
-    [[nodiscard]] static bool apply(RawFile& file, JournalPages const& pages,
-                                    std::vector<Run> const& runs, std::uint64_t length);
+    [[nodiscard]] static Status apply(RawFile& file, JournalPages const& pages,
+                                      std::vector<Run> const& runs, std::uint64_t length);
     /// The file is now what it should be, and that is what has to stay.
     void settle();
 
 private:
-    [[nodiscard]] bool readBase(RawFile& file, std::uint64_t offset, std::uint8_t* buffer,
-                                std::uint32_t count) const;
-    [[nodiscard]] bool readPages(RawFile& file, std::uint64_t offset, std::uint8_t* buffer,
-                                 std::uint32_t count) const;
-    [[nodiscard]] std::uint32_t writePages(RawFile& file, std::uint64_t offset,
-                                           std::uint8_t const* buffer, std::uint32_t count);
-    [[nodiscard]] bool writeNewPages(std::uint64_t page, std::uint8_t const* buffer,
-                                     std::uint64_t count);
-    [[nodiscard]] bool writePart(RawFile& file, std::uint64_t page, std::uint32_t within,
-                                 std::uint8_t const* buffer, std::uint32_t count);
+    [[nodiscard]] Status readBase(RawFile& file, std::uint64_t offset, std::uint8_t* buffer,
+                                  std::uint32_t count) const;
+    [[nodiscard]] Status readPages(RawFile& file, std::uint64_t offset, std::uint8_t* buffer,
+                                   std::uint32_t count) const;
+    [[nodiscard]] Status writePages(RawFile& file, std::uint64_t offset, std::uint8_t const* buffer,
+                                    std::uint32_t count);
+    [[nodiscard]] Status writeNewPages(std::uint64_t page, std::uint8_t const* buffer,
+                                       std::uint64_t count);
+    [[nodiscard]] Status writePart(RawFile& file, std::uint64_t page, std::uint32_t within,
+                                   std::uint8_t const* buffer, std::uint32_t count);
     void grown(std::uint64_t end);
-    [[nodiscard]] bool cut(RawFile& file, std::uint64_t bytes);
+    [[nodiscard]] Status cut(RawFile& file, std::uint64_t bytes);
 
     std::shared_ptr<JournalPages> pages_;
     mutable std::shared_mutex lock_;

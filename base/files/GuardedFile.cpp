@@ -8,100 +8,104 @@ GuardedFile::GuardedFile(Journal& journal, std::unique_ptr<RawFile> file)
     : journal_(&journal), file_(std::move(file)) {}
 
 GuardedFile::~GuardedFile() {
-    close();
+    (void)close(); // traced where it failed, and nobody is left to tell
 }
 
-bool GuardedFile::create(QString const& name, Mode mode) {
+Status GuardedFile::create(QString const& name, Mode mode) {
     if (isOpen() || !journal_->isGuarded(name))
         return file_->create(name, mode);
-    content_ = journal_->created(name);
+    MORVA_TRY_LET(content_, journal_->created(name));
     position_ = 0;
-    if (content_ && file_->create(name, mode))
-        return true;
-    content_.reset();
-    return false;
+    auto status = file_->create(name, mode);
+    if (!status)
+        content_.reset();
+    return status;
 }
 
-bool GuardedFile::open(QString const& name, Mode mode) {
-    if (isOpen() || !file_->open(name, mode))
-        return false;
+Status GuardedFile::open(QString const& name, Mode mode) {
+    if (isOpen())
+        return file_->open(name, mode);
+    MORVA_TRY(file_->open(name, mode));
     position_ = 0;
     if (!journal_->isGuarded(name))
-        return true;
-    content_ = journal_->contentOf(name, file_->length());
-    if (!content_)
-        file_->close();
-    return content_ != nullptr;
+        return {};
+    auto content = journal_->contentOf(name, *file_);
+    if (!content) {
+        (void)file_->close(); // nothing was written
+        return content.status();
+    }
+    content_ = *std::move(content);
+    return {};
 }
 
-void GuardedFile::close() {
+Status GuardedFile::close() {
     if (!isOpen())
-        return;
+        return {};
     bool const removes = content_ && deleteOnClose_;
     QString const removed = removes ? name() : QString();
     content_.reset();
     deleteOnClose_ = false;
-    file_->close();
+    auto status = file_->close();
     if (removes)
-        static_cast<void>(journal_->remove(removed));
+        status.update(journal_->removeIfThere(removed));
+    return status;
 }
 
-std::uint32_t GuardedFile::read(void* buffer, std::uint32_t count) {
+Result<std::uint32_t> GuardedFile::read(void* buffer, std::uint32_t count) {
     if (!content_)
         return file_->read(buffer, count);
-    auto const done = readAt(static_cast<std::uint64_t>(position_), buffer, count);
-    position_ += done;
+    auto done = readAt(static_cast<std::uint64_t>(position_), buffer, count);
+    if (done)
+        position_ += *done;
     return done;
 }
 
-std::uint32_t GuardedFile::write(void const* buffer, std::uint32_t count) {
+Status GuardedFile::write(void const* buffer, std::uint32_t count) {
     if (!content_)
         return file_->write(buffer, count);
-    auto const done = writeAt(static_cast<std::uint64_t>(position_), buffer, count);
-    position_ += done;
-    return done;
+    auto status = writeAt(static_cast<std::uint64_t>(position_), buffer, count);
+    if (status)
+        position_ += count;
+    return status;
 }
 
-bool GuardedFile::setPosition(std::int64_t offset, Where from) {
-    if (!file_->setPosition(offset, from))
-        return false;
+Status GuardedFile::setPosition(std::int64_t offset, Where from) {
+    MORVA_TRY(file_->setPosition(offset, from));
     position_ = offset;
-    return true;
+    return {};
 }
 
 std::int64_t GuardedFile::position() const {
     return content_ ? position_ : file_->position();
 }
 
-std::uint32_t GuardedFile::readAt(std::uint64_t offset, void* buffer, std::uint32_t count) {
+Result<std::uint32_t> GuardedFile::readAt(std::uint64_t offset, void* buffer, std::uint32_t count) {
     return content_ ? content_->readAt(*file_, offset, buffer, count)
                     : file_->readAt(offset, buffer, count);
 }
 
-std::uint32_t GuardedFile::writeAt(std::uint64_t offset, void const* buffer, std::uint32_t count) {
+Status GuardedFile::writeAt(std::uint64_t offset, void const* buffer, std::uint32_t count) {
     return content_ ? content_->writeAt(*file_, offset, buffer, count)
                     : file_->writeAt(offset, buffer, count);
 }
 
-bool GuardedFile::setLength(std::uint64_t bytes) {
+Status GuardedFile::setLength(std::uint64_t bytes) {
     return content_ ? content_->setLength(*file_, bytes) : file_->setLength(bytes);
 }
 
-std::uint64_t GuardedFile::length() const {
-    return content_ ? content_->length() : file_->length();
+Result<std::uint64_t> GuardedFile::length() const {
+    return content_ ? Result(content_->length()) : file_->length();
 }
 
-bool GuardedFile::sync() {
-    return content_ || file_->sync();
+Status GuardedFile::sync() {
+    return content_ ? Status() : file_->sync();
 }
 
-std::unique_ptr<RawFile> GuardedFile::threadFile(Mode mode) {
-    auto inner = file_->threadFile(mode);
-    if (!inner)
-        return nullptr;
+Result<std::unique_ptr<RawFile>> GuardedFile::threadFile(Mode mode) {
+    MORVA_TRY_LET(auto inner, file_->threadFile(mode));
     auto other = std::make_unique<GuardedFile>(*journal_, std::move(inner));
     other->content_ = content_;
-    return other;
+    return std::unique_ptr<RawFile>(std::move(other));
 }
 
 bool GuardedFile::deleteOnClose() {

@@ -16,23 +16,23 @@ public:
     GuardedFile(Journal& journal, std::unique_ptr<RawFile> file);
     ~GuardedFile() override;
 
-    [[nodiscard]] bool create(QString const& name, Mode mode) override;
-    [[nodiscard]] bool open(QString const& name, Mode mode) override;
-    void close() override;
-    [[nodiscard]] std::uint32_t read(void* buffer, std::uint32_t count) override;
+    [[nodiscard]] Status create(QString const& name, Mode mode) override;
+    [[nodiscard]] Status open(QString const& name, Mode mode) override;
+    Status close() override;
+    [[nodiscard]] Result<std::uint32_t> read(void* buffer, std::uint32_t count) override;
     using RawFile::write;
-    [[nodiscard]] std::uint32_t write(void const* buffer, std::uint32_t count) override;
-    [[nodiscard]] bool setPosition(std::int64_t offset, Where from) override;
+    [[nodiscard]] Status write(void const* buffer, std::uint32_t count) override;
+    [[nodiscard]] Status setPosition(std::int64_t offset, Where from) override;
     [[nodiscard]] std::int64_t position() const override;
-    [[nodiscard]] std::uint32_t readAt(std::uint64_t offset, void* buffer,
-                                       std::uint32_t count) override;
-    [[nodiscard]] std::uint32_t writeAt(std::uint64_t offset, void const* buffer,
-                                        std::uint32_t count) override;
-    [[nodiscard]] bool setLength(std::uint64_t bytes) override;
-    [[nodiscard]] std::uint64_t length() const override;
+    [[nodiscard]] Result<std::uint32_t> readAt(std::uint64_t offset, void* buffer,
+                                               std::uint32_t count) override;
+    [[nodiscard]] Status writeAt(std::uint64_t offset, void const* buffer,
+                                 std::uint32_t count) override;
+    [[nodiscard]] Status setLength(std::uint64_t bytes) override;
+    [[nodiscard]] Result<std::uint64_t> length() const override;
     /// Brings nothing to the disk: that is for the next checkpoint to do.
-    [[nodiscard]] bool sync() override;
-    [[nodiscard]] std::unique_ptr<RawFile> threadFile(Mode mode) override;
+    [[nodiscard]] Status sync() override;
+    [[nodiscard]] Result<std::unique_ptr<RawFile>> threadFile(Mode mode) override;
     bool deleteOnClose() override;
     [[nodiscard]] std::uint32_t lastError() const override { return file_->lastError(); }
     [[nodiscard]] QString const& name() const override { return file_->name(); }

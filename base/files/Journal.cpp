@@ -3,16 +3,15 @@
 #include "base/files/GuardedFile.h"
 #include "base/files/JournalTable.h"
 #include "base/trace/Trace.h"
-#include "base/values/PosixText.h"
 
 #include <QDir>
 #include <QFileInfo>
 #include <QSet>
 
-#include <unistd.h>
-
-#include <cstdio>
+#include <algorithm>
+#include <cerrno>
 #include <ctime>
+#include <limits>
 #include <utility>
 
 namespace Morva {
@@ -21,43 +20,34 @@ using Type = JournalRecord::Type;
 
 namespace {
 
-bool exists(QString const& name) {
-    return ::access(encodePosixText(name).constData(), F_OK) == 0;
+/// Begins the name of a file that was removed since the last checkpoint.
+QLatin1String const hiddenPrefix(".removed-");
+
+FileSystem& disk() {
+    return FileSystem::disk();
 }
 
 QString directoryOf(QString const& name) {
     return QFileInfo(name).path();
 }
 
-bool renameFile(QString const& from, QString const& to) {
-    if (std::rename(encodePosixText(from).constData(), encodePosixText(to).constData()) == 0)
-        return true;
-    MORVA_TRACE(Always) << "Failed to rename file" << from << "to" << to << TraceErrorCode{errno};
-    return false;
-}
-
-bool removeFile(QString const& name) {
-    if (::unlink(encodePosixText(name).constData()) == 0)
-        return true;
-    MORVA_TRACE(Always) << "Failed to remove file" << name << TraceErrorCode{errno};
-    return false;
-}
-
-/// Nothing when the file isn't there.
-std::optional<QByteArray> contentOfFile(QString const& name) {
-    auto const file = RawFile::makeUnguarded();
-    if (!file->open(name, RawFile::Mode::ReadOnly))
-        return std::nullopt;
-    QByteArray bytes(static_cast<qsizetype>(file->length()), '\0');
-    auto const size = static_cast<std::uint32_t>(bytes.size());
-    bytes.truncate(file->readAt(0, bytes.data(), size));
+Result<QByteArray> contentOfFile(QString const& name) {
+    auto const file = disk().make();
+    MORVA_TRY(file->open(name, RawFile::Mode::ReadOnly));
+    MORVA_TRY_LET(auto const length, file->length());
+    if (length > std::numeric_limits<std::int32_t>::max())
+        return Status::corruption("read", name, QStringLiteral("it is too long"));
+    QByteArray bytes(static_cast<qsizetype>(length), Qt::Uninitialized);
+    MORVA_TRY(file->readWhole(0, bytes.data(), static_cast<std::uint32_t>(length)));
     return bytes;
 }
 
 /// Opens a file, works on it, brings it to the disk.
-template <class Work> bool changed(QString const& name, Work&& work) {
-    auto const file = RawFile::makeUnguarded();
-    return file->open(name, RawFile::Mode::ReadWrite) && work(*file) && file->sync();
+template <class Work> Status changed(QString const& name, Work&& work) {
+    auto const file = disk().make();
+    MORVA_TRY(file->open(name, RawFile::Mode::ReadWrite));
+    MORVA_TRY(work(*file));
+    return file->sync();
 }
 
 } // namespace
@@ -67,16 +57,16 @@ Journal::Journal(QString directory, QStringList places) : directory_(std::move(d
         places_.append(QDir::cleanPath(place) + u'/');
 }
 
-std::unique_ptr<Journal> Journal::open(QString const& directory, QStringList const& places) {
+Result<std::unique_ptr<Journal>> Journal::open(QString const& directory,
+                                               QStringList const& places) {
     std::unique_ptr<Journal> journal(new Journal(QDir::cleanPath(directory), places));
-    if (!journal->recover())
-        return nullptr;
-    RawFile::guard(journal.get());
+    MORVA_TRY(journal->recover());
+    FileSystem::layer(journal.get());
     return journal;
 }
 
 Journal::~Journal() {
-    RawFile::guard(nullptr);
+    FileSystem::layer(nullptr);
 }
 
 // --- opening
@@ -85,82 +75,89 @@ QString Journal::base() const {
     return directoryOf(directory_);
 }
 
-bool Journal::recover() {
+Status Journal::recover() {
     QString const name = directory_ + QStringLiteral("/journal");
     JournalTable table;
     table.applied = true;
     log_.reset();
-    if (exists(name)) {
-        auto const bytes = contentOfFile(name);
-        auto decoded = bytes ? JournalTable::decode(*bytes, base()) : std::nullopt;
+    auto const bytes = contentOfFile(name);
+    if (!bytes && bytes.code() != Status::Code::NotFound)
+        return bytes.status();
+    if (bytes) {
+        auto decoded = JournalTable::decode(*bytes, base());
         if (!decoded) {
             MORVA_TRACE(Always) << "Journal is damaged" << name;
-            return false;
+            return Status::corruption("read", name, QStringLiteral("the journal is damaged"));
         }
         table = std::move(*decoded);
-        log_ = RawFile::makeUnguarded();
+        log_ = disk().make();
         logEnd_ = table.size;
-        if (!log_->open(name, RawFile::Mode::ReadWrite) ||
-            (!table.applied && !(apply(table) && note({Type::Applied, {}, {}, {}}))) ||
-            !takeBack(table))
-            return false;
+        MORVA_TRY(log_->open(name, RawFile::Mode::ReadWrite));
+        if (!table.applied) {
+            MORVA_TRY(apply(table));
+            MORVA_TRY(note({Type::Applied, {}, {}, {}}));
+        }
+        MORVA_TRY(takeBack(table));
     }
     contents_.clear();
     lengths_.clear();
     for (JournalTable::File const& file : table.files)
         lengths_.insert(file.name, file.length);
     sequence_ = table.sequence;
-    return pages_->create(directory_ + QStringLiteral("/journal.pages")) &&
-           (log_ || putDown(table));
+    MORVA_TRY(pages_->create(directory_ + QStringLiteral("/journal.pages")));
+    return log_ ? Status() : putDown(table);
 }
 
-bool Journal::apply(JournalTable const& table) {
+Status Journal::apply(JournalTable const& table) {
     MORVA_TRACE(Normal) << "Apply checkpoint" << table.sequence;
     JournalPages pages;
-    if (!pages.open(directory_ + QStringLiteral("/journal.pages")))
-        return false;
+    MORVA_TRY(pages.open(directory_ + QStringLiteral("/journal.pages")));
     for (JournalTable::File const& file : table.files) {
-        auto const work = [&](RawFile& opened) {
-            return GuardedContent::apply(opened, pages, file.runs, file.length);
-        };
-        if (exists(file.name) && !changed(file.name, work))
-            return false;
+        MORVA_TRY_LET(auto const there, disk().exists(file.name));
+        if (there)
+            MORVA_TRY(changed(file.name, [&](RawFile& opened) {
+                return GuardedContent::apply(opened, pages, file.runs, file.length);
+            }));
     }
     for (QString const& name : table.hidden)
-        if (exists(name) && !removeFile(name))
-            return false;
-    return true;
+        MORVA_TRY(disk().removeIfThere(name));
+    return {};
 }
 
-bool Journal::takeBack(JournalTable const& table) {
+Status Journal::takeBack(JournalTable const& table) {
     // Each is noted once it is on the disk: done twice, the first could undo what followed it.
-    for (auto change = table.changes.rbegin(); change != table.changes.rend(); ++change)
-        if (!takeBack(*change) || !note({Type::TakenBack, {}, {}, {}}))
-            return false;
-    for (JournalTable::File const& file : table.files) {
-        auto const length = exists(file.name) ? QFileInfo(file.name).size() : -1;
-        auto const wanted = static_cast<qint64>(file.length);
-        auto const cut = [&](RawFile& opened) { return opened.setLength(file.length); };
-        if (length < wanted)
-            MORVA_TRACE(Always) << "File" << file.name << "has lost its end";
-        else if (length > wanted && !changed(file.name, cut))
-            return false;
+    for (auto change = table.changes.rbegin(); change != table.changes.rend(); ++change) {
+        MORVA_TRY(takeBack(*change));
+        MORVA_TRY(note({Type::TakenBack, {}, {}, {}}));
     }
-    return true;
+    for (JournalTable::File const& file : table.files) {
+        MORVA_TRY_LET(auto const found, disk().stat(file.name));
+        if (!found || found->length < file.length)
+            MORVA_TRACE(Always) << "File" << file.name << "has lost its end";
+        else if (found->length > file.length)
+            MORVA_TRY(
+                changed(file.name, [&](RawFile& opened) { return opened.setLength(file.length); }));
+    }
+    return {};
 }
 
-bool Journal::takeBack(JournalRecord const& change) {
+Status Journal::takeBack(JournalRecord const& change) {
     QString const name = JournalTable::absoluteName(change.name, base());
     QString const second = JournalTable::absoluteName(change.second, base());
-    bool done = true;
-    if (change.type == Type::Created)
-        done = !exists(name) || removeFile(name);
-    else if (exists(second))
-        done = QDir().mkpath(directoryOf(name)) && renameFile(second, name);
-    return done && (!exists(directoryOf(name)) || RawFile::syncDirectory(directoryOf(name)));
+    if (change.type == Type::Created) {
+        MORVA_TRY(disk().removeIfThere(name));
+    } else {
+        MORVA_TRY_LET(auto const there, disk().exists(second));
+        if (there) {
+            MORVA_TRY(disk().makeDirectory(directoryOf(name)));
+            MORVA_TRY(disk().rename(second, name));
+        }
+    }
+    MORVA_TRY_LET(auto const holds, disk().exists(directoryOf(name)));
+    return holds ? disk().syncDirectory(directoryOf(name)) : Status();
 }
 
-bool Journal::rollBack() {
+Status Journal::rollBack() {
     std::lock_guard const hold(lock_);
     std::unique_lock const alone(pages_->changing());
     changes_.clear();
@@ -176,92 +173,135 @@ QString Journal::placeOf(QString const& name) const {
     return {};
 }
 
-bool Journal::note(JournalRecord const& record) {
+Status Journal::note(JournalRecord const& record) {
+    MORVA_TRY(pages_->whole());
     if (record.name.size() > qsizetype{JournalRecord::longestName} ||
-        record.second.size() > qsizetype{JournalRecord::longestName} || pages_->isBroken())
-        return false;
+        record.second.size() > qsizetype{JournalRecord::longestName})
+        return Status::failure(Status::Code::InvalidArgument, "write", log_->name(),
+                               QStringLiteral("the name of a file is too long"));
     QByteArray bytes;
     record.appendTo(bytes);
     auto const size = static_cast<std::uint32_t>(bytes.size());
-    if (log_->writeAt(logEnd_, bytes.constData(), size) != size || !log_->sync())
-        return false;
+    MORVA_TRY(log_->writeAt(logEnd_, bytes.constData(), size));
+    MORVA_TRY(log_->sync());
     logEnd_ += size;
-    return true;
+    return {};
 }
 
-bool Journal::noteChange(Type type, QString const& name, QString const& second) {
+Status Journal::noteChange(Type type, QString const& name, QString const& second) {
     JournalRecord record{type,
                          JournalTable::relativeName(name, base()),
                          JournalTable::relativeName(second, base()),
                          {}};
-    if (!note(record))
-        return false;
+    MORVA_TRY(note(record));
     changes_.push_back(std::move(record));
-    return true;
+    return {};
 }
 
-Journal::ContentPointer Journal::contentOf(QString const& name, std::uint64_t length) {
+Result<Journal::ContentPointer> Journal::contentOf(QString const& name, RawFile const& file) {
     std::lock_guard const hold(lock_);
-    auto& content = contents_[name];
-    if (content)
-        return content;
+    if (auto const known = contents_.constFind(name); known != contents_.cend())
+        return *known;
+    std::uint64_t length = 0;
     if (auto const known = lengths_.constFind(name); known != lengths_.cend())
         length = *known;
-    else if (note({Type::File, JournalTable::relativeName(name, base()), {}, {length}}))
-        lengths_.insert(name, length);
     else {
-        contents_.remove(name);
-        return nullptr;
+        MORVA_TRY_LET(length, file.length());
+        MORVA_TRY(note({Type::File, JournalTable::relativeName(name, base()), {}, {length}}));
+        lengths_.insert(name, length);
     }
-    return content = std::make_shared<GuardedContent>(pages_, length);
+    auto content = std::make_shared<GuardedContent>(pages_, length);
+    contents_.insert(name, content);
+    return content;
 }
 
-Journal::ContentPointer Journal::created(QString const& name) {
+Result<Journal::ContentPointer> Journal::created(QString const& name) {
     std::lock_guard const hold(lock_);
-    if (exists(name) && !hide(name))
-        return nullptr;
-    if (!noteChange(Type::Created, name))
-        return nullptr;
+    MORVA_TRY_LET(auto const there, disk().exists(name));
+    if (there)
+        MORVA_TRY(hide(name));
+    MORVA_TRY(noteChange(Type::Created, name));
     auto content = std::make_shared<GuardedContent>(pages_, 0);
     contents_.insert(name, content);
     return content;
 }
 
-bool Journal::hide(QString const& name) {
-    QString const hidden =
-        QStringLiteral("%1.removed-%2-%3").arg(placeOf(name)).arg(sequence_).arg(++hiddenCount_);
-    if (!noteChange(Type::Removed, name, hidden) || !renameFile(name, hidden))
-        return false;
+Status Journal::hide(QString const& name) {
+    QString const hidden = QStringLiteral("%1%2%3-%4")
+                               .arg(placeOf(name), hiddenPrefix)
+                               .arg(sequence_)
+                               .arg(++hiddenCount_);
+    MORVA_TRY(noteChange(Type::Removed, name, hidden));
+    MORVA_TRY(disk().rename(name, hidden));
     contents_.remove(name);
     lengths_.remove(name);
-    return true;
+    return {};
 }
 
-bool Journal::remove(QString const& name) {
+Status Journal::remove(QString const& name) {
     if (!isGuarded(name))
-        return removeFile(name);
+        return disk().remove(name);
     std::lock_guard const hold(lock_);
-    return exists(name) && hide(name);
+    MORVA_TRY_LET(auto const there, disk().exists(name));
+    return there ? hide(name) : Status::fromErrno(ENOENT, "remove", name);
 }
 
-bool Journal::rename(QString const& from, QString const& to) {
+Status Journal::rename(QString const& from, QString const& to) {
     if (!isGuarded(from) && !isGuarded(to))
-        return renameFile(from, to);
+        return disk().rename(from, to);
+    if (!isGuarded(from) || !isGuarded(to))
+        return Status::failure(Status::Code::InvalidArgument, "rename", from,
+                               QStringLiteral("only one of the two names is in the repository"));
     std::lock_guard const hold(lock_);
-    if (!isGuarded(from) || !isGuarded(to) || !exists(from) || (exists(to) && !hide(to)) ||
-        !noteChange(Type::Renamed, from, to) || !renameFile(from, to))
-        return false;
+    MORVA_TRY_LET(auto const fromIsThere, disk().exists(from));
+    if (!fromIsThere)
+        return Status::fromErrno(ENOENT, "rename", from);
+    MORVA_TRY_LET(auto const toIsThere, disk().exists(to));
+    if (toIsThere)
+        MORVA_TRY(hide(to));
+    MORVA_TRY(noteChange(Type::Renamed, from, to));
+    MORVA_TRY(disk().rename(from, to));
     if (auto const content = contents_.take(from))
         contents_.insert(to, content);
     if (lengths_.contains(from)) {
         auto const length = lengths_.take(from);
         lengths_.insert(to, length);
     }
-    return true;
+    return {};
 }
 
-std::unique_ptr<RawFile> Journal::guarded(std::unique_ptr<RawFile> file) {
-    return std::make_unique<GuardedFile>(*this, std::move(file));
+std::unique_ptr<RawFile> Journal::make() {
+    return std::make_unique<GuardedFile>(*this, disk().make());
+}
+
+Result<std::optional<FileSystem::Information>> Journal::stat(QString const& name) {
+    auto found = disk().stat(name);
+    if (found && *found) {
+        std::lock_guard const hold(lock_);
+        if (auto const content = contents_.value(name))
+            (*found)->length = content->length();
+    }
+    return found;
+}
+
+Result<std::vector<FileSystem::Entry>> Journal::list(QString const& directory) {
+    MORVA_TRY_LET(auto entries, disk().list(directory));
+    if (places_.contains(QDir::cleanPath(directory) + u'/'))
+        std::erase_if(entries,
+                      [](Entry const& entry) { return entry.name.startsWith(hiddenPrefix); });
+    return entries;
+}
+
+Status Journal::makeDirectory(QString const& path) {
+    return disk().makeDirectory(path);
+}
+
+Status Journal::removeDirectory(QString const& path) {
+    return disk().removeDirectory(path);
+}
+
+Status Journal::syncDirectory(QString const& path) {
+    return isGuarded(path + u'/') ? Status() : disk().syncDirectory(path);
 }
 
 // --- checkpoints
@@ -272,21 +312,22 @@ bool Journal::isChanged() const {
                        [](ContentPointer const& content) { return content->isChanged(); });
 }
 
-bool Journal::checkpoint() {
+Status Journal::checkpoint() {
     std::lock_guard const hold(lock_);
     std::unique_lock const alone(pages_->changing());
-    if (isBroken())
-        return false;
+    MORVA_TRY(pages_->whole());
     if (!isChanged())
-        return true;
-    JournalTable const table = nextTable();
-    if (!syncWritten() || (!table.applied && !pages_->sync()))
-        return false;
-    if (!putDown(table))
-        return false;
-    if (!table.applied && !finish(table)) {
-        pages_->breakDown();
-        return false;
+        return {};
+    MORVA_TRY_LET(JournalTable const table, nextTable());
+    MORVA_TRY(syncWritten());
+    if (!table.applied)
+        MORVA_TRY(pages_->sync());
+    MORVA_TRY(putDown(table));
+    if (!table.applied) {
+        if (auto status = finish(table); !status) {
+            pages_->breakDown();
+            return status;
+        }
     }
     for (auto const& content : std::as_const(contents_))
         content->settle();
@@ -297,26 +338,28 @@ bool Journal::checkpoint() {
         lengths_.insert(file.name, file.length);
     changes_.clear();
     pages_->reset();
-    return true;
+    return {};
 }
 
-bool Journal::syncWritten() {
+Status Journal::syncWritten() {
     for (auto file = contents_.cbegin(); file != contents_.cend(); ++file)
-        if (file.value()->isWritten() && !changed(file.key(), [](RawFile&) { return true; }))
-            return false;
+        if (file.value()->isWritten())
+            MORVA_TRY(changed(file.key(), [](RawFile&) { return Status(); }));
     QSet<QString> directories;
     for (JournalRecord const& change : changes_) {
         directories.insert(directoryOf(JournalTable::absoluteName(change.name, base())));
         if (!change.second.isEmpty())
             directories.insert(directoryOf(JournalTable::absoluteName(change.second, base())));
     }
-    for (QString const& directory : std::as_const(directories))
-        if (exists(directory) && !RawFile::syncDirectory(directory))
-            return false;
-    return true;
+    for (QString const& directory : std::as_const(directories)) {
+        MORVA_TRY_LET(auto const there, disk().exists(directory));
+        if (there)
+            MORVA_TRY(disk().syncDirectory(directory));
+    }
+    return {};
 }
 
-JournalTable Journal::nextTable() const {
+Result<JournalTable> Journal::nextTable() const {
     JournalTable table;
     table.sequence = sequence_ + 1;
     table.time = static_cast<std::uint64_t>(std::time(nullptr));
@@ -325,7 +368,8 @@ JournalTable Journal::nextTable() const {
         if (!contents_.contains(file.key()))
             table.files.push_back({file.key(), file.value(), {}});
     for (auto file = contents_.cbegin(); file != contents_.cend(); ++file) {
-        if (!exists(file.key()))
+        MORVA_TRY_LET(auto const there, disk().exists(file.key()));
+        if (!there)
             continue; // It could not be made.
         table.files.push_back({file.key(), file.value()->length(), file.value()->runs()});
         table.applied = table.applied && !file.value()->isOverlaid();
@@ -337,37 +381,35 @@ JournalTable Journal::nextTable() const {
     return table;
 }
 
-bool Journal::putDown(JournalTable const& table) {
+Status Journal::putDown(JournalTable const& table) {
     QString const fresh = directory_ + QStringLiteral("/journal.new");
     QByteArray const bytes = table.encode(base());
     auto const size = static_cast<std::uint32_t>(bytes.size());
-    auto file = RawFile::makeUnguarded();
-    if (!file->create(fresh, RawFile::Mode::ReadWrite) ||
-        file->writeAt(0, bytes.constData(), size) != size || !file->sync() ||
-        !renameFile(fresh, directory_ + QStringLiteral("/journal")))
-        return false;
+    auto file = disk().make();
+    MORVA_TRY(file->create(fresh, RawFile::Mode::ReadWrite));
+    MORVA_TRY(file->writeAt(0, bytes.constData(), size));
+    MORVA_TRY(file->sync());
+    MORVA_TRY(disk().rename(fresh, directory_ + QStringLiteral("/journal")));
     log_ = std::move(file);
     logEnd_ = size;
     sequence_ = table.sequence;
     // Until the name is on the disk either of the two checkpoints may be found.
-    if (RawFile::syncDirectory(directory_))
-        return true;
-    pages_->breakDown();
-    return false;
+    auto status = disk().syncDirectory(directory_);
+    if (!status)
+        pages_->breakDown();
+    return status;
 }
 
-bool Journal::finish(JournalTable const& table) {
+Status Journal::finish(JournalTable const& table) {
     for (JournalTable::File const& file : table.files) {
         auto const content = contents_.value(file.name);
-        auto const work = [&](RawFile& opened) {
-            return GuardedContent::apply(opened, *pages_, file.runs, file.length);
-        };
-        if (content && content->isOverlaid() && !changed(file.name, work))
-            return false;
+        if (content && content->isOverlaid())
+            MORVA_TRY(changed(file.name, [&](RawFile& opened) {
+                return GuardedContent::apply(opened, *pages_, file.runs, file.length);
+            }));
     }
     for (QString const& name : table.hidden)
-        if (exists(name) && !removeFile(name))
-            return false;
+        MORVA_TRY(disk().removeIfThere(name));
     return note({Type::Applied, {}, {}, {}});
 }
 

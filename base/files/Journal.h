@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/files/FileSystem.h"
 #include "base/files/GuardedContent.h"
 #include "base/files/JournalPages.h"
 #include "base/files/JournalTable.h"
@@ -31,23 +32,23 @@ namespace Morva {
 /// In force from `open` to its end; one at a time. All calls are thread-safe. What a checkpoint
 /// keeps is what was written when it began: it is for its caller to see that this is a state to
 /// keep.
-class Journal final : public RawFile::Guard {
+class Journal final : public FileSystem {
 public:
     /// Opens the journal in a directory, or makes it, brings all files back to the last checkpoint
     /// and puts itself in force. `places` are the directories to guard, which exist. Files that
-    /// the journal has never seen are taken as they are. Null when something could not be read or
-    /// written, and then nothing is in force.
-    [[nodiscard]] static std::unique_ptr<Journal> open(QString const& directory,
-                                                       QStringList const& places);
+    /// the journal has never seen are taken as they are. When something could not be read or
+    /// written nothing is in force.
+    [[nodiscard]] static Result<std::unique_ptr<Journal>> open(QString const& directory,
+                                                               QStringList const& places);
     ~Journal() override;
     Journal(Journal const&) = delete;
     Journal& operator=(Journal const&) = delete;
 
-    /// All that was written so far stays. False when that could not be brought to the disk: the
-    /// last checkpoint holds, and the next call tries again, unless `isBroken`.
-    [[nodiscard]] bool checkpoint();
+    /// All that was written so far stays. When it fails, because that could not be brought to the
+    /// disk, the last checkpoint holds, and the next call tries again, unless `isBroken`.
+    [[nodiscard]] Status checkpoint();
     /// Takes back all since the last checkpoint. No guarded file may be open.
-    [[nodiscard]] bool rollBack();
+    [[nodiscard]] Status rollBack();
     /// A checkpoint was made and could not be applied. Nothing can be written any more; the next
     /// opening tries to apply it again.
     [[nodiscard]] bool isBroken() const { return pages_->isBroken(); }
@@ -56,9 +57,16 @@ public:
         return pages_->used() * JournalPages::pageSize;
     }
 
-    [[nodiscard]] std::unique_ptr<RawFile> guarded(std::unique_ptr<RawFile> file) override;
-    [[nodiscard]] bool remove(QString const& name) override;
-    [[nodiscard]] bool rename(QString const& from, QString const& to) override;
+    [[nodiscard]] std::unique_ptr<RawFile> make() override;
+    /// Lengths are those of now, and not of the last checkpoint.
+    [[nodiscard]] Result<std::optional<Information>> stat(QString const& name) override;
+    /// Without what was removed and waits for the checkpoint.
+    [[nodiscard]] Result<std::vector<Entry>> list(QString const& directory) override;
+    [[nodiscard]] Status makeDirectory(QString const& path) override;
+    [[nodiscard]] Status removeDirectory(QString const& path) override;
+    [[nodiscard]] Status rename(QString const& from, QString const& to) override;
+    [[nodiscard]] Status remove(QString const& name) override;
+    [[nodiscard]] Status syncDirectory(QString const& path) override;
 
 private:
     friend class GuardedFile;
@@ -66,28 +74,29 @@ private:
 
     Journal(QString directory, QStringList places);
     [[nodiscard]] QString base() const;
-    [[nodiscard]] bool recover();
-    [[nodiscard]] bool apply(JournalTable const& table);
-    [[nodiscard]] bool takeBack(JournalTable const& table);
-    [[nodiscard]] bool takeBack(JournalRecord const& change);
+    [[nodiscard]] Status recover();
+    [[nodiscard]] Status apply(JournalTable const& table);
+    [[nodiscard]] Status takeBack(JournalTable const& table);
+    [[nodiscard]] Status takeBack(JournalRecord const& change);
 
     [[nodiscard]] bool isGuarded(QString const& name) const { return !placeOf(name).isEmpty(); }
     [[nodiscard]] QString placeOf(QString const& name) const;
-    /// The content of a file that is there; null on failure.
-    [[nodiscard]] ContentPointer contentOf(QString const& name, std::uint64_t length);
-    /// Before a file of that name is made; null on failure.
-    [[nodiscard]] ContentPointer created(QString const& name);
-    [[nodiscard]] bool hide(QString const& name);
-    [[nodiscard]] bool note(JournalRecord const& record);
-    [[nodiscard]] bool noteChange(JournalRecord::Type type, QString const& name,
-                                  QString const& second = {});
+    /// The content of a file that was just opened.
+    [[nodiscard]] Result<ContentPointer> contentOf(QString const& name, RawFile const& file);
+    /// Before a file of that name is made.
+    [[nodiscard]] Result<ContentPointer> created(QString const& name);
+    /// Takes a file, if it is there, out of the way until the next checkpoint.
+    [[nodiscard]] Status hide(QString const& name);
+    [[nodiscard]] Status note(JournalRecord const& record);
+    [[nodiscard]] Status noteChange(JournalRecord::Type type, QString const& name,
+                                    QString const& second = {});
 
     [[nodiscard]] bool isChanged() const;
-    [[nodiscard]] bool syncWritten();
-    [[nodiscard]] JournalTable nextTable() const;
+    [[nodiscard]] Status syncWritten();
+    [[nodiscard]] Result<JournalTable> nextTable() const;
     /// From its end on the table is what holds, whatever comes.
-    [[nodiscard]] bool putDown(JournalTable const& table);
-    [[nodiscard]] bool finish(JournalTable const& table);
+    [[nodiscard]] Status putDown(JournalTable const& table);
+    [[nodiscard]] Status finish(JournalTable const& table);
 
     QString directory_;
     QStringList places_; ///< each ends with a slash

@@ -2,8 +2,6 @@
 
 #include "base/trace/Trace.h"
 
-#include <QFile>
-
 namespace Morva {
 
 namespace {
@@ -12,40 +10,48 @@ constexpr std::uint64_t keptBytes = 64 << 20;
 
 } // namespace
 
-bool JournalPages::create(QString const& name) {
+Status JournalPages::create(QString const& name) {
     // To write over pages costs less than to take new ones from the file system and the memory.
-    file_ = RawFile::makeUnguarded();
-    if (QFile::exists(name) ? !file_->open(name, RawFile::Mode::ReadWrite)
-                            : !file_->create(name, RawFile::Mode::ReadWrite))
-        return false;
-    shorten();
-    return true;
+    file_ = FileSystem::disk().make();
+    auto status = file_->open(name, RawFile::Mode::ReadWrite);
+    if (status.is(Status::Code::NotFound))
+        status = file_->create(name, RawFile::Mode::ReadWrite);
+    MORVA_TRY(std::move(status));
+    return shorten();
 }
 
-bool JournalPages::open(QString const& name) {
-    file_ = RawFile::makeUnguarded();
+Status JournalPages::open(QString const& name) {
+    file_ = FileSystem::disk().make();
     return file_->open(name, RawFile::Mode::ReadWrite);
 }
 
-bool JournalPages::read(std::uint64_t slot, std::uint32_t within, void* buffer,
-                        std::uint32_t count) const {
-    return file_->readAt(slot * pageSize + within, buffer, count) == count;
+Status JournalPages::read(std::uint64_t slot, std::uint32_t within, void* buffer,
+                          std::uint32_t count) const {
+    return file_->readWhole(slot * pageSize + within, buffer, count);
 }
 
-bool JournalPages::write(std::uint64_t slot, std::uint32_t within, void const* buffer,
-                         std::uint32_t count) {
-    return !isBroken() && file_->writeAt(slot * pageSize + within, buffer, count) == count;
+Status JournalPages::write(std::uint64_t slot, std::uint32_t within, void const* buffer,
+                           std::uint32_t count) {
+    MORVA_TRY(whole());
+    return file_->writeAt(slot * pageSize + within, buffer, count);
+}
+
+Status JournalPages::whole() const {
+    return isBroken() ? Status::failure(Status::Code::IoError, "write", file_->name(),
+                                        QStringLiteral("the journal has failed before"))
+                      : Status();
 }
 
 void JournalPages::reset() {
     if (used() * pageSize > keptBytes)
-        shorten();
+        if (auto const status = shorten(); !status)
+            MORVA_TRACE(Always) << "Failed to set length of file" << file_->name();
     next_.store(0, std::memory_order_relaxed);
 }
 
-void JournalPages::shorten() {
-    if (file_->length() > keptBytes && !file_->setLength(keptBytes))
-        MORVA_TRACE(Always) << "Failed to set length of file" << file_->name();
+Status JournalPages::shorten() {
+    MORVA_TRY_LET(auto const length, file_->length());
+    return length > keptBytes ? file_->setLength(keptBytes) : Status();
 }
 
 } // namespace Morva

@@ -19,21 +19,21 @@ public:
     static constexpr std::uint32_t pageSize = 4096;
 
     /// For new pages; takes over the space of a file that is there.
-    [[nodiscard]] bool create(QString const& name);
-    /// For a checkpoint that is yet to be applied. False when the file isn't there.
-    [[nodiscard]] bool open(QString const& name);
+    [[nodiscard]] Status create(QString const& name);
+    /// For a checkpoint that is yet to be applied. `NotFound` when the file isn't there.
+    [[nodiscard]] Status open(QString const& name);
 
     /// The first of `count` adjacent slots that are nobody's.
     [[nodiscard]] std::uint64_t take(std::uint64_t count) {
         return next_.fetch_add(count, std::memory_order_relaxed);
     }
     [[nodiscard]] std::uint64_t used() const { return next_.load(std::memory_order_relaxed); }
-    [[nodiscard]] bool read(std::uint64_t slot, std::uint32_t within, void* buffer,
-                            std::uint32_t count) const;
-    /// False as well once the journal has broken down.
-    [[nodiscard]] bool write(std::uint64_t slot, std::uint32_t within, void const* buffer,
-                             std::uint32_t count);
-    [[nodiscard]] bool sync() { return file_->sync(); }
+    [[nodiscard]] Status read(std::uint64_t slot, std::uint32_t within, void* buffer,
+                              std::uint32_t count) const;
+    /// Fails as well once the journal has broken down.
+    [[nodiscard]] Status write(std::uint64_t slot, std::uint32_t within, void const* buffer,
+                               std::uint32_t count);
+    [[nodiscard]] Status sync() { return file_->sync(); }
     /// All slots are free again; gives back space beyond 64 MiB.
     void reset();
 
@@ -44,9 +44,11 @@ public:
     /// could not be applied, and the next opening of the journal has to find them as they are.
     void breakDown() { broken_.store(true, std::memory_order_relaxed); }
     [[nodiscard]] bool isBroken() const { return broken_.load(std::memory_order_relaxed); }
+    /// A failure once the journal has broken down.
+    [[nodiscard]] Status whole() const;
 
 private:
-    void shorten();
+    [[nodiscard]] Status shorten();
 
     std::unique_ptr<RawFile> file_;
     std::atomic<std::uint64_t> next_ = 0;

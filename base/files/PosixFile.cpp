@@ -1,5 +1,6 @@
 #include "base/files/PosixFile.h"
 
+#include "base/files/FileSystem.h"
 #include "base/trace/Trace.h"
 #include "base/values/PosixText.h"
 
@@ -33,32 +34,38 @@ bool inRange(std::uint64_t offset, std::uint64_t count) {
 } // namespace
 
 PosixFile::~PosixFile() {
-    close();
+    (void)close(); // traced there, and nobody is left to tell
 }
 
-bool PosixFile::failed(char const* what, int error) {
+Status PosixFile::failed(char const* operation, int error, Status::Place place) const {
     lastError_.store(static_cast<std::uint32_t>(error), std::memory_order_relaxed);
     if (error != ENOENT)
-        MORVA_TRACE(Always) << what << name_ << TraceErrorCode{error};
-    return false;
+        MORVA_TRACE(Always) << "Failed to" << operation << "file" << name_ << TraceErrorCode{error};
+    return Status::fromErrno(error, operation, name_, place);
 }
 
-bool PosixFile::openWith(QByteArray const& path, QString const& name, Mode mode, int flags) {
-    // A name with a zero byte would be cut there, and another file opened.
-    if (isOpen() || path.contains('\0'))
-        return failed("Failed to open file", EINVAL);
+Status PosixFile::openWith(QByteArray const& path, QString const& name, Mode mode, int flags) {
+    if (isOpen())
+        return failed("open", EINVAL);
     name_ = name;
+    // A name with a zero byte would be cut there, and another file opened.
+    if (path.contains('\0'))
+        return failed("open", EINVAL);
     int const access = mode == Mode::ReadOnly ? O_RDONLY : O_RDWR;
     int const descriptor = retried([&] {
         return ::open(path.constData(), access | flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
                       creationMode);
     });
     if (descriptor < 0)
-        return failed("Failed to open file", errno);
+        return failed("open", errno);
     struct stat status {};
-    if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+    int const error = ::fstat(descriptor, &status) != 0 ? errno
+                      : S_ISREG(status.st_mode)         ? 0
+                      : S_ISDIR(status.st_mode)         ? EISDIR
+                                                        : EINVAL;
+    if (error != 0) {
         ::close(descriptor);
-        return failed("Failed to open file", S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+        return failed("open", error);
     }
     if (mode == Mode::Random)
         ::posix_fadvise(descriptor, 0, 0, POSIX_FADV_RANDOM);
@@ -67,67 +74,71 @@ bool PosixFile::openWith(QByteArray const& path, QString const& name, Mode mode,
     deleteOnClose_ = false;
     nameUnsynced_ = (flags & O_CREAT) != 0;
     lastError_.store(0, std::memory_order_relaxed);
-    return true;
+    return {};
 }
 
-bool PosixFile::create(QString const& name, Mode mode) {
+Status PosixFile::create(QString const& name, Mode mode) {
     Mode const writable = mode == Mode::ReadOnly ? Mode::ReadWrite : mode;
     return openWith(encodePosixText(name), name, writable, O_CREAT | O_TRUNC);
 }
 
-bool PosixFile::open(QString const& name, Mode mode) {
+Status PosixFile::open(QString const& name, Mode mode) {
     return openWith(encodePosixText(name), name, mode, 0);
 }
 
-void PosixFile::close() {
+Status PosixFile::close() {
     if (!isOpen())
-        return;
+        return {};
+    Status status;
     if (deleteOnClose_) {
         // Another file may have got the name since.
         QByteArray const path = encodePosixText(name_);
         struct stat mine {
         }, named{};
-        if (::fstat(descriptor_, &mine) == 0 && ::lstat(path.constData(), &named) == 0 &&
-            mine.st_dev == named.st_dev && mine.st_ino == named.st_ino &&
-            ::unlink(path.constData()) != 0)
-            failed("Failed to remove file", errno);
+        if (::fstat(descriptor_, &mine) != 0)
+            status = failed("remove", errno);
+        else if (::lstat(path.constData(), &named) != 0)
+            status = errno == ENOENT ? Status() : failed("remove", errno);
+        else if (mine.st_dev == named.st_dev && mine.st_ino == named.st_ino &&
+                 ::unlink(path.constData()) != 0)
+            status = failed("remove", errno);
     }
-    // Not tried again after EINTR: on Linux the descriptor is gone.
+    // Not tried again after EINTR: on Linux the descriptor is gone. What was written is safe by
+    // `sync` alone, so there is nothing to learn from the result.
     ::close(descriptor_);
     descriptor_ = -1;
     deleteOnClose_ = false;
+    return status;
 }
 
-std::uint32_t PosixFile::read(void* buffer, std::uint32_t count) {
-    std::uint32_t const done = readAt(static_cast<std::uint64_t>(position_), buffer, count);
-    position_ += done;
+Result<std::uint32_t> PosixFile::read(void* buffer, std::uint32_t count) {
+    auto done = readAt(static_cast<std::uint64_t>(position_), buffer, count);
+    if (done)
+        position_ += *done;
     return done;
 }
 
-std::uint32_t PosixFile::write(void const* buffer, std::uint32_t count) {
-    std::uint32_t const done = writeAt(static_cast<std::uint64_t>(position_), buffer, count);
-    position_ += done;
-    return done;
+Status PosixFile::write(void const* buffer, std::uint32_t count) {
+    auto status = writeAt(static_cast<std::uint64_t>(position_), buffer, count);
+    if (status)
+        position_ += count;
+    return status;
 }
 
-bool PosixFile::setPosition(std::int64_t offset, Where from) {
-    if (!isOpen())
-        return failed("Failed to set position of file", EBADF);
-    if (offset < 0 || from != Where::Start)
-        return failed("Failed to set position of file", EINVAL);
+Status PosixFile::setPosition(std::int64_t offset, Where from) {
+    if (!isOpen() || offset < 0 || from != Where::Start)
+        return failed("set position of", isOpen() ? EINVAL : EBADF);
     position_ = offset;
-    return true;
+    return {};
 }
 
 std::int64_t PosixFile::position() const {
     return position_;
 }
 
-std::uint32_t PosixFile::readAt(std::uint64_t offset, void* buffer, std::uint32_t count) {
-    if (!inRange(offset, count)) {
-        failed("Failed to read file", EINVAL);
-        return 0;
-    }
+Result<std::uint32_t> PosixFile::readAt(std::uint64_t offset, void* buffer, std::uint32_t count) {
+    if (!inRange(offset, count))
+        return failed("read", EINVAL, {Status::Unit::Byte, offset});
     std::uint32_t done = 0;
     while (done < count) {
         ssize_t const got = retried([&] {
@@ -135,101 +146,91 @@ std::uint32_t PosixFile::readAt(std::uint64_t offset, void* buffer, std::uint32_
                            static_cast<off_t>(offset + done));
         });
         if (got < 0)
-            failed("Failed to read file", errno);
-        if (got <= 0)
+            return failed("read", errno, {Status::Unit::Byte, offset + done});
+        if (got == 0)
             break;
         done += static_cast<std::uint32_t>(got);
     }
     return done;
 }
 
-std::uint32_t PosixFile::writeAt(std::uint64_t offset, void const* buffer, std::uint32_t count) {
-    if (!inRange(offset, count)) {
-        failed("Failed to write file", EFBIG);
-        return 0;
-    }
+Status PosixFile::writeAt(std::uint64_t offset, void const* buffer, std::uint32_t count) {
+    if (!inRange(offset, count))
+        return failed("write", EFBIG, {Status::Unit::Byte, offset});
     std::uint32_t done = 0;
     while (done < count) {
         ssize_t const put = retried([&] {
             return ::pwrite(descriptor_, static_cast<std::uint8_t const*>(buffer) + done,
                             count - done, static_cast<off_t>(offset + done));
         });
-        if (put <= 0) {
-            failed("Failed to write file", put < 0 ? errno : ENOSPC);
-            break;
-        }
+        if (put <= 0)
+            return failed("write", put < 0 ? errno : ENOSPC, {Status::Unit::Byte, offset + done});
         done += static_cast<std::uint32_t>(put);
     }
-    return done;
+    return {};
 }
 
-bool PosixFile::grow(std::uint64_t from, std::uint64_t bytes) {
+Status PosixFile::grow(std::uint64_t from, std::uint64_t bytes) {
     int error = EINTR;
     while (error == EINTR)
         error = ::posix_fallocate(descriptor_, static_cast<off_t>(from),
                                   static_cast<off_t>(bytes - from));
     if (error == 0)
-        return true;
+        return {};
     // Part of the space may have been taken before it ran out.
     if (retried([&] { return ::ftruncate(descriptor_, static_cast<off_t>(from)); }) != 0)
-        failed("Failed to set length of file", errno);
-    return failed("Failed to set length of file", error);
+        (void)failed("set length of", errno); // the reason of the caller's failure is `error`
+    return failed("set length of", error);
 }
 
-bool PosixFile::setLength(std::uint64_t bytes) {
-    struct stat status {};
-    if (::fstat(descriptor_, &status) != 0)
-        return failed("Failed to set length of file", errno);
+Status PosixFile::setLength(std::uint64_t bytes) {
+    MORVA_TRY_LET(auto const now, length());
     if (bytes > largestOffset)
-        return failed("Failed to set length of file", EFBIG);
-    auto const now = static_cast<std::uint64_t>(status.st_size);
+        return failed("set length of", EFBIG);
     if (bytes > now)
         return grow(now, bytes);
     if (bytes < now &&
         retried([&] { return ::ftruncate(descriptor_, static_cast<off_t>(bytes)); }) != 0)
-        return failed("Failed to set length of file", errno);
-    return true;
+        return failed("set length of", errno);
+    return {};
 }
 
-std::uint64_t PosixFile::length() const {
+Result<std::uint64_t> PosixFile::length() const {
     struct stat status {};
-    return ::fstat(descriptor_, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+    if (::fstat(descriptor_, &status) != 0)
+        return failed("get length of", errno);
+    return static_cast<std::uint64_t>(status.st_size);
 }
 
 void PosixFile::startSync() {
-    (void)::sync_file_range(descriptor_, 0, 0, SYNC_FILE_RANGE_WRITE);
+    (void)::sync_file_range(descriptor_, 0, 0, SYNC_FILE_RANGE_WRITE); // a hint; `sync` tells
 }
 
-bool PosixFile::sync() {
+Status PosixFile::sync() {
     if (retried([&] { return ::fdatasync(descriptor_); }) != 0)
-        return failed("Failed to sync file", errno);
+        return failed("sync", errno);
     if (nameUnsynced_) {
         qsizetype const slash = name_.lastIndexOf(u'/');
-        if (!syncDirectory(slash < 0 ? QStringLiteral(".")
-                                     : name_.left(std::max(slash, qsizetype{1}))))
-            return false;
+        MORVA_TRY(FileSystem::disk().syncDirectory(
+            slash < 0 ? QStringLiteral(".") : name_.left(std::max(slash, qsizetype{1}))));
         nameUnsynced_ = false;
     }
-    return true;
+    return {};
 }
 
-std::unique_ptr<RawFile> PosixFile::threadFile(Mode mode) {
-    if (!isOpen()) {
-        failed("Failed to open file", EBADF);
-        return nullptr;
-    }
+Result<std::unique_ptr<RawFile>> PosixFile::threadFile(Mode mode) {
+    if (!isOpen())
+        return failed("open", EBADF);
     // By descriptor and not by name, which may have changed. Without /proc a duplicate does, too:
     // the position is not the descriptor's.
     auto other = std::make_unique<PosixFile>();
     QByteArray const path = "/proc/self/fd/" + QByteArray::number(descriptor_);
-    if (other->openWith(path, name_, mode, 0))
-        return other;
-    other->descriptor_ = ::fcntl(descriptor_, F_DUPFD_CLOEXEC, 0);
-    if (!other->isOpen()) {
-        failed("Failed to open file", errno);
-        return nullptr;
+    if (!other->openWith(path, name_, mode, 0)) {
+        other->descriptor_ = ::fcntl(descriptor_, F_DUPFD_CLOEXEC, 0);
+        if (!other->isOpen())
+            return failed("open", errno);
     }
-    return other;
+    return std::unique_ptr<RawFile>(std::move(other));
 }
 
 bool PosixFile::deleteOnClose() {

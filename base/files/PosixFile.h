@@ -13,44 +13,45 @@ public:
     PosixFile() = default;
     ~PosixFile() override;
 
-    [[nodiscard]] bool create(QString const& name, Mode mode) override;
-    [[nodiscard]] bool open(QString const& name, Mode mode) override;
-    void close() override;
+    [[nodiscard]] Status create(QString const& name, Mode mode) override;
+    [[nodiscard]] Status open(QString const& name, Mode mode) override;
+    Status close() override;
 
-    [[nodiscard]] std::uint32_t read(void* buffer, std::uint32_t count) override;
+    [[nodiscard]] Result<std::uint32_t> read(void* buffer, std::uint32_t count) override;
     using RawFile::write;
-    [[nodiscard]] std::uint32_t write(void const* buffer, std::uint32_t count) override;
-    [[nodiscard]] bool setPosition(std::int64_t offset, Where from) override;
+    [[nodiscard]] Status write(void const* buffer, std::uint32_t count) override;
+    [[nodiscard]] Status setPosition(std::int64_t offset, Where from) override;
     [[nodiscard]] std::int64_t position() const override;
-    [[nodiscard]] std::uint32_t readAt(std::uint64_t offset, void* buffer,
-                                       std::uint32_t count) override;
-    [[nodiscard]] std::uint32_t writeAt(std::uint64_t offset, void const* buffer,
-                                        std::uint32_t count) override;
+    [[nodiscard]] Result<std::uint32_t> readAt(std::uint64_t offset, void* buffer,
+                                               std::uint32_t count) override;
+    [[nodiscard]] Status writeAt(std::uint64_t offset, void const* buffer,
+                                 std::uint32_t count) override;
 
-    [[nodiscard]] bool setLength(std::uint64_t bytes) override;
-    [[nodiscard]] std::uint64_t length() const override;
+    [[nodiscard]] Status setLength(std::uint64_t bytes) override;
+    [[nodiscard]] Result<std::uint64_t> length() const override;
     void startSync() override;
     /// The first sync of a file made by this handle also syncs its directory, or the name could
     /// be missing after a crash.
-    [[nodiscard]] bool sync() override;
+    [[nodiscard]] Status sync() override;
 
-    [[nodiscard]] std::unique_ptr<RawFile> threadFile(Mode mode) override;
+    [[nodiscard]] Result<std::unique_ptr<RawFile>> threadFile(Mode mode) override;
     bool deleteOnClose() override;
     [[nodiscard]] std::uint32_t lastError() const override;
     [[nodiscard]] QString const& name() const override { return name_; }
     [[nodiscard]] bool isOpen() const override { return descriptor_ >= 0; }
 
 private:
-    [[nodiscard]] bool openWith(QByteArray const& path, QString const& name, Mode mode, int flags);
-    [[nodiscard]] bool grow(std::uint64_t from, std::uint64_t bytes);
+    [[nodiscard]] Status openWith(QByteArray const& path, QString const& name, Mode mode,
+                                  int flags);
+    [[nodiscard]] Status grow(std::uint64_t from, std::uint64_t bytes);
     /// Notes the failure, and traces it but for a missing file.
-    bool failed(char const* what, int error);
+    Status failed(char const* operation, int error, Status::Place place = {}) const;
 
     int descriptor_ = -1;
     std::int64_t position_ = 0;
     QString name_;
     /// Atomic since the positioned calls may fail on several threads.
-    std::atomic<std::uint32_t> lastError_{0};
+    mutable std::atomic<std::uint32_t> lastError_{0};
     bool deleteOnClose_ = false;
     bool nameUnsynced_ = false;
 };

@@ -63,6 +63,12 @@ void UnsyncedPages::synced() {
     syncedLength_ = length();
 }
 
+void UnsyncedPages::dropPages() {
+    std::uint64_t const now = length();
+    for (auto const& [page, bytes] : originals_)
+        restore(page, bytes, now);
+}
+
 bool UnsyncedPages::isRemoved() const {
     return statusOf(descriptor_).st_nlink == 0;
 }

@@ -31,6 +31,8 @@ public:
     void beforeChange(std::uint64_t offset, std::uint64_t count);
     /// What the file holds now is safe.
     void synced();
+    /// The pages that were written are as at the last sync; the length is that of now.
+    void dropPages();
     [[nodiscard]] bool isClean() const { return !changed_; }
     [[nodiscard]] bool isRemoved() const;
     [[nodiscard]] std::uint64_t length() const;

@@ -2,14 +2,8 @@
 
 #include "base/files/RawFile.h"
 #include "base/process/FixedPath.h"
-#include "base/values/PosixText.h"
 
 #include <QFileInfo>
-
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cstdio>
 
 namespace Morva {
 
@@ -18,41 +12,36 @@ namespace {
 /// Larger than any configuration that a person or the rule distribution writes.
 constexpr std::uint64_t maxFileBytes = 64 << 20;
 
-bool writeWhole(QString const& path, QByteArray const& text) {
+Status writeWhole(QString const& path, QByteArray const& text) {
     auto const file = RawFile::make();
-    if (!file->create(path, RawFile::Mode::ReadWrite))
-        return false;
-    bool const fine = file->write(Extent(text)) && file->sync();
-    file->close();
-    return fine;
+    MORVA_TRY(file->create(path, RawFile::Mode::ReadWrite));
+    MORVA_TRY(file->write(Extent(text)));
+    MORVA_TRY(file->sync());
+    return file->close();
 }
 
-/// Brings a rename to the disk; a failure only means that a power cut can undo it.
-void syncDirectory(QString const& path) {
-    int const directory = ::open(encodePosixText(path).constData(), O_RDONLY | O_DIRECTORY);
-    if (directory >= 0) {
-        (void)::fsync(directory);
-        ::close(directory);
-    }
-}
-
-std::optional<QByteArray> readWhole(QString const& path, QString& error) {
+Result<QByteArray> readWhole(QString const& path) {
     auto const file = RawFile::make();
-    if (!file->open(path, RawFile::Mode::ReadOnly)) {
-        error = QStringLiteral("can't be opened");
-        return std::nullopt;
-    }
-    std::uint64_t const length = file->length();
-    if (length > maxFileBytes) {
-        error = QStringLiteral("is too large");
-        return std::nullopt;
-    }
+    MORVA_TRY(file->open(path, RawFile::Mode::ReadOnly));
+    MORVA_TRY_LET(auto const length, file->length());
+    if (length > maxFileBytes)
+        return Status::corruption("read", path, QStringLiteral("is too large"));
     QByteArray text(static_cast<qsizetype>(length), Qt::Uninitialized);
-    if (file->read(text.data(), static_cast<std::uint32_t>(length)) != length) {
-        error = QStringLiteral("can't be read");
-        return std::nullopt;
-    }
+    MORVA_TRY(file->readWhole(0, text.data(), static_cast<std::uint32_t>(length)));
     return text;
+}
+
+Status replace(QString const& path, QByteArray const& text) {
+    auto& files = FileSystem::inForce();
+    auto const fresh = path + QStringLiteral(".new");
+    auto status = writeWhole(fresh, text);
+    if (status)
+        status = files.rename(fresh, path);
+    if (!status) {
+        (void)files.removeIfThere(fresh); // the first failure is the one to tell
+        return status;
+    }
+    return files.syncDirectory(QFileInfo(path).absolutePath());
 }
 
 QString localPath(QString const& fileName) {
@@ -66,11 +55,13 @@ QString localPath(QString const& fileName) {
 
 Config Config::load(QString const& path) {
     Config result;
-    if (path.isEmpty() || ::access(encodePosixText(path).constData(), F_OK) != 0)
+    if (path.isEmpty())
+        return result;
+    auto const text = readWhole(path);
+    if (text.code() == Status::Code::NotFound)
         return result;
     result.absent_ = false;
-    QString error;
-    auto const text = readWhole(path, error);
+    QString error = text.status().text();
     auto list = text ? XmlList::fromXml(*text, &error) : std::nullopt;
     if (!list) {
         MORVA_TRACE(Always) << "Configuration file" << path << error;
@@ -83,16 +74,10 @@ Config Config::load(QString const& path) {
 
 bool Config::save(QString const& path, XmlList const& list) {
     auto const text = list.toXml();
-    auto const fresh = path + QStringLiteral(".new");
-    auto const freshName = encodePosixText(fresh);
-    if (text.isEmpty() || !writeWhole(fresh, text) ||
-        std::rename(freshName.constData(), encodePosixText(path).constData()) != 0) {
-        MORVA_TRACE(Always) << "Failed to write configuration file" << path;
-        (void)std::remove(freshName.constData());
-        return false;
-    }
-    syncDirectory(QFileInfo(path).absolutePath());
-    return true;
+    if (!text.isEmpty() && replace(path, text))
+        return true;
+    MORVA_TRACE(Always) << "Failed to write configuration file" << path;
+    return false;
 }
 
 ConfigLocal::ConfigLocal(QString const& fileName) : Config(load(localPath(fileName))) {}

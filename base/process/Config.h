@@ -19,7 +19,8 @@ public:
     /// usable; the latter two are traced at level Always.
     [[nodiscard]] static Config load(QString const& path);
     /// Writes a list as a file, whole or not at all: a new file is written, synced and put in
-    /// place of the old one. False, with a trace, on failure, and the old file is as it was.
+    /// place of the old one. False, with a trace, on failure; then the old file is as it was, or
+    /// the new one is there and a loss of power may take it back.
     [[nodiscard]] static bool save(QString const& path, XmlList const& list);
 
     [[nodiscard]] bool usable() const { return usable_; }

@@ -1,6 +1,5 @@
 #include "base/trees/ListSorter.h"
 
-#include "base/blocks/FileCalls.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
 
@@ -67,8 +66,8 @@ private:
         std::uint64_t const more = std::min(std::max(size_, count) - left, run_.end - run_.begin);
         buffer_.resize(left + more);
         at_ = 0;
-        Status read = FileCalls::readWhole(*file_, run_.begin, buffer_.data() + left,
-                                           static_cast<std::uint32_t>(more));
+        Status read =
+            file_->readWhole(run_.begin, buffer_.data() + left, static_cast<std::uint32_t>(more));
         run_.begin += more;
         return read;
     }
@@ -92,17 +91,16 @@ ListSorter::ListSorter(PagedList::Compare const& compare, QString const& path,
 ListSorter::~ListSorter() {
     for (Output& output : outputs_)
         if (output.file && output.file->deleteOnClose())
-            output.file->close();
+            (void)output.file->close(); // a file of scratch; traced where it fails
 }
 
 Status ListSorter::start(Output& output, char const* suffix) {
     output.end = headerSize_;
     output.buffer.clear();
     if (output.file)
-        return FileCalls::setLength(*output.file, headerSize_);
+        return output.file->setLength(headerSize_);
     output.file = RawFile::make();
-    Status made =
-        FileCalls::create(*output.file, path_ + QLatin1String(suffix), RawFile::Mode::ReadWrite);
+    Status made = output.file->create(path_ + QLatin1String(suffix), RawFile::Mode::ReadWrite);
     if (!made)
         output.file.reset();
     return made;
@@ -115,7 +113,7 @@ Status ListSorter::append(Output& output, Extent const& framed) {
 
 Status ListSorter::flush(Output& output) {
     auto const size = static_cast<std::uint32_t>(output.buffer.size());
-    MORVA_TRY(FileCalls::writeAt(*output.file, output.end, output.buffer.data(), size));
+    MORVA_TRY(output.file->writeAt(output.end, output.buffer.data(), size));
     output.end += size;
     output.buffer.clear();
     return {};

@@ -1,6 +1,5 @@
 #include "base/trees/PagedList.h"
 
-#include "base/blocks/FileCalls.h"
 #include "base/trace/Trace.h"
 #include "base/trees/ListSorter.h"
 #include "base/trees/RecordCheck.h"
@@ -98,8 +97,8 @@ Status PagedList::copyFile(PagedList const& other) {
         auto const part = static_cast<std::uint32_t>(
             std::min<std::uint64_t>(bytes.size(), other.spilled_ - spilled_));
         std::uint64_t const at = Header::size + spilled_;
-        MORVA_TRY(FileCalls::readWhole(*other.file_, at, bytes.data(), part));
-        MORVA_TRY(FileCalls::writeAt(*file_, at, bytes.data(), part));
+        MORVA_TRY(other.file_->readWhole(at, bytes.data(), part));
+        MORVA_TRY(file_->writeAt(at, bytes.data(), part));
         spilled_ += part;
     }
     return {};
@@ -109,7 +108,7 @@ Status PagedList::copyFile(PagedList const& other) {
 
 Status PagedList::openFile() {
     file_ = RawFile::make();
-    Status made = FileCalls::create(*file_, path_, mode);
+    Status made = file_->create(path_, mode);
     if (!made) {
         made = fail("Failed to create list", std::move(made));
         file_.reset();
@@ -122,7 +121,7 @@ Status PagedList::open() {
     forget();
     failure_ = {};
     file_ = RawFile::make();
-    Status opened = FileCalls::open(*file_, path_, mode);
+    Status opened = file_->open(path_, mode);
     if (opened)
         opened = readHeader();
     if (!opened) {
@@ -137,7 +136,7 @@ Status PagedList::readHeader() {
         return Status::corruption("open", path_, QStringLiteral("its header is damaged"));
     };
     std::array<std::uint8_t, Header::size> header;
-    MORVA_TRY(FileCalls::readWhole(*file_, 0, header.data(), Header::size));
+    MORVA_TRY(file_->readWhole(0, header.data(), Header::size));
     if (std::memcmp(header.data(), Header::magic, 8) != 0 ||
         loadLittle<std::uint32_t>(header.data() + Header::atVersion) != Header::version ||
         loadLittle<std::uint64_t>(header.data() + Header::atCheck) !=
@@ -145,7 +144,7 @@ Status PagedList::readHeader() {
         return unsound();
     count_ = loadLittle<std::uint64_t>(header.data() + Header::atCount);
     spilled_ = loadLittle<std::uint64_t>(header.data() + Header::atBytes);
-    MORVA_TRY_LET(std::uint64_t const length, FileCalls::length(*file_));
+    MORVA_TRY_LET(std::uint64_t const length, file_->length());
     return spilled_ <= length - Header::size && count_ <= spilled_ / frameSize ? Status()
                                                                                : unsound();
 }
@@ -157,7 +156,7 @@ Status PagedList::writeHeader() {
     storeLittle(header.data() + Header::atCount, count_);
     storeLittle(header.data() + Header::atBytes, spilled_);
     storeLittle(header.data() + Header::atCheck, recordCheck(0, header.data(), Header::atCheck));
-    Status written = FileCalls::writeAt(*file_, 0, header.data(), Header::size);
+    Status written = file_->writeAt(0, header.data(), Header::size);
     headerWritten_ = written.ok();
     return written ? std::move(written) : fail("Failed to write list", std::move(written));
 }
@@ -170,8 +169,7 @@ Status PagedList::spill() {
         MORVA_TRY(openFile());
     auto const bytes = static_cast<std::uint32_t>(tail_.size());
     headerWritten_ = false;
-    if (Status written = FileCalls::writeAt(*file_, Header::size + spilled_, tail_.data(), bytes);
-        !written)
+    if (Status written = file_->writeAt(Header::size + spilled_, tail_.data(), bytes); !written)
         return fail("Failed to write list", std::move(written));
     spilled_ += bytes;
     tail_.clear();
@@ -190,7 +188,7 @@ Status PagedList::close() {
     else if (file_)
         file_->deleteOnClose();
     if (file_)
-        file_->close();
+        closed.update(file_->close());
     forget();
     return closed;
 }
@@ -203,7 +201,7 @@ bool PagedList::deleteOnClose() {
 void PagedList::clear() {
     if (file_) {
         file_->deleteOnClose();
-        file_->close();
+        (void)file_->close(); // traced there; the list is empty all the same
     }
     forget();
     failure_ = {};
@@ -242,7 +240,7 @@ Status PagedList::fill(std::uint64_t position, std::uint64_t count) {
     window_.resize(std::min(std::max(wanted, count), spilled_ - position));
     windowStart_ = position;
     auto const bytes = static_cast<std::uint32_t>(window_.size());
-    Status read = FileCalls::readWhole(*file_, Header::size + position, window_.data(), bytes);
+    Status read = file_->readWhole(Header::size + position, window_.data(), bytes);
     if (!read)
         window_.clear();
     return read;
@@ -325,18 +323,18 @@ Status PagedList::sortOnDisk() {
         MORVA_TRY(sorter.add(record));
     }
     MORVA_TRY_LET(std::unique_ptr<RawFile> const sorted, sorter.finish());
-    if (Status renamed = FileCalls::rename(sorted->name(), path_); !renamed) {
+    if (Status renamed = RawFile::rename(sorted->name(), path_); !renamed) {
         sorted->deleteOnClose();
-        sorted->close();
+        (void)sorted->close(); // the rename has failed already
         return renamed;
     }
-    sorted->close();
+    (void)sorted->close(); // removes nothing
     file_ = RawFile::make();
     spilled_ += tail_.size();
     tail_.clear();
     window_.clear();
     headerWritten_ = false;
-    return FileCalls::open(*file_, path_, mode);
+    return file_->open(path_, mode);
 }
 
 } // namespace Morva

@@ -1,6 +1,5 @@
 #include "base/trees/PagedQueue.h"
 
-#include "base/blocks/FileCalls.h"
 #include "base/trace/Trace.h"
 #include "base/trees/RecordCheck.h"
 
@@ -86,7 +85,7 @@ PagedQueue::PagedQueue(QString const& path, std::uint64_t pageSize, ReadOnly)
       lock_(lockTexts) {
     TracedLock lock(lock_);
     file_ = RawFile::make();
-    opened_ = FileCalls::open(*file_, path, RawFile::Mode::ReadOnly);
+    opened_ = file_->open(path, RawFile::Mode::ReadOnly);
     if (opened_)
         opened_ = readHead();
     if (opened_)
@@ -100,17 +99,16 @@ PagedQueue::~PagedQueue() {
 
 Status PagedQueue::openOrMake(QString const& path, Missing missing) {
     file_ = RawFile::make();
-    Status opened = FileCalls::open(*file_, path, RawFile::Mode::ReadWrite);
+    Status opened = file_->open(path, RawFile::Mode::ReadWrite);
     if (opened.is(Status::Code::NotFound) && missing == Missing::Make) {
-        MORVA_TRY(FileCalls::create(*file_, path, RawFile::Mode::ReadWrite));
+        MORVA_TRY(file_->create(path, RawFile::Mode::ReadWrite));
         return make();
     }
     MORVA_TRY(std::move(opened));
-    MORVA_TRY_LET(std::uint64_t const length, FileCalls::length(*file_));
+    MORVA_TRY_LET(std::uint64_t const length, file_->length());
     if (length <= Header::size && missing == Missing::Make) {
         std::array<std::uint8_t, Header::size> header;
-        MORVA_TRY_LET(std::uint32_t const got,
-                      FileCalls::readAt(*file_, 0, header.data(), Header::size));
+        MORVA_TRY_LET(std::uint32_t const got, file_->readAt(0, header.data(), Header::size));
         if (std::all_of(header.data(), header.data() + got, [](auto byte) { return byte == 0; }))
             return make();
     }
@@ -127,7 +125,7 @@ Status PagedQueue::make() {
     storeHead(header.data() + headAt(head_.sequence), head_);
     tail_ = Header::size;
     trimmed_ = true;
-    return FileCalls::writeAt(*file_, 0, header.data(), Header::size);
+    return file_->writeAt(0, header.data(), Header::size);
 }
 
 void PagedQueue::storeHead(std::uint8_t* at, Head const& head) {
@@ -139,7 +137,7 @@ void PagedQueue::storeHead(std::uint8_t* at, Head const& head) {
 
 Status PagedQueue::readHead() {
     std::array<std::uint8_t, Header::size> header;
-    MORVA_TRY(FileCalls::readWhole(*file_, 0, header.data(), Header::size));
+    MORVA_TRY(file_->readWhole(0, header.data(), Header::size));
     if (std::memcmp(header.data(), Header::magic, 8) == 0 &&
         loadLittle<std::uint32_t>(header.data() + Header::atVersion) == Header::version)
         for (std::uint32_t i = 0; i < 2; ++i) {
@@ -160,8 +158,7 @@ Status PagedQueue::writeHead(Head head) {
     ++head.sequence;
     std::array<std::uint8_t, Header::headSize> bytes;
     storeHead(bytes.data(), head);
-    Status written =
-        FileCalls::writeAt(*file_, headAt(head.sequence), bytes.data(), Header::headSize);
+    Status written = file_->writeAt(headAt(head.sequence), bytes.data(), Header::headSize);
     if (written)
         head_ = head;
     else
@@ -179,7 +176,7 @@ Status PagedQueue::damagedAt(std::uint64_t offset) const {
 /// The queue ends behind the last record that is sound or was sound once. Other bytes behind that
 /// are of a time before, or of a record that was never whole.
 Status PagedQueue::findTail() {
-    MORVA_TRY_LET(std::uint64_t const length, FileCalls::length(*file_));
+    MORVA_TRY_LET(std::uint64_t const length, file_->length());
     Window window;
     tail_ = head_.offset;
     for (;;) {
@@ -229,7 +226,7 @@ Result<bool> PagedQueue::passDamagedTail(std::uint64_t length, Window& window) {
 Status PagedQueue::trim() {
     if (trimmed_)
         return {};
-    MORVA_TRY(FileCalls::setLength(*file_, tail_));
+    MORVA_TRY(file_->setLength(tail_));
     trimmed_ = true;
     return {};
 }
@@ -247,8 +244,7 @@ Status PagedQueue::fill(std::uint64_t offset, std::uint64_t end, std::uint64_t c
     Status read;
     for (std::uint64_t wanted = ahead;; wanted = count) {
         window.bytes.resize(wanted);
-        read = FileCalls::readWhole(*file_, offset, window.bytes.data(),
-                                    static_cast<std::uint32_t>(wanted));
+        read = file_->readWhole(offset, window.bytes.data(), static_cast<std::uint32_t>(wanted));
         if (read)
             return read;
         if (wanted == count || !read.is(Status::Code::Corruption))
@@ -352,7 +348,7 @@ Status PagedQueue::send(Extent const& record) {
     std::uint32_t const bytes = frameSize + record.size;
     frame_.clear();
     addFrame(record, head_.generation, tail_);
-    Status written = FileCalls::writeAt(*file_, tail_, frame_.data(), bytes);
+    Status written = file_->writeAt(tail_, frame_.data(), bytes);
     if (!written) {
         MORVA_TRACE(Always) << "Failed to write to queue" << file_->name();
         trimmed_ = false;
@@ -485,7 +481,7 @@ bool PagedQueue::copyToFront(std::uint64_t from, std::uint64_t generation, std::
         from += frameSize + record.size;
         if (frame_.size() >= readAhead || from == tail_) {
             auto const bytes = static_cast<std::uint32_t>(frame_.size());
-            copied = FileCalls::writeAt(*file_, written, frame_.data(), bytes).ok();
+            copied = file_->writeAt(written, frame_.data(), bytes).ok();
             written += bytes;
             frame_.clear();
         }
@@ -518,7 +514,7 @@ Status PagedQueue::release() {
         told_ = 0;
         tail_ = end;
         if (before - end >= std::min(pageSize_, readAhead))
-            trimmed_ = FileCalls::setLength(*file_, end).ok(); // else the next send tries again
+            trimmed_ = file_->setLength(end).ok(); // else the next send tries again
     }
     return {};
 }
@@ -532,7 +528,7 @@ Status PagedQueue::available(std::uint64_t& count) const {
 
 Status PagedQueue::sync() {
     MORVA_TRY(Status(opened_));
-    return FileCalls::sync(*file_);
+    return file_->sync();
 }
 
 Status PagedQueue::forEach(std::function<bool(Extent const& record)> const& callback) const {

@@ -59,11 +59,17 @@ void BlockFile::scan(
     std::uint32_t const size = blocks_.blockSize();
     std::uint64_t const end = blocks_.blockCount();
     std::vector<std::uint8_t> buffer(scanBytes / size * size);
+    bool oneByOne = false;
     while (first < end) {
-        std::uint64_t const wanted = std::min<std::uint64_t>(buffer.size() / size, end - first);
-        std::uint64_t const got =
-            file_->readAt(first * size, buffer.data(), static_cast<std::uint32_t>(wanted * size)) /
-            size;
+        std::uint64_t const wanted =
+            oneByOne ? 1 : std::min<std::uint64_t>(buffer.size() / size, end - first);
+        auto const read =
+            file_->readAt(first * size, buffer.data(), static_cast<std::uint32_t>(wanted * size));
+        if (!read && wanted > 1) {
+            oneByOne = true; // up to the block that can't be read
+            continue;
+        }
+        std::uint64_t const got = read ? *read / size : 0;
         for (std::uint64_t i = 0; i < got; ++i)
             visit(first + i, buffer.data() + i * size);
         report.figures.blocksRead += got;
@@ -73,6 +79,7 @@ void BlockFile::scan(
             report.fault(FaultKind::Unreadable, where_,
                          QStringLiteral("block %1 can't be read").arg(first));
             ++first;
+            oneByOne = false;
         }
     }
 }

@@ -9,10 +9,11 @@ namespace Morva {
 namespace {
 
 constexpr std::array<char const*, faultKinds> names{
-    "unreadable",  "block-file",     "lost-space",  "free-list", "reference-count", "tree-record",
-    "stream",      "stream-count",   "dedup-index", "queue",     "control",         "node",
-    "lost-stream", "pointer",        "orphan",      "directory", "directory-tree",  "counter",
-    "snapshot",    "snapshot-entry", "dedup-file",  "data"};
+    "unreadable",  "block-file",     "lost-space",   "free-list",   "reference-count",
+    "tree-record", "stream",         "stream-count", "dedup-index", "queue",
+    "control",     "node",           "lost-stream",  "pointer",     "orphan",
+    "directory",   "directory-tree", "counter",      "snapshot",    "snapshot-entry",
+    "dedup-file",  "saved-state",    "data"};
 
 QString number(std::uint64_t value) {
     return QLocale::c().toString(qulonglong{value});

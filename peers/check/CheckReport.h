@@ -33,6 +33,7 @@ enum class FaultKind : std::uint8_t {
     Snapshot,       ///< a snapshot's file, or its view of the tree
     SnapshotEntry,  ///< an entry of a snapshot's list
     DedupFile,      ///< a list of streams to deduplicate
+    SavedState,     ///< what a source had open
     Data            ///< contents differ from their digest, or can't be read
 };
 inline constexpr std::size_t faultKinds = static_cast<std::size_t>(FaultKind::Data) + 1;

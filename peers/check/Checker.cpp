@@ -4,8 +4,6 @@
 #include "peers/check/PoolCheck.h"
 #include "peers/check/StoreCheck.h"
 
-#include <QDir>
-
 #include <chrono>
 
 namespace Morva {
@@ -22,9 +20,9 @@ namespace {
 constexpr int idDigits = 16;
 
 /// Every directory whose name is the id of a store, ascending.
-QList<StoreId> storesIn(QString const& path) {
+Result<QList<StoreId>> storesIn(QString const& path) {
     QList<StoreId> result;
-    auto const names = QDir(path).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+    MORVA_TRY_LET(auto const names, FileSystem::inForce().names(path, FileSystem::Kind::Directory));
     for (QString const& name : names) {
         bool isId = false;
         StoreId const id{name.toULongLong(&isId, 16)};
@@ -41,7 +39,10 @@ CheckReport checkRepository(RepositoryPaths const& paths, CheckOptions const& op
     CheckReport report;
     PoolCheck pool(paths, options, report);
     pool.begin();
-    for (StoreId const id : storesIn(paths.stores)) {
+    auto const stores = storesIn(paths.stores);
+    if (!stores)
+        report.fault(FaultKind::Unreadable, QStringLiteral("stores"), stores.status().text());
+    for (StoreId const id : stores ? *stores : QList<StoreId>()) {
         auto const name = QString::number(id.value, 16).rightJustified(idDigits, u'0');
         StoreCheck(id, paths.stores + "/" + name, pool).run();
         if (options.progress)

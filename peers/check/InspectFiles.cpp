@@ -85,10 +85,16 @@ void Inspector::valueList(Words words) {
     auto const file = RawFile::make();
     if (!file->open(words[0], RawFile::Mode::ReadOnly))
         return fault(words[0] + QStringLiteral(" can't be opened"));
-    if (file->length() > static_cast<std::uint64_t>(XmlList::maxFormBytes))
-        return fault(QStringLiteral("%1 bytes are too many for a value list").arg(file->length()));
-    QByteArray bytes(static_cast<qsizetype>(file->length()), Qt::Uninitialized);
-    bytes.resize(file->readAt(0, bytes.data(), static_cast<std::uint32_t>(bytes.size())));
+    auto const length = file->length();
+    if (!length)
+        return fault(length.status().text());
+    if (*length > static_cast<std::uint64_t>(XmlList::maxFormBytes))
+        return fault(QStringLiteral("%1 bytes are too many for a value list").arg(*length));
+    QByteArray bytes(static_cast<qsizetype>(*length), Qt::Uninitialized);
+    auto const got = file->readAt(0, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+    if (!got)
+        return fault(got.status().text());
+    bytes.resize(*got);
     QString error;
     auto list = XmlList::fromBinary(bytes);
     if (!list)

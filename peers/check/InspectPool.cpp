@@ -16,8 +16,6 @@
 #include "replication/repository/streams/RawRefCountedBlocks.h"
 #include "replication/repository/streams/StreamNode.h"
 
-#include <QDir>
-
 namespace Morva {
 
 using Replication::CleanupRequest;
@@ -65,7 +63,8 @@ void Inspector::header(QString const& path) {
     auto const file = RawFile::make();
     std::vector<std::uint8_t> bytes(headerBytes);
     if (file->open(path, RawFile::Mode::ReadOnly))
-        hexDump(bytes.data(), file->readAt(0, bytes.data(), headerBytes));
+        if (auto const got = file->readAt(0, bytes.data(), headerBytes))
+            hexDump(bytes.data(), *got);
 }
 
 void Inspector::headers(Words) {
@@ -77,15 +76,20 @@ void Inspector::headers(Words) {
         fault(data + QStringLiteral(" can't be opened"));
     else if (!RawRefCountedBlocks::readControl(*file, control))
         fault(data + QStringLiteral(" has no sound control block"));
+    auto const length = file->isOpen() ? file->length() : std::uint64_t{0};
+    if (!length)
+        fault(length.status().text());
     say(QStringLiteral("  next block %1, mask %2, blocks of %3 bytes; room for %4")
             .arg(control.nextBlock)
             .arg(hexNumber(control.mask))
             .arg(control.blockSize)
-            .arg(file->isOpen() ? file->length() / TreeReader::blockSize : 0));
+            .arg(length ? *length / TreeReader::blockSize : 0));
     for (char const* name : {"/indirectdata.blocks", "/nodes", "/dedup.tree"})
         header(paths_.streams + QLatin1String(name));
-    auto const stores = QDir(paths_.stores).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
-    for (QString const& store : stores)
+    auto const stores = FileSystem::inForce().names(paths_.stores, FileSystem::Kind::Directory);
+    if (!stores)
+        return fault(stores.status().text());
+    for (QString const& store : *stores)
         for (char const* name : {"/files", "/files.ptrs.blocks", "/files.tree"})
             header(paths_.stores + "/" + store + QLatin1String(name));
 }

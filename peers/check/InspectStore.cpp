@@ -17,8 +17,6 @@
 #include "replication/repository/streams/DedupStatistics.h"
 #include "replication/repository/streams/StreamNode.h"
 
-#include <QDir>
-
 #include <array>
 #include <set>
 
@@ -57,8 +55,10 @@ QString liveOnlyText(bool liveOnly) {
 } // namespace
 
 void Inspector::stores(Words) {
-    auto const names = QDir(paths_.stores).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
-    for (QString const& name : names) {
+    auto const names = FileSystem::inForce().names(paths_.stores, FileSystem::Kind::Directory);
+    if (!names)
+        return fault(names.status().text());
+    for (QString const& name : *names) {
         say(QStringLiteral("store %1").arg(name.toULongLong(nullptr, 16)));
         std::vector<std::uint8_t> node, record;
         std::vector<std::uint8_t> block;
@@ -131,11 +131,12 @@ void Inspector::node(Words words) {
                   .arg(n.number().value));
         hexDump(bytes.data(), NodeBlock::recordAt);
     }
-    say(QStringLiteral("node %1: type %2%3, links %4, next link %5")
+    say(QStringLiteral("node %1: type %2%3, links %4%5, next link %6")
             .arg(wanted)
             .arg(n.type())
             .arg(liveOnlyText(n.liveOnly()))
             .arg(n.linkCount())
+            .arg(n.ended() ? QStringLiteral(" (ended)") : QString())
             .arg(n.nextLink()));
     say(QStringLiteral("  references %1, versions %2%3, instance %4")
             .arg(n.referenceCount())
@@ -371,8 +372,10 @@ void Inspector::nameTree(Words) {
 
 void Inspector::snapshots(Words) {
     QString const path = storePath() + "/snapshot";
-    auto const names = QDir(path).entryList(QDir::Files, QDir::Name);
-    for (QString const& name : names)
+    auto const names = FileSystem::inForce().names(path, FileSystem::Kind::File);
+    if (!names)
+        return fault(names.status().text());
+    for (QString const& name : *names)
         if (Instance const instance = SnapshotFile::fromFileName(name))
             snapshotHeader(path, instance, false);
 }
@@ -445,9 +448,13 @@ void Inspector::dedupList(Words words) {
     if (!file.open(name))
         return fault(name + QStringLiteral(" can't be opened"));
     std::array<std::uint8_t, DedupFile::entrySize> bytes;
-    while (lines_ < mostLines && file.read(bytes.data(), bytes.size()) == bytes.size())
+    Morva::Result<std::uint32_t> got = 0U;
+    while (lines_ < mostLines && (got = file.read(bytes.data(), bytes.size())) &&
+           *got == bytes.size())
         say(QStringLiteral("stream %1").arg(loadLittle<std::uint64_t>(bytes.data())));
-    if (file.length() % DedupFile::entrySize != 0)
+    if (!got)
+        fault(got.status().text());
+    else if (auto const length = file.length(); length && *length % DedupFile::entrySize != 0)
         fault(QStringLiteral("the last entry is torn"));
 }
 

@@ -9,8 +9,6 @@
 #include "replication/repository/streams/RawRefCountedBlocks.h"
 #include "replication/repository/streams/StreamNode.h"
 
-#include <QDir>
-
 #include <algorithm>
 
 namespace Morva {
@@ -119,9 +117,13 @@ bool Inspector::number(QString const& word, std::uint64_t& value) {
 QString Inspector::storePath() {
     auto id = store_;
     if (!id) {
-        auto const names = QDir(paths_.stores).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+        auto const names = FileSystem::inForce().names(paths_.stores, FileSystem::Kind::Directory);
+        if (!names) {
+            fault(names.status().text());
+            return {};
+        }
         QList<StoreId> ids;
-        for (QString const& name : names) {
+        for (QString const& name : *names) {
             bool good = false;
             StoreId const each{name.toULongLong(&good, 16)};
             if (good && name.size() == storeIdDigits)
@@ -159,14 +161,19 @@ bool Inspector::record(QString const& path, std::uint32_t size, std::uint64_t nu
         return false;
     }
     bytes.assign(size, 0);
-    if (number >= file->length() / size) {
+    auto const length = file->length();
+    if (!length) {
+        fault(length.status().text());
+        return false;
+    }
+    if (number >= *length / size) {
         fault(QStringLiteral("%1 has %2 blocks and no block %3")
                   .arg(path)
-                  .arg(file->length() / size)
+                  .arg(*length / size)
                   .arg(number));
         return false;
     }
-    if (file->readAt(number * size, bytes.data(), size) == size)
+    if (file->readWhole(number * size, bytes.data(), size))
         return true;
     fault(QStringLiteral("block %1 of %2 can't be read").arg(number).arg(path));
     return false;
@@ -182,7 +189,10 @@ void Inspector::openReader() {
         RawRefCountedBlocks::Control control;
         if (!RawRefCountedBlocks::readControl(*data_, control))
             fault(QStringLiteral("data.blocks has no sound control block"));
-        nextBlock = data_->length() / TreeReader::blockSize;
+        auto const length = data_->length();
+        if (!length)
+            fault(length.status().text());
+        nextBlock = length ? *length / TreeReader::blockSize : 0;
     } else {
         fault(QStringLiteral("data.blocks can't be opened"));
         data_.reset();

@@ -76,7 +76,13 @@ void PoolCheck::openData() {
     }
     nextBlock_ = control.nextBlock;
     dataMask_ = control.mask;
-    std::uint64_t const blocks = data_->length() / TreeReader::blockSize;
+    auto const length = data_->length();
+    if (!length) {
+        report_.fault(FaultKind::Unreadable, where, length.status().text());
+        data_.reset();
+        return;
+    }
+    std::uint64_t const blocks = *length / TreeReader::blockSize;
     if (nextBlock_ > blocks || nextBlock_ - 1 > dataMask_) {
         report_.fault(FaultKind::BlockFile, where,
                       QStringLiteral("the next block is %1, but the file has %2 blocks")

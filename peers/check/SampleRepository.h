@@ -80,14 +80,14 @@ public:
         sink.ruleSet = 1;
         sink_ = std::make_unique<Replication::RepositoryPosix>(sink, Replication::ReplayId{1},
                                                                store_, streams_);
-        must(sink_->start(), "sink");
+        must(sink_->start().ok(), "sink");
         if (sink_->needsResync())
             sink_->needsResync(false);
     }
     void close() {
         if (!streams_)
             return;
-        sink_->handleShutdown();
+        must(sink_->handleShutdown().ok(), "sink");
         sink_.reset();
         {
             Replication::OperationGate::EnterAlone const alone;

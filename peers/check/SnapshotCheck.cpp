@@ -5,9 +5,6 @@
 #include "replication/repository/store/SnapshotRequests.h"
 #include "replication/repository/streams/DedupFile.h"
 
-#include <QDir>
-#include <QFileInfo>
-
 #include <algorithm>
 
 namespace Morva {
@@ -52,8 +49,11 @@ void SnapshotCheck::run() {
 
 void SnapshotCheck::load() {
     QString const path = store_.path + "/snapshot";
-    auto const names = QDir(path).entryList(QDir::Files, QDir::Name);
-    for (QString const& name : names) {
+    auto& files = FileSystem::inForce();
+    auto const names = files.names(path, FileSystem::Kind::File);
+    if (!names)
+        return store_.fault(FaultKind::Unreadable, names.status().text());
+    for (QString const& name : *names) {
         Instance const instance = SnapshotFile::fromFileName(name);
         if (!instance)
             continue;
@@ -63,7 +63,12 @@ void SnapshotCheck::load() {
                   QStringLiteral("has no sound header: %1").arg(file->status().text()));
             continue;
         }
-        checkHeader(*file, static_cast<std::uint64_t>(QFileInfo(path + "/" + name).size()));
+        auto const found = files.stat(path + "/" + name);
+        if (!found || !*found) {
+            fault(FaultKind::Unreadable, instance, QStringLiteral("can't be looked at"));
+            continue;
+        }
+        checkHeader(*file, (*found)->length);
         snapshots_.push_back(std::move(file));
     }
     if (snapshots_.empty() || snapshots_.back()->instance() != store_.instance)
@@ -243,8 +248,12 @@ void SnapshotCheck::walk(SnapshotFile const& file, std::uint32_t mark) {
 
 void SnapshotCheck::checkDedupFiles() {
     QString const path = store_.path + "/snapshot";
-    auto const names = QDir(path).entryList({QStringLiteral("dedup*")}, QDir::Files, QDir::Name);
-    for (QString const& name : names) {
+    auto const names = FileSystem::inForce().names(path, FileSystem::Kind::File);
+    if (!names)
+        return store_.fault(FaultKind::Unreadable, names.status().text());
+    for (QString const& name : *names) {
+        if (!name.startsWith(QLatin1String("dedup")))
+            continue;
         auto const digits = QStringLiteral("snapshot") + name.mid(5);
         if (SnapshotFile::fromFileName(digits) > store_.instance)
             store_.fault(
@@ -257,7 +266,8 @@ void SnapshotCheck::checkDedupFiles() {
         }
         std::uint64_t bytes = 0;
         std::array<std::uint8_t, DedupFile::entrySize> entry;
-        for (; file.read(entry.data(), entry.size()) == entry.size(); bytes += entry.size()) {
+        Result<std::uint32_t> got = 0U;
+        while ((got = file.read(entry.data(), entry.size())) && *got == entry.size()) {
             StreamId const id{loadLittle<std::uint64_t>(entry.data())};
             // The stream may have gone since, or never have reached the disk.
             if (id.value <= Blocks::firstBlock())
@@ -266,8 +276,11 @@ void SnapshotCheck::checkDedupFiles() {
                                                        .arg(bytes / entry.size())
                                                        .arg(name)
                                                        .arg(id.value));
+            bytes += entry.size();
         }
-        if (bytes != file.length())
+        if (!got)
+            store_.fault(FaultKind::Unreadable, got.status().text());
+        else if (*got != 0)
             store_.report.note(
                 QStringLiteral("%1: %2 ends with a torn entry").arg(store_.where(), name));
     }

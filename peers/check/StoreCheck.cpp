@@ -3,6 +3,7 @@
 #include "peers/check/SnapshotCheck.h"
 #include "replication/repository/store/ControlBlock.h"
 #include "replication/repository/store/NodeFile.h"
+#include "replication/repository/store/SavedState.h"
 
 #include <cstring>
 
@@ -16,6 +17,7 @@ using Replication::NodeFile;
 using Replication::NodeInfo;
 using Replication::NodeNumber;
 using Replication::NodeStream;
+using Replication::SavedRecords;
 using Replication::StreamId;
 using Replication::TreeRecord;
 
@@ -31,6 +33,7 @@ void StoreCheck::run() {
                                                           store_.instance, store_.report);
     if (pointers)
         findOwners();
+    findKept();
     scanNodes();
     if (!pointers)
         return;
@@ -103,6 +106,18 @@ void StoreCheck::findOwners() {
     }
 }
 
+void StoreCheck::findKept() {
+    if (going_)
+        return;
+    SavedRecords records(store_.path + "/state");
+    auto read = records.load();
+    if (read)
+        read = Replication::SavedState::keptNodes(records, kept_);
+    if (!read)
+        store_.fault(FaultKind::SavedState,
+                     QStringLiteral("the source's open files can't be known: %1").arg(read.text()));
+}
+
 void StoreCheck::lost(std::uint64_t first, std::uint64_t end) {
     store_.report.fault(
         FaultKind::LostSpace, files_.where(),
@@ -144,7 +159,7 @@ void StoreCheck::checkNode(std::uint64_t number, std::uint8_t const* bytes) {
     state.flags = NodeState::IsNode;
     if (node.liveOnly())
         state.flags |= NodeState::LiveOnly;
-    state.linkCount = node.linkCount();
+    state.linkCount = node.names();
     state.nextLink = node.nextLink();
     state.instance = node.instance();
     state.type = static_cast<std::uint16_t>(node.type());
@@ -159,7 +174,8 @@ void StoreCheck::checkClaims(std::uint64_t number, NodeBlock const& node) {
     auto const tell = [&](QString const& text) {
         store_.fault(FaultKind::Node, QStringLiteral("node %1 %2").arg(number).arg(text));
     };
-    if (node.claims() == 0)
+    auto const kept = kept_.contains(NodeNumber{number});
+    if (node.claims() == 0 && !kept)
         tell(QStringLiteral("has no claims and wasn't freed"));
     if (node.nextLink() < NodeBlock::firstLink)
         tell(QStringLiteral("would give link number %1 next").arg(node.nextLink()));
@@ -176,7 +192,7 @@ void StoreCheck::checkClaims(std::uint64_t number, NodeBlock const& node) {
         tell(QStringLiteral("has %1 references, but %2 id")
                  .arg(node.referenceCount())
                  .arg(owner != 0 ? QStringLiteral("one") : QStringLiteral("no")));
-    if (owner == 0 && node.versionCount() == 0)
+    if (owner == 0 && node.versionCount() == 0 && !kept)
         store_.fault(
             FaultKind::Orphan,
             QStringLiteral("node %1 belongs to no id and is no retained version").arg(number));

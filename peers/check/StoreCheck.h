@@ -7,6 +7,7 @@
 #include "replication/repository/store/NodeBlock.h"
 #include "replication/repository/store/NodeInfo.h"
 
+#include <QSet>
 #include <QString>
 
 #include <vector>
@@ -25,6 +26,7 @@ private:
 
     [[nodiscard]] bool checkControl();
     void findOwners();
+    void findKept();
     void scanNodes();
     void checkNode(std::uint64_t number, std::uint8_t const* bytes);
     void checkClaims(std::uint64_t number, Replication::NodeBlock const& node);
@@ -36,6 +38,8 @@ private:
     BlockFile files_;
     LiveTreeCheck::Counters counters_;
     bool going_ = false; // marked for deletion: parts can be gone
+    /// Nodes that open files of a source hold, which the saved state names.
+    QSet<Replication::NodeNumber> kept_;
     std::vector<std::uint8_t> record_;
 };
 

@@ -46,7 +46,7 @@ bool TreeReader::readRun(std::uint64_t block, std::uint64_t skip, void* buffer,
     if (!data_ || block >= nextBlock_ || blocks > nextBlock_ - block)
         return false;
     bytesRead_ += count;
-    return data_->readAt(block * blockSize + skip, buffer, count) == count;
+    return data_->readWhole(block * blockSize + skip, buffer, count).ok();
 }
 
 bool TreeReader::read(TreeRecord record, std::uint32_t width, std::uint64_t offset, void* buffer,

@@ -99,7 +99,7 @@ private:
         same(path, "device", wanted.device, stored->security.device);
         if (wanted.modifiedKnown)
             sameTime(path, wanted.modified, stored->modified);
-        if (reader_.live() && wanted.kind != Kind::Directory)
+        if (wanted.kind != Kind::Directory)
             same(path, "links", wanted.links, stored->links);
         auto const extended = FileTree::extendedAttributes(node);
         if (!extended || extended->all() != wanted.attributes)
@@ -137,7 +137,7 @@ std::string compareFigures(Replication::Store const& store, std::uint32_t instan
             size += name.object->content.size();
     }
     SnapshotAnalysis analysis(
-        store.fileHandle(store.rootId(), Instance{instance}, Replication::FileHandle::Snapshot));
+        *store.fileHandle(store.rootId(), Instance{instance}, Replication::FileHandle::Snapshot));
     while (analysis.step() == SnapshotAnalysis::State::Walking)
         continue;
     if (analysis.state() == SnapshotAnalysis::State::Done && analysis.logicalSize() == size &&
@@ -180,7 +180,7 @@ std::string Player::differences() {
         comparison.run(*tree, {QStringLiteral("r")});
         return comparison.text();
     };
-    auto result = compare(Instance{0}, stored(), "live");
+    auto result = unknownNumbers() + compare(Instance{0}, stored(), "live");
     for (auto const& [instance, tree] : snapshots_) {
         // The one before anything was done has no top yet.
         if (instance == firstSnapshot_)

@@ -99,6 +99,20 @@ void PlayedStore::reopen() {
     count("reopen");
 }
 
+void PlayedStore::kill() {
+    root_->checkpoint();
+    replay_.reset();
+    root_.reset();
+    open();
+    count("kill");
+}
+
+std::string PlayedStore::unknownNumbers() const {
+    auto const unknown = replay_ ? replay_->counts().unknown : 0;
+    return unknown == 0 ? std::string()
+                        : std::to_string(unknown) + " logs on numbers that aren't known\n";
+}
+
 void PlayedStore::applyPool() {
     root_->drain(true);
 }

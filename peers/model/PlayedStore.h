@@ -61,6 +61,10 @@ protected:
     void retire();
     void dedup();
     void reopen();
+    /// The process is gone right behind a checkpoint, and another one comes.
+    void kill();
+    /// What is wrong with the numbers of open files, as text; empty when all are known.
+    [[nodiscard]] std::string unknownNumbers() const;
     /// Works off what waits in the pool's queues.
     void applyPool();
 

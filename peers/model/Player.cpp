@@ -55,26 +55,35 @@ void Player::closeFiles() {
     open_.clear();
 }
 
-void Player::close() {
-    // Open files end with the process that had them open.
-    closeFiles();
-    PlayedStore::close();
-}
-
 void Player::play(int operations) {
     struct Choice {
         int weight;
         void (Player::*operation)();
     };
     static constexpr Choice choices[] = {
-        {90, &Player::create},       {40, &Player::makeDirectory},   {6, &Player::makeSpecial},
-        {14, &Player::makeSymlink},  {30, &Player::makeLink},        {90, &Player::writePath},
-        {90, &Player::writeOpen},    {40, &Player::openFile},        {60, &Player::closeFile},
-        {60, &Player::truncatePath}, {30, &Player::truncateOpen},    {80, &Player::rename},
-        {70, &Player::unlink},       {20, &Player::removeDirectory}, {50, &Player::setAttributes},
-        {30, &Player::setExtended},  {10, &Player::removeExtended},  {4, &Player::outside},
-        {10, &Player::snapshot},     {7, &Player::retire},           {3, &Player::dedup},
+        {90, &Player::create},
+        {40, &Player::makeDirectory},
+        {6, &Player::makeSpecial},
+        {14, &Player::makeSymlink},
+        {30, &Player::makeLink},
+        {90, &Player::writePath},
+        {90, &Player::writeOpen},
+        {40, &Player::openFile},
+        {60, &Player::closeFile},
+        {60, &Player::truncatePath},
+        {30, &Player::truncateOpen},
+        {80, &Player::rename},
+        {70, &Player::unlink},
+        {20, &Player::removeDirectory},
+        {50, &Player::setAttributes},
+        {30, &Player::setExtended},
+        {10, &Player::removeExtended},
+        {4, &Player::outside},
+        {10, &Player::snapshot},
+        {7, &Player::retire},
+        {3, &Player::dedup},
         {1, &Player::reopen},
+        {1, &Player::kill},
     };
     for (; operations > 0; --operations) {
         clock_ += static_cast<std::uint32_t>(pick(3));

@@ -52,7 +52,6 @@ protected:
     virtual void renamed(QByteArray const& /*from*/, Name const& /*to*/) {}
     virtual void linked(QByteArray const& /*from*/, Name const& /*to*/) {}
 
-    void close() override;
     void closeFiles();
 
     // Operations. Each does nothing when the tree has nothing that fits.

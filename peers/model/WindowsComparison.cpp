@@ -119,8 +119,7 @@ private:
         same(path, "owner", wanted.windows.owner.toStdString(), node.owner().toStdString());
         if (wanted.kind == Kind::File)
             same(path, "time", wanted.modified.word(), node.times().modifiedSource);
-        if (reader_.live())
-            same(path, "links", wanted.links, node.linkCount());
+        same(path, "links", wanted.links, node.linkCount());
         auto const parts = wanted.windows.security;
         auto const security = whole(node, Replication::securityStreamName);
         same(path, "security",
@@ -138,8 +137,16 @@ private:
             differs(path, "extended attributes");
     }
 
-    [[nodiscard]] static QByteArray whole(FileNode& node, QString const& name) {
+    [[nodiscard]] std::shared_ptr<Replication::StreamHandle> opened(FileNode& node,
+                                                                    QString const& name) {
         auto const stream = node.openStream(name);
+        if (!stream)
+            differs(name.toUtf8(), stream.status().text().toStdString());
+        return stream ? *stream : nullptr;
+    }
+
+    [[nodiscard]] QByteArray whole(FileNode& node, QString const& name) {
+        auto const stream = opened(node, name);
         QByteArray bytes(stream ? static_cast<qsizetype>(stream->length()) : 0, '\0');
         if (stream)
             (void)stream->read(0, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
@@ -148,8 +155,8 @@ private:
 
     void streams(Object const& wanted, FileNode& node, QByteArray const& path) {
         std::map<QByteArray, QByteArray> stored;
-        for (auto const& each : node.streamList())
-            if (auto const name = each.name.toUtf8(); name.startsWith(':'))
+        for (auto const& each : node.streamNames())
+            if (auto const name = each.toUtf8(); name.startsWith(':'))
                 stored[lower(name)] = name;
         for (auto const& [name, stream] : wanted.windows.streams) {
             same(path, "stream", stream.name.toStdString(), stored[name].toStdString());
@@ -162,7 +169,7 @@ private:
 
     void content(Content const& wanted, FileNode& node, QString const& name,
                  QByteArray const& path) {
-        auto const stream = node.openStream(name);
+        auto const stream = opened(node, name);
         auto const what = stream ? difference(wanted, *stream) : std::string("has no content");
         if (!what.empty())
             differs(path, what);

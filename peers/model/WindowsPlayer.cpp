@@ -44,14 +44,6 @@ WindowsPlayer::~WindowsPlayer() {
     closeQuietly();
 }
 
-void WindowsPlayer::close() {
-    PlayedStore::close();
-    // The numbers end with the process, and what waited for their close is done.
-    finish([](Open const&) { return true; }, true);
-    open_.clear();
-    asked_.clear();
-}
-
 void WindowsPlayer::log(LogType type, Change const& change) {
     builder_.begin(type, ++sequence_).time(clock_);
     change(builder_);
@@ -74,6 +66,7 @@ void WindowsPlayer::play(int operations) {
         {12, &W::renameStream}, {35, &W::link},         {60, &W::unlink},
         {150, &W::closeFile},   {4, &W::askByFilter},   {3, &W::startSnapshot},
         {10, &W::snapshot},     {7, &W::retire},        {2, &W::reopen},
+        {2, &W::kill},
     };
     for (; operations > 0; --operations) {
         // Slow, so that no number that was set aside is forgotten before it is used again.

@@ -50,7 +50,6 @@ private:
     };
     using Change = std::function<void(Replication::LogBuilder&)>;
 
-    void close() override;
     void log(Replication::LogType type, Change const& change);
     /// Logs a path value: of some case in the text, of the spelling in what is preserved.
     void logPath(Replication::LogBuilder& log, Replication::LogField field, Spot const& spot,

@@ -75,9 +75,13 @@ void exclude(CommandLine& line, Arguments const& given) {
         throw CommandFailure(
             ExitCode::Failed,
             "not all that is stored could be brought in line with the entries, and "
-            "nothing was changed; run 'morva check'");
-    sink->handleShutdown();
+            "nothing was changed; run 'morva check': " +
+                applied.text());
+    auto const saved = sink->handleShutdown();
     sink.reset();
+    if (!saved)
+        throw CommandFailure(ExitCode::Failed, "the state of the store " + source.name +
+                                                   " can't be saved: " + saved.text());
     Names const after(*store);
     store.reset();
     root.drain(false);

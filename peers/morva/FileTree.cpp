@@ -2,6 +2,7 @@
 
 #include "base/trace/Trace.h"
 #include "base/values/PosixText.h"
+#include "peers/morva/ExitCode.h"
 #include "replication/common/values/WindowsObject.h"
 #include "replication/repository/store/Directories.h"
 #include "replication/repository/store/DirectoryScan.h"
@@ -36,14 +37,22 @@ QString const attributesStreamName = QString::fromUtf16(Replication::PosixStream
 /// A larger stream of anything but content is damage: Linux bounds what one file can have.
 constexpr std::uint64_t maximumSmallStream = 16 * 1024 * 1024;
 
+/// The value of a look-up; ends the command when it failed.
+template <class Value> Value valueOf(Result<Value> result, QString const& what) {
+    if (result.ok())
+        return *std::move(result);
+    throw CommandFailure(ExitCode::Failed, result.status().during(what).text() +
+                                               QStringLiteral("; run \"morva check\""));
+}
+
 /// The whole of a small stream; empty when the object has none.
 std::optional<QByteArray> readSmall(FileNode& node, QString const& name) {
-    auto const stream = node.openStream(name);
-    if (!stream) {
-        if (node.exists(name))
-            return std::nullopt;
+    auto const opened = node.openStream(name);
+    if (!opened)
+        return std::nullopt;
+    auto const& stream = *opened;
+    if (!stream)
         return QByteArray();
-    }
     auto const length = stream->length();
     if (length > maximumSmallStream) {
         MORVA_TRACE(Always) << "Stream" << name << "of node" << node.id() << "is too long";
@@ -62,19 +71,24 @@ FileTree::Entry FileTree::root() const {
 }
 
 NodeNumber FileTree::nodeNumber(FileId id) const {
-    return id ? store_->fileNode(id, instance_) : NodeNumber{};
+    return id ? valueOf(store_->fileNode(id, instance_), QStringLiteral("look for a version"))
+              : NodeNumber{};
 }
 
 FileNode::Pointer FileTree::node(FileId id) const {
-    return store_->passiveHandles().get(nodeNumber(id));
+    auto const number = id ? store_->fileNode(id, instance_) : NodeNumber{};
+    auto const found = number ? store_->passiveHandles().get(*number) : FileNode::Pointer();
+    return found ? *found : nullptr;
 }
 
 std::optional<FileTree::Entry> FileTree::find(QStringList const& path) const {
     auto parts = path;
     parts.removeAll(QStringLiteral("."));
     Entry at = root();
+    auto const what = [&] { return QStringLiteral("look for ") + parts.join(u'/'); };
     if (live()) {
-        auto const located = store_->directories().locate(parts, PathMode::DoNotBuildPath);
+        auto const located =
+            valueOf(store_->directories().locate(parts, PathMode::DoNotBuildPath), what());
         if (!located.found)
             return std::nullopt;
         if (!located.key.isRoot())
@@ -83,7 +97,8 @@ std::optional<FileTree::Entry> FileTree::find(QStringList const& path) const {
         return at;
     }
     for (auto const& part : parts) {
-        auto const item = store_->snapshotDirectories().findItem(at.id, instance_, part);
+        auto const item =
+            valueOf(store_->snapshotDirectories().findItem(at.id, instance_, part), what());
         if (!item || item->liveOnly)
             return std::nullopt;
         at = {part, item->fileId, item->link, item->type == Replication::directoryType};
@@ -170,7 +185,7 @@ std::optional<ObjectAttributes> FileTree::attributes(FileNode& node) {
     if (!record)
         return std::nullopt;
     ObjectAttributes result;
-    // A version that has ended counts its names no more.
+    // Versions that ended under older programs count no names.
     result.links = node.linkCount() == 0 && node.notLinked() ? 1 : node.linkCount();
     if (auto const security = PosixSecurity::decode(Extent(*record)))
         result.security = *security;
@@ -213,13 +228,16 @@ std::optional<PosixAttributes> FileTree::extendedAttributes(FileNode& node) {
 }
 
 std::shared_ptr<StreamHandle> FileTree::content(FileNode& node) {
-    return node.openStream(Replication::dataStreamName);
+    auto const opened = node.openStream(Replication::dataStreamName);
+    return opened ? *opened : nullptr;
 }
 
 std::uint64_t FileTree::size(FileNode& node, ObjectAttributes const& attributes) {
     if (S_ISREG(attributes.security.mode))
-        return node.size();
-    return S_ISLNK(attributes.security.mode) ? node.size(linkStreamName) : 0;
+        return valueOf(node.size(), QStringLiteral("read a size"));
+    return S_ISLNK(attributes.security.mode)
+               ? valueOf(node.size(linkStreamName), QStringLiteral("read a size"))
+               : 0;
 }
 
 QByteArray nameBytes(QString const& name) {

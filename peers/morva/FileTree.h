@@ -63,8 +63,10 @@ public:
     /// The node of a file in this tree; 0 when it isn't there. Two trees with the same node have
     /// the same version of the file; of a directory that tells of its names alone.
     [[nodiscard]] Replication::NodeNumber nodeNumber(Replication::FileId id) const;
+    /// Null when it isn't there or can't be read.
     [[nodiscard]] Replication::FileNode::Pointer node(Replication::FileId id) const;
-    /// The entry at a path, "." left out; nothing when there is none.
+    /// The entry at a path, "." left out; nothing when there is none. Ends the command, as
+    /// `nodeNumber` and `size` do, when that can't be told.
     [[nodiscard]] std::optional<Entry> find(QStringList const& path) const;
 
     /// Calls for each name in a directory, in the order in which they are stored, until the

@@ -107,6 +107,10 @@ QString replaySummary(Replay::Counts const& counts, double seconds) {
                     .arg(counts.old);
     if (counts.failed != 0)
         text += QStringLiteral("; %1 failed").arg(counts.failed);
+    if (counts.unknown != 0)
+        text += QStringLiteral("; %1 change files that aren't known to be open, and are not in the "
+                               "store")
+                    .arg(counts.unknown);
     return text;
 }
 

@@ -24,6 +24,7 @@ void Replay::apply(LogPointer const& log) {
     case DataSink::Outcome::Forgiven:
         ++counts_.logs;
         counts_.bytes += log->body().size;
+        counts_.unknown = sink_->unknownHandleLogs();
         root_.checkpointIfDue();
         return;
     case DataSink::Outcome::AlreadyReplicated:
@@ -34,6 +35,9 @@ void Replay::apply(LogPointer const& log) {
                                                               "loaded")
                                                    .arg(log->ruleSet())
                                                    .arg(log->sequenceNumber()));
+    case DataSink::Outcome::Jumped:
+        throw CommandFailure(ExitCode::Failed, sink_->failure().text());
+    case DataSink::Outcome::NoSpace:
     case DataSink::Outcome::Failed:
         break;
     }
@@ -68,14 +72,29 @@ QString Replay::readAll(LogReadAhead& input, std::uint64_t size) {
         if (header.type() == LogHeader::Notification)
             continue;
         auto const log = pool_.acquire();
-        if (!log->receive(input.io(), header))
-            return broken("is torn or damaged");
-        apply(log);
+        auto const body = input.position();
+        if (log->receive(input.io(), header))
+            apply(log);
+        else if (input.position() - body == header.bodySize())
+            refuseDamaged(header, start);
+        else
+            return broken("is torn");
         output_.progress(input.position(), size, counts_.logs);
     }
     if (input.lastError() != 0)
         return QStringLiteral("can't read the log: ") + std::strerror(input.lastError());
     return {};
+}
+
+/// The next log begins where it should, so that only this one is lost.
+void Replay::refuseDamaged(LogHeader const& header, std::uint64_t start) {
+    ++counts_.failed;
+    sink_->sendNak(header.sequenceNumber());
+    sink_->sendResyncRequired(QStringLiteral("failed to decode log"), true, 4);
+    output_.error(QStringLiteral("log %1, which begins at byte %2, is damaged and was not applied; "
+                                 "the store needs a replication of the whole source")
+                      .arg(header.sequenceNumber())
+                      .arg(start));
 }
 
 void Replay::levelWithSource() {
@@ -84,7 +103,9 @@ void Replay::levelWithSource() {
 }
 
 void Replay::end() {
-    sink_->handleShutdown();
+    if (auto const saved = sink_->handleShutdown(); !saved)
+        throw CommandFailure(ExitCode::Failed,
+                             "how far the store has come can't be saved: " + saved.text());
 }
 
 } // namespace Morva

@@ -21,6 +21,7 @@ public:
         std::uint64_t bytes = 0; ///< of log bodies
         std::uint64_t old = 0;   ///< passed over: the store has had them
         std::uint64_t failed = 0;
+        std::uint64_t unknown = 0;    ///< of those applied, on files that aren't known to be open
         std::uint64_t lastNumber = 0; ///< of the last log that was given
     };
 
@@ -31,15 +32,16 @@ public:
     /// last checkpoint is not to be kept.
     void apply(Replication::LogPointer const& log);
     /// Applies logs from a file or pipe, of that many bytes if it isn't 0, until its clean end or
-    /// an interruption. The text of what else ended it: a torn or damaged log; empty if nothing
-    /// did. What came before is applied.
+    /// an interruption. The text of what else ended it: a torn log or a damaged header; empty if
+    /// nothing did. What came before is applied. A damaged body is told and counted as failed, and
+    /// the next log comes.
     [[nodiscard]] QString readAll(Replication::LogReadAhead& input, std::uint64_t size = 0);
     /// Saves the sink's state.
     void end();
 
     [[nodiscard]] Counts const& counts() const { return counts_; }
     /// The number of the last log that the store has taken.
-    [[nodiscard]] std::uint64_t position() const { return sink_->ackSequence(); }
+    [[nodiscard]] std::uint64_t position() const { return sink_->position(); }
     /// The directory of the source that the store holds, as the rules in force have it.
     [[nodiscard]] QString const& sourceRoot() const { return sink_->sourceRoot(); }
     /// The paths of the store that the logs asked to be resynchronised, so far.
@@ -48,6 +50,8 @@ public:
     void levelWithSource();
 
 private:
+    void refuseDamaged(Replication::LogHeader const& header, std::uint64_t start);
+
     Root& root_;
     Output& output_;
     std::unique_ptr<Replication::Sink> sink_;

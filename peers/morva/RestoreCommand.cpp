@@ -75,7 +75,9 @@ void addSizes(NamedObject const& object, SizeCount::Add const& add) {
         if (!goOn || !entry.id || entry.isDirectory)
             return goOn;
         auto const node = object.tree.node(entry.id);
-        goOn = !node || add(node->size());
+        // What can't be told doesn't count; the restore says so where it matters.
+        auto const size = node ? node->size() : Result<std::uint64_t>(std::uint64_t{0});
+        goOn = add(size.ok() ? *size : 0);
         return goOn;
     });
 }

@@ -361,10 +361,10 @@ TEST_F(RestorerTest, HostileNamesReachNothingAndARingEnds) {
     });
     // What no log can say, but a damaged or forged store can.
     auto& directories = store()->directories();
-    auto const located = directories.locate({"dir"}, PathMode::DoNotBuildPath);
-    auto const good = directories.locate({"good"}, PathMode::DoNotBuildPath);
+    auto const located = *directories.locate({"dir"}, PathMode::DoNotBuildPath);
+    auto const good = *directories.locate({"good"}, PathMode::DoNotBuildPath);
     ASSERT_TRUE(located.found && good.found);
-    auto const handle = store()->activeHandles().get(located.key.fileId());
+    auto const handle = *store()->activeHandles().get(located.key.fileId());
     auto const insert = [&](QString const& name, FileId id, std::uint32_t type) {
         auto key = directories.key(located.key.fileId(), name, type);
         key.fileId(id);

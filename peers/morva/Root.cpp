@@ -1,22 +1,18 @@
 #include "peers/morva/Root.h"
 
-#include "base/files/RawFile.h"
+#include "base/files/FileSystem.h"
 #include "base/process/Config.h"
 #include "base/process/Context.h"
 #include "base/process/FixedPath.h"
 #include "base/trace/Log.h"
 #include "base/trace/Trace.h"
 #include "peers/morva/Failure.h"
+#include "replication/repository/store/SavedState.h"
 #include "replication/repository/store/Store.h"
 #include "replication/repository/streams/OperationGate.h"
 
-#include <QDir>
 #include <QFile>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <utility>
 
 namespace Morva {
@@ -59,12 +55,10 @@ void setRoot(QString const& path) {
 
 /// Whether a name is there. What the system can't say is neither yes nor no.
 bool isThere(QString const& name) {
-    struct stat status {};
-    if (::lstat(QFile::encodeName(name).constData(), &status) == 0)
-        return true;
-    if (errno == ENOENT)
-        return false;
-    throw commandFailure("can't look for " + name, Status::fromErrno(errno, "look at", name));
+    auto const found = FileSystem::inForce().exists(name);
+    if (!found.ok())
+        throw commandFailure("can't look for " + name, found.status());
+    return *found;
 }
 
 /// The file that each store has.
@@ -73,8 +67,8 @@ QString filesOf(Source const& source) {
 }
 
 void makePath(QString const& path) {
-    if (!QDir().mkpath(path))
-        throw CommandFailure(ExitCode::Failed, "can't make the directory " + path);
+    if (auto const status = FileSystem::inForce().makeDirectory(path); !status)
+        throw commandFailure("can't make the directory " + path, status);
 }
 
 void save(char const* name, XmlList const& list) {
@@ -153,7 +147,7 @@ std::unique_ptr<Journal> Root::openJournal() {
     if (!journal)
         throw CommandFailure(ExitCode::Failed,
                              "the journal in " + directory + " can't be read or carried out");
-    return journal;
+    return *std::move(journal);
 }
 
 void Root::findStores() {
@@ -273,14 +267,16 @@ void Root::erase(QString const& name, bool deactivate) {
                                                        " could be erased: " + erased.text() +
                                                        "; repeat the command");
     }
-    if (isThere(stateFile(source)) && !RawFile::remove(stateFile(source)))
-        throw CommandFailure(ExitCode::Failed, "can't remove " + stateFile(source));
+    auto& files = FileSystem::inForce();
+    if (auto const status = files.removeIfThere(stateFile(source)); !status)
+        throw commandFailure("can't remove " + stateFile(source), status);
     drain(false);
     checkpoint();
     // Until a checkpoint its files are kept aside in it.
-    if (isThere(directory) && ::rmdir(QFile::encodeName(directory).constData()) != 0)
-        throw commandFailure("the store " + name + " is erased, but its directory stays",
-                             Status::fromErrno(errno, "remove", directory));
+    if (isThere(directory))
+        if (auto const status = files.removeDirectory(directory); !status)
+            throw commandFailure("the store " + name + " is erased, but its directory stays",
+                                 status);
     // The name goes last: until the rest is kept, the store must be there to be named.
     sources_.remove(source.id);
 }
@@ -310,9 +306,9 @@ std::unique_ptr<Sink> Root::sink(Source const& source) {
     identity.stateFile = stateFile(source);
     identity.ruleSet = ruleSet();
     auto sink = makeSink(source.kind, identity, ReplayId{source.id}, target, streams_);
-    if (!sink->start())
+    if (auto const started = sink->start(); !started)
         throw CommandFailure(ExitCode::Failed,
-                             "the rules of the store " + source.name + " can't be loaded");
+                             "the store " + source.name + " takes no logs: " + started.text());
     return sink;
 }
 
@@ -384,6 +380,8 @@ void Root::checkpoint() {
         throw notWritten();
     lastCheckpoint_ = std::chrono::steady_clock::now();
     keep(openStores());
+    for (auto const& store : std::as_const(open_))
+        store->saved().durable();
 }
 
 void Root::checkpointIfDue() {

@@ -136,7 +136,7 @@ void analyze(CommandLine& line, Arguments const& given) {
     auto const snapshot = [&] {
         auto const store = root.store(source);
         auto const instance = snapshotNamed(*store, argumentText(given.snapshot));
-        return store->fileHandle(store->rootId(), instance, FileHandle::Snapshot);
+        return *store->fileHandle(store->rootId(), instance, FileHandle::Snapshot);
     }();
     SnapshotAnalysis analysis(snapshot);
     walk(line.output, analysis);

@@ -4,6 +4,8 @@
 #include "base/trace/Log.h"
 #include "base/trace/Trace.h"
 
+#include <QFile>
+
 #include <algorithm>
 #include <limits>
 #include <mutex>
@@ -12,6 +14,7 @@ namespace Replication {
 
 using Morva::LogLevelE;
 using Morva::LogLine;
+using Morva::Status;
 using Morva::XmlList;
 
 namespace {
@@ -25,25 +28,38 @@ bool isMessage(LogEntry const& log, DataSink::MessageType type) {
 } // namespace
 
 DataSink::DataSink(Identity identity)
-    : identity_(std::move(identity)), stateFile_(identity_.stateFile) {
-    stateFile_.readHeader();
-    if (!stateFile_.valid() && stateFile_.isOpen()) {
-        MORVA_TRACE(Always) << "Unable to read existing state file" << identity_.stateFile;
-        LogLine(logSource, LogLevelE::Error) << "Unable to read existing state file";
-    }
-    if (!stateFile_.valid() && !stateFile_.create()) {
-        MORVA_TRACE(Always) << "Fatal error, unable to create state file" << identity_.stateFile;
-        LogLine(logSource, LogLevelE::Error) << "Fatal error, unable to create state file";
+    : identity_(std::move(identity)), stateFile_(identity_.stateFile), failure_(openState()) {
+    if (!failure_)
         return;
-    }
     valid_ = true;
-    ackSequence_ = stateFile_.sequenceNumber();
+    applied_ = durable_ = saved_ = stateFile_.sequenceNumber();
     needsResync_ = stateFile_.flags() & StateFile::resyncFlag;
 }
 
 DataSink::~DataSink() = default;
 
-bool DataSink::start() {
+/// A file that is there and can't be read is left as it is: it knows what the store holds, and a
+/// new one would have all of it come again, or nothing.
+Status DataSink::openState() {
+    auto const exists = QFile::exists(identity_.stateFile);
+    if (exists)
+        stateFile_.readHeader();
+    if (exists && !stateFile_.valid()) {
+        MORVA_TRACE(Always) << "Unable to read existing state file" << identity_.stateFile;
+        LogLine(logSource, LogLevelE::Error) << "Unable to read existing state file";
+        return Status::corruption("read state", identity_.stateFile,
+                                  QStringLiteral("it can't be read, so how far the store has come "
+                                                 "isn't known; run 'morva check', and bring the "
+                                                 "file back from a copy of the repository"));
+    }
+    if (exists || stateFile_.create())
+        return {};
+    MORVA_TRACE(Always) << "Fatal error, unable to create state file" << identity_.stateFile;
+    LogLine(logSource, LogLevelE::Error) << "Fatal error, unable to create state file";
+    return Status::failure(Status::Code::IoError, "create state", identity_.stateFile);
+}
+
+Status DataSink::start() {
     MORVA_METHOD("start");
     setupThread();
     if (!valid_ || !stateFile_.open(Morva::RawFile::Mode::ReadWrite)) {
@@ -51,13 +67,23 @@ bool DataSink::start() {
         line(LogLevelE::Error) << "Failed to open state file '%1s' for update"
                                << identity_.stateFile;
         valid_ = false;
-        return scope.result(false);
+        return failure_ ? Status::failure(Status::Code::IoError, "open state", identity_.stateFile)
+                        : failure_;
     }
     // Rules with another target cut the saved exclusions off.
-    loadState();
-    rulesLoaded_ = ackSequence_ != 0 ? startWithState() : startWithoutState();
+    if (auto loaded = loadState(); !loaded) {
+        valid_ = false;
+        return loaded;
+    }
+    rulesLoaded_ = applied_ != 0 ? startWithState() : startWithoutState();
+    // What a process before this one could not apply to the store.
+    if (rulesLoaded_ && (stateFile_.flags() & StateFile::exclusionsFlag) != 0)
+        MORVA_TRY(applyExclusions());
     forceAck();
-    return scope.result(rulesLoaded_);
+    return rulesLoaded_ ? Status()
+                        : Status::failure(
+                              Status::Code::Busy, "load rules", {},
+                              QStringLiteral("rule set %1 can't be loaded").arg(identity_.ruleSet));
 }
 
 bool DataSink::startWithState() {
@@ -101,11 +127,12 @@ bool DataSink::startWithoutState() {
     return loaded;
 }
 
-void DataSink::handleShutdown() {
+Status DataSink::handleShutdown() {
     MORVA_TRACE(Normal) << "shutdown datasink" << identity_.name;
-    saveState();
+    auto saved = saveState();
     closeAllFiles();
     stateFile_.close();
+    return saved;
 }
 
 bool DataSink::takeLogs(LogList& logs) {
@@ -121,7 +148,8 @@ bool DataSink::takeLogs(LogList& logs) {
     };
     auto log = oldest();
     while (log && left > 0 && !paused_) {
-        if (takeLog(log) == Outcome::Waiting)
+        auto const outcome = takeLog(log);
+        if (outcome == Outcome::Waiting || outcome == Outcome::NoSpace)
             break;
         (void)logs.take();
         --left;
@@ -136,6 +164,9 @@ bool DataSink::takeLogs(LogList& logs) {
 DataSink::Outcome DataSink::takeLog(LogPointer const& log) {
     MORVA_TRACE(Debug) << "Received a binary log message sequence number" << log->sequenceNumber()
                        << "using rule set" << log->ruleSet() << "timestamp" << log->time();
+    // A state file that can't be read stays as it is.
+    if (!valid_)
+        return Outcome::Waiting;
     if (log->ruleSet() > stateFile_.ruleSet()) {
         if (!changeRules(*log))
             return Outcome::Waiting;
@@ -143,10 +174,29 @@ DataSink::Outcome DataSink::takeLog(LogPointer const& log) {
     }
     if (!rulesLoaded_ && !(rulesLoaded_ = loadRules(identity_.ruleSet)))
         return Outcome::Waiting;
-    if (log->sequenceNumber() > ackSequence_)
+    if (log->sequenceNumber() > applied_)
         return handleLog(log);
     MORVA_TRACE(Normal) << "Already replicated sequence id" << log->sequenceNumber();
     return Outcome::AlreadyReplicated;
+}
+
+/// Whether a log's number can be that of the next one.
+bool DataSink::follows(LogEntry const& log) {
+    auto const sequence = log.sequenceNumber();
+    if (applied_ == 0 ? sequence <= maximumFirst : sequence - applied_ <= maximumJump)
+        return true;
+    failure_ = Status::failure(
+        Status::Code::InvalidArgument, "take log", identity_.target,
+        QStringLiteral("its sequence number %1 is too far beyond %2, that of the last log: the log "
+                       "is damaged, or comes from another source")
+            .arg(sequence)
+            .arg(applied_));
+    MORVA_TRACE(Always) << failure_.text();
+    line(LogLevelE::Error) << "A log of %1m to %2s is refused: its sequence number %3s is too far "
+                              "beyond the position %4s"
+                           << identity_.sourceMachine << identity_.target
+                           << QString::number(sequence) << QString::number(applied_);
+    return false;
 }
 
 bool DataSink::changeRules(LogEntry const& log) {
@@ -182,9 +232,10 @@ std::size_t DataSink::moveOpenToClosed(std::uint32_t time) {
     return moved;
 }
 
-void DataSink::dropHandles() {
+Status DataSink::dropHandles() {
     openHandles_.clear();
     dropClosedHandles();
+    return {};
 }
 
 void DataSink::dropClosedHandles() {
@@ -207,13 +258,16 @@ void DataSink::dropExpiredHandles(std::uint32_t time) {
 }
 
 DataSink::Outcome DataSink::handleLog(LogPointer const& log) {
-    if (!valid_)
-        return Outcome::Waiting;
+    if (log->sequenceNumber() > applied_ && !follows(*log)) {
+        sendNak(log->sequenceNumber());
+        return Outcome::Jumped;
+    }
+    changed_ = true;
     dropExpiredHandles(log->time());
     currentLog_ = log;
-    auto taken = true;
+    failure_ = {};
     if (log->type() == LogType::Message)
-        taken = messageLog(*log);
+        failure_ = messageLog(*log);
     else if (log->type() == LogType::PolicyEvent)
         policyLog();
     if (state_ == eRunningDuringSnapshot && isMessage(*log, EndOfSnapshot) &&
@@ -222,18 +276,17 @@ DataSink::Outcome DataSink::handleLog(LogPointer const& log) {
         endSnapshotSequence_ = 0;
         state(eRunning);
     }
-    auto const outcome = replayLog(log, taken);
+    auto const outcome = replayLog(log);
     currentLog_.reset();
     return outcome;
 }
 
-/// False when the exclusions that the log brings could not be applied.
-bool DataSink::messageLog(LogEntry const& log) {
+Status DataSink::messageLog(LogEntry const& log) {
     if (isMessage(log, PingTest)) {
         MORVA_TRACE(Normal) << "Got BINARY_LOG_PING_TEST";
     } else if (isMessage(log, SourceStarted)) {
         closeAllFiles();
-        dropHandles();
+        MORVA_TRY(dropHandles());
     } else if (isMessage(log, StartOfSnapshot)) {
         closeAllFiles();
         if (auto const moved = moveOpenToClosed(log.time()); moved != 0)
@@ -241,9 +294,9 @@ bool DataSink::messageLog(LogEntry const& log) {
     }
     auto const exclusions = isMessage(log, SourceStarted) || isMessage(log, NotToBackupDetails);
     if (!exclusions || (state_ != eRunning && state_ != eValidate) || log.data().size == 0)
-        return true;
+        return {};
     auto const details = XmlList::fromBinary(log.data());
-    return !details || takeExclusions(*details, log.data().toByteArray());
+    return details ? takeExclusions(*details, log.data().toByteArray()) : Status();
 }
 
 void DataSink::policyLog() {
@@ -256,88 +309,135 @@ void DataSink::policyLog() {
         requestResync(QStringLiteral("Partial"), {});
 }
 
-bool DataSink::exclude(Morva::Extent const& details) {
+Status DataSink::exclude(Morva::Extent const& details) {
     auto const list = XmlList::fromBinary(details);
-    return list && takeExclusions(*list, details.toByteArray());
+    if (!list)
+        return Status::failure(Status::Code::InvalidArgument, "exclude", identity_.target,
+                               QStringLiteral("the details can't be read"));
+    changed_ = true;
+    return takeExclusions(*list, details.toByteArray());
 }
 
-bool DataSink::takeExclusions(XmlList const& details, QByteArray bytes) {
+Status DataSink::takeExclusions(XmlList const& details, QByteArray bytes) {
     MORVA_TRACE(Normal) << "NotToBackup details" << bytes.size();
-    if (bytes == exclusions_)
-        return true;
+    auto const waiting = (stateFile_.flags() & StateFile::exclusionsFlag) != 0;
+    if (bytes == exclusions_ && !waiting)
+        return {};
     notToBackup_ = NotToBackup(details, caseSensitive_);
-    exclusionsFailed_ = false;
-    exclusionsChanged();
-    // What was not applied is not saved either, so that the same details are taken again.
-    exclusions_ = exclusionsFailed_ ? QByteArray() : std::move(bytes);
-    saveState();
-    return !exclusionsFailed_;
+    exclusions_ = std::move(bytes);
+    MORVA_TRY(saveExclusions());
+    return applyExclusions();
 }
 
-void DataSink::loadState() {
+/// Until all that is stored has been gone through, the state file says that it is still to be done.
+Status DataSink::applyExclusions() {
+    auto const mark = [this](bool set) {
+        return stateFile_.flag(StateFile::exclusionsFlag, set)
+                   ? Status()
+                   : Status::failure(Status::Code::IoError, "write state", identity_.stateFile);
+    };
+    MORVA_TRY(mark(true));
+    MORVA_TRY(exclusionsChanged());
+    return mark(false);
+}
+
+Status DataSink::loadState() {
     auto const bytes = stateFile_.details();
     if (bytes.isEmpty())
-        return;
+        return {};
     if (auto const details = XmlList::fromBinary(bytes)) {
         exclusions_ = bytes;
         notToBackup_ = NotToBackup(*details, caseSensitive_);
     }
+    return {};
 }
 
-void DataSink::saveState() {
-    if (!exclusions_.isEmpty() && !stateFile_.details(exclusions_))
-        MORVA_TRACE(Always) << "Failed to save exclusions in" << identity_.stateFile;
+Status DataSink::saveExclusions() {
+    if (exclusions_.isEmpty() || stateFile_.details(exclusions_))
+        return {};
+    MORVA_TRACE(Always) << "Failed to save exclusions in" << identity_.stateFile;
+    return Status::failure(Status::Code::IoError, "save exclusions", identity_.stateFile);
 }
 
-DataSink::Outcome DataSink::replayLog(LogPointer const& log, bool taken) {
-    if (replay(log) && taken) {
-        ackLog(log->sequenceNumber(), log->body().size);
-        return Outcome::Applied;
+Status DataSink::saveState() {
+    return savePosition();
+}
+
+Status DataSink::savePosition() {
+    if (!valid_ || !changed_)
+        return {};
+    auto const bytes = stateFile_.bytesProcessed();
+    if (!stateFile_.sequenceNumber(applied_, bytes + bytes_)) {
+        line(LogLevelE::Error) << "Failed to write to state file";
+        (void)stateFile_.sequenceNumber(saved_, bytes); // the next checkpoint tries again
+        return Status::failure(Status::Code::IoError, "write state", identity_.stateFile);
     }
-    if (state_ == eRunningDuringSnapshot) {
-        MORVA_TRACE(Normal) << "A file operation failed during a snapshot, ignore failure";
-        ackLog(log->sequenceNumber(), log->body().size);
-        return Outcome::Forgiven;
+    saved_ = applied_;
+    bytes_ = 0;
+    changed_ = false;
+    return {};
+}
+
+void DataSink::acknowledge() {
+    {
+        std::unique_lock lock(stateLock_);
+        if (saved_ <= durable_)
+            return;
+        durable_ = saved_;
     }
     if (ackMode_ == AckToSource)
-        sendNak(log->sequenceNumber());
+        sendAck(saved_);
+}
+
+DataSink::Outcome DataSink::replayLog(LogPointer const& log) {
+    if (failure_)
+        failure_ = replay(log);
+    if (failure_) {
+        move(log->sequenceNumber(), log->body().size);
+        return Outcome::Applied;
+    }
+    if (failure_.is(Status::Code::NoSpace)) {
+        MORVA_TRACE(Always) << "No space is left, the sink pauses" << failure_.text();
+        line(LogLevelE::Error) << "Replication from %1m to %2s pauses: no space is left"
+                               << identity_.sourceMachine << identity_.target;
+        pause();
+        return Outcome::NoSpace;
+    }
+    auto const unfitting =
+        failure_.is(Status::Code::InvalidArgument) || failure_.is(Status::Code::NotFound);
+    if (state_ == eRunningDuringSnapshot && unfitting) {
+        MORVA_TRACE(Normal) << "A file operation failed during a snapshot, ignore failure";
+        move(log->sequenceNumber(), log->body().size);
+        return Outcome::Forgiven;
+    }
+    return refuse(*log);
+}
+
+DataSink::Outcome DataSink::refuse(LogEntry const& log) {
+    if (ackMode_ == AckToSource)
+        sendNak(log.sequenceNumber());
     else
-        setAck(log->sequenceNumber());
+        move(log.sequenceNumber(), 0);
     MORVA_TRACE(Always) << "A file operation failed, ask to perform a resync";
-    sendResyncRequired(QStringLiteral("File operation failed"), true, 4);
+    auto const partial = askForPathsOf(log);
+    sendResyncRequired(QStringLiteral("File operation failed"), !partial, 4);
     return Outcome::Failed;
 }
 
-void DataSink::ackLog(std::uint64_t sequence, std::uint64_t size) {
-    if (sequence <= ackSequence_)
-        return;
-    bool written = false;
-    {
-        std::unique_lock lock(stateLock_);
-        ackSequence_ = sequence;
-        written = stateFile_.sequenceNumber(sequence, stateFile_.bytesProcessed() + size);
-    }
-    if (!written)
-        line(LogLevelE::Error) << "Failed to write to state file";
-    if (ackMode_ == AckToSource)
-        sendAck(sequence);
-}
-
-void DataSink::setAck(std::uint64_t sequence) {
-    MORVA_TRACE(Normal) << "Ack set to" << sequence;
-    if (sequence <= ackSequence_)
+/// The applied position moves to a log, and never back.
+void DataSink::move(std::uint64_t sequence, std::uint64_t size) {
+    bytes_ += size;
+    if (sequence <= applied_)
         return;
     std::unique_lock lock(stateLock_);
-    ackSequence_ = sequence;
-    if (!stateFile_.sequenceNumber(sequence))
-        line(LogLevelE::Error) << "Failed to write to state file";
+    applied_ = sequence;
 }
 
 void DataSink::forceAck() {
-    if (ackSequence_ == 0)
+    if (durable_ == 0)
         return;
-    MORVA_TRACE(Normal) << "Force Ack" << ackSequence_;
-    sendAck(ackSequence_);
+    MORVA_TRACE(Normal) << "Force Ack" << durable_;
+    sendAck(durable_);
 }
 
 DataSink::State DataSink::state() const {
@@ -345,9 +445,14 @@ DataSink::State DataSink::state() const {
     return state_;
 }
 
-std::uint64_t DataSink::ackSequence() const {
+std::uint64_t DataSink::position() const {
     std::shared_lock lock(stateLock_);
-    return ackSequence_;
+    return applied_;
+}
+
+std::uint64_t DataSink::durablePosition() const {
+    std::shared_lock lock(stateLock_);
+    return durable_;
 }
 
 void DataSink::state(State next) {
@@ -356,15 +461,17 @@ void DataSink::state(State next) {
         startResync();
     if (next == eRunning && (before == eRunningDuringSnapshot || before == eResyncNeedCompletedMsg))
         endResync();
-    if (next == eRunning && before >= eRunningDuringSnapshot && before <= eResyncNeedEndLog)
+    if (next == eRunning && before >= eRunningDuringSnapshot && before <= eResyncNeedEndLog) {
         resyncPaths_.clear();
+        resyncPathsFull_ = false;
+    }
     std::unique_lock lock(stateLock_);
     state_ = next;
 }
 
 void DataSink::needsResync(bool value) {
     needsResync_ = value;
-    if (!stateFile_.flag(StateFile::resyncFlag, value))
+    if (valid_ && !stateFile_.flag(StateFile::resyncFlag, value))
         MORVA_TRACE(Always) << "Failed to update flags" << identity_.stateFile;
 }
 
@@ -442,8 +549,22 @@ bool DataSink::addResyncPath(QString const& path, bool first) {
             return false;
         break;
     }
+    changed_ = true;
+    if (resyncPathsFull_ || resyncPaths_.contains(path))
+        return false;
+    if (resyncPaths_.size() >= maximumResyncPaths) {
+        resyncPathsFull_ = true;
+        resyncPaths_.clear();
+        sendResyncRequired(QStringLiteral("Too many paths are to be resynchronized"), true, 3);
+        return false;
+    }
     resyncPaths_.insert(path);
-    return true;
+    if (resyncPaths_.size() == resyncPathsTold + 1)
+        line(LogLevelE::Notice) << "More than %1s paths of %2m are to be resynchronized to %3s; "
+                                   "further ones are not told one by one"
+                                << QString::number(resyncPathsTold) << identity_.sourceMachine
+                                << identity_.target;
+    return resyncPaths_.size() <= resyncPathsTold;
 }
 
 } // namespace Replication

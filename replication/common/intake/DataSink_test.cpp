@@ -32,11 +32,19 @@ public:
         loaded.push_back(ruleSet);
         return !unloadable.contains(ruleSet) && stateFile().ruleSet(ruleSet);
     }
-    bool replay(LogPointer const& log) override {
+    Morva::Status replay(LogPointer const& log) override {
         replayed.push_back(log->sequenceNumber());
         if (log->sequenceNumber() == pauseAt)
             pause();
-        return !failing.contains(log->sequenceNumber());
+        return failing.contains(log->sequenceNumber())
+                   ? Morva::Status::failure(failsWith, "apply log", "store")
+                   : Morva::Status();
+    }
+    bool askForPathsOf(LogEntry const&) override { return pathsKnown; }
+    /// A checkpoint.
+    void checkpoint() {
+        EXPECT_TRUE(savePosition());
+        acknowledge();
     }
     void sendAck(std::uint64_t sequence) override { acks.push_back(sequence); }
     void sendNak(std::uint64_t sequence) override { naks.push_back(sequence); }
@@ -49,15 +57,18 @@ public:
     bool batchMode() const override { return batch; }
     void policyEvent(LogEntry const&) override {}
     void unstalled() override { ++unstalls; }
-    void exclusionsChanged() override {
+    Morva::Status exclusionsChanged() override {
         ++exclusionChanges;
-        if (failExclusions)
-            exclusionsFailed();
+        return failExclusions
+                   ? Morva::Status::failure(Morva::Status::Code::IoError, "exclude", "store")
+                   : Morva::Status();
     }
     std::uint32_t closedGracePeriod() const override { return grace; }
 
     std::set<std::uint32_t> unloadable;
     std::set<std::uint64_t> failing;
+    Morva::Status::Code failsWith = Morva::Status::Code::InvalidArgument;
+    bool pathsKnown = false;
     std::uint64_t pauseAt = 0;
     bool batch = false;
     std::uint32_t grace = 100;
@@ -153,25 +164,56 @@ TEST_F(DataSinks, OldSequencesAreDroppedAndGapsAreNot) {
     EXPECT_EQ(sink->takeLog(close(4)), Outcome::AlreadyReplicated);
     EXPECT_EQ(sink->takeLog(close(9)), Outcome::Applied);
     EXPECT_EQ(sink->replayed, (Numbers{5, 9}));
-    EXPECT_EQ(sink->acks, (Numbers{5, 9}));
+    EXPECT_TRUE(sink->acks.empty());
+    sink->checkpoint();
+    sink->checkpoint(); // nothing new
+    EXPECT_EQ(sink->acks, (Numbers{9}));
     StateFile file(path());
     file.readHeader();
     EXPECT_EQ(file.sequenceNumber(), 9U);
     EXPECT_EQ(file.bytesProcessed(), 2 * std::uint64_t{close(5)->body().size});
 }
 
-TEST_F(DataSinks, RestartGoesOnBehindTheLastAcknowledgement) {
+TEST_F(DataSinks, OnlyWhatACheckpointHoldsIsAcknowledged) {
     {
         auto const sink = started();
         sink->needsResync(false);
         EXPECT_EQ(sink->takeLog(close(5)), Outcome::Applied);
+        sink->checkpoint();
+        EXPECT_EQ(sink->takeLog(close(6)), Outcome::Applied);
+        // Rules change: the forced acknowledgement names what is durable, too.
+        EXPECT_EQ(sink->takeLog(close(7, 2)), Outcome::Applied);
+        EXPECT_EQ(sink->acks, (Numbers{5, 5}));
+        EXPECT_EQ(sink->position(), 7U);
+        // A checkpoint whose saving has come to the files and which has not come to the disk.
+        EXPECT_TRUE(sink->savePosition());
+        EXPECT_EQ(sink->takeLog(close(8, 2)), Outcome::Applied);
+        EXPECT_EQ(sink->durablePosition(), 5U);
+        sink->acknowledge();
+        EXPECT_EQ(sink->durablePosition(), 7U);
+        EXPECT_EQ(sink->acks, (Numbers{5, 5, 7}));
     }
     auto const sink = started();
     EXPECT_FALSE(sink->needsResync());
     EXPECT_TRUE(sink->resyncs.empty());
-    EXPECT_EQ(sink->acks, (Numbers{5})); // so that the source learns where to go on
-    EXPECT_EQ(sink->takeLog(close(5)), Outcome::AlreadyReplicated);
-    EXPECT_EQ(sink->takeLog(close(6)), Outcome::Applied);
+    EXPECT_EQ(sink->acks, (Numbers{7})); // so that the source learns where to go on
+    EXPECT_EQ(sink->takeLog(close(7)), Outcome::AlreadyReplicated);
+    EXPECT_EQ(sink->takeLog(close(8)), Outcome::Applied);
+}
+
+TEST_F(DataSinks, NumberThatIsTooFarAwayIsRefused) {
+    auto const sink = started();
+    EXPECT_EQ(sink->takeLog(close(~std::uint64_t{0})), Outcome::Jumped);
+    // A source of an earlier version counts the microseconds of its clock.
+    std::uint64_t const first = 1'700'000'000'000'000;
+    EXPECT_EQ(sink->takeLog(close(first)), Outcome::Applied);
+    EXPECT_EQ(sink->takeLog(close(first + DataSink::maximumJump + 1)), Outcome::Jumped);
+    EXPECT_EQ(sink->takeLog(close(~std::uint64_t{0})), Outcome::Jumped);
+    EXPECT_TRUE(sink->failure().text().contains("sequence number 18446744073709551615"));
+    EXPECT_EQ(sink->naks.size(), 3U);
+    EXPECT_EQ(sink->position(), first);
+    EXPECT_EQ(sink->takeLog(close(first + DataSink::maximumJump)), Outcome::Applied);
+    EXPECT_EQ(sink->takeLog(close(first + DataSink::maximumJump + 1)), Outcome::Applied);
 }
 
 TEST_F(DataSinks, StartTakesTheRulesThatTheStateFileNames) {
@@ -192,10 +234,11 @@ TEST_F(DataSinks, StartTakesTheRulesThatTheStateFileNames) {
             auto const sink = started();
             sink->needsResync(false);
             ASSERT_EQ(sink->takeLog(close(5)), Outcome::Applied);
+            sink->checkpoint();
         }
         auto const sink = make(3);
         sink->unloadable = each.unloadable;
-        EXPECT_EQ(sink->start(), each.starts) << each.what;
+        EXPECT_EQ(sink->start().ok(), each.starts) << each.what;
         EXPECT_EQ(sink->loaded, each.loaded) << each.what;
         EXPECT_EQ(sink->needsResync(), each.needsResync) << each.what;
         if (each.starts)
@@ -219,13 +262,11 @@ TEST_F(DataSinks, NewRulesAreLoadedBeforeTheirFirstLog) {
     EXPECT_TRUE(sink->takeLogs(list));
     EXPECT_EQ(list.count(), 2U);
     EXPECT_EQ(sink->openHandles().size(), 1);
-    EXPECT_EQ(sink->ackSequence(), 1U);
+    EXPECT_EQ(sink->position(), 1U);
 
     sink->unloadable = {};
-    sink->acks.clear();
     EXPECT_FALSE(sink->takeLogs(list));
     EXPECT_EQ(sink->replayed, (Numbers{1, 2, 3}));
-    EXPECT_EQ(sink->acks, (Numbers{1, 2, 3})); // the first is forced
     EXPECT_EQ(sink->loaded, (std::vector<std::uint32_t>{1, 2, 2}));
     EXPECT_EQ(sink->openHandles().size(), 0);
     EXPECT_EQ(sink->closedHandles().size(), 1);
@@ -251,26 +292,59 @@ TEST_F(DataSinks, FailedLogIsRefusedAndAsksForAResync) {
     EXPECT_EQ(sink->takeLog(close(1)), Outcome::Applied);
     EXPECT_EQ(sink->takeLog(close(2)), Outcome::Failed);
     EXPECT_EQ(sink->naks, (Numbers{2}));
-    EXPECT_EQ(sink->ackSequence(), 1U);
+    EXPECT_EQ(sink->position(), 1U);
     EXPECT_TRUE(sink->needsResync());
     EXPECT_TRUE(said.contains("A resynchronization of machine to home is required, "
                               "File operation failed"));
 
+    // It is enough to have its paths anew, where they are known.
+    sink->needsResync(false);
+    sink->pathsKnown = true;
+    EXPECT_EQ(sink->takeLog(close(2)), Outcome::Failed);
+    EXPECT_FALSE(sink->needsResync());
+    sink->pathsKnown = false;
+    sink->naks.pop_back();
+
     // A mirror's source is told by the mirror, so only the position moves.
     sink->ackMode(DataSink::AckFromMirror);
-    sink->acks.clear();
     EXPECT_EQ(sink->takeLog(close(3)), Outcome::Applied);
     EXPECT_EQ(sink->takeLog(close(4)), Outcome::Failed);
+    sink->checkpoint();
     EXPECT_TRUE(sink->acks.empty());
     EXPECT_EQ(sink->naks.size(), 1U);
-    EXPECT_EQ(sink->ackSequence(), 4U);
+    EXPECT_EQ(sink->position(), 4U);
 
     sink->ackMode(DataSink::AckToSource);
     sink->needsResync(false);
     sink->state(DataSink::eRunningDuringSnapshot);
     EXPECT_EQ(sink->takeLog(close(6)), Outcome::Forgiven);
-    EXPECT_EQ(sink->acks, (Numbers{6}));
+    EXPECT_EQ(sink->position(), 6U);
     EXPECT_FALSE(sink->needsResync());
+    // What the repository fails is not forgiven.
+    sink->failing.insert(7);
+    sink->failsWith = Morva::Status::Code::IoError;
+    EXPECT_EQ(sink->takeLog(close(7)), Outcome::Failed);
+    EXPECT_TRUE(sink->needsResync());
+}
+
+TEST_F(DataSinks, NoSpaceIsAPauseAndNoFailure) {
+    auto const sink = started();
+    sink->needsResync(false);
+    sink->failing = {2};
+    sink->failsWith = Morva::Status::Code::NoSpace;
+    LogList list;
+    for (std::uint64_t i = 1; i <= 3; ++i)
+        list.add(close(i));
+    EXPECT_TRUE(sink->takeLogs(list));
+    EXPECT_TRUE(sink->paused());
+    EXPECT_TRUE(sink->failure().is(Morva::Status::Code::NoSpace));
+    EXPECT_EQ(list.count(), 2U);
+    EXPECT_TRUE(sink->naks.empty());
+    EXPECT_FALSE(sink->needsResync());
+    sink->failing.clear();
+    sink->resume();
+    EXPECT_FALSE(sink->takeLogs(list));
+    EXPECT_EQ(sink->replayed, (Numbers{1, 2, 2, 3}));
 }
 
 TEST_F(DataSinks, LoopEndsWithItsBudgetAndOnAPause) {
@@ -291,7 +365,7 @@ TEST_F(DataSinks, LoopEndsWithItsBudgetAndOnAPause) {
     EXPECT_EQ(list.count(), 5U);
     sink->resume();
     EXPECT_FALSE(sink->takeLogs(list));
-    EXPECT_EQ(sink->ackSequence(), DataSink::budget + 10U);
+    EXPECT_EQ(sink->position(), DataSink::budget + 10U);
     EXPECT_EQ(sink->unstalls, 1);
 }
 
@@ -325,7 +399,7 @@ TEST_F(DataSinks, ClosedHandlesLastForTheGracePeriod) {
     EXPECT_EQ(sink->takeLog(message(6, DataSink::SourceStarted)), Outcome::Applied);
     EXPECT_EQ(sink->openHandles().size() + sink->closedHandles().size(), 0);
     EXPECT_EQ(sink->takeLog(message(7, DataSink::PingTest)), Outcome::Applied);
-    EXPECT_EQ(sink->acks.back(), 7U);
+    EXPECT_EQ(sink->position(), 7U);
 }
 
 TEST_F(DataSinks, ExclusionsOutliveTheProcess) {
@@ -355,34 +429,47 @@ TEST_F(DataSinks, ExclusionsOutliveTheProcess) {
         // Others are not for these logs to bring.
         EXPECT_EQ(sink->takeLog(message(6, DataSink::EndOfSnapshot, exclusions("*"))),
                   Outcome::Applied);
-        sink->handleShutdown();
+        EXPECT_TRUE(sink->handleShutdown());
     }
     {
         auto const sink = started();
         EXPECT_FALSE(excludes(*sink, "a.tmp"));
-        // What could not be applied in full is not saved, and is taken when it comes again.
+        // What could not be applied in full is in force, and is applied when it comes again, or
+        // by the next start.
         sink->failExclusions = true;
+        sink->failing = {7};
         EXPECT_EQ(sink->takeLog(message(7, DataSink::NotToBackupDetails, exclusions("*.tmp"))),
                   Outcome::Failed);
         EXPECT_TRUE(excludes(*sink, "a.tmp"));
-        EXPECT_FALSE(excludes(*started(), "a.tmp"));
-        sink->failExclusions = false;
-        EXPECT_EQ(sink->takeLog(message(7, DataSink::NotToBackupDetails, exclusions("*.tmp"))),
-                  Outcome::Applied);
+        EXPECT_EQ(sink->takeLog(message(8, DataSink::NotToBackupDetails, exclusions("*.tmp"))),
+                  Outcome::Failed);
         EXPECT_EQ(sink->exclusionChanges, 2);
+        EXPECT_TRUE(sink->handleShutdown());
     }
-    EXPECT_TRUE(excludes(*started(), "a.tmp"));
+    for (auto const changes : {1, 0}) {
+        auto const sink = started();
+        EXPECT_TRUE(excludes(*sink, "a.tmp"));
+        EXPECT_EQ(sink->exclusionChanges, changes);
+    }
 }
 
-TEST_F(DataSinks, UnreadableStateIsToldAndStartedAnew) {
+TEST_F(DataSinks, UnreadableStateStopsTheSinkAndStaysAsItIs) {
     QFile file(path());
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
     file.write("torn");
     file.close();
-    auto const sink = started();
-    EXPECT_TRUE(said.contains("Unable to read existing state file"));
-    EXPECT_TRUE(sink->needsResync());
-    EXPECT_EQ(sink->takeLog(close(1)), Outcome::Applied);
+    {
+        auto const sink = make();
+        EXPECT_TRUE(said.contains("Unable to read existing state file"));
+        EXPECT_FALSE(sink->valid());
+        auto const started = sink->start();
+        EXPECT_TRUE(started.is(Morva::Status::Code::Corruption));
+        EXPECT_TRUE(started.text().contains(path()));
+        EXPECT_EQ(sink->takeLog(close(1)), Outcome::Waiting);
+        EXPECT_TRUE(sink->replayed.empty());
+    }
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_EQ(file.readAll(), "torn");
 }
 
 TEST_F(DataSinks, WithoutAStateFileNoLogIsTaken) {
@@ -397,18 +484,42 @@ TEST_F(DataSinks, WithoutAStateFileNoLogIsTaken) {
     EXPECT_TRUE(sink->acks.empty());
 }
 
-TEST_F(DataSinks, FailureToWriteTheStateDoesNotStopTheIntake) {
+TEST_F(DataSinks, FailureToWriteTheStateFailsTheCheckpointAndNotTheIntake) {
     FaultyFiles files;
     auto const sink = started();
     files.failWritesAfter(0, ENOSPC);
     EXPECT_EQ(sink->takeLog(close(1)), Outcome::Applied);
+    EXPECT_FALSE(sink->savePosition());
     EXPECT_TRUE(said.contains("Failed to write to state file"));
-    EXPECT_EQ(sink->acks, (Numbers{1}));
+    sink->acknowledge();
+    EXPECT_TRUE(sink->acks.empty());
     files.heal();
     EXPECT_EQ(sink->takeLog(close(2)), Outcome::Applied);
+    sink->checkpoint();
+    EXPECT_EQ(sink->acks, (Numbers{2}));
     StateFile file(path());
     file.readHeader();
     EXPECT_EQ(file.sequenceNumber(), 2U);
+    EXPECT_EQ(file.bytesProcessed(), 2 * std::uint64_t{close(1)->body().size});
+}
+
+TEST_F(DataSinks, TooManyPathsBecomeAResyncOfTheWholeTarget) {
+    auto const sink = started();
+    sink->needsResync(false);
+    qsizetype told = 0;
+    for (qsizetype i = 0; i < DataSink::maximumResyncPaths; ++i)
+        told += sink->addResyncPath(QString::number(i), false) ? 1 : 0;
+    EXPECT_EQ(told, DataSink::resyncPathsTold);
+    EXPECT_FALSE(sink->addResyncPath("5", false)) << "it is there";
+    EXPECT_FALSE(sink->needsResync());
+    sink->addResyncPath("one more", false);
+    EXPECT_TRUE(sink->needsResync());
+    EXPECT_TRUE(sink->resyncPaths().isEmpty());
+    auto const lines = said.size();
+    for (qsizetype i = 0; i < 1000; ++i)
+        sink->addResyncPath(QString::number(i), false);
+    EXPECT_TRUE(sink->resyncPaths().isEmpty());
+    EXPECT_EQ(said.size(), lines);
 }
 
 TEST_F(DataSinks, FullResyncIsOnlyAskedForWhenRequired) {

@@ -27,7 +27,7 @@ StateFile::~StateFile() {
 }
 
 void StateFile::close() {
-    file_->close();
+    (void)file_->close(); // removes nothing
 }
 
 void StateFile::clear() {
@@ -63,11 +63,11 @@ bool StateFile::create() {
     close(); // a file that is there but can't be read
     auto const header = encode();
     if (!file_->create(name_, RawFile::Mode::Create) ||
-        file_->writeAt(0, header.data(), headerSize) != headerSize) {
+        !file_->writeAt(0, header.data(), headerSize)) {
         MORVA_TRACE(Always) << "Failed to create" << name_;
         if (file_->isOpen())
             file_->deleteOnClose();
-        file_->close();
+        (void)file_->close(); // the creation has failed already
         return scope.result(false);
     }
     mode_ = RawFile::Mode::ReadWrite;
@@ -80,26 +80,26 @@ bool StateFile::open(RawFile::Mode mode) {
     if (file_->isOpen()) {
         if (mode == mode_)
             return true;
-        file_->close();
+        (void)file_->close(); // removes nothing
     }
     mode_ = mode;
-    return file_->open(name_, mode);
+    return file_->open(name_, mode).ok();
 }
 
 void StateFile::readHeader() {
     MORVA_METHOD("readHeader");
     clear();
     std::array<std::uint8_t, headerSize> header{};
-    if (!open(RawFile::Mode::ReadWrite) || file_->readAt(0, header.data(), 24) != 24)
+    if (!open(RawFile::Mode::ReadWrite) || !file_->readWhole(0, header.data(), 24))
         return;
     auto const version = loadLittle<std::uint32_t>(&header[versionOffset]);
     if (version == 0) {
-        if (file_->readAt(0, header.data(), oldHeaderSize) != oldHeaderSize)
+        if (!file_->readWhole(0, header.data(), oldHeaderSize))
             return;
         decode(header.data());
         valid_ = upgrade();
     } else if (version == currentVersion) {
-        if (file_->readAt(0, header.data(), headerSize) != headerSize)
+        if (!file_->readWhole(0, header.data(), headerSize))
             return;
         decode(header.data());
         lastResync_ = loadLittle<std::uint32_t>(&header[32]);
@@ -124,7 +124,12 @@ void StateFile::readTarget() {
     }
     QByteArray bytes(static_cast<qsizetype>(targetSize_), '\0');
     auto const count = file_->readAt(headerSize, bytes.data(), targetSize_);
-    bytes.truncate(static_cast<qsizetype>(count));
+    if (!count) {
+        MORVA_TRACE(Always) << "Failed to read target from" << name_;
+        clear();
+        return;
+    }
+    bytes.truncate(static_cast<qsizetype>(*count));
     target_ = QString::fromUtf8(bytes);
 }
 
@@ -134,7 +139,7 @@ bool StateFile::write(char const* what, char const* failure) {
         return false;
     }
     auto const header = encode();
-    if (file_->writeAt(0, header.data(), headerSize) == headerSize)
+    if (file_->writeAt(0, header.data(), headerSize))
         return true;
     MORVA_TRACE(Always) << failure << name_;
     return false;
@@ -176,7 +181,7 @@ bool StateFile::target(QString const& text) {
     targetSize_ = static_cast<std::uint32_t>(bytes.size());
     if (!write("to write target", "Failed to write target to"))
         return scope.result(false);
-    if (file_->writeAt(headerSize, bytes.constData(), targetSize_) == targetSize_ &&
+    if (file_->writeAt(headerSize, bytes.constData(), targetSize_) &&
         file_->setLength(headerSize + targetSize_))
         return scope.result(true);
     MORVA_TRACE(Always) << "Failed to write target to" << name_;
@@ -186,13 +191,14 @@ bool StateFile::target(QString const& text) {
 QByteArray StateFile::details() {
     auto const start = std::uint64_t{headerSize} + targetSize_;
     std::array<std::uint8_t, 4> count{};
-    if (!valid_ || !open(RawFile::Mode::ReadWrite) || file_->readAt(start, count.data(), 4) != 4)
+    if (!valid_ || !open(RawFile::Mode::ReadWrite) || !file_->readWhole(start, count.data(), 4))
         return {};
     auto const size = loadLittle<std::uint32_t>(count.data());
-    if (size > maximumDetails || start + 4 + size > file_->length())
+    auto const length = file_->length();
+    if (!length || size > maximumDetails || start + 4 + size > *length)
         return {};
     QByteArray bytes(static_cast<qsizetype>(size), '\0');
-    if (file_->readAt(start + 4, bytes.data(), size) != size)
+    if (!file_->readWhole(start + 4, bytes.data(), size))
         return {};
     return bytes;
 }
@@ -203,8 +209,7 @@ bool StateFile::details(QByteArray const& bytes) {
     storeLittle<std::uint32_t>(record.data(), static_cast<std::uint32_t>(bytes.size()));
     record += bytes;
     auto const size = static_cast<std::uint32_t>(record.size());
-    return open(RawFile::Mode::ReadWrite) &&
-           file_->writeAt(start, record.constData(), size) == size &&
+    return open(RawFile::Mode::ReadWrite) && file_->writeAt(start, record.constData(), size) &&
            file_->setLength(start + size);
 }
 
@@ -213,9 +218,8 @@ bool StateFile::remove() {
     if (!open(RawFile::Mode::Create))
         return scope.result(false);
     clear();
-    auto const removed = file_->deleteOnClose();
-    file_->close();
-    return scope.result(removed);
+    file_->deleteOnClose();
+    return scope.result(file_->close().ok());
 }
 
 } // namespace Replication

@@ -11,15 +11,17 @@
 
 namespace Replication {
 
-/// How far one `DataSink` has come: a small file that is rewritten on every applied log. Its fixed
-/// part is always written whole and in place, without a flush.
+/// How far one `DataSink` has come: a small file that each checkpoint rewrites. Its fixed part is
+/// always written whole and in place, without a flush.
 ///
 /// Version 1, little-endian:
 ///  off  size  field
 ///    0     8  sequenceNumber  last log applied
 ///    8     8  bytesProcessed
 ///   16     4  version         1
-///   20     4  flags           bit 0: a resynchronisation is required
+///   20     4  flags           bit 0: a resynchronisation is required; bit 1: the open files of
+///                             this position are saved beside the store; bit 2: the exclusions
+///                             are not applied to all that is stored
 ///   24     4  ruleSet         rule set in use
 ///   28     4  targetSize      bytes of the target
 ///   32     4  lastResync      time of the last resynchronisation
@@ -36,6 +38,8 @@ public:
     static constexpr std::uint32_t headerSize = 40;
     static constexpr std::uint32_t maximumTarget = 3076;
     static constexpr std::uint32_t resyncFlag = 1;
+    static constexpr std::uint32_t handlesFlag = 2;
+    static constexpr std::uint32_t exclusionsFlag = 4;
 
     explicit StateFile(QString name);
     ~StateFile();

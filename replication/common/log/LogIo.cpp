@@ -44,8 +44,12 @@ std::int32_t LogIoReadQFile(void* source, void* destination, std::uint32_t lengt
 }
 
 std::int32_t LogIoReadRawFile(void* source, void* destination, std::uint32_t length) {
-    return checked(static_cast<Morva::RawFile*>(source)->read(destination, length), length,
-                   readFailed);
+    auto const got = static_cast<Morva::RawFile*>(source)->read(destination, length);
+    if (!got) {
+        MORVA_TRACE(Always) << readFailed << got.status().text();
+        return -1;
+    }
+    return checked(*got, length, readFailed);
 }
 
 std::int32_t LogIoReadAhead(void* source, void* destination, std::uint32_t length) {
@@ -65,10 +69,11 @@ LogReadAhead::LogReadAhead(Morva::RawFile& file, std::uint32_t capacity)
 
 std::uint32_t LogReadAhead::readSource(std::uint8_t* destination, std::uint32_t length) {
     if (file_) {
-        std::uint32_t const got = file_->read(destination, length);
-        if (got != length)
-            lastError_ = static_cast<int>(file_->lastError());
-        return got;
+        auto const got = file_->read(destination, length);
+        if (got)
+            return *got;
+        lastError_ = got.status().error() != 0 ? got.status().error() : EIO;
+        return 0;
     }
     ssize_t got;
     do

@@ -38,14 +38,13 @@ void RepMetadata::serialize(PackBuffer& record) const {
         record.append(value);
     record.append(owner);
     record.append(sourceMachine);
+    record.append(linkCount);
     if (kind == eSnapshot) {
-        record.append(linkCount);
         record.append(size);
         record.append(deduped);
         append(record, digest);
         return;
     }
-    record.append(static_cast<std::uint32_t>(streams.size()));
     for (Stream const& stream : streams) {
         record.append(stream.name);
         record.append(stream.id);
@@ -74,14 +73,12 @@ bool RepMetadata::deserialize(UnpackBuffer& record) {
     for (std::uint32_t* const value :
          {&attributes, &createdHere, &modifiedHere, &createdSource, &modifiedSource})
         taken = taken && record.take(*value);
-    std::uint32_t count = 0;
-    taken = taken && record.take(owner) && record.take(sourceMachine) && record.take(count);
+    taken = taken && record.take(owner) && record.take(sourceMachine) && record.take(linkCount);
     if (taken && kind == eSnapshot) {
         MORVA_TRACE(Debug) << "Got a snapshot";
-        linkCount = count;
         taken = record.take(size) && record.take(deduped) && take(record, digest);
     } else if (taken) {
-        // The list ends with the record; the count is for those who only want to know it.
+        // The list ends with the record.
         streams.clear();
         while (taken && record.extent().size != 0) {
             Stream stream;

@@ -23,7 +23,7 @@ namespace Replication {
 ///                                   seconds since 1970
 ///  name            string    1, 2   the owner
 ///  source machine  string    1, 2   empty unless asked for
-///  count           u32       1, 2   kind 1: links; kind 2: streams
+///  count           u32       1, 2   names of the object
 ///  size            u64       1      bytes of the data stream
 ///  deduped         bool      1
 ///  digest          36 bytes  1      type (u32) and 32 bytes
@@ -54,7 +54,6 @@ public:
     std::uint32_t modifiedSource = 0;
     QString owner;
     QString sourceMachine;
-    /// Kind 1 alone; in kind 2 the number of streams is packed in its place.
     std::uint32_t linkCount = 0;
     std::uint64_t size = 0;
     bool deduped = false;

@@ -20,8 +20,8 @@ RepMetadata sample(std::uint32_t kind) {
     data.createdSource = 5;
     data.modifiedSource = 6;
     data.owner = QStringLiteral("o");
+    data.linkCount = 7;
     if (kind == RepMetadata::eSnapshot) {
-        data.linkCount = 7;
         data.size = 8;
         data.deduped = true;
         data.digest.type = Digest::eRepDigestSha1;
@@ -55,9 +55,9 @@ TEST(RepMetadata, KindsHaveTheirGoldenBytes) {
                   "01000000" + "ab" + QByteArray(62, '0'),
               packed(sample(RepMetadata::eSnapshot)).toHex());
     RepMetadata backup = sample(RepMetadata::eBackup);
-    EXPECT_EQ(QByteArray("02000000") + common + "00000000", packed(backup).toHex());
+    EXPECT_EQ(QByteArray("02000000") + common + "07000000", packed(backup).toHex());
     backup.streams.push_back({QStringLiteral("D"), 9, 10, false, {}});
-    EXPECT_EQ(QByteArray("02000000") + common + "01000000" + "02000000" + "4400" + "0000" +
+    EXPECT_EQ(QByteArray("02000000") + common + "07000000" + "02000000" + "4400" + "0000" +
                   "0900000000000000" + "0a00000000000000" + "00" + "000000" + "00000000" +
                   QByteArray(64, '0'),
               packed(backup).toHex());

@@ -5,7 +5,10 @@
 #include "replication/common/log/LogBuilder.h"
 #include "replication/common/rules/RuleFiles.h"
 #include "replication/repository/replay/Sink.h"
+#include "replication/repository/store/Outcomes.h"
+#include "replication/repository/store/SavedState.h"
 #include "replication/repository/store/StoreFixture.h"
+#include "replication/repository/streams/OperationGate.h"
 
 #include <functional>
 #include <memory>
@@ -67,6 +70,32 @@ protected:
         ASSERT_TRUE(sink_->start());
         sink_->needsResync(false);
     }
+    /// A checkpoint, as far as the store has a part in it.
+    [[nodiscard]] bool checkpoint() {
+        OperationGate::EnterAlone const alone;
+        if (!store_->flush())
+            return false;
+        store_->saved().durable();
+        return true;
+    }
+    /// What comes after a stop in order, or after an end that came right behind a checkpoint.
+    enum class End { Stop, Kill };
+    void restart(End end) {
+        if (end == End::Stop) {
+            EXPECT_TRUE(sink_->handleShutdown());
+        }
+        EXPECT_TRUE(checkpoint());
+        sink_.reset();
+        store_.reset();
+        closePool();
+        openPool();
+        auto opened = Store::open(storeId, false);
+        ASSERT_TRUE(opened.ok()) << opened.status().text().toStdString();
+        store_ = *std::move(opened);
+        // As after an end of which nothing is known.
+        EXPECT_TRUE(store_->freeUnclaimed().ok());
+        start();
+    }
     [[nodiscard]] Outcome apply(LogType type, Change const& change) {
         LogBuilder builder;
         builder.ruleSet(ruleSet_);
@@ -91,13 +120,13 @@ protected:
     /// The live object of a path below the root; null if there is none.
     [[nodiscard]] ActiveHandle::Pointer object(char const* path) {
         auto const parts = QString::fromUtf8(path).split(u'/', Qt::SkipEmptyParts);
-        auto const located = store_->directories().locate(parts, PathMode::DoNotBuildPath);
-        return located.found ? store_->activeHandles().get(located.key.fileId()) : nullptr;
+        auto const located = value(store_->directories().locate(parts, PathMode::DoNotBuildPath));
+        return located.found ? value(store_->activeHandles().get(located.key.fileId())) : nullptr;
     }
     [[nodiscard]] std::optional<QByteArray> content(char const* path,
                                                     QString const& name = dataStreamName) {
         auto const handle = object(path);
-        auto const stream = handle ? handle->fileNode()->openStream(name) : nullptr;
+        auto const stream = handle ? value(handle->fileNode()->openStream(name)) : nullptr;
         if (!stream)
             return {};
         QByteArray bytes(static_cast<qsizetype>(stream->length()), '\0');

@@ -10,10 +10,45 @@ namespace Replication {
 
 using Morva::LogLevelE;
 using Morva::LogLine;
+using Morva::Status;
 
-void RepositoryExchange::dropHandles() {
+Status RepositoryExchange::dropHandles() {
     openObjects_.clear();
-    Sink::dropHandles();
+    return Sink::dropHandles();
+}
+
+void RepositoryExchange::forgetHandles() {
+    openObjects_.clear();
+    Sink::forgetHandles();
+}
+
+void RepositoryExchange::saveMore(SavedHandles& handles) {
+    // Their streams are opened again as they are used.
+    for (auto const& [sequence, open] : openObjects_)
+        handles.object(sequence, *open.object, open.writes);
+}
+
+Status RepositoryExchange::takeUpMore(SavedHandles& handles) {
+    return handles.objects(
+        [this](std::string_view sequence, SinkHandlePointer object, std::uint32_t writes) {
+            if ((object->flags & SinkHandle::lost) != 0)
+                addResyncPath(pathOf(*object).join(u'/'), false);
+            openObjects_.insert_or_assign(std::string(sequence),
+                                          OpenObject{std::move(object), {}, writes});
+        });
+}
+
+QList<QStringList> RepositoryExchange::pathsOf(LogEntry const& log) {
+    QList<QStringList> paths;
+    QStringList parts;
+    auto const path = log.text(LogField::ObjectPath);
+    if (auto const open = openObjects_.find(log.text(LogField::Sque)); open != openObjects_.end()) {
+        if (!open->second.object->name.isEmpty())
+            paths += pathOf(*open->second.object);
+    } else if (!path.empty() && translateAsList(parts, path)) {
+        paths += parts;
+    }
+    return paths;
 }
 
 bool RepositoryExchange::replayBody(LogEntry const& log) {
@@ -97,7 +132,7 @@ bool RepositoryExchange::createObject(LogEntry const& log) {
     context.sourceTime = log.time();
     context.opType = opType;
     context.dedup = opType != NotToBackup::eLiveOnly && dedupAllowed(parts);
-    open.object = store().paths().createObject(context, parts, {});
+    open.object = valueOf(store().paths().createObject(context, parts, {}));
     auto const made = open.object != nullptr;
     if (!made) {
         MORVA_TRACE(Always) << "Failed to create object" << posixText(path);
@@ -119,9 +154,11 @@ RepositoryExchange::stream(OpenObject& open, QString const& name, MakeStream mak
         return nullptr;
     auto result = std::make_shared<SinkHandle>(SinkHandle::Valid);
     if (node->exists(name))
-        result->streamHandle = object.openStream(open.object->link, name, open.object->dedup);
+        result->streamHandle =
+            valueOf(object.openStream(open.object->link, name, open.object->dedup));
     else if (make == MakeStream::Yes)
-        result->streamHandle = object.createStream(open.object->link, name, open.object->dedup);
+        result->streamHandle =
+            valueOf(object.createStream(open.object->link, name, open.object->dedup));
     if (!result->streamHandle)
         return nullptr;
     result->activeHandle = open.object->activeHandle;
@@ -159,8 +196,8 @@ bool RepositoryExchange::writeStream(LogEntry const& log) {
         FileContext through;
         through.sourceTime = log.time();
         auto const data = log.data();
-        if (store().paths().write(through, *into, log.number(LogField::Offset), data.data,
-                                  data.size))
+        if (worked(store().paths().write(through, *into, log.number(LogField::Offset), data.data,
+                                         data.size)))
             return scope.result(true);
     }
     MORVA_TRACE(Always) << "Failed to write to stream" << name << "of sequence"
@@ -193,7 +230,7 @@ bool RepositoryExchange::deleteObject(LogEntry const& log) {
     context.opType = operation(parts, false);
     if (context.opType == NotToBackup::eExcluded)
         return true;
-    if (store().paths().unlink(context, parts)) {
+    if (worked(store().paths().unlink(context, parts))) {
         MORVA_TRACE(Debug) << "Unlinked" << posixText(path);
         return true;
     }
@@ -206,10 +243,10 @@ bool RepositoryExchange::resync(LogEntry const& log) {
     QStringList parts;
     if (!translateAsList(parts, path) || operation(parts, false) == NotToBackup::eExcluded)
         return true;
-    LogLine(QStringLiteral("Replication"), LogLevelE::Notice)
-        << "Exchange Filter on source node '%1m' has requested a resynchronization for file %2s"
-        << identity().sourceMachine << posixText(path);
-    addResyncPath(parts.join(u'/'), false);
+    if (addResyncPath(parts.join(u'/'), false))
+        LogLine(QStringLiteral("Replication"), LogLevelE::Notice)
+            << "Exchange Filter on source node '%1m' has requested a resynchronization for file %2s"
+            << identity().sourceMachine << posixText(path);
     return true;
 }
 

@@ -20,7 +20,11 @@ public:
 
 protected:
     /// Also lets go of the open objects.
-    void dropHandles() override;
+    [[nodiscard]] Morva::Status dropHandles() override;
+    void forgetHandles() override;
+    void saveMore(SavedHandles& handles) override;
+    [[nodiscard]] Morva::Status takeUpMore(SavedHandles& handles) override;
+    [[nodiscard]] QList<QStringList> pathsOf(LogEntry const& log) override;
 
 private:
     /// What a sequence text stands for.

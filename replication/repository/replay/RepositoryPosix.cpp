@@ -97,6 +97,18 @@ RepositoryPosix::Place RepositoryPosix::place(std::string_view path, bool isDire
     return translate(parts, path) ? place(std::move(parts), isDirectory) : Place{};
 }
 
+QList<QStringList> RepositoryPosix::pathsOf(LogEntry const& log) {
+    QList<QStringList> paths;
+    for (auto const text : {log.file(), log.from(), log.to()}) {
+        // The first name of a symlink is what it leads to.
+        if (text.empty() || (log.type() == LogType::PosixSymlink && text == log.from()))
+            continue;
+        if (auto const where = place(text, false); where.space == Space::Inside)
+            paths += where.path;
+    }
+    return paths;
+}
+
 RepositoryPosix::SinkHandlePointer RepositoryPosix::makeObject(LogEntry const& log,
                                                                Place const& place,
                                                                PosixSecurity const& security) {
@@ -109,10 +121,21 @@ RepositoryPosix::SinkHandlePointer RepositoryPosix::makeObject(LogEntry const& l
     file.owner = QString::number(security.uid);
     file.security = security.encode();
     file.replaces = true;
-    if (!wantsDirectory)
-        return paths.createStream(context, place.path, streamName(PosixStream::data), file);
-    auto const located = store().directories().locate(place.path, PathMode::DoNotBuildPath);
-    auto handle = paths.createObject(context, place.path, file);
+    auto const askIfMisfit = [&](PathOperations::Handle const& made) {
+        // Something is in the way that the source didn't have there any more.
+        if (made.code() == Morva::Status::Code::InvalidArgument)
+            addResyncPath(place.path.join(u'/'), false);
+    };
+    if (!wantsDirectory) {
+        auto made = paths.createStream(context, place.path, streamName(PosixStream::data), file);
+        askIfMisfit(made);
+        return valueOf(std::move(made));
+    }
+    auto const located =
+        valueOf(store().directories().locate(place.path, PathMode::DoNotBuildPath));
+    auto made = paths.createObject(context, place.path, file);
+    askIfMisfit(made);
+    auto handle = valueOf(std::move(made));
     if (handle && located.found && located.key.isDirectory() &&
         !describeAgain(context, *handle, std::move(file), security))
         return nullptr;
@@ -146,15 +169,15 @@ bool RepositoryPosix::opOopenPosix(LogEntry const& log) {
         insertHandle(log.fileId(), SinkHandle::Excluded);
         return true;
     }
-    auto handle = store().paths().openStream(context(log, where.path, where.opType), where.path,
-                                             streamName(PosixStream::data));
+    auto handle = valueOf(store().paths().openStream(context(log, where.path, where.opType),
+                                                     where.path, streamName(PosixStream::data)));
     if (handle) {
         insertHandle(log.fileId(), std::move(handle));
         return true;
     }
     MORVA_TRACE(Always) << "Failed to open file" << where.path.join(u'/');
     addResyncPath(where.path.join(u'/'), false);
-    insertHandle(log.fileId(), SinkHandle::Unknown);
+    enterLost(log.fileId(), where.path);
     return true;
 }
 
@@ -186,9 +209,9 @@ bool RepositoryPosix::opSymlinkPosix(LogEntry const& log) {
     auto const handle = makeObject(log, where, securityOf(log, S_IFLNK | 0777));
     auto const target = log.from();
     if (handle &&
-        store().paths().replaceContent(
+        worked(store().paths().replaceContent(
             context(log, where.path, where.opType), *handle, streamName(PosixStream::link),
-            QByteArray(target.data(), static_cast<qsizetype>(target.size()))))
+            QByteArray(target.data(), static_cast<qsizetype>(target.size())))))
         return true;
     MORVA_TRACE(Always) << "in opSymlinkPosix"
                         << "Failed to create symlink" << where.path.join(u'/');
@@ -206,11 +229,11 @@ bool RepositoryPosix::opLinkPosix(LogEntry const& log) {
         return true;
     }
     auto const context = this->context(log, to.path, to.opType);
-    auto const source = store().directories().locate(from.path, PathMode::DoNotBuildPath);
+    auto const source = valueOf(store().directories().locate(from.path, PathMode::DoNotBuildPath));
     // Before the name is freed: what has it stays when there is nothing to link.
     auto const name = source.found ? freeName(context, to.path, source.key.fileId()) : Name::Failed;
     if (name == Name::Present ||
-        (name == Name::Free && store().paths().link(context, from.path, to.path)))
+        (name == Name::Free && worked(store().paths().link(context, from.path, to.path))))
         return true;
     MORVA_TRACE(Always) << "Failed to link" << from.path.join(u'/') << to.path.join(u'/');
     return false;
@@ -219,7 +242,7 @@ bool RepositoryPosix::opLinkPosix(LogEntry const& log) {
 bool RepositoryPosix::opUnlinkPosix(LogEntry const& log) {
     auto const where = place(log.file(), false);
     if (where.space != Space::Inside ||
-        store().paths().unlink(context(log, where.path, where.opType), where.path))
+        worked(store().paths().unlink(context(log, where.path, where.opType), where.path)))
         return true;
     MORVA_TRACE(Always) << "Failed to unlink" << where.path.join(u'/');
     return false;
@@ -228,7 +251,7 @@ bool RepositoryPosix::opUnlinkPosix(LogEntry const& log) {
 bool RepositoryPosix::opRmdirPosix(LogEntry const& log) {
     auto const where = place(log.file(), true);
     if (where.space != Space::Inside ||
-        store().paths().unlink(context(log, where.path, where.opType), where.path))
+        worked(store().paths().unlink(context(log, where.path, where.opType), where.path)))
         return true;
     MORVA_TRACE(Always) << "Failed to rmdir" << where.path.join(u'/');
     return false;
@@ -237,14 +260,15 @@ bool RepositoryPosix::opRmdirPosix(LogEntry const& log) {
 bool RepositoryPosix::opTruncatePosix(LogEntry const& log) {
     auto const known = log.file().empty() ? handle(log.fileId()) : nullptr;
     if (known) {
+        noteUnknown(log, *known);
         if (known->type != SinkHandle::Valid)
             return true;
-        return store().paths().truncate(through(log), *known, log.size(), log.bodyFlags());
+        return worked(store().paths().truncate(through(log), *known, log.size(), log.bodyFlags()));
     }
     auto const where = place(log.file(), false);
     return where.space != Space::Inside ||
-           store().paths().truncate(context(log, where.path, where.opType), where.path, log.size(),
-                                    log.bodyFlags());
+           worked(store().paths().truncate(context(log, where.path, where.opType), where.path,
+                                           log.size(), log.bodyFlags()));
 }
 
 bool RepositoryPosix::opWritePath(LogEntry const& log) {
@@ -255,9 +279,9 @@ bool RepositoryPosix::opWritePath(LogEntry const& log) {
         MORVA_TRACE(Normal) << "Failed to translate name" << posixText(log.file());
     if (where.space != Space::Inside)
         return true;
-    return store().paths().write(context(log, where.path, where.opType), where.path,
-                                 streamName(PosixStream::data), log.offset(), log.data().data,
-                                 log.data().size);
+    return worked(store().paths().write(context(log, where.path, where.opType), where.path,
+                                        streamName(PosixStream::data), log.offset(),
+                                        log.data().data, log.data().size));
 }
 
 bool RepositoryPosix::writeOp(LogEntry const& log) {
@@ -268,10 +292,10 @@ bool RepositoryPosix::opResyncPosix(LogEntry const& log) {
     auto const where = place(log.file(), false);
     if (where.space != Space::Inside)
         return true;
-    LogLine(QStringLiteral("Replication"), LogLevelE::Notice)
-        << "Filter on source node '%1m' has requested a resynchronization for file %2s"
-        << identity().sourceMachine << posixText(log.file());
-    addResyncPath(where.path.join(u'/'), false);
+    if (addResyncPath(where.path.join(u'/'), false))
+        LogLine(QStringLiteral("Replication"), LogLevelE::Notice)
+            << "Filter on source node '%1m' has requested a resynchronization for file %2s"
+            << identity().sourceMachine << posixText(log.file());
     return true;
 }
 

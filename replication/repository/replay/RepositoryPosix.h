@@ -19,6 +19,7 @@ public:
 
 private:
     [[nodiscard]] bool replayBody(LogEntry const& log) override;
+    [[nodiscard]] QList<QStringList> pathsOf(LogEntry const& log) override;
 
     /// False for a path that doesn't start with the source root.
     [[nodiscard]] bool translate(QStringList& parts, std::string_view path) const;
@@ -54,7 +55,7 @@ private:
     };
     [[nodiscard]] Existing existing(std::string_view path);
     /// The "Security" record, a default where there is none; nothing when it can't be read.
-    [[nodiscard]] static std::optional<PosixSecurity> readSecurity(SinkHandle const& handle);
+    [[nodiscard]] std::optional<PosixSecurity> readSecurity(SinkHandle const& handle);
     [[nodiscard]] bool changeAttributes(LogEntry const& log,
                                         std::function<void(PosixAttributes&)> const& change);
     [[nodiscard]] bool setAttributes(LogEntry const& log, FileContext const& context,

@@ -57,9 +57,9 @@ bool RepositoryPosix::setAttributes(LogEntry const& log, FileContext const& cont
     if (!setSecurity(log, context, handle))
         return false;
     auto const flags = log.bodyFlags();
-    return handle.activeHandle->attr(handle.link, (flags & posixAttrModificationTime) != 0,
-                                     log.modificationTime(), (flags & posixAttrChangeTime) != 0,
-                                     log.changeTime(), false, 0);
+    return worked(handle.activeHandle->attr(
+        handle.link, (flags & posixAttrModificationTime) != 0, log.modificationTime(),
+        (flags & posixAttrChangeTime) != 0, log.changeTime(), false, 0));
 }
 
 bool RepositoryPosix::setSecurity(LogEntry const& log, FileContext const& context,
@@ -90,12 +90,12 @@ bool RepositoryPosix::setSecurity(LogEntry const& log, FileContext const& contex
     setTimes(security.times, log);
     if (!assumed && security.sameButAccess(before))
         return true;
-    if (!store().paths().replaceContent(context, handle, name, security.encode()))
+    if (!worked(store().paths().replaceContent(context, handle, name, security.encode())))
         return false;
     if (!assumed && security.sameButTimes(before))
         return true;
-    active.owner(link, QString::number(security.uid));
-    return active.attr(link, false, 0, false, 0, true, security.mode);
+    return worked(active.owner(link, QString::number(security.uid))) &&
+           worked(active.attr(link, false, 0, false, 0, true, security.mode));
 }
 
 bool RepositoryPosix::describeAgain(FileContext const& context, SinkHandle& handle,
@@ -116,7 +116,7 @@ RepositoryPosix::Existing RepositoryPosix::existing(std::string_view path) {
     QStringList parts;
     if (!translate(parts, path))
         return result;
-    auto located = store().directories().locate(parts, PathMode::DoNotBuildPath);
+    auto located = valueOf(store().directories().locate(parts, PathMode::DoNotBuildPath));
     if (!located.found) {
         MORVA_TRACE(Normal) << "Failed to find file, ignore" << parts.join(u'/');
         return result;
@@ -127,11 +127,11 @@ RepositoryPosix::Existing RepositoryPosix::existing(std::string_view path) {
         return result;
     result.exists = true;
     auto handle = std::make_shared<SinkHandle>(SinkHandle::Valid);
-    handle->activeHandle =
+    handle->activeHandle = valueOf(
         located.key.isRoot()
             ? store().activeHandles().get(store().rootId())
             : store().activeHandles().get(located.key, located.key.liveOnly() ? LiveMode::LiveOnly
-                                                                              : LiveMode::Clear);
+                                                                              : LiveMode::Clear));
     handle->link = located.key.link();
     if (handle->activeHandle)
         result.handle = std::move(handle);
@@ -166,9 +166,9 @@ bool RepositoryPosix::changeAttributes(LogEntry const& log,
     }
     change(*attributes);
     auto const encoded = attributes->encode();
-    return encoded == record ||
-           store().paths().replaceContent(context(log, where.path, where.opType), *object.handle,
-                                          QString::fromUtf16(PosixStream::attributes), encoded);
+    return encoded == record || worked(store().paths().replaceContent(
+                                    context(log, where.path, where.opType), *object.handle,
+                                    QString::fromUtf16(PosixStream::attributes), encoded));
 }
 
 bool RepositoryPosix::opEaSetPosix(LogEntry const& log) {
@@ -190,8 +190,9 @@ bool RepositoryPosix::opEaRemovePosix(LogEntry const& log) {
 bool RepositoryPosix::opRename(LogEntry const& log) {
     QStringList parts;
     auto const fromSpace = translate(parts, log.from());
-    auto const located = fromSpace ? store().directories().locate(parts, PathMode::DoNotBuildPath)
-                                   : Directories::Located{};
+    auto const located =
+        fromSpace ? valueOf(store().directories().locate(parts, PathMode::DoNotBuildPath))
+                  : Directories::Located{};
     auto const isDirectory = located.found && located.key.isDirectory();
     auto from = fromSpace ? place(std::move(parts), isDirectory) : Place{};
     auto to = place(log.to(), isDirectory);
@@ -207,15 +208,15 @@ bool RepositoryPosix::opRename(LogEntry const& log) {
         return false;
     if (from.space == Space::Inside && to.space == Space::Inside) {
         MORVA_TRACE(Normal) << "Rename - from and to both in replication space";
-        if (store().paths().rename(context(log, to.path, to.opType), notToBackup(), from.path,
-                                   to.path))
+        if (worked(store().paths().rename(context(log, to.path, to.opType), notToBackup(),
+                                          from.path, to.path)))
             return true;
         MORVA_TRACE(Always) << "Failed to rename" << from.path.join(u'/') << to.path.join(u'/');
         return false;
     }
     if (from.space == Space::Inside) {
         MORVA_TRACE(Normal) << "Rename - only from in replication space, remove it";
-        if (store().paths().unlink(context(log, from.path, from.opType), from.path))
+        if (worked(store().paths().unlink(context(log, from.path, from.opType), from.path)))
             return true;
         MORVA_TRACE(Always) << "Failed to delete file" << from.path.join(u'/');
         return false;

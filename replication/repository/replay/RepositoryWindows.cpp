@@ -202,10 +202,10 @@ bool RepositoryWindows::opResyncWin(LogEntry const& log) {
         MORVA_TRACE(Normal) << "Failed to translate path" << log.path().text;
         return true;
     }
-    LogLine(logSource, LogLevelE::Notice)
-        << "Filter on source node '%1m' has requested a resynchronization for file %2s"
-        << identity().sourceMachine << posixText(log.path().text);
-    addResyncPath(where.path.join(u'/'), false);
+    if (addResyncPath(where.path.join(u'/'), false))
+        LogLine(logSource, LogLevelE::Notice)
+            << "Filter on source node '%1m' has requested a resynchronization for file %2s"
+            << identity().sourceMachine << posixText(log.path().text);
     return true;
 }
 

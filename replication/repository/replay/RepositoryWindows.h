@@ -23,11 +23,15 @@ class RepositoryWindows : public Sink {
 public:
     using Sink::Sink;
 
-    void exclusionsChanged() override;
+    [[nodiscard]] Morva::Status exclusionsChanged() override;
 
 protected:
     /// Also does the deletions that wait for a close: the source's handles are gone.
-    void dropHandles() override;
+    [[nodiscard]] Morva::Status dropHandles() override;
+    void forgetHandles() override;
+    void saveMore(SavedHandles& handles) override;
+    [[nodiscard]] Morva::Status takeUpMore(SavedHandles& handles) override;
+    [[nodiscard]] QList<QStringList> pathsOf(LogEntry const& log) override;
 
 private:
     /// Where a logged path lies, and which stream of the file it names.
@@ -88,6 +92,8 @@ private:
     [[nodiscard]] SinkHandlePointer createNew(LogEntry const& log, Opening& opening);
     [[nodiscard]] PathOperations::NewFile newFile(LogEntry const& log, Opening const& opening);
     [[nodiscard]] SinkHandlePointer createAnyway(Opening const& opening);
+    /// Enters a handle for a path that could not be opened.
+    void enterFailed(LogEntry const& log, Opening const& opening);
     /// Enters a handle for what isn't stored.
     void enterAbsent(LogEntry const& log, SinkHandle::Type type, bool isDirectory);
 
@@ -109,7 +115,6 @@ private:
     [[nodiscard]] Handles allHandles();
     /// The entry by which a valid handle was opened, as it is now; nothing when it is gone.
     [[nodiscard]] std::optional<DirKey> entryOf(SinkHandle const& handle);
-    [[nodiscard]] static QStringList pathOf(SinkHandle const& handle);
     [[nodiscard]] bool isNamed(SinkHandle const& handle) const;
     [[nodiscard]] bool sameStream(QString const& a, QString const& b) const;
     /// The paths of the handles on what was moved follow it.
@@ -121,10 +126,12 @@ private:
 
     /// Whether another handle uses what a handle marked for deletion names.
     [[nodiscard]] bool inUse(SinkHandlePointer const& marked);
-    /// Deletes what a marked handle names.
-    void remove(SinkHandle const& marked);
-    /// Does the deletions that fit; those that a handle holds back only with `also`.
-    void finishDeletions(std::function<bool(SinkHandle const&)> const& fits, bool also);
+    /// Deletes what a marked handle names; false when that failed, and its path has been asked for.
+    [[nodiscard]] bool remove(SinkHandle const& marked);
+    /// Does the deletions that fit; those that a handle holds back only with `also`. False when one
+    /// failed.
+    [[nodiscard]] bool finishDeletions(std::function<bool(SinkHandle const&)> const& fits,
+                                       bool also);
     /// Those of a file, whose name or stream comes anew: by now they have happened at the source.
     void finishDeletionsOf(FileId file);
     /// Those that waited for a handle that was closed; null: for one that isn't known.

@@ -44,8 +44,8 @@ bool RepositoryWindows::opWritePathWin(LogEntry const& log) {
         return scope.result(false);
     }
     if (where.space == Space::Excluded ||
-        store().paths().write(context(log, where.path, where.opType), where.path, where.stream,
-                              log.offset(), log.data().data, log.data().size))
+        worked(store().paths().write(context(log, where.path, where.opType), where.path,
+                                     where.stream, log.offset(), log.data().data, log.data().size)))
         return scope.result(true);
     MORVA_TRACE(Always) << "WritePath failed" << where.path.join(u'/');
     return scope.result(false);
@@ -55,10 +55,13 @@ bool RepositoryWindows::opTruncateWin(LogEntry const& log) {
     MORVA_METHOD("opTruncateWin");
     MORVA_TRACE(Debug) << "Truncate" << log.fileId() << log.size();
     auto const known = handle(log.fileId());
-    if (known->type == SinkHandle::Unknown)
+    if (known->type == SinkHandle::Unknown) {
+        if (log.fileText().empty())
+            noteUnknown(log, *known);
         return scope.result(truncatePath(log));
+    }
     if (known->type == SinkHandle::Excluded ||
-        store().paths().truncate(through(log), *known, log.size(), log.bodyFlags()))
+        worked(store().paths().truncate(through(log), *known, log.size(), log.bodyFlags())))
         return scope.result(true);
     MORVA_TRACE(Always) << "Failed to truncate OpenSeqNo" << log.fileId();
     return scope.result(false);
@@ -73,9 +76,10 @@ bool RepositoryWindows::truncatePath(LogEntry const& log) {
     auto const context = this->context(log, where.path, where.opType);
     bool done = true;
     if (where.stream == dataStreamName) {
-        done = store().paths().truncate(context, where.path, log.size(), log.bodyFlags());
-    } else if (auto const stream = store().paths().openStream(context, where.path, where.stream)) {
-        done = store().paths().truncate(context, *stream, log.size(), log.bodyFlags());
+        done = worked(store().paths().truncate(context, where.path, log.size(), log.bodyFlags()));
+    } else if (auto const stream =
+                   valueOf(store().paths().openStream(context, where.path, where.stream))) {
+        done = worked(store().paths().truncate(context, *stream, log.size(), log.bodyFlags()));
     }
     if (!done)
         MORVA_TRACE(Always) << "Failed to truncate" << where.path.join(u'/');
@@ -90,7 +94,7 @@ bool RepositoryWindows::opSetValidLengthWin(LogEntry const& log) {
     // What then lies below the valid length was never logged.
     MORVA_TRACE(Normal) << pathOf(*known).join(u'/') << "has dirty blocks"
                         << "OpenSeqNo" << log.fileId() << log.size();
-    return scope.result(known->activeHandle->dirty(known->link, *known->streamHandle));
+    return scope.result(worked(known->activeHandle->dirty(known->link, *known->streamHandle)));
 }
 
 bool RepositoryWindows::opSetFsctlWin(LogEntry const& log) {
@@ -121,16 +125,19 @@ bool RepositoryWindows::zeroData(LogEntry const& log, SinkHandle& handle, std::u
     static constexpr std::array<std::uint8_t, blockSize> zeros{};
     auto& file = *handle.activeHandle;
     // Nothing behind the end is meant. By name, since a copy may have replaced the stream.
-    end = std::min(end, file.size(handle.stream));
+    auto const size = file.size(handle.stream);
+    if (!worked(size.status()))
+        return false;
+    end = std::min(end, *size);
     if (start >= end)
         return true;
     // The stream clears a block that it begins within to its end, so that part is written.
     auto const whole = std::min(end, (start + blockSize - 1) / blockSize * blockSize);
     auto const count = static_cast<std::uint32_t>(whole - start);
-    return (count == 0 ||
-            file.write(handle.link, handle.streamHandle, start, zeros.data(), count, log.time())) &&
+    return (count == 0 || worked(file.write(handle.link, handle.streamHandle, start, zeros.data(),
+                                            count, log.time()))) &&
            (whole == end ||
-            file.zeroData(handle.link, handle.streamHandle, whole, end, log.time()));
+            worked(file.zeroData(handle.link, handle.streamHandle, whole, end, log.time())));
 }
 
 // --- attributes
@@ -146,8 +153,9 @@ bool RepositoryWindows::opSetAttrWin(LogEntry const& log) {
     if (!setModified && !setChanged && !setAttributes)
         return scope.result(true);
     auto const known = validHandle(log);
-    if (!known || known->activeHandle->attr(known->link, setModified, modified, setChanged, changed,
-                                            setAttributes, log.number(LogField::WindowsAttributes)))
+    if (!known ||
+        worked(known->activeHandle->attr(known->link, setModified, modified, setChanged, changed,
+                                         setAttributes, log.number(LogField::WindowsAttributes))))
         return scope.result(true);
     MORVA_TRACE(Always) << "Failed to set attributes OpenSeqNo" << log.fileId();
     return scope.result(false);
@@ -167,13 +175,12 @@ bool RepositoryWindows::opSetSecurityWin(LogEntry const& log) {
     auto const stored = readWhole(*known, securityStreamName);
     auto const present = WindowsSecurity::valid(Extent(stored)) ? Extent(stored) : Extent();
     auto const merged = WindowsSecurity::merged(present, given, info);
-    if (!store().paths().replaceContent(through(log), *known, securityStreamName, merged)) {
-        MORVA_TRACE(Always) << "Failed to set security OpenSeqNo" << log.fileId();
-        return scope.result(false);
-    }
-    if (owner.size != 0)
-        known->activeHandle->owner(known->link, QString::fromStdString(sidText(owner)));
-    return scope.result(true);
+    if (worked(store().paths().replaceContent(through(log), *known, securityStreamName, merged)) &&
+        (owner.size == 0 ||
+         worked(known->activeHandle->owner(known->link, QString::fromStdString(sidText(owner))))))
+        return scope.result(true);
+    MORVA_TRACE(Always) << "Failed to set security OpenSeqNo" << log.fileId();
+    return scope.result(false);
 }
 
 bool RepositoryWindows::opSetEaWin(LogEntry const& log) {
@@ -213,7 +220,8 @@ bool RepositoryWindows::opSetEaWin(LogEntry const& log) {
     }
     if (merged.isEmpty())
         MORVA_TRACE(Debug) << "Set no Eas" << log.fileId();
-    if (merged == record || store().paths().replaceContent(through(log), *known, name, merged))
+    if (merged == record ||
+        worked(store().paths().replaceContent(through(log), *known, name, merged)))
         return scope.result(true);
     tell();
     return scope.result(false);

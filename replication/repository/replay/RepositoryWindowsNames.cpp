@@ -9,6 +9,8 @@
 
 namespace Replication {
 
+using Morva::Status;
+
 namespace {
 
 /// Whether a path is that of something in a directory, at any depth.
@@ -35,6 +37,7 @@ RepositoryWindows::Handles RepositoryWindows::allHandles() {
 
 RepositoryWindows::SinkHandlePointer RepositoryWindows::validHandle(LogEntry const& log) {
     auto known = handle(log.fileId());
+    noteUnknown(log, *known);
     return known->type == SinkHandle::Valid ? known : nullptr;
 }
 
@@ -46,14 +49,10 @@ std::optional<DirKey> RepositoryWindows::entryOf(SinkHandle const& handle) {
     if (link == active->links().constEnd())
         return std::nullopt;
     DirKey key(link->key.directoryId(), link->key.name(), 0);
-    if (!store().directories().find(key) || key.fileId() != active->id() ||
+    if (!worked(store().directories().find(key)) || key.fileId() != active->id() ||
         key.link() != handle.link)
         return std::nullopt;
     return key;
-}
-
-QStringList RepositoryWindows::pathOf(SinkHandle const& handle) {
-    return handle.name.isEmpty() ? handle.parent : handle.parent + QStringList(handle.name);
 }
 
 bool RepositoryWindows::sameStream(QString const& a, QString const& b) const {
@@ -106,9 +105,10 @@ void RepositoryWindows::dropLostStreams(ActiveHandle const& file) {
             detach(*each, SinkHandle::Unknown);
 }
 
-void RepositoryWindows::exclusionsChanged() {
-    Sink::exclusionsChanged();
+Status RepositoryWindows::exclusionsChanged() {
+    auto applied = Sink::exclusionsChanged();
     dropNameless(SinkHandle::Excluded);
+    return applied;
 }
 
 // --- deletions at close
@@ -124,25 +124,26 @@ bool RepositoryWindows::inUse(SinkHandlePointer const& marked) {
     return false;
 }
 
-void RepositoryWindows::remove(SinkHandle const& marked) {
+bool RepositoryWindows::remove(SinkHandle const& marked) {
     auto& file = *marked.activeHandle;
     bool done = true;
     if (isNamed(marked)) {
         done = !file.fileNode()->exists(marked.stream) ||
-               file.removeStream(marked.link, marked.stream);
+               worked(file.removeStream(marked.link, marked.stream));
         dropLostStreams(file);
     } else if (auto entry = entryOf(marked)) {
-        done = store().directories().unlink(*entry, file, dataStreamName);
+        done = worked(store().directories().unlink(*entry, file, dataStreamName));
         if (file.fileNode()->isDirectory())
             dropNameless(SinkHandle::Unknown);
     }
     if (done)
-        return;
+        return true;
     MORVA_TRACE(Always) << "Failed to unlink OpenSeqNo" << pathOf(marked).join(u'/');
     askFor(pathOf(marked));
+    return false;
 }
 
-void RepositoryWindows::finishDeletions(std::function<bool(SinkHandle const&)> const& fits,
+bool RepositoryWindows::finishDeletions(std::function<bool(SinkHandle const&)> const& fits,
                                         bool also) {
     Handles due;
     std::erase_if(deletions_, [&](SinkHandlePointer const& marked) {
@@ -153,25 +154,77 @@ void RepositoryWindows::finishDeletions(std::function<bool(SinkHandle const&)> c
         due.push_back(marked);
         return true;
     });
+    bool done = true;
     for (auto const& marked : due)
         if (marked->activeHandle)
-            remove(*marked);
+            done = remove(*marked) && done;
+    return done;
 }
 
-void RepositoryWindows::dropHandles() {
+Status RepositoryWindows::dropHandles() {
     OperationGate::Enter const entered;
-    finishDeletions([](SinkHandle const&) { return true; }, true);
-    Sink::dropHandles();
+    auto const done = finishDeletions([](SinkHandle const&) { return true; }, true);
+    MORVA_TRY(Sink::dropHandles());
+    return done ? Status()
+                : Status::failure(Status::Code::IoError, "delete files at their close",
+                                  store().path());
+}
+
+void RepositoryWindows::forgetHandles() {
+    deletions_.clear();
+    Sink::forgetHandles();
+}
+
+void RepositoryWindows::saveMore(SavedHandles& handles) {
+    if (deletions_.empty())
+        return;
+    QHash<OpenHandle const*, std::uint32_t> numbers;
+    for (auto const* table : {&openHandles(), &closedHandles()})
+        for (auto each = table->cbegin(); each != table->cend(); ++each)
+            numbers.insert(each->get(), each.key());
+    std::uint32_t place = 0;
+    for (auto const& marked : deletions_) {
+        auto const number = numbers.constFind(marked.get());
+        handles.deletion(place++, *marked,
+                         number == numbers.cend() ? std::nullopt : std::optional(*number));
+    }
+}
+
+Status RepositoryWindows::takeUpMore(SavedHandles& handles) {
+    return handles.deletions([this](std::optional<std::uint32_t> fileId,
+                                    SinkHandlePointer const& saved) {
+        auto known = saved;
+        if (fileId) {
+            auto const open = openHandles().value(*fileId);
+            known =
+                std::static_pointer_cast<SinkHandle>(open ? open : closedHandles().value(*fileId));
+        }
+        if (known && known->type == SinkHandle::Valid)
+            deletions_.push_back(known);
+    });
+}
+
+QList<QStringList> RepositoryWindows::pathsOf(LogEntry const& log) {
+    QList<QStringList> paths;
+    if (!log.fileText().empty())
+        if (auto const where = target(log, (log.flags() & logFlagDirectory) != 0);
+            where.space == Space::Inside)
+            paths += where.path;
+    // What is renamed has an old name too.
+    if (log.type() == LogType::WinRename)
+        if (auto const known = handle(log.fileId()); !known->name.isEmpty())
+            paths += pathOf(*known);
+    return paths;
 }
 
 void RepositoryWindows::finishDeletionsOf(FileId file) {
-    finishDeletions([&](SinkHandle const& marked) { return marked.activeHandle->id() == file; },
-                    true);
+    (void)finishDeletions( // a path that failed has been asked for
+        [&](SinkHandle const& marked) { return marked.activeHandle->id() == file; }, true);
 }
 
 void RepositoryWindows::finishDeletionsAt(SinkHandle const* closed) {
     // Handles that were set aside end without a close: a number that isn't known may be theirs.
-    finishDeletions(
+    (void)finishDeletions( // a path that failed has been asked for
         [&](SinkHandle const& marked) {
             return !closed || closed->activeHandle == marked.activeHandle;
         },
@@ -231,7 +284,7 @@ bool RepositoryWindows::removeRenamed(LogEntry const& log, SinkHandlePointer con
                         << pathOf(*old).join(u'/');
     auto const keep = old->activeHandle; // the handles go with the name
     auto entry = entryOf(*old);
-    if (entry && !store().directories().unlink(*entry, *keep, dataStreamName)) {
+    if (entry && !worked(store().directories().unlink(*entry, *keep, dataStreamName))) {
         MORVA_TRACE(Always) << "Failed to delete file" << pathOf(*old).join(u'/');
         return false;
     }
@@ -279,11 +332,11 @@ bool RepositoryWindows::renameInside(LogEntry const& log, SinkHandlePointer cons
         return true;
     }
     auto const context = renameContext(log, to);
-    auto const there = store().directories().locate(to.path, PathMode::DoNotBuildPath);
+    auto const there = valueOf(store().directories().locate(to.path, PathMode::DoNotBuildPath));
     auto const otherName =
         there.found && there.key.fileId() == entry->fileId() && !there.key.sameName(*entry);
-    if ((otherName && !store().paths().unlink(context, to.path)) ||
-        !store().paths().rename(context, notToBackup(), from, to.path)) {
+    if ((otherName && !worked(store().paths().unlink(context, to.path))) ||
+        !worked(store().paths().rename(context, notToBackup(), from, to.path))) {
         MORVA_TRACE(Always) << "Failed to rename" << from.join(u'/') << to.path.join(u'/')
                             << "Failed to rename OpenSeqNo" << log.fileId();
         return false;
@@ -300,7 +353,7 @@ bool RepositoryWindows::renameStream(LogEntry const& log, SinkHandle& old, Targe
     auto& file = *old.activeHandle;
     if (isNamed(old) && to.stream != dataStreamName) {
         if (sameStream(old.stream, to.stream) ||
-            file.renameStream(old.link, old.stream, to.stream)) {
+            worked(file.renameStream(old.link, old.stream, to.stream))) {
             auto const from = old.stream;
             for (auto const& each : allHandles()) {
                 if (each->activeHandle.get() != &file)
@@ -342,7 +395,7 @@ bool RepositoryWindows::opLinkWin(LogEntry const& log) {
     auto const context = this->context(log, to.path, to.opType);
     auto const name = freeName(context, to.path, entry->fileId());
     if (name == Name::Present ||
-        (name == Name::Free && store().directories().link(context.opType, *entry, to.path)))
+        (name == Name::Free && worked(store().directories().link(context.opType, *entry, to.path))))
         return scope.result(true);
     MORVA_TRACE(Always) << "Failed to link" << to.path.join(u'/') << "Failed to link OpenSeqNo"
                         << log.fileId();

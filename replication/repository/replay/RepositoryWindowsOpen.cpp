@@ -36,6 +36,10 @@ bool RepositoryWindows::prepare(LogEntry const& log, Opening& opening, bool& fai
 
 bool RepositoryWindows::opCreateWin(LogEntry const& log) {
     MORVA_METHOD("opCreateWin");
+    // A number that comes anew has been closed.
+    if (!deletions_.empty())
+        if (auto const before = removeHandle(log.fileId()))
+            finishDeletionsAt(before.get());
     Opening opening;
     opening.exists = log.number(LogField::Exists) != 0;
     bool failed = false;
@@ -67,9 +71,15 @@ bool RepositoryWindows::opCreateWin(LogEntry const& log) {
         line << "Operation" << Morva::dec << static_cast<std::int32_t>(opening.answer);
     }
     if (opening.exists && opening.answer == NotToBackup::eNothing)
-        askFor(opening.target.path);
-    enterAbsent(log, SinkHandle::Unknown, opening.isDirectory);
+        enterFailed(log, opening);
+    else
+        enterAbsent(log, SinkHandle::Unknown, opening.isDirectory);
     return scope.result(true);
+}
+
+void RepositoryWindows::enterFailed(LogEntry const& log, Opening const& opening) {
+    askFor(opening.target.path);
+    enterLost(log.fileId(), opening.target.path, opening.isDirectory ? directoryHandle : 0);
 }
 
 void RepositoryWindows::enterAbsent(LogEntry const& log, SinkHandle::Type type, bool isDirectory) {
@@ -86,7 +96,7 @@ RepositoryWindows::SinkHandlePointer RepositoryWindows::openExisting(Opening con
     case WinDisposition::Open:
     case WinDisposition::Create:
     case WinDisposition::OpenIf:
-        return paths.openStream(opening.context, where.path, where.stream);
+        return valueOf(paths.openStream(opening.context, where.path, where.stream));
     case WinDisposition::Supersede:
     case WinDisposition::Overwrite:
     case WinDisposition::OverwriteIf:
@@ -98,17 +108,17 @@ RepositoryWindows::SinkHandlePointer RepositoryWindows::openExisting(Opening con
     }
     auto const makes = opening.disposition() != WinDisposition::Overwrite;
     if (where.stream == dataStreamName) {
-        auto opened = paths.supersede(opening.context, where.path);
+        auto opened = valueOf(paths.supersede(opening.context, where.path));
         create = !opened && makes;
         if (opened && opened->activeHandle.use_count() > 1)
             dropLostStreams(*opened->activeHandle);
         return opened;
     }
-    auto opened = paths.openStream(opening.context, where.path, where.stream);
+    auto opened = valueOf(paths.openStream(opening.context, where.path, where.stream));
     // A stream that is missing can be made; what else the file holds could not.
     create = !opened && makes &&
-             store().directories().locate(where.path, PathMode::DoNotBuildPath).found;
-    if (opened && !paths.truncate(opening.context, *opened, 0, 0))
+             valueOf(store().directories().locate(where.path, PathMode::DoNotBuildPath)).found;
+    if (opened && !worked(paths.truncate(opening.context, *opened, 0, 0)))
         return nullptr;
     return opened;
 }
@@ -141,8 +151,9 @@ RepositoryWindows::SinkHandlePointer RepositoryWindows::createNew(LogEntry const
     auto const& where = opening.target;
     // Of a plain new file nothing is asked that making it wouldn't find out.
     auto const asks = opening.isDirectory || where.stream != dataStreamName || !deletions_.empty();
-    auto const there = asks ? store().directories().locate(where.path, PathMode::DoNotBuildPath)
-                            : Directories::Located();
+    auto const there =
+        asks ? valueOf(store().directories().locate(where.path, PathMode::DoNotBuildPath))
+             : Directories::Located();
     if (there.found)
         finishDeletionsOf(there.key.fileId());
     auto file = newFile(log, opening);
@@ -150,7 +161,8 @@ RepositoryWindows::SinkHandlePointer RepositoryWindows::createNew(LogEntry const
     if (there.found && where.stream != dataStreamName)
         file.nodeType = there.key.type();
     opening.context.user = file.owner;
-    auto created = store().paths().createStream(opening.context, where.path, where.stream, file);
+    auto created =
+        valueOf(store().paths().createStream(opening.context, where.path, where.stream, file));
     if (!created)
         return createAnyway(opening);
     auto const known = there.found && created->activeHandle->id() == there.key.fileId();
@@ -158,7 +170,7 @@ RepositoryWindows::SinkHandlePointer RepositoryWindows::createNew(LogEntry const
         return created;
     // The directory was made by what came before it, or the stream is an old one.
     bool const done = where.stream != dataStreamName
-                          ? store().paths().truncate(opening.context, *created, 0, 0)
+                          ? worked(store().paths().truncate(opening.context, *created, 0, 0))
                           : describe(opening.context, *created, file);
     return done ? created : nullptr;
 }
@@ -167,11 +179,11 @@ RepositoryWindows::SinkHandlePointer RepositoryWindows::createAnyway(Opening con
     auto& paths = store().paths();
     auto const& where = opening.target;
     if (state() == eRunningDuringSnapshot)
-        return paths.openStream(opening.context, where.path, where.stream);
+        return valueOf(paths.openStream(opening.context, where.path, where.stream));
     if (opening.isDirectory || where.stream != dataStreamName)
         return nullptr;
-    auto opened = paths.supersede(opening.context, where.path);
-    if (opened && !paths.truncate(opening.context, *opened, 0, 0))
+    auto opened = valueOf(paths.supersede(opening.context, where.path));
+    if (opened && !worked(paths.truncate(opening.context, *opened, 0, 0)))
         return nullptr;
     return opened;
 }
@@ -187,8 +199,8 @@ bool RepositoryWindows::opReOpenWin(LogEntry const& log) {
     bool failed = false;
     SinkHandlePointer opened;
     if (prepare(log, opening, failed))
-        opened =
-            store().paths().openStream(opening.context, opening.target.path, opening.target.stream);
+        opened = valueOf(store().paths().openStream(opening.context, opening.target.path,
+                                                    opening.target.stream));
     else if (!failed)
         return scope.result(true);
     if (opened) {
@@ -197,8 +209,9 @@ bool RepositoryWindows::opReOpenWin(LogEntry const& log) {
     }
     MORVA_TRACE(Always) << "Failed to reopen OpenSeqNo" << log.fileId();
     if (opening.answer == NotToBackup::eNothing)
-        askFor(opening.target.path);
-    enterAbsent(log, SinkHandle::Unknown, opening.isDirectory);
+        enterFailed(log, opening);
+    else
+        enterAbsent(log, SinkHandle::Unknown, opening.isDirectory);
     return scope.result(true);
 }
 

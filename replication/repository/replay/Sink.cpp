@@ -15,11 +15,15 @@ namespace Replication {
 using Morva::ConfigLocal;
 using Morva::LogLevelE;
 using Morva::LogLine;
+using Morva::Status;
 using Morva::XmlListIterator;
 
 namespace {
 
 constexpr std::uint32_t invalidFileId = 0xFFFFFFFF;
+/// Numbers without an opening that are remembered, and of which the user is told one by one.
+constexpr std::uint32_t maximumNeverOpened = 10000;
+constexpr std::uint64_t unknownHandlesTold = 100;
 
 } // namespace
 
@@ -33,7 +37,9 @@ Sink::Sink(Identity identity, ReplayId replayId, StorePointer store,
 }
 
 Sink::~Sink() {
-    dropHandles();
+    store_->saved().detach(*this, stopped_ || !changed());
+    openHandles().clear();
+    closedHandles().clear();
     streams_->endThread();
 }
 
@@ -82,9 +88,8 @@ bool Sink::saveRules(std::uint32_t ruleSet, QString const& target) {
     else if (targetBefore != target && !stateFile().target(target))
         fault = "Failed to update target data";
     if (!fault) {
-        if (targetBefore != target)
-            saveState(); // it stands behind the target
-        return true;
+        // They stand behind the target.
+        return targetBefore == target || saveExclusions().ok();
     }
     MORVA_TRACE(Always) << fault << ruleSet << target;
     // Else the next log would pass for one of the rules in force.
@@ -164,28 +169,58 @@ std::uint32_t Sink::closedGracePeriod() const {
     return gracePeriod_;
 }
 
-bool Sink::replay(LogPointer const& log) {
+bool Sink::worked(Morva::Status status) {
+    using Code = Morva::Status::Code;
+    bool const done = status.ok();
+    if (!done && !status.is(Code::NotFound) && !status.is(Code::InvalidArgument))
+        failed_.update(std::move(status));
+    return done;
+}
+
+Status Sink::replay(LogPointer const& log) {
     OperationGate::Enter const entered;
+    failed_ = {};
     Morva::Failures::Watch const failures;
     store_->retired().timeStamp(log->time());
     if (!store_->settle()) {
         MORVA_TRACE(Always) << "What earlier logs left over can't be done yet, sequence number"
                             << log->sequenceNumber();
-        return false;
+        return Status::failure(Status::Code::IoError, "apply log", store_->path(),
+                               QStringLiteral("what earlier logs left over can't be done yet"));
     }
-    if (log->type() == LogType::PolicyEvent) {
+    bool done = true;
+    if (log->type() == LogType::PolicyEvent)
         policyEvent(*log);
-    } else if (log->type() != LogType::Header && log->type() != LogType::Message) {
-        if (!replayBody(*log))
-            return false;
-    }
+    else if (log->type() != LogType::Header && log->type() != LogType::Message)
+        done = replayBody(*log);
     // The data path itself reports success, and what can't be read looks like what isn't there; a
     // log counts as applied only if nothing failed.
-    if (!failures.any())
-        return true;
-    MORVA_TRACE(Always) << "The disk failed while a log was applied, sequence number"
-                        << log->sequenceNumber();
-    return false;
+    if (failures.any())
+        failed_.update(Status::failure(Status::Code::IoError, "apply log", store_->path()));
+    if (!failed_) {
+        MORVA_TRACE(Always) << "The disk failed while a log was applied, sequence number"
+                            << log->sequenceNumber() << failed_.text();
+        return std::exchange(failed_, {});
+    }
+    return done ? Status()
+                : Status::failure(Status::Code::InvalidArgument, "apply log", store_->path(),
+                                  QStringLiteral("it doesn't fit what is stored"));
+}
+
+bool Sink::askForPathsOf(LogEntry const& log) {
+    auto paths = pathsOf(log);
+    if (paths.isEmpty() && log.has(LogField::FileId)) {
+        auto const known = handle(log.fileId());
+        if (!known->name.isEmpty())
+            paths += pathOf(*known);
+    }
+    auto asked = !paths.isEmpty();
+    for (auto const& path : std::as_const(paths)) {
+        auto const text = path.join(u'/');
+        addResyncPath(text, false);
+        asked = asked && (resyncPaths().contains(text) || needsResync());
+    }
+    return asked;
 }
 
 void Sink::sendAck(std::uint64_t sequence) {
@@ -216,32 +251,47 @@ bool Sink::startResyncProcess(QString const& type) {
 }
 
 bool Sink::destinationEmpty() {
-    return store_->directories().emptyDirectory(DirKey::root(store_->rootId()));
+    return valueOf(store_->directories().emptyDirectory(DirKey::root(store_->rootId())));
 }
 
 bool Sink::snapshotPossible() const {
     return state() == eRunning && store_->valid();
 }
 
-void Sink::exclusionsChanged() {
+Status Sink::exclusionsChanged() {
     OperationGate::Enter const entered;
     Morva::Failures::Watch const failures;
     if (currentLog())
         store_->retired().timeStamp(currentLog()->time());
-    auto const root =
-        store_->settle() ? store_->activeHandles().get(store_->rootId()) : ActiveHandle::Pointer();
-    QStringList path;
-    if (root)
-        store_->directories().checkOperations(notToBackup(), *root, path);
-    if (root && !failures.any())
-        return;
-    MORVA_TRACE(Always) << "Failed to apply exclusions to the store";
-    exclusionsFailed();
+    auto const apply = [this]() -> Status {
+        MORVA_TRY(store_->settle());
+        MORVA_TRY_LET(auto const root, store_->activeHandles().open(store_->rootId()));
+        QStringList path;
+        return store_->directories().checkOperations(notToBackup(), *root, path);
+    };
+    auto applied = apply();
+    if (failures.any())
+        applied.update(Status::failure(Status::Code::IoError, "apply exclusions", store_->path()));
+    if (!applied)
+        MORVA_TRACE(Always) << "Failed to apply exclusions to the store" << applied.text();
+    return applied;
 }
 
-void Sink::handleShutdown() {
-    dropHandles();
-    DataSink::handleShutdown();
+Status Sink::dropHandles() {
+    neverOpened_ = 0;
+    return DataSink::dropHandles();
+}
+
+void Sink::forgetHandles() {
+    openHandles().clear();
+    closedHandles().clear();
+}
+
+Status Sink::handleShutdown() {
+    auto saved = DataSink::handleShutdown();
+    stopped_ = saved.ok();
+    forgetHandles();
+    return saved;
 }
 
 void Sink::policyEvent(LogEntry const& log) {
@@ -303,8 +353,49 @@ Sink::SinkHandlePointer Sink::handle(std::uint32_t fileId) {
         return std::static_pointer_cast<SinkHandle>(closed);
     }
     auto unknown = std::make_shared<SinkHandle>(SinkHandle::Unknown);
-    insertHandle(fileId, unknown);
+    unknown->flags = SinkHandle::neverOpened;
+    // Some may have gone with handles that were set aside.
+    auto const all = static_cast<std::uint32_t>(openHandles().size() + closedHandles().size());
+    neverOpened_ = std::min(neverOpened_, all);
+    if (neverOpened_ < maximumNeverOpened && insertHandle(fileId, unknown))
+        ++neverOpened_;
     return unknown;
+}
+
+void Sink::noteUnknown(LogEntry const& log, SinkHandle& handle) {
+    if (handle.type != SinkHandle::Unknown ||
+        (handle.flags & (SinkHandle::neverOpened | SinkHandle::lost)) == 0)
+        return;
+    ++unknownHandleLogs_;
+    ++handle.id;
+    if ((handle.flags & SinkHandle::lost) != 0) {
+        addResyncPath(pathOf(handle).join(u'/'), false);
+        return;
+    }
+    if (handle.id > 1 || unknownHandleLogs_ > unknownHandlesTold)
+        return;
+    MORVA_TRACE(Always) << "No opening is known of OpenSeqNo" << log.fileId();
+    LogLine(QStringLiteral("Replication"), LogLevelE::Warning)
+        << "A log of %1m to %2s changes a file that isn't known to be open, number %3s; the file "
+           "is not up to date in the store"
+        << identity().sourceMachine << identity().target << QString::number(log.fileId());
+    if (!needsResync())
+        sendResyncRequired(QStringLiteral("A file was changed of which no opening is known"), true,
+                           3);
+}
+
+void Sink::enterLost(std::uint32_t fileId, QStringList const& path, std::uint32_t flags) {
+    auto handle = std::make_shared<SinkHandle>(SinkHandle::Unknown);
+    handle->flags = flags | SinkHandle::lost;
+    if (!path.isEmpty()) {
+        handle->parent = path.first(path.size() - 1);
+        handle->name = path.last();
+    }
+    insertHandle(fileId, std::move(handle));
+}
+
+QStringList Sink::pathOf(SinkHandle const& handle) {
+    return handle.name.isEmpty() ? handle.parent : handle.parent + QStringList(handle.name);
 }
 
 Sink::SinkHandlePointer Sink::removeHandle(std::uint32_t fileId) {
@@ -312,7 +403,10 @@ Sink::SinkHandlePointer Sink::removeHandle(std::uint32_t fileId) {
     auto removed = openHandles().take(fileId);
     if (!removed && (removed = closedHandles().take(fileId)))
         tookClosed();
-    return std::static_pointer_cast<SinkHandle>(removed);
+    auto handle = std::static_pointer_cast<SinkHandle>(removed);
+    if (handle && (handle->flags & SinkHandle::neverOpened) != 0 && neverOpened_ != 0)
+        --neverOpened_;
+    return handle;
 }
 
 void Sink::tookClosed() {

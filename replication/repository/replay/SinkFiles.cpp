@@ -46,8 +46,9 @@ bool Sink::writeOpen(LogEntry const& log) {
         return true;
     auto const data = log.data();
     auto const known = handle(log.fileId());
+    noteUnknown(log, *known);
     if (known->type != SinkHandle::Valid ||
-        store().paths().write(through(log), *known, log.offset(), data.data, data.size))
+        worked(store().paths().write(through(log), *known, log.offset(), data.data, data.size)))
         return true;
     MORVA_TRACE(Always) << "Failed to write to OpenSeqNo" << log.fileId();
     return false;
@@ -63,7 +64,7 @@ Sink::SinkHandlePointer Sink::closeOpen(LogEntry const& log) {
 }
 
 QByteArray Sink::readWhole(SinkHandle const& handle, QString const& name) {
-    auto const stream = handle.activeHandle->fileNode()->openStream(name);
+    auto const stream = valueOf(handle.activeHandle->fileNode()->openStream(name));
     auto const length = stream ? stream->length() : 0;
     if (length == 0 || length > maximumSmallStream)
         return {};
@@ -75,20 +76,22 @@ QByteArray Sink::readWhole(SinkHandle const& handle, QString const& name) {
 
 bool Sink::describe(FileContext const& context, SinkHandle& handle,
                     PathOperations::NewFile const& file) {
-    handle.activeHandle->attributes(handle.link, file.attributes);
-    if (!file.owner.isEmpty())
-        handle.activeHandle->owner(handle.link, file.owner);
-    return file.security.isEmpty() ||
-           store().paths().replaceContent(context, handle, securityStreamName, file.security);
+    if (!worked(handle.activeHandle->attributes(handle.link, file.attributes)) ||
+        (!file.owner.isEmpty() && !worked(handle.activeHandle->owner(handle.link, file.owner))))
+        return false;
+    return file.security.isEmpty() || worked(store().paths().replaceContent(
+                                          context, handle, securityStreamName, file.security));
 }
 
 Sink::Name Sink::freeName(FileContext const& context, QStringList const& path, FileId file) {
     auto const there = store().directories().locate(path, PathMode::DoNotBuildPath);
-    if (!there.found)
+    if (!worked(there.status()))
+        return Name::Failed;
+    if (!there->found)
         return Name::Free;
-    if (file && there.key.fileId() == file)
+    if (file && there->key.fileId() == file)
         return Name::Present;
-    return store().paths().unlink(context, path) ? Name::Free : Name::Failed;
+    return worked(store().paths().unlink(context, path)) ? Name::Free : Name::Failed;
 }
 
 } // namespace Replication

@@ -70,7 +70,10 @@ SnapshotAnalysis::State SnapshotAnalysis::step() {
 }
 
 bool SnapshotAnalysis::countDirectory(FileId directory) {
-    FileNode::Pointer const node = store_->passiveHandle(directory, snapshot_.instance);
+    auto const found = store_->passiveHandle(directory, snapshot_.instance);
+    if (!found)
+        return false;
+    FileNode::Pointer const& node = *found;
     if (!node || !node->isDirectory()) {
         MORVA_TRACE(Always) << (node ? "Not a directory" : "No longer exists") << Morva::hex
                             << directory << Morva::dec << "instance" << snapshot_.instance;
@@ -95,7 +98,10 @@ bool SnapshotAnalysis::count(DirectoryEntry const& entry) {
         ++directoryCount_;
         return true;
     }
-    FileNode::Pointer const node = store_->passiveHandle(id, snapshot_.instance);
+    auto const found = store_->passiveHandle(id, snapshot_.instance);
+    if (!found)
+        return false;
+    FileNode::Pointer const& node = *found;
     if (!node) {
         MORVA_TRACE(Always) << "No longer exists" << Morva::hex << id << Morva::dec << "instance"
                             << snapshot_.instance;
@@ -104,7 +110,10 @@ bool SnapshotAnalysis::count(DirectoryEntry const& entry) {
     // Most files never had a second name, and needn't be remembered.
     if (!node->notLinked() && !counted_.insert(id).second)
         return true;
-    logicalSize_ += node->size();
+    auto const size = node->size();
+    if (!size)
+        return false;
+    logicalSize_ += *size;
     ++fileCount_;
     return true;
 }

@@ -12,7 +12,7 @@ using State = SnapshotAnalysis::State;
 class SnapshotAnalyses : public StoreFixture {
 protected:
     [[nodiscard]] FileHandle handle(Instance instance) const {
-        return store_->fileHandle(store_->rootId(), instance, FileHandle::Snapshot);
+        return value(store_->fileHandle(store_->rootId(), instance, FileHandle::Snapshot));
     }
     static std::string figures(SnapshotAnalysis const& analysis) {
         return std::to_string(analysis.logicalSize()) + ' ' +
@@ -85,8 +85,8 @@ TEST_F(SnapshotAnalyses, ADamagedDirectoryStoresNoFigures) {
     ASSERT_TRUE(writeFile("a/one", "1"));
     Instance const instance = snapshot();
     StreamId const pages = [&] {
-        auto const node = store_->passiveHandle({"a"}, instance);
-        return node->openStream(dataStreamName)->id();
+        auto const node = value(store_->passiveHandle({"a"}, instance));
+        return value(node->openStream(dataStreamName))->id();
     }();
     std::uint32_t const entryLength = 7; // no multiple of 4
     ASSERT_TRUE(streams_->handle(pages, false)->write(32, &entryLength, 4, true));

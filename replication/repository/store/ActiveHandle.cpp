@@ -10,6 +10,9 @@
 
 namespace Replication {
 
+using Morva::Result;
+using Morva::Status;
+
 using StreamPointer = std::shared_ptr<StreamHandle>;
 
 ActiveHandle::ActiveHandle(Store& store, FileId id, FileNode::Pointer node)
@@ -24,20 +27,32 @@ ActiveHandle::~ActiveHandle() {
     store_.activeHandles().release(id_);
 }
 
-bool ActiveHandle::commit(LinkId) {
+Status ActiveHandle::commit(LinkId) {
     if (!copy_)
-        return true;
+        return {};
     FileNode::Pointer const copy = std::exchange(copy_, nullptr);
     copy->print(static_cast<int>(Morva::TraceLevel::Debug));
-    if (!store_.updateFileId(store_.retired().timeStamp(), id_, *fileNode_, *copy))
-        return false;
+    MORVA_TRY(store_.updateFileId(store_.retired().timeStamp(), id_, *fileNode_, *copy));
     version_.fileType = copy->type();
     if (version_.versioned()) {
         version_.fileNode = copy->id();
         MORVA_TRACE(Verbose) << "%%% Version" << id_ << "FileNode" << version_.fileNode;
     }
     fileNode_ = copy;
-    return true;
+    return {};
+}
+
+Status ActiveHandle::end(LinkId link, Status status) {
+    if (status)
+        return commit(link);
+    if (FileNode::Pointer const copy = std::exchange(copy_, nullptr))
+        copy->releaseVersion(); // with the last pointer it goes, and with it its streams
+    return status;
+}
+
+Status ActiveHandle::noFile() const {
+    return Status::failure(Status::Code::InvalidArgument, "change file", QString(),
+                           QStringLiteral("file %1 has no node").arg(id_.value));
 }
 
 // --- streams
@@ -46,7 +61,7 @@ bool ActiveHandle::sameStream(QString const& a, QString const& b) const {
     return QString::compare(a, b, store_.caseSensitivity()) == 0;
 }
 
-StreamPointer ActiveHandle::current(StreamPointer const& stream) const {
+Result<StreamPointer> ActiveHandle::current(StreamPointer const& stream) const {
     if (stream && fileNode_)
         for (Replaced const& entry : replaced_)
             if (entry.id == stream->id() && entry.handle.lock() == stream)
@@ -54,13 +69,23 @@ StreamPointer ActiveHandle::current(StreamPointer const& stream) const {
     return stream;
 }
 
-StreamHandle const& ActiveHandle::current(StreamHandle const& stream, StreamPointer& keep) const {
+Result<StreamHandle const*> ActiveHandle::current(StreamHandle const& stream,
+                                                  StreamPointer& keep) const {
     for (Replaced const& entry : replaced_)
-        if (entry.id == stream.id() && entry.handle.lock().get() == &stream) {
-            keep = fileNode_ ? fileNode_->openStream(entry.name) : nullptr;
-            return keep ? *keep : stream;
+        if (entry.id == stream.id() && entry.handle.lock().get() == &stream && fileNode_) {
+            MORVA_TRY_LET(keep, fileNode_->openStream(entry.name));
+            return keep ? keep.get() : &stream;
         }
-    return stream;
+    return &stream;
+}
+
+QString ActiveHandle::streamName(StreamPointer const& stream) const {
+    if (!stream || !fileNode_)
+        return {};
+    for (Replaced const& entry : replaced_)
+        if (entry.id == stream->id() && entry.handle.lock() == stream)
+            return entry.name;
+    return fileNode_->streamName(stream->id());
 }
 
 void ActiveHandle::replaced(StreamPointer const& before, QString const& name) {
@@ -70,112 +95,98 @@ void ActiveHandle::replaced(StreamPointer const& before, QString const& name) {
 }
 
 template <class Change>
-bool ActiveHandle::change(LinkId link, StreamPointer& stream, Change&& change) {
+Status ActiveHandle::change(LinkId link, StreamPointer& stream, Change&& change) {
     if (!fileNode_)
-        return false;
-    if (!replaced_.empty())
-        stream = current(stream);
-    StreamPointer before = stream;
-    bool const result = change();
-    if (!commit(link)) {
-        stream = before;
-        return false;
+        return noFile();
+    if (!replaced_.empty()) {
+        MORVA_TRY_LET(stream, current(stream));
     }
+    StreamPointer const before = stream;
+    Status status = change();
+    bool const copied = copy_ != nullptr;
+    status = end(link, std::move(status));
+    // With a copy of the node its copies of streams have gone as well.
+    if (!status && copied)
+        stream = before;
     if (stream != before)
         replaced(before, fileNode_->streamName(stream->id()));
-    return result;
+    return status;
 }
 
-StreamPointer ActiveHandle::createStream(LinkId link, QString const& name, bool dedup) {
-    if (!fileNode_)
-        return nullptr;
-    StreamPointer result = fileNode_->createActiveStream(copy_, name, dedup);
-    return commit(link) ? result : nullptr;
+Result<StreamPointer> ActiveHandle::createStream(LinkId link, QString const& name, bool dedup) {
+    return run(link, [&](FileNode& node) { return node.createActiveStream(copy_, name, dedup); });
 }
 
-StreamPointer ActiveHandle::openStream(LinkId link, QString const& name, bool dedup) {
-    if (!fileNode_)
-        return nullptr;
-    StreamPointer result = fileNode_->openActiveStream(copy_, name, dedup);
-    return commit(link) ? result : nullptr;
+Result<StreamPointer> ActiveHandle::openStream(LinkId link, QString const& name, bool dedup) {
+    return run(link, [&](FileNode& node) { return node.openActiveStream(copy_, name, dedup); });
 }
 
-bool ActiveHandle::write(LinkId link, StreamPointer& stream, std::uint64_t offset, void const* data,
-                         std::uint32_t count, std::uint32_t sourceTime) {
+Status ActiveHandle::write(LinkId link, StreamPointer& stream, std::uint64_t offset,
+                           void const* data, std::uint32_t count, std::uint32_t sourceTime) {
     return change(link, stream,
                   [&] { return fileNode_->write(copy_, stream, offset, data, count, sourceTime); });
 }
 
-bool ActiveHandle::truncate(LinkId link, StreamPointer& stream, std::uint64_t size,
-                            std::uint32_t flags, std::uint32_t sourceTime) {
+Status ActiveHandle::truncate(LinkId link, StreamPointer& stream, std::uint64_t size,
+                              std::uint32_t flags, std::uint32_t sourceTime) {
     return change(link, stream,
                   [&] { return fileNode_->truncate(copy_, stream, size, flags, sourceTime); });
 }
 
-bool ActiveHandle::zeroData(LinkId link, StreamPointer& stream, std::uint64_t start,
-                            std::uint64_t end, std::uint32_t sourceTime) {
+Status ActiveHandle::zeroData(LinkId link, StreamPointer& stream, std::uint64_t start,
+                              std::uint64_t end, std::uint32_t sourceTime) {
     return change(link, stream,
                   [&] { return fileNode_->zeroData(copy_, stream, start, end, sourceTime); });
 }
 
-bool ActiveHandle::dirty(LinkId link, StreamHandle const& stream) {
+Status ActiveHandle::dirty(LinkId link, StreamHandle const& stream) {
     StreamPointer keep;
-    bool const result = fileNode_ && fileNode_->dirty(copy_, current(stream, keep));
-    return commit(link) && result;
+    MORVA_TRY_LET(StreamHandle const* const target, current(stream, keep));
+    return run(link, [&](FileNode& node) { return node.dirty(copy_, *target); });
 }
 
-bool ActiveHandle::sparse(LinkId link, StreamHandle const& stream) {
+Status ActiveHandle::sparse(LinkId link, StreamHandle const& stream) {
     StreamPointer keep;
-    bool const result = fileNode_ && fileNode_->sparse(copy_, current(stream, keep));
-    return commit(link) && result;
+    MORVA_TRY_LET(StreamHandle const* const target, current(stream, keep));
+    return run(link, [&](FileNode& node) { return node.sparse(copy_, *target); });
 }
 
-bool ActiveHandle::removeStream(LinkId link, QString const& name) {
-    bool const done = fileNode_ && fileNode_->removeStream(copy_, name);
-    bool const result = commit(link) && done;
-    if (result)
-        std::erase_if(replaced_,
-                      [&](Replaced const& entry) { return sameStream(entry.name, name); });
-    return result;
+Status ActiveHandle::removeStream(LinkId link, QString const& name) {
+    MORVA_TRY(run(link, [&](FileNode& node) { return node.removeStream(copy_, name); }));
+    std::erase_if(replaced_, [&](Replaced const& entry) { return sameStream(entry.name, name); });
+    return {};
 }
 
-bool ActiveHandle::renameStream(LinkId link, QString const& from, QString const& to) {
-    if (from.isEmpty() || to.isEmpty())
-        return false;
-    bool const done = fileNode_ && fileNode_->renameStream(copy_, from, to);
-    bool const result = commit(link) && done;
-    if (result) {
-        std::erase_if(replaced_, [&](Replaced const& entry) { return sameStream(entry.name, to); });
-        for (Replaced& entry : replaced_)
-            if (sameStream(entry.name, from))
-                entry.name = to;
-    }
-    return result;
+Status ActiveHandle::renameStream(LinkId link, QString const& from, QString const& to) {
+    MORVA_TRY(run(link, [&](FileNode& node) { return node.renameStream(copy_, from, to); }));
+    std::erase_if(replaced_, [&](Replaced const& entry) { return sameStream(entry.name, to); });
+    for (Replaced& entry : replaced_)
+        if (sameStream(entry.name, from))
+            entry.name = to;
+    return {};
 }
 
-bool ActiveHandle::renameStream(LinkId link, StreamHandle const& stream, QString const& to) {
+Status ActiveHandle::renameStream(LinkId link, StreamHandle const& stream, QString const& to) {
     StreamPointer keep;
-    if (!fileNode_ || to.isEmpty())
-        return false;
-    StreamHandle const& target = current(stream, keep);
-    QString const from = fileNode_->streamName(target.id());
+    if (!fileNode_)
+        return noFile();
+    MORVA_TRY_LET(StreamHandle const* const target, current(stream, keep));
+    QString const from = fileNode_->streamName(target->id());
     if (!from.isEmpty())
         return renameStream(link, from, to);
-    return fileNode_->renameStream(copy_, target, to);
+    return run(link, [&](FileNode& node) { return node.renameStream(copy_, *target, to); });
 }
 
-bool ActiveHandle::replaceStream(LinkId link, StreamHandle const& from, StreamPointer const& to) {
+Status ActiveHandle::replaceStream(LinkId link, StreamHandle const& from, StreamPointer const& to) {
     if (!fileNode_)
-        return false;
+        return noFile();
     StreamPointer keep;
-    StreamHandle const& source = current(from, keep);
-    QString const name = fileNode_->streamName(source.id());
-    StreamPointer const before = fileNode_->openStream(name);
-    bool const done = fileNode_->replaceStream(copy_, source, to);
-    bool const result = commit(link) && done;
-    if (result)
-        replaced(before, name);
-    return result;
+    MORVA_TRY_LET(StreamHandle const* const source, current(from, keep));
+    QString const name = fileNode_->streamName(source->id());
+    MORVA_TRY_LET(StreamPointer const before, fileNode_->openStream(name));
+    MORVA_TRY(run(link, [&](FileNode& node) { return node.replaceStream(copy_, *source, to); }));
+    replaced(before, name);
+    return {};
 }
 
 void ActiveHandle::closeStream(QString const& name) {
@@ -186,48 +197,38 @@ void ActiveHandle::closeStream(QString const& name) {
 
 // --- links and attributes
 
-std::uint32_t ActiveHandle::removeLink(LinkId link) {
-    if (!fileNode_)
-        return 0;
-    std::uint32_t const result = fileNode_->removeLink(copy_);
-    return commit(link) ? result : fileNode_->linkCount();
+Result<std::uint32_t> ActiveHandle::removeLink(LinkId link) {
+    return run(link, [&](FileNode& node) { return node.removeLink(copy_); });
 }
 
-LinkId ActiveHandle::addLink(LinkId link, bool keepLiveOnly) {
-    if (!fileNode_)
-        return {};
-    LinkId const result = fileNode_->addLink(copy_, keepLiveOnly);
-    return commit(link) ? result : LinkId{};
+Result<LinkId> ActiveHandle::addLink(LinkId link, bool keepLiveOnly) {
+    return run(link, [&](FileNode& node) { return node.addLink(copy_, keepLiveOnly); });
 }
 
-bool ActiveHandle::owner(LinkId link, QString const& text) {
-    bool const result = fileNode_ && fileNode_->owner(copy_, text);
-    return commit(link) && result;
+Status ActiveHandle::owner(LinkId link, QString const& text) {
+    return run(link, [&](FileNode& node) { return node.owner(copy_, text); });
 }
 
-bool ActiveHandle::attributes(LinkId link, std::uint32_t value) {
-    bool const result = fileNode_ && fileNode_->attributes(copy_, value);
-    return commit(link) && result;
+Status ActiveHandle::attributes(LinkId link, std::uint32_t value) {
+    return run(link, [&](FileNode& node) { return node.attributes(copy_, value); });
 }
 
-void ActiveHandle::liveOnly(LinkId link, bool value) {
-    if (!fileNode_)
-        return;
-    fileNode_->liveOnly(copy_, value);
-    (void)commit(link);
+Status ActiveHandle::liveOnly(LinkId link, bool value) {
+    return run(link, [&](FileNode& node) { return node.liveOnly(copy_, value); });
 }
 
-bool ActiveHandle::attr(LinkId link, bool setModified, std::uint32_t modified, bool setCreated,
-                        std::uint32_t created, bool setAttributes, std::uint32_t attributes) {
-    bool const result = fileNode_ && fileNode_->attr(copy_, setModified, modified, setCreated,
-                                                     created, setAttributes, attributes);
-    return commit(link) && result;
+Status ActiveHandle::attr(LinkId link, bool setModified, std::uint32_t modified, bool setCreated,
+                          std::uint32_t created, bool setAttributes, std::uint32_t attributes) {
+    return run(link, [&](FileNode& node) {
+        return node.attr(copy_, setModified, modified, setCreated, created, setAttributes,
+                         attributes);
+    });
 }
 
 // --- reading
 
 std::uint32_t ActiveHandle::linkCount() const {
-    return fileNode_ ? fileNode_->linkCount() : 0;
+    return fileNode_ ? fileNode_->names() : 0;
 }
 
 bool ActiveHandle::notLinked() const {
@@ -238,19 +239,17 @@ NodeTimes ActiveHandle::times() const {
     return fileNode_ ? fileNode_->times() : NodeTimes{};
 }
 
-std::uint64_t ActiveHandle::size(QString const& stream) const {
-    return fileNode_ ? fileNode_->size(stream) : 0;
+Result<std::uint64_t> ActiveHandle::size(QString const& stream) const {
+    return fileNode_ ? fileNode_->size(stream) : std::uint64_t{0};
 }
 
-std::vector<StreamRecord> ActiveHandle::streamList() const {
+Result<std::vector<StreamRecord>> ActiveHandle::streamList() const {
     return fileNode_ ? fileNode_->streamList() : std::vector<StreamRecord>{};
 }
 
 QStringList ActiveHandle::namedAttributes() const {
-    QStringList result;
-    for (StreamRecord const& stream : streamList())
-        if (!sameStream(stream.name, dataStreamName))
-            result.append(stream.name);
+    QStringList result = fileNode_ ? fileNode_->streamNames() : QStringList();
+    result.removeIf([&](QString const& name) { return sameStream(name, dataStreamName); });
     return result;
 }
 

@@ -40,42 +40,50 @@ public:
     [[nodiscard]] FileNode::Pointer const& fileNode() const { return fileNode_; }
     [[nodiscard]] Version& version() { return version_; }
 
-    // Each ends with `commit`. False or null when there is no node, and on a failure of the disk.
-    [[nodiscard]] std::shared_ptr<StreamHandle> createStream(LinkId link, QString const& name,
-                                                             bool dedup);
-    [[nodiscard]] std::shared_ptr<StreamHandle> openStream(LinkId link, QString const& name,
-                                                           bool dedup);
+    // Each ends with `commit`, or fails and leaves the node as it was; InvalidArgument when there
+    // is no node. See `FileNode`.
+    using StreamPointer = std::shared_ptr<StreamHandle>;
+    [[nodiscard]] Morva::Result<StreamPointer> createStream(LinkId link, QString const& name,
+                                                            bool dedup);
+    [[nodiscard]] Morva::Result<StreamPointer> openStream(LinkId link, QString const& name,
+                                                          bool dedup);
     /// `stream` is replaced when the write had to go to a copy of it.
-    [[nodiscard]] bool write(LinkId link, std::shared_ptr<StreamHandle>& stream,
-                             std::uint64_t offset, void const* data, std::uint32_t count,
-                             std::uint32_t sourceTime);
-    [[nodiscard]] bool truncate(LinkId link, std::shared_ptr<StreamHandle>& stream,
-                                std::uint64_t size, std::uint32_t flags, std::uint32_t sourceTime);
-    [[nodiscard]] bool zeroData(LinkId link, std::shared_ptr<StreamHandle>& stream,
-                                std::uint64_t start, std::uint64_t end, std::uint32_t sourceTime);
-    [[nodiscard]] bool dirty(LinkId link, StreamHandle const& stream);
-    [[nodiscard]] bool sparse(LinkId link, StreamHandle const& stream);
-    [[nodiscard]] bool removeStream(LinkId link, QString const& name);
-    [[nodiscard]] bool renameStream(LinkId link, QString const& from, QString const& to);
-    [[nodiscard]] bool renameStream(LinkId link, StreamHandle const& stream, QString const& to);
-    [[nodiscard]] bool replaceStream(LinkId link, StreamHandle const& from,
-                                     std::shared_ptr<StreamHandle> const& to);
-    std::uint32_t removeLink(LinkId link);
-    [[nodiscard]] LinkId addLink(LinkId link, bool keepLiveOnly);
-    /// True when a copy was made.
-    bool owner(LinkId link, QString const& text);
-    bool attributes(LinkId link, std::uint32_t value);
-    void liveOnly(LinkId link, bool value);
-    bool attr(LinkId link, bool setModified, std::uint32_t modified, bool setCreated,
-              std::uint32_t created, bool setAttributes, std::uint32_t attributes);
+    [[nodiscard]] Morva::Status write(LinkId link, StreamPointer& stream, std::uint64_t offset,
+                                      void const* data, std::uint32_t count,
+                                      std::uint32_t sourceTime);
+    [[nodiscard]] Morva::Status truncate(LinkId link, StreamPointer& stream, std::uint64_t size,
+                                         std::uint32_t flags, std::uint32_t sourceTime);
+    [[nodiscard]] Morva::Status zeroData(LinkId link, StreamPointer& stream, std::uint64_t start,
+                                         std::uint64_t end, std::uint32_t sourceTime);
+    [[nodiscard]] Morva::Status dirty(LinkId link, StreamHandle const& stream);
+    [[nodiscard]] Morva::Status sparse(LinkId link, StreamHandle const& stream);
+    [[nodiscard]] Morva::Status removeStream(LinkId link, QString const& name);
+    [[nodiscard]] Morva::Status renameStream(LinkId link, QString const& from, QString const& to);
+    [[nodiscard]] Morva::Status renameStream(LinkId link, StreamHandle const& stream,
+                                             QString const& to);
+    [[nodiscard]] Morva::Status replaceStream(LinkId link, StreamHandle const& from,
+                                              StreamPointer const& to);
+    /// The names that are left.
+    [[nodiscard]] Morva::Result<std::uint32_t> removeLink(LinkId link);
+    [[nodiscard]] Morva::Result<LinkId> addLink(LinkId link, bool keepLiveOnly);
+    [[nodiscard]] Morva::Status owner(LinkId link, QString const& text);
+    [[nodiscard]] Morva::Status attributes(LinkId link, std::uint32_t value);
+    [[nodiscard]] Morva::Status liveOnly(LinkId link, bool value);
+    [[nodiscard]] Morva::Status attr(LinkId link, bool setModified, std::uint32_t modified,
+                                     bool setCreated, std::uint32_t created, bool setAttributes,
+                                     std::uint32_t attributes);
 
+    /// The name under which the file has the stream that a handle stands for now; empty for one
+    /// that was taken off the file, and for null.
+    [[nodiscard]] QString streamName(std::shared_ptr<StreamHandle> const& stream) const;
     /// Forgets the replaced handles of a stream that nobody holds any more.
     void closeStream(QString const& name);
+    /// The names that the file has now.
     [[nodiscard]] std::uint32_t linkCount() const;
     [[nodiscard]] bool notLinked() const;
     [[nodiscard]] NodeTimes times() const;
-    [[nodiscard]] std::uint64_t size(QString const& stream) const;
-    [[nodiscard]] std::vector<StreamRecord> streamList() const;
+    [[nodiscard]] Morva::Result<std::uint64_t> size(QString const& stream) const;
+    [[nodiscard]] Morva::Result<std::vector<StreamRecord>> streamList() const;
     /// The names of all streams but "Data".
     [[nodiscard]] QStringList namedAttributes() const;
     [[nodiscard]] QString owner() const;
@@ -105,20 +113,32 @@ public:
 private:
     friend class ActiveHandles;
 
-    /// Enters a copy that a change made in the id's chain. False when no entry could be had: the
-    /// copy is dropped, and the file is as it was.
-    [[nodiscard]] bool commit(LinkId link);
+    /// Enters a copy that a change made in the id's chain. When no entry can be had the copy is
+    /// dropped, and the file is as it was.
+    [[nodiscard]] Morva::Status commit(LinkId link);
+    /// Ends a change: `commit`, or drops the copy that a change made before it failed.
+    [[nodiscard]] Morva::Status end(LinkId link, Morva::Status status);
+    template <class Value>
+    [[nodiscard]] Morva::Result<Value> end(LinkId link, Morva::Result<Value> result) {
+        Morva::Status status = end(link, result.status());
+        return status ? std::move(result) : Morva::Result<Value>(std::move(status));
+    }
+    /// Runs a change of the node, `work(FileNode&)`, and ends it.
+    template <class Work> [[nodiscard]] auto run(LinkId link, Work&& work) {
+        using Outcome = decltype(work(*fileNode_));
+        return fileNode_ ? end(link, work(*fileNode_)) : Outcome(noFile());
+    }
+    [[nodiscard]] Morva::Status noFile() const;
     /// The handle that stands for `stream` now; itself when nothing replaced it.
-    [[nodiscard]] std::shared_ptr<StreamHandle>
-    current(std::shared_ptr<StreamHandle> const& stream) const;
-    [[nodiscard]] StreamHandle const& current(StreamHandle const& stream,
-                                              std::shared_ptr<StreamHandle>& keep) const;
+    [[nodiscard]] Morva::Result<StreamPointer> current(StreamPointer const& stream) const;
+    [[nodiscard]] Morva::Result<StreamHandle const*> current(StreamHandle const& stream,
+                                                             StreamPointer& keep) const;
     /// Notes that holders of `before` now mean the stream of that name.
-    void replaced(std::shared_ptr<StreamHandle> const& before, QString const& name);
+    void replaced(StreamPointer const& before, QString const& name);
     [[nodiscard]] bool sameStream(QString const& a, QString const& b) const;
     /// Runs a change of a stream's content and notes the handle that a copy brought.
     template <class Change>
-    [[nodiscard]] bool change(LinkId link, std::shared_ptr<StreamHandle>& stream, Change&& change);
+    [[nodiscard]] Morva::Status change(LinkId link, StreamPointer& stream, Change&& change);
 
     Store& store_;
     FileId id_;

@@ -1,6 +1,5 @@
 #include "replication/repository/store/ActiveHandles.h"
 
-#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/ControlBlock.h"
 #include "replication/repository/store/Directories.h"
@@ -10,6 +9,9 @@
 #include "replication/repository/store/Store.h"
 
 namespace Replication {
+
+using Morva::Result;
+using Morva::Status;
 
 ActiveHandles::ActiveHandles(Store& store) : store_(store) {}
 
@@ -25,10 +27,10 @@ ActiveHandle::Pointer ActiveHandles::enter(FileId id, FileNode::Pointer node) {
     return result;
 }
 
-ActiveHandle::Pointer ActiveHandles::get(FileId id) {
+Result<ActiveHandle::Pointer> ActiveHandles::get(FileId id) {
     MORVA_METHOD("activeHandle");
     if (!id)
-        return nullptr;
+        return ActiveHandle::Pointer();
     if (auto const found = handles_.constFind(id); found != handles_.cend()) {
         MORVA_TRACE(Debug) << "Try to reuse ActiveHandle" << id;
         // A dead one is just being destroyed, further up on this thread: a new one takes its place.
@@ -36,100 +38,110 @@ ActiveHandle::Pointer ActiveHandles::get(FileId id) {
             return result;
     }
     MORVA_TRACE(Debug) << "Create ActiveHandle" << id;
-    FileNode::Pointer node = store_.passiveHandles().get(store_.pointers().getNode(id));
+    MORVA_TRY_LET(NodeNumber const number, store_.pointers().getNode(id));
+    MORVA_TRY_LET(FileNode::Pointer node, store_.passiveHandles().get(number));
     if (!node)
-        return nullptr;
+        return ActiveHandle::Pointer();
     node->print(static_cast<int>(Morva::TraceLevel::Debug));
     return enter(id, std::move(node));
 }
 
-ActiveHandle::Pointer ActiveHandles::get(DirKey& key, LiveMode mode) {
-    ActiveHandle::Pointer handle = get(key.fileId());
+Result<ActiveHandle::Pointer> ActiveHandles::open(FileId id) {
+    MORVA_TRY_LET(ActiveHandle::Pointer handle, get(id));
     if (!handle)
-        return nullptr;
+        return Status::corruption("open file", store_.path(),
+                                  QStringLiteral("file %1 isn't there").arg(id.value));
+    return handle;
+}
+
+Result<ActiveHandle::Pointer> ActiveHandles::get(DirKey& key, LiveMode mode) {
+    MORVA_TRY_LET(ActiveHandle::Pointer handle, open(key.fileId()));
     handle->links().insert(key.link(), {key, key.name()});
     bool const wanted = mode == LiveMode::LiveOnly;
     if (key.liveOnly() == wanted)
         return handle;
     key.liveOnly(wanted);
-    if (!store_.directories().liveOnly(key)) {
+    Status status = store_.directories().liveOnly(key);
+    if (status) {
+        status = handle->liveOnly(key.link(), wanted);
+        if (status)
+            return handle;
+        // The entry and its key say again what the node says.
         key.liveOnly(!wanted);
-        return nullptr;
+        store_.unfinished().finish(
+            [this, back = DirKey(key)]() mutable { return store_.directories().liveOnly(back); });
+        return status;
     }
-    handle->liveOnly(key.link(), wanted);
-    return handle;
+    key.liveOnly(!wanted);
+    return status;
 }
 
-ActiveHandle::Pointer ActiveHandles::create(DirKey& key, QStringList const& path, LiveMode mode,
-                                            std::uint32_t sourceTime, NodeInfo info) {
+Result<ActiveHandle::Pointer> ActiveHandles::create(DirKey& key, QStringList const& path,
+                                                    LiveMode mode, std::uint32_t sourceTime,
+                                                    NodeInfo info) {
     MORVA_METHOD("activeHandle (Create)");
     bool const placeHolder = info.placeHolder;
     bool const liveOnly = mode == LiveMode::LiveOnly;
-    FileNode::Pointer node =
-        store_.passiveHandles().create(key.type(), liveOnly, sourceTime, std::move(info));
-    if (!node)
-        return nullptr;
+    MORVA_TRY_LET(FileNode::Pointer node, store_.passiveHandles().create(
+                                              key.type(), liveOnly, sourceTime, std::move(info)));
     if (key.isRoot())
         return createRoot(key, std::move(node));
 
-    FileId const id = store_.pointers().newId(node->id(), store_.currentInstance());
-    if (!id) {
+    Result<FileId> const made = store_.pointers().newId(node->id(), store_.currentInstance());
+    if (!made) {
         node->releaseVersion();
-        return nullptr;
+        return made.status();
     }
+    FileId const id = *made;
     key.fileId(id);
     key.linkId(LinkId{1});
     ActiveHandle::Pointer handle = enter(id, node);
-    if (!enterInDirectory(key, *handle, path, liveOnly)) {
+    if (Status status = enterInDirectory(key, *handle, path, liveOnly); !status) {
         // With the last pointer the node goes, and with it what was made of its contents.
         store_.directories().forget(id);
-        store_.unfinished().finish([this, id] {
-            Morva::Failures::Watch const watch;
-            return store_.pointers().freeId(id) || !watch.any();
-        });
+        store_.unfinished().finish([this, id] { return store_.pointers().freeId(id).status(); });
         handle->fileNode()->releaseVersion();
         key.fileId({});
-        return nullptr;
+        return status;
     }
     if (!placeHolder && !key.liveOnly() && store_.indexSnapshots() && store_.event())
         (void)store_.event()->created(id, key.link(), key.directoryId(),
-                                      path.isEmpty() ? key.name() : path.last(), sourceTime);
+                                      path.isEmpty() ? key.name() : path.last(),
+                                      sourceTime); // a gap in the sequence tells of it
     else
         MORVA_TRACE(Testing) << "#### Not New";
     handle->links().insert(key.link(), {key, key.name()});
     return handle;
 }
 
-ActiveHandle::Pointer ActiveHandles::createRoot(DirKey const& key, FileNode::Pointer node) {
-    if (!store_.pointers().setRoot(node->id(), store_.currentInstance())) {
-        node->releaseVersion();
-        return nullptr;
-    }
+Result<ActiveHandle::Pointer> ActiveHandles::createRoot(DirKey const& key, FileNode::Pointer node) {
+    store_.pointers().setRoot(node->id(), store_.currentInstance());
     ActiveHandle::Pointer handle = enter(key.fileId(), std::move(node));
-    if (!store_.directories().setParent(*handle, key.directoryId()))
-        return nullptr;
+    MORVA_TRY(store_.directories().setParent(*handle, key.directoryId()));
     handle->links().insert(key.link(), {key, key.name()});
     return handle;
 }
 
-bool ActiveHandles::enterInDirectory(DirKey& key, ActiveHandle& handle, QStringList const& path,
-                                     bool liveOnly) {
+Status ActiveHandles::enterInDirectory(DirKey& key, ActiveHandle& handle, QStringList const& path,
+                                       bool liveOnly) {
     // The parent's id first, so that no directory can be met without it.
-    if (key.isDirectory() && !store_.directories().setParent(handle, key.directoryId()))
-        return false;
-    ActiveHandle::Pointer const parent = get(key.directoryId());
+    if (key.isDirectory())
+        MORVA_TRY(store_.directories().setParent(handle, key.directoryId()));
+    Result<ActiveHandle::Pointer> const parent = open(key.directoryId());
     if (!parent) {
         MORVA_TRACE(Always) << "Failed to open parent directory" << key.directoryId();
-        return false;
+        return parent.status();
     }
     return store_.directories().insert(liveOnly ? NotToBackup::eLiveOnly : NotToBackup::eNothing,
-                                       *parent, key, path.isEmpty() ? key.name() : path.last());
+                                       **parent, key, path.isEmpty() ? key.name() : path.last());
 }
 
-ActiveHandle::Pointer ActiveHandles::restore(FileId id, NodeNumber number) {
-    FileNode::Pointer node = id ? store_.passiveHandles().restore(number) : nullptr;
+Result<ActiveHandle::Pointer> ActiveHandles::restore(FileId id, NodeNumber number) {
+    if (!id)
+        return ActiveHandle::Pointer();
+    MORVA_TRY_LET(FileNode::Pointer node, store_.passiveHandles().restore(number));
     if (!node)
-        return nullptr;
+        return ActiveHandle::Pointer();
     if (ActiveHandle::Pointer known = handles_.value(id).lock())
         return known;
     return enter(id, std::move(node));

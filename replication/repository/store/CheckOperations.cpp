@@ -14,6 +14,9 @@
 
 namespace Replication {
 
+using Morva::Result;
+using Morva::Status;
+
 /// Where the walk of one directory stands, between two looks at its page.
 struct Directories::CheckFrame {
     CheckFrame(FileId directory, NotToBackup::Expressions rulesOfFiles)
@@ -27,14 +30,15 @@ struct Directories::CheckFrame {
     QString childName; ///< as it is spelled
 };
 
-void Directories::checkOperations(NotToBackup const& rules, ActiveHandle& directory,
-                                  QStringList& path) {
+Status Directories::checkOperations(NotToBackup const& rules, ActiveHandle& directory,
+                                    QStringList& path) {
     MORVA_METHOD("checkOperations");
     WriterScope writer(writer_);
     if (!directory.fileNode() || !directory.fileNode()->isDirectory()) {
         MORVA_TRACE(Always) << "Not a directory" << Morva::hex << directory.id();
-        return;
+        return misfit("apply rules", path.join(QLatin1Char('/')), "it is no directory");
     }
+    Status failure;
     std::vector<CheckFrame> stack;
     std::unordered_set<FileId> onStack;
     auto const push = [&](FileId id) {
@@ -45,7 +49,9 @@ void Directories::checkOperations(NotToBackup const& rules, ActiveHandle& direct
     push(directory.id());
     while (!stack.empty()) {
         CheckFrame& frame = stack.back();
-        if (checkPages(rules, frame, path) == Step::Descend) {
+        Result<Step> const step = checkPages(rules, frame, path);
+        failure.update(step.status());
+        if (step && *step == Step::Descend) {
             if (!onStack.contains(frame.child)) {
                 path.append(frame.childName);
                 push(frame.child);
@@ -57,39 +63,43 @@ void Directories::checkOperations(NotToBackup const& rules, ActiveHandle& direct
         if (!stack.empty())
             path.removeLast();
     }
+    return failure;
 }
 
-Directories::Step Directories::checkPages(NotToBackup const& rules, CheckFrame& frame,
-                                          QStringList& path) {
-    if (!store_.settle())
-        return Step::Failed;
-    OpenDirectories::Pointer const open = open_.get(frame.id, "checkOperations");
-    if (!open)
-        return Step::Failed;
+Result<Directories::Step> Directories::checkPages(NotToBackup const& rules, CheckFrame& frame,
+                                                  QStringList& path) {
+    MORVA_TRY(store_.settle());
+    MORVA_TRY_LET(OpenDirectories::Pointer const open, open_.get(frame.id, "checkOperations"));
     for (; frame.page < open->pages(); ++frame.page, frame.offset = 0) {
         PageContext const context{"checkOperations", frame.id, frame.page, open->pages(), {}};
-        std::uint8_t* const page = open->readPage(frame.page);
+        Result<std::uint8_t*> const page = open->readPage(frame.page);
         if (!page) {
             DirectoryPage::traceFailedRead(context);
-            return Step::Failed;
+            return page.status();
         }
         Check check{rules, frame, path};
-        PageEdit edit(page);
-        while (!check.descend && !check.failed && edit.next()) {
+        Status status;
+        PageEdit edit(*page);
+        while (!check.descend && status && edit.next()) {
             if (edit.offset() < frame.offset || !edit.entry().inUse())
                 continue;
             DirectoryEntry entry = edit.entry();
             frame.offset = edit.offset() + entry.entryLength();
-            if (checkEntry(check, *open, entry))
+            Result<bool> const gone = checkEntry(check, *open, entry);
+            status = gone.status();
+            if (status && *gone)
                 edit.remove();
         }
-        if (edit.invalid())
-            DirectoryPage::traceInvalid(context, page, edit.offset());
+        if (edit.invalid()) {
+            DirectoryPage::traceInvalid(context, *page, edit.offset());
+            status.update(
+                damaged("apply rules", path.join(QLatin1Char('/')), "an entry is invalid"));
+        }
         // Objects and keys have changed, so the entries follow in any case.
         if (check.dirty)
             finishPage(*open);
-        if (check.failed || !store_.settle())
-            return Step::Failed;
+        MORVA_TRY(std::move(status));
+        MORVA_TRY(store_.settle());
         if (check.descend)
             return Step::Descend;
     }
@@ -97,17 +107,18 @@ Directories::Step Directories::checkPages(NotToBackup const& rules, CheckFrame& 
 }
 
 /// True when the entry's object is gone, and the entry is to go.
-bool Directories::checkEntry(Check& check, OpenDirectory& open, DirectoryEntry& entry) {
+Result<bool> Directories::checkEntry(Check& check, OpenDirectory& open, DirectoryEntry& entry) {
     QString const name = entry.name().toString();
     DirKey key = this->key(check.frame.id, name);
-    if (!find(key))
+    MORVA_TRY_LET(bool const found, find(key));
+    if (!found)
         return false;
     bool const bContinue = key.fileId() == entry.fileId();
     if (!bContinue)
         MORVA_TRACE(Always) << "BTree does not match entry" << name;
     MORVA_CHECK(bContinue, "bContinue");
     if (!bContinue)
-        return false;
+        return damaged("apply rules", name, "BTree does not match entry");
     NotToBackup::OpType opType = NotToBackup::eNothing;
     if (key.isDirectory()) {
         check.path.append(name);
@@ -123,16 +134,15 @@ bool Directories::checkEntry(Check& check, OpenDirectory& open, DirectoryEntry& 
         if (key.isDirectory() && std::exchange(check.dirty, false)) {
             finishPage(open);
             // An image that waits to be written must not meet later changes of its page.
-            check.failed = !store_.settle();
-            if (check.failed)
-                return false;
+            MORVA_TRY(store_.settle());
         }
-        bool const gone = checkRemove(key);
+        MORVA_TRY_LET(bool const gone, checkRemove(key));
         check.dirty = check.dirty || gone;
         return gone;
     }
     bool const liveOnly = opType == NotToBackup::eLiveOnly;
-    if (key.liveOnly() != liveOnly && checkLiveOnly(key, name, liveOnly)) {
+    if (key.liveOnly() != liveOnly) {
+        MORVA_TRY(checkLiveOnly(key, name, liveOnly));
         entry.liveOnly(liveOnly);
         check.dirty = true;
     }
@@ -144,43 +154,49 @@ bool Directories::checkEntry(Check& check, OpenDirectory& open, DirectoryEntry& 
     return false;
 }
 
-bool Directories::checkRemove(DirKey& key) {
+Result<bool> Directories::checkRemove(DirKey& key) {
     if (key.isDirectory()) {
-        ActiveHandle::Pointer const handle = store_.activeHandles().get(key.fileId());
-        if (!handle || !discardDirectory(*handle)) {
+        MORVA_TRY_LET(ActiveHandle::Pointer const handle,
+                      store_.activeHandles().open(key.fileId()));
+        if (Status status = discardDirectory(*handle); !status) {
             MORVA_TRACE(Always) << "Failed to discard directory" << key.name();
-            return false;
+            return status;
         }
-        if (!find(key)) {
+        MORVA_TRY_LET(bool const found, find(key));
+        if (!found) {
             MORVA_TRACE(Always) << "Lost entry out of BTree" << key.name();
-            return false;
+            return damaged("apply rules", key.name(), "Lost entry out of BTree");
         }
     }
-    if (!treeRemove(key)) {
+    if (Status status = treeRemove(key); !status) {
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to remove" << key.name();
-        return false;
+        return status;
     }
     MORVA_TRACE(Debug) << "BTree Removed" << key.name();
     dropObject(key);
     return true;
 }
 
-bool Directories::checkLiveOnly(DirKey& key, QString const& name, bool value) {
-    ActiveHandle::Pointer const handle = store_.activeHandles().get(key.fileId());
+Status Directories::checkLiveOnly(DirKey& key, QString const& name, bool value) {
+    auto const handle = store_.activeHandles().open(key.fileId());
     if (!handle) {
         MORVA_TRACE(Always) << "Failed to open" << name;
-        return false;
+        return handle.status();
     }
-    handle->liveOnly(key.link(), value);
+    DirKey before = key;
     key.liveOnly(value);
-    if (!treeUpdate(key)) {
+    if (Status status = treeUpdate(key); !status) {
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to update" << key.name();
-        return false;
+        return status;
+    }
+    if (Status status = (*handle)->liveOnly(key.link(), value); !status) {
+        store_.unfinished().finish([this, before] { return treeUpdate(before); });
+        return status;
     }
     MORVA_TRACE(Debug) << "BTree update" << key.name();
     store_.control().countName(key.type(), !value);
-    tellLiveOnly(*handle, key, name);
-    return true;
+    tellLiveOnly(**handle, key, name);
+    return {};
 }
 
 } // namespace Replication

@@ -75,9 +75,7 @@ private:
     };
 
     void run();
-    /// Serves the queue until a stop, or it fails.
-    [[nodiscard]] Morva::Status serveQueue();
-    [[nodiscard]] Morva::Status putBack(DedupRequest const& request);
+    [[nodiscard]] bool serveQueue();
     /// Fails when it must stay in the queue, or the queue fails.
     [[nodiscard]] Morva::Status work(Morva::Extent const& entry, SafePoint const& safePoint);
     [[nodiscard]] Morva::Status serve(DedupRequest const& request, SafePoint const& safePoint);

@@ -14,6 +14,8 @@
 namespace Replication {
 
 using Morva::Failures;
+using Morva::Result;
+using Morva::Status;
 using Morva::TracedLock;
 
 namespace {
@@ -27,36 +29,25 @@ Directories::Directories(Store& store, std::uint32_t cachePages)
 
 Directories::~Directories() = default;
 
-namespace {
-
-/// Damage and failing disks are counted; a key that isn't there is an answer.
-bool noted(Morva::Status const& status) {
-    if (!status && !status.is(Morva::Status::Code::NotFound))
-        Failures::note();
-    return status.ok();
-}
-
-} // namespace
-
-bool Directories::create(QString const& path) {
+Status Directories::create(QString const& path) {
     TracedLock guard(lock_);
-    return tree_.create(path, treePageSize).ok();
+    return tree_.create(path, treePageSize);
 }
 
-bool Directories::open(QString const& path) {
+Status Directories::open(QString const& path) {
     TracedLock guard(lock_);
-    return tree_.open(path).ok();
+    return tree_.open(path);
 }
 
-bool Directories::flush() {
+Status Directories::flush() {
     TracedLock guard(lock_);
-    return tree_.flush().ok();
+    return tree_.flush();
 }
 
-bool Directories::close() {
+Status Directories::close() {
     forget();
     TracedLock guard(lock_);
-    return tree_.close().ok();
+    return tree_.close();
 }
 
 DirKey Directories::key(FileId directory, QString const& name, std::uint32_t type) const {
@@ -67,37 +58,42 @@ QString Directories::normal(QString const& name) const {
     return store_.caseSensitive() ? name : name.toLower();
 }
 
-bool Directories::find(DirKey& key) {
+Result<bool> Directories::find(DirKey& key) {
     TracedLock guard(lock_);
-    auto const found = tree_.find(key);
-    if (!found.ok())
-        Failures::note();
-    return found.ok() && *found;
+    return tree_.find(key);
 }
 
-bool Directories::treeInsert(DirKey& key) {
+Status Directories::treeInsert(DirKey& key) {
     TracedLock guard(lock_);
-    return noted(tree_.insert(key));
+    return tree_.insert(key);
 }
 
-bool Directories::treeRemove(DirKey const& key) {
+Status Directories::treeRemove(DirKey const& key) {
     TracedLock guard(lock_);
-    return noted(tree_.remove(key));
+    return tree_.remove(key);
 }
 
-bool Directories::treeUpdate(DirKey const& key) {
+Status Directories::treeUpdate(DirKey const& key) {
     TracedLock guard(lock_);
-    return noted(tree_.update(key));
+    return tree_.update(key);
+}
+
+Status Directories::misfit(char const* operation, QString const& name, char const* reason) {
+    return Status::failure(Status::Code::InvalidArgument, operation, name,
+                           QString::fromLatin1(reason));
+}
+
+Status Directories::damaged(char const* operation, QString const& name, char const* reason) {
+    return Status::corruption(operation, name, QString::fromLatin1(reason));
 }
 
 // --- what the disk can refuse in the middle of a change
 
-bool Directories::writePage(OpenDirectory& open) {
-    if (open.writePage())
-        return true;
-    if (open.reached())
+Status Directories::writePage(OpenDirectory& open) {
+    Status status = open.writePage();
+    if (!status && open.reached())
         finishImage(open.id(), open.pageNumber(), open.imageBefore());
-    return false;
+    return status;
 }
 
 void Directories::finishPage(OpenDirectory& open) {
@@ -108,63 +104,52 @@ void Directories::finishPage(OpenDirectory& open) {
 
 void Directories::finishImage(FileId directory, std::uint64_t page,
                               OpenDirectory::Image const& image) {
-    store_.unfinished().finish([this, directory, page, image] {
-        Failures::Watch const watch;
-        OpenDirectories::Pointer const open = open_.get(directory, "finishImage");
-        return open ? open->writePage(page, image) : !watch.any();
+    store_.unfinished().finish([this, directory, page, image]() -> Status {
+        MORVA_TRY_LET(OpenDirectories::Pointer const open, open_.get(directory, "finishImage"));
+        return open->writePage(page, image);
     });
 }
 
 void Directories::finishParent(FileId directory, FileId parent) {
-    store_.unfinished().finish([this, directory, parent] {
-        Failures::Watch const watch;
-        ActiveHandle::Pointer const handle = store_.activeHandles().get(directory);
-        return (handle && setParent(*handle, parent)) || !watch.any();
+    store_.unfinished().finish([this, directory, parent]() -> Status {
+        MORVA_TRY_LET(ActiveHandle::Pointer const handle, store_.activeHandles().open(directory));
+        return setParent(*handle, parent);
     });
 }
 
 void Directories::finishInsert(NotToBackup::OpType opType, DirKey const& key, QString const& name) {
-    store_.unfinished().finish([this, opType, key = DirKey(key), name]() mutable {
-        Failures::Watch const watch;
-        ActiveHandle::Pointer const parent = store_.activeHandles().get(key.directoryId());
-        if (parent && insert(opType, *parent, key, name))
-            return true;
-        if (watch.any())
-            return false;
-        MORVA_TRACE(Always) << "!!!!!!! Lost name" << name << Morva::hex << key.fileId();
-        return true;
+    store_.unfinished().finish([this, opType, key = DirKey(key), name]() mutable -> Status {
+        MORVA_TRY_LET(ActiveHandle::Pointer const parent,
+                      store_.activeHandles().open(key.directoryId()));
+        return insert(opType, *parent, key, name);
     });
 }
 
-bool Directories::takeEntryBack(DirKey const& key) {
-    Failures::Watch const watch;
-    OpenDirectories::Pointer const open = open_.get(key.directoryId(), "insert");
-    std::uint8_t* const page =
-        open ? open->readPage(DirectoryPage::pageOf(key.position())) : nullptr;
-    if (!page)
-        return !watch.any();
+Status Directories::takeEntryBack(DirKey const& key) {
+    MORVA_TRY_LET(OpenDirectories::Pointer const open, open_.get(key.directoryId(), "insert"));
+    MORVA_TRY_LET(std::uint8_t* const page, open->readPage(DirectoryPage::pageOf(key.position())));
     std::uint32_t const offset = DirectoryPage::offsetOf(key.position());
     DirectoryEntry const entry(page + offset);
     if (entry.valid(DirectoryPage::size - offset) && entry.fileId() == key.fileId() &&
         sameEntryName(entry.name(), key.name()) && DirectoryPage::removeEntry(page, offset))
         finishPage(*open);
-    return true;
+    return {};
 }
 
-bool Directories::finishKey(bool (Directories::*change)(DirKey const&), DirKey const& key) {
+Status Directories::finishKey(Status (Directories::*change)(DirKey const&), DirKey const& key) {
     {
         Failures::Pardon const pardon;
-        Failures::Watch const watch;
-        if ((this->*change)(key))
-            return true;
-        if (!watch.any())
-            return false;
+        Status status = (this->*change)(key);
+        if (status)
+            return status;
+        if (status.is(Status::Code::NotFound))
+            return damaged("change", key.name(), "the directory tree has no such key");
     }
-    store_.unfinished().finish([this, change, key] {
-        Failures::Watch const watch;
-        return (this->*change)(key) || !watch.any();
+    store_.unfinished().finish([this, change, key]() -> Status {
+        Status status = (this->*change)(key);
+        return status.is(Status::Code::NotFound) ? Status() : std::move(status);
     });
-    return true;
+    return {};
 }
 
 void Directories::count(DirKey const& key, bool added) {
@@ -172,10 +157,9 @@ void Directories::count(DirKey const& key, bool added) {
         store_.control().countName(key.type(), added);
 }
 
-Directories::Located Directories::locate(QStringList const& path, PathMode mode) {
+Result<Directories::Located> Directories::locate(QStringList const& path, PathMode mode) {
     MORVA_METHOD("locate");
     Located result;
-    Failures::Watch const watch;
     DirKey current = DirKey::root(store_.rootId());
     MORVA_TRACE(Debug) << "Root at" << Morva::hex << current.fileId();
     result.parent = current;
@@ -188,20 +172,19 @@ Directories::Located Directories::locate(QStringList const& path, PathMode mode)
         result.parent = current;
         DirKey next = key(current.fileId(), path[i]);
         MORVA_TRACE(Debug) << "Find" << next.name();
-        if (find(next)) {
-            MORVA_TRACE(Debug) << "Found" << next.name() << Morva::hex << next.fileId();
-        } else if (watch.any()) {
+        Result<bool> const found = find(next);
+        if (!found.ok()) {
             MORVA_TRACE(Always) << "Failed to look for" << next.name();
-            result.failed = true;
-            return result;
+            return found.status();
+        }
+        if (*found) {
+            MORVA_TRACE(Debug) << "Found" << next.name() << Morva::hex << next.fileId();
         } else if (last) {
             MORVA_TRACE(Debug) << "Directory exists, but not file" << path[i];
             result.parentFound = true;
             return result;
         } else if (mode == PathMode::BuildPath) {
-            next = buildElement(current, path.first(i + 1));
-            if (!next.fileId())
-                return result;
+            MORVA_TRY_LET(next, buildElement(current, path.first(i + 1)));
         } else {
             MORVA_TRACE(Verbose) << "Failed to find path element" << path[i];
             return result;
@@ -214,57 +197,57 @@ Directories::Located Directories::locate(QStringList const& path, PathMode mode)
     return result;
 }
 
-DirKey Directories::buildElement(DirKey const& parent, QStringList const& path) {
+Result<DirKey> Directories::buildElement(DirKey const& parent, QStringList const& path) {
     DirKey element = key(parent.fileId(), path.last(), directoryType);
     NodeInfo info(store_.caseSensitivity());
     info.placeHolder = true;
-    ActiveHandle::Pointer const made = store_.activeHandles().create(
-        element, path, LiveMode::Clear, store_.retired().timeStamp(), std::move(info));
+    auto const made = store_.activeHandles().create(element, path, LiveMode::Clear,
+                                                    store_.retired().timeStamp(), std::move(info));
     if (!made) {
         MORVA_TRACE(Always) << "Failed to create directory" << path.join(QLatin1Char('/'));
-        return {};
+        return made.status();
     }
     return element;
 }
 
-bool Directories::setParent(ActiveHandle& directory, FileId parent) {
+Status Directories::setParent(ActiveHandle& directory, FileId parent) {
     MORVA_METHOD("setParent");
     WriterScope writer(writer_);
-    if (!directory.fileNode() || !store_.settle())
-        return false;
+    if (!directory.fileNode())
+        return misfit("set parent", QString(), "the directory has no node");
+    MORVA_TRY(store_.settle());
     // Pages name ids of this one directory, so that deduplication would never find their like.
-    if (!directory.fileNode()->exists(dataStreamName) &&
-        !directory.createStream(LinkId{1}, dataStreamName, false))
-        return false;
-    OpenDirectories::Pointer const open = open_.get(directory.id(), "setParent");
-    if (!open)
-        return false;
+    if (!directory.fileNode()->exists(dataStreamName))
+        MORVA_TRY(directory.createStream(LinkId{1}, dataStreamName, false));
+    MORVA_TRY_LET(OpenDirectories::Pointer const open, open_.get(directory.id(), "setParent"));
     if (open->pages() == 0) {
         DirectoryPage::makeParent(open->newPage(), parent);
-        return scope.result(writePage(*open));
+        return writePage(*open);
     }
-    std::uint8_t* const page = open->readPage(0);
+    Result<std::uint8_t*> const page = open->readPage(0);
     PageContext const context{"setParent", directory.id(), 0, open->pages(), {}};
     if (!page) {
         DirectoryPage::traceFailedRead(context);
-        return false;
+        return page.status();
     }
-    DirectoryEntry entry(page);
+    DirectoryEntry entry(*page);
     if (!entry.valid(DirectoryPage::size) || entry.nameLength() != 0) {
-        DirectoryPage::traceInvalid(context, page, 0);
-        return false;
+        DirectoryPage::traceInvalid(context, *page, 0);
+        return damaged("set parent", QStringLiteral("directory %1").arg(directory.id().value),
+                       "invalid parent entry");
     }
     if (entry.fileId() == parent)
-        return true;
+        return {};
     DirKey key({}, QString(), directoryType);
     key.fileId(parent);
     entry.fill(key, {});
-    return scope.result(writePage(*open));
+    return writePage(*open);
 }
 
-bool Directories::findName(DirKey& key) {
+Result<bool> Directories::findName(DirKey& key) {
     MORVA_TRACE(Debug) << "IN:findName (Active)";
-    ActiveHandle::Pointer const handle = store_.activeHandles().get(key.directoryId());
+    MORVA_TRY_LET(ActiveHandle::Pointer const handle,
+                  store_.activeHandles().get(key.directoryId()));
     if (!handle || !handle->fileNode() || !handle->fileNode()->isDirectory()) {
         MORVA_TRACE(Normal) << "Failed to get handle" << Morva::hex << key.directoryId();
         return false;
@@ -282,6 +265,7 @@ bool Directories::findName(DirKey& key) {
         key.dump();
         return true;
     }
+    MORVA_TRY(Status(scan.status()));
     return false;
 }
 
@@ -292,20 +276,20 @@ bool Directories::sameEntryName(QStringView entry, QString const& wanted) const 
     return !store_.caseSensitive() && entry.toString().toLower() == wanted;
 }
 
-bool Directories::dirscan(std::uint32_t& count, Morva::PagedList& list, FileNode& node,
-                          FileId directory) {
+Status Directories::dirscan(std::uint32_t& count, Morva::PagedList& list, FileNode& node,
+                            FileId directory) {
     MORVA_METHOD("dirscan");
     if (!node.isDirectory()) {
         MORVA_TRACE(Always) << "Not a directory" << Morva::hex << directory;
-        return false;
+        return misfit("scan", QStringLiteral("directory %1").arg(directory.value),
+                      "it is no directory");
     }
     DirectoryScan scan(node, directory, "dirscan");
     while (scan.nextName()) {
-        if (!DirscanRecord::write(list, scan.entry()))
-            return false;
+        MORVA_TRY(DirscanRecord::write(list, scan.entry()));
         ++count;
     }
-    return scope.result(!scan.failed());
+    return scan.status();
 }
 
 bool Directories::matches(DirKey const& key, DirectoryEntry const& entry,
@@ -314,11 +298,12 @@ bool Directories::matches(DirKey const& key, DirectoryEntry const& entry,
            key.link() == entry.link() && key.position() == position;
 }
 
-bool Directories::validDirectory(FileNode& node, FileId directory) {
+Status Directories::validDirectory(FileNode& node, FileId directory) {
     MORVA_METHOD("validDirectory");
     if (!node.isDirectory()) {
         MORVA_TRACE(Always) << "Not a directory" << Morva::hex << directory;
-        return false;
+        return misfit("check", QStringLiteral("directory %1").arg(directory.value),
+                      "it is no directory");
     }
     DirectoryScan scan(node, directory, "validDirectory");
     std::uint64_t entries = 0;
@@ -332,7 +317,7 @@ bool Directories::validDirectory(FileNode& node, FileId directory) {
         if (!entry.inUse())
             continue;
         DirKey key = this->key(directory, entry.name().toString());
-        bool const found = find(key);
+        MORVA_TRY_LET(bool const found, find(key));
         if (found && matches(key, entry, scan.position()))
             continue;
         valid = false;
@@ -354,11 +339,13 @@ bool Directories::validDirectory(FileNode& node, FileId directory) {
                                 << "Key link id" << key.link() << "Key type" << key.typeWord()
                                 << "Key position" << key.position();
     }
-    valid = valid && !scan.failed();
-    if (valid)
-        MORVA_TRACE(Verbose) << "validDirectory" << entries << "entries"
-                             << "Used" << used;
-    return scope.result(valid);
+    MORVA_TRY(Status(scan.status()));
+    if (!valid)
+        return damaged("check", QStringLiteral("directory %1").arg(directory.value),
+                       "its entries don't match the tree");
+    MORVA_TRACE(Verbose) << "validDirectory" << entries << "entries"
+                         << "Used" << used;
+    return {};
 }
 
 std::uint64_t Directories::cacheHits() const {
@@ -381,10 +368,10 @@ std::uint64_t Directories::keyCount() const {
     return tree_ ? tree_.keyCount() : 0;
 }
 
-bool Directories::forEachKey(
-    std::function<bool(Morva::Extent const& stored)> const& callback) const {
+Status
+Directories::forEachKey(std::function<bool(Morva::Extent const& stored)> const& callback) const {
     TracedLock guard(lock_);
-    return tree_.forEach(callback).ok();
+    return tree_.forEach(callback);
 }
 
 bool Directories::verify(QStringList& faults) const {

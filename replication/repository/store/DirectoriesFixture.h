@@ -21,7 +21,7 @@ protected:
     Store& store() { return *store_; }
     Directories& directories() { return store_->directories(); }
     FileId root() { return store_->rootId(); }
-    ActiveHandle::Pointer handle(FileId id) { return store_->activeHandles().get(id); }
+    ActiveHandle::Pointer handle(FileId id) { return value(store_->activeHandles().get(id)); }
     FileNode::Pointer node(FileId id) { return handle(id)->fileNode(); }
 
     /// Makes an object; its id, or 0.
@@ -34,25 +34,26 @@ protected:
     }
     DirKey found(FileId parent, QString const& name) {
         DirKey key = directories().key(parent, name);
-        EXPECT_TRUE(directories().find(key)) << name.toStdString();
+        EXPECT_TRUE(value(directories().find(key))) << name.toStdString();
         return key;
     }
     bool exists(FileId parent, QString const& name) {
         DirKey key = directories().key(parent, name);
-        return directories().find(key);
+        return value(directories().find(key));
     }
     bool removeName(FileId parent, QString const& name) {
         DirKey key = found(parent, name);
-        return directories().removeLink(key);
+        return directories().removeLink(key).ok();
     }
     bool move(FileId fromParent, QString const& from, FileId toParent, QString const& to) {
         DirKey source = found(fromParent, from);
         DirKey target = directories().key(toParent, to);
-        return directories().rename(NotToBackup::eNothing, *handle(source.fileId()), source, target,
-                                    to);
+        return directories()
+            .rename(NotToBackup::eNothing, *handle(source.fileId()), source, target, to)
+            .ok();
     }
     bool valid(FileId directory) {
-        return directories().validDirectory(*node(directory), directory);
+        return directories().validDirectory(*node(directory), directory).ok();
     }
     std::uint64_t files() { return store_->control().counters()[1]; }
     std::uint64_t folders() { return store_->control().counters()[0]; }

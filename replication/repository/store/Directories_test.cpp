@@ -50,7 +50,7 @@ TEST_F(Directories_, CaseInsensitiveStoreKeepsTheFirstSpelling) {
 TEST_F(Directories_, DirectoryWithNamesIsRemovedByForceOrUnlinkAlone) {
     FileId const folder = make(root(), "folder", directoryType);
     ASSERT_TRUE(make(folder, "inside"));
-    EXPECT_FALSE(directories().emptyDirectory(found(root(), "folder")));
+    EXPECT_FALSE(value(directories().emptyDirectory(found(root(), "folder"))));
     EXPECT_FALSE(removeName(root(), "folder"));
     EXPECT_TRUE(exists(root(), "folder"));
     DirKey key = found(root(), "folder");
@@ -100,21 +100,21 @@ TEST_F(Directories_, RemoveOfAKeyThatDoesNotMatchThePageLeavesTheTree) {
 }
 
 TEST_F(Directories_, LocateWalksAndBuildsPaths) {
-    auto located = directories().locate({}, PathMode::DoNotBuildPath);
+    auto located = value(directories().locate({}, PathMode::DoNotBuildPath));
     EXPECT_TRUE(located.found);
     EXPECT_EQ(located.key.fileId(), root());
-    located = directories().locate({"a", "b", "c"}, PathMode::DoNotBuildPath);
+    located = value(directories().locate({"a", "b", "c"}, PathMode::DoNotBuildPath));
     EXPECT_FALSE(located.found || located.parentFound);
     EXPECT_EQ(folders(), 0u);
-    located = directories().locate({"a", "b", "c"}, PathMode::BuildPath);
+    located = value(directories().locate({"a", "b", "c"}, PathMode::BuildPath));
     EXPECT_FALSE(located.found);
     ASSERT_TRUE(located.parentFound);
     EXPECT_EQ(located.parent.name(), QString("b"));
     EXPECT_EQ(folders(), 2u);
     EXPECT_TRUE(node(located.parent.fileId())->placeHolder());
     ASSERT_TRUE(make(located.parent.fileId(), "c"));
-    EXPECT_TRUE(directories().locate({"a", "b", "c"}, PathMode::DoNotBuildPath).found);
-    located = directories().locate({"a", "b", "c", "d"}, PathMode::BuildPath);
+    EXPECT_TRUE(value(directories().locate({"a", "b", "c"}, PathMode::DoNotBuildPath)).found);
+    located = value(directories().locate({"a", "b", "c", "d"}, PathMode::BuildPath));
     EXPECT_FALSE(located.found || located.parentFound);
 }
 
@@ -134,7 +134,7 @@ TEST_F(Directories_, RenameMovesAndReplaces) {
     EXPECT_TRUE(move(from, "folder", to, "empty"));
     EXPECT_EQ(found(to, "empty").fileId(), folder);
     EXPECT_TRUE(exists(folder, "inside"));
-    EXPECT_EQ(parentOf(*node(folder)), to);
+    EXPECT_EQ(value(parentOf(*node(folder))), to);
     EXPECT_EQ(folders(), before - 1);
     EXPECT_FALSE(exists(from, "folder"));
     for (FileId id : {root(), from, to, folder})
@@ -160,7 +160,7 @@ TEST_F(Directories_, DirectoryCannotMoveBelowItself) {
     EXPECT_FALSE(move(a, "b", c, "below"));
     EXPECT_TRUE(move(b, "c", root(), "c"));
     EXPECT_TRUE(move(root(), "a", c, "a"));
-    EXPECT_TRUE(directories().locate({"c", "a", "b"}, PathMode::DoNotBuildPath).found);
+    EXPECT_TRUE(value(directories().locate({"c", "a", "b"}, PathMode::DoNotBuildPath)).found);
 }
 
 TEST_F(Directories_, LinksCountTheirNames) {
@@ -203,7 +203,7 @@ TEST_F(Directories_, DiscardKeepsWhatTheTreeDoesNotKnow) {
         ASSERT_TRUE(make(folder, name));
     // An entry that has no key is what a crash can leave.
     auto open = handle(folder);
-    auto stream = node(folder)->openStream("Data");
+    auto stream = value(node(folder)->openStream("Data"));
     std::uint64_t const strange = 99;
     ASSERT_TRUE(open->write(LinkId{1}, stream, found(folder, "b").position() + 8, &strange, 8, 0));
     directories().forget();
@@ -227,14 +227,14 @@ TEST_F(Directories_, RulesAreAppliedToEveryPageAndTakenBack) {
     for (int i = 0; i < 300; ++i)
         ASSERT_TRUE(make(folder, QString("file%1.%2").arg(i).arg(ends[i % 3])));
     QStringList path{"folder"};
-    directories().checkOperations(someRules(), *handle(folder), path);
+    EXPECT_TRUE(directories().checkOperations(someRules(), *handle(folder), path));
     EXPECT_EQ(path, QStringList{"folder"});
     EXPECT_EQ(namesOf(*node(folder)).size(), 200u);
     EXPECT_EQ(files(), 100u);
     EXPECT_TRUE(found(folder, "file298.log").liveOnly());
     EXPECT_TRUE(valid(folder));
     // Without rules all marks go again.
-    directories().checkOperations(NotToBackup(), *handle(folder), path);
+    EXPECT_TRUE(directories().checkOperations(NotToBackup(), *handle(folder), path));
     EXPECT_FALSE(found(folder, "file298.log").liveOnly());
     EXPECT_EQ(files(), 200u);
 }
@@ -261,11 +261,13 @@ TEST_F(FaultyDirectories, RulesThatTheDiskCutShortAreAppliedWholeTheNextTime) {
         QStringList path{name};
         std::uint64_t const before = files_.faults();
         files_.failWritesAfter(writes);
-        directories().checkOperations(rules, *handle(folder), path);
+        bool const whole = directories().checkOperations(rules, *handle(folder), path).ok();
         cut = files_.faults() != before;
+        // Success may leave something to be done later, and then nothing is committed before.
+        EXPECT_EQ(whole && store().settle(), !cut);
         files_.heal();
         ASSERT_TRUE(store().settle());
-        directories().checkOperations(rules, *handle(folder), path);
+        EXPECT_TRUE(directories().checkOperations(rules, *handle(folder), path));
         EXPECT_TRUE(valid(folder));
         QStringList left;
         DirectoryScan scan(*node(folder), folder, "test");

@@ -1,6 +1,5 @@
 // Names come, go and change: insert, remove, liveOnly, link, unlink.
 
-#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/ActiveHandles.h"
 #include "replication/repository/store/Directories.h"
@@ -14,171 +13,159 @@
 
 namespace Replication {
 
-bool Directories::insert(NotToBackup::OpType opType, ActiveHandle& directory, DirKey& key,
-                         QString const& name) {
+using Morva::Result;
+using Morva::Status;
+
+Status Directories::insert(NotToBackup::OpType opType, ActiveHandle& directory, DirKey& key,
+                           QString const& name) {
     MORVA_METHOD("insert");
     WriterScope writer(writer_);
     if (!directory.fileNode() || !directory.fileNode()->isDirectory()) {
         MORVA_TRACE(Always) << "Hande is not a directory";
-        return false;
+        return misfit("insert", name, "the parent is no directory");
     }
-    if (!store_.settle())
-        return false;
-    OpenDirectories::Pointer const open = open_.get(directory.id(), "insert");
-    if (!open)
-        return false;
+    MORVA_TRY(store_.settle());
+    MORVA_TRY_LET(OpenDirectories::Pointer const open, open_.get(directory.id(), "insert"));
     if (name.size() > static_cast<qsizetype>(DirectoryPage::maximumName)) {
         MORVA_TRACE(Always) << "Name too long" << name.size();
-        return false;
+        return misfit("insert", name, "the name is too long");
     }
     if (name.isEmpty()) {
         MORVA_TRACE(Always) << "Empty name";
-        return false;
+        return misfit("insert", name, "the name is empty");
     }
     std::uint32_t const needed = DirectoryPage::usedSize(static_cast<std::uint32_t>(name.size()));
     std::uint64_t position = 0;
-    std::uint8_t* const slot = findSpace(*open, needed, position);
-    if (!slot)
-        return false;
+    MORVA_TRY_LET(std::uint8_t* const slot, findSpace(*open, needed, position));
     MORVA_TRACE(Debug) << "Found Slot" << position;
     key.linkId(key.link());
     key.liveOnly(opType == NotToBackup::eLiveOnly);
     key.position(position);
     DirectoryEntry(slot).fill(key, name);
-    if (!writePage(*open))
-        return false;
-    if (!treeInsert(key)) {
+    MORVA_TRY(writePage(*open));
+    if (Status status = treeInsert(key); !status) {
         // Without its key the entry would only be found by a check.
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to insert" << name;
         store_.unfinished().finish([this, key] { return takeEntryBack(key); });
-        return false;
+        return status;
     }
     MORVA_TRACE(Debug) << "BTree insert" << name;
     count(key, true);
-    return scope.result(true);
+    return {};
 }
 
-std::uint8_t* Directories::findSpace(OpenDirectory& directory, std::uint32_t needed,
-                                     std::uint64_t& position) {
-    std::optional<std::uint64_t> number;
-    if (!directory.firstFit(needed, number))
-        return nullptr;
+Result<std::uint8_t*> Directories::findSpace(OpenDirectory& directory, std::uint32_t needed,
+                                             std::uint64_t& position) {
+    MORVA_TRY_LET(std::optional<std::uint64_t> const number, directory.firstFit(needed));
     if (!number) {
         position = directory.pages() * DirectoryPage::size;
         return directory.newPage();
     }
     PageContext const context{"insert", directory.id(), *number, directory.pages(), {}};
-    std::uint8_t* const page = directory.readPage(*number);
+    Result<std::uint8_t*> const page = directory.readPage(*number);
     if (!page) {
         DirectoryPage::traceFailedRead(context);
-        return nullptr;
+        return page;
     }
-    DirectoryPage::Slot const slot = DirectoryPage::takeSlot(page, needed);
+    DirectoryPage::Slot const slot = DirectoryPage::takeSlot(*page, needed);
     if (!slot.offset) {
-        DirectoryPage::traceInvalid(context, page, slot.invalidAt);
-        return nullptr;
+        DirectoryPage::traceInvalid(context, *page, slot.invalidAt);
+        return damaged("insert", QStringLiteral("directory %1").arg(directory.id().value),
+                       "an entry is invalid");
     }
     position = *number * DirectoryPage::size + *slot.offset;
-    return page + *slot.offset;
+    return *page + *slot.offset;
 }
 
-std::uint8_t* Directories::entryOf(OpenDirectory& directory, DirKey const& key) {
-    std::uint8_t* const page = directory.readPage(DirectoryPage::pageOf(key.position()));
+Result<std::uint8_t*> Directories::entryOf(OpenDirectory& directory, DirKey const& key) {
+    Result<std::uint8_t*> const page = directory.readPage(DirectoryPage::pageOf(key.position()));
     if (!page) {
         MORVA_TRACE(Always) << "Failed to read whole page" << DirectoryPage::pageOf(key.position());
-        return nullptr;
+        return page;
     }
     std::uint32_t const offset = DirectoryPage::offsetOf(key.position());
-    DirectoryEntry const entry(page + offset);
+    DirectoryEntry const entry(*page + offset);
     bool const valid = entry.valid(DirectoryPage::size - offset);
     if (valid && entry.fileId() == key.fileId() && sameEntryName(entry.name(), key.name()))
-        return page + offset;
+        return *page + offset;
     MORVA_TRACE(Always) << "Id mismatch"
                         << "Key" << Morva::hex << key.fileId() << key.link() << key.typeWord()
                         << Morva::dec << key.position() << key.name() << "Entry"
                         << (valid ? entry.name().toString() : QStringLiteral("invalid"))
                         << Morva::hex << (valid ? entry.fileId() : FileId{});
-    return nullptr;
+    return damaged("find entry", key.name(), "the directory tree doesn't match the entry");
 }
 
-bool Directories::remove(DirKey& key, bool force) {
+Status Directories::remove(DirKey& key, bool force) {
     MORVA_METHOD("remove");
     WriterScope writer(writer_);
-    if (!store_.settle())
-        return false;
-    if (!force && key.isDirectory() && !emptyDirectory(key)) {
-        MORVA_TRACE(Normal) << "Cannot remove an non-empty directory" << key.name();
-        return false;
+    MORVA_TRY(store_.settle());
+    if (!force && key.isDirectory()) {
+        MORVA_TRY_LET(bool const empty, emptyDirectory(key));
+        if (!empty) {
+            MORVA_TRACE(Normal) << "Cannot remove an non-empty directory" << key.name();
+            return misfit("remove", key.name(), "the directory isn't empty");
+        }
     }
-    OpenDirectories::Pointer const open = open_.get(key.directoryId(), "remove");
-    if (!open)
-        return false;
-    std::uint8_t* const entry = entryOf(*open, key);
+    MORVA_TRY_LET(OpenDirectories::Pointer const open, open_.get(key.directoryId(), "remove"));
+    Result<std::uint8_t*> const entry = entryOf(*open, key);
     if (!entry) {
         MORVA_TRACE(Always) << "!!!!!!! Failed to remove from directory" << key.name();
-        return false;
+        return entry.status();
     }
     std::uint32_t const offset = DirectoryPage::offsetOf(key.position());
-    if (!DirectoryPage::removeEntry(entry - offset, offset)) {
+    if (!DirectoryPage::removeEntry(*entry - offset, offset)) {
         MORVA_TRACE(Always) << "!!!!!!! Failed to remove from directory" << key.name();
-        return false;
+        return damaged("remove", key.name(), "the entries before it are invalid");
     }
-    if (!writePage(*open))
-        return false;
-    if (!finishKey(&Directories::treeRemove, key)) {
+    MORVA_TRY(writePage(*open));
+    if (Status status = finishKey(&Directories::treeRemove, key); !status) {
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to remove" << key.name();
-        return false;
+        return status;
     }
     MORVA_TRACE(Debug) << "BTree Removed" << key.name();
-    return scope.result(true);
+    return {};
 }
 
-bool Directories::liveOnly(DirKey& key) {
+Status Directories::liveOnly(DirKey& key) {
     MORVA_METHOD("liveOnly");
     WriterScope writer(writer_);
-    if (!store_.settle())
-        return false;
-    OpenDirectories::Pointer const open = open_.get(key.directoryId(), "liveOnly");
-    if (!open)
-        return false;
-    std::uint8_t* const bytes = entryOf(*open, key);
-    if (!bytes)
-        return false;
+    MORVA_TRY(store_.settle());
+    MORVA_TRY_LET(OpenDirectories::Pointer const open, open_.get(key.directoryId(), "liveOnly"));
+    MORVA_TRY_LET(std::uint8_t* const bytes, entryOf(*open, key));
     DirectoryEntry entry(bytes);
     bool const before = entry.liveOnly();
     entry.typeWord(key.typeWord() & (DirKey::liveOnlyBit | DirKey::typeMask));
-    if (!writePage(*open))
-        return false;
+    MORVA_TRY(writePage(*open));
     if (before != key.liveOnly())
         store_.control().countName(key.type(), before);
-    if (!finishKey(&Directories::treeUpdate, key)) {
+    if (Status status = finishKey(&Directories::treeUpdate, key); !status) {
         MORVA_TRACE(Always) << "!!!!!!! BTree failed to update" << key.name();
-        return false;
+        return status;
     }
     MORVA_TRACE(Debug) << "BTree updated" << key.name();
-    return scope.result(true);
+    return {};
 }
 
-bool Directories::emptyDirectory(DirKey const& key) {
+Result<bool> Directories::emptyDirectory(DirKey const& key) {
     MORVA_METHOD("emptyDirectory");
     if (!key.isDirectory())
         return false;
-    ActiveHandle::Pointer const handle = store_.activeHandles().get(key.fileId());
-    if (!handle || !handle->fileNode()) {
+    auto const handle = store_.activeHandles().open(key.fileId());
+    if (!handle) {
         MORVA_TRACE(Always) << "Unable to open directory" << Morva::hex << key.fileId();
-        return false;
+        return handle.status();
     }
-    Morva::Failures::Watch const watch;
-    DirectoryScan scan(*handle->fileNode(), key.fileId(), "emptyDirectory");
-    if (!scan.hasData() && !watch.any()) {
-        MORVA_TRACE(Verbose) << "No directory data";
-        return true;
-    }
+    DirectoryScan scan(*(*handle)->fileNode(), key.fileId(), "emptyDirectory");
     if (scan.nextName()) {
         MORVA_TRACE(Verbose) << "Found" << scan.entry().name().toString();
         return false;
     }
-    return scope.result(!watch.any());
+    // What can't be read isn't the end.
+    MORVA_TRY(Status(scan.status()));
+    if (!scan.hasData())
+        MORVA_TRACE(Verbose) << "No directory data";
+    return scope.result(true);
 }
 
 void Directories::dropObject(DirKey const& key) {
@@ -187,100 +174,96 @@ void Directories::dropObject(DirKey const& key) {
     store_.removeFileId(key, true);
 }
 
-bool Directories::removeLink(DirKey& key) {
+Status Directories::removeLink(DirKey& key) {
     MORVA_METHOD("removeLink");
     WriterScope writer(writer_);
-    if (!remove(key, false))
-        return false;
+    MORVA_TRY(remove(key, false));
     dropObject(key);
-    return scope.result(true);
+    return {};
 }
 
-bool Directories::unlink(DirKey& key, ActiveHandle& handle, QString const& stream) {
+Status Directories::unlink(DirKey& key, ActiveHandle& handle, QString const& stream) {
     MORVA_METHOD("unlink");
     WriterScope writer(writer_);
     // Before anything else, so that a refused or a smaller deletion doesn't empty a directory.
     if (!stream.isEmpty() && stream.compare(dataStreamName, store_.caseSensitivity()) != 0)
-        return scope.result(handle.removeStream(key.link(), stream));
+        return handle.removeStream(key.link(), stream);
     if (key.isRoot() || handle.id() == store_.rootId()) {
         MORVA_TRACE(Always) << "Cannot unlink root directory";
-        return false;
+        return misfit("remove", QString(), "it is the root");
     }
-    if (handle.fileNode() && handle.fileNode()->isDirectory() && !discardDirectory(handle))
-        return false;
+    if (handle.fileNode() && handle.fileNode()->isDirectory())
+        MORVA_TRY(discardDirectory(handle));
     DirKey current(key.directoryId(), key.name(), 0);
-    Morva::Failures::Watch const watch;
-    if (!find(current)) {
-        if (watch.any())
-            return false;
+    MORVA_TRY_LET(bool const found, find(current));
+    if (!found) {
         MORVA_TRACE(Normal) << "Unable to find that file, be happy its gone" << key.name();
-        return true;
+        return {};
     }
     if (current.fileId() != handle.id()) {
         MORVA_TRACE(Normal) << "Not the same file id, be happy its gone" << key.name();
-        return true;
+        return {};
     }
-    return scope.result(removeLink(current));
+    return removeLink(current);
 }
 
-bool Directories::link(NotToBackup::OpType opType, DirKey& from, QStringList const& path) {
+Status Directories::link(NotToBackup::OpType opType, DirKey& from, QStringList const& path) {
     MORVA_METHOD("link");
     WriterScope writer(writer_);
     if (from.isDirectory()) {
         MORVA_TRACE(Always) << "Cannot link to a directory";
-        return false;
+        return misfit("link", from.name(), "it is a directory");
     }
     if (from.name().isEmpty()) {
         MORVA_TRACE(Always) << "Invalid handle supplied";
-        return false;
+        return misfit("link", QString(), "the handle has no name");
     }
     if (path.isEmpty()) {
         MORVA_TRACE(Always) << "No destination address supplied";
-        return false;
+        return misfit("link", from.name(), "no destination was given");
     }
-    Located const target = locate(path, PathMode::BuildPath);
-    if (target.failed)
-        return false;
+    MORVA_TRY_LET(Located const target, locate(path, PathMode::BuildPath));
     if (target.found) {
         MORVA_TRACE(Always) << "Destination already exists" << path.join(QLatin1Char('/'));
-        return false;
+        return misfit("link", path.join(QLatin1Char('/')), "it is there already");
     }
     if (!target.parentFound) {
         MORVA_TRACE(Always) << "Parent not found" << path.join(QLatin1Char('/'));
-        return false;
+        return misfit("link", path.join(QLatin1Char('/')), "its parent isn't a directory");
     }
-    if (!find(from)) {
+    MORVA_TRY_LET(bool const found, find(from));
+    if (!found) {
         MORVA_TRACE(Always) << "Failed to find from BTree entry" << from.name();
-        return false;
+        return Status::failure(Status::Code::NotFound, "link", from.name());
     }
     if (from.isDirectory()) {
         MORVA_TRACE(Always) << "Cannot link to a directory";
-        return false;
+        return misfit("link", from.name(), "it is a directory");
     }
-    ActiveHandle::Pointer const source = store_.activeHandles().get(from.fileId());
-    if (!source || !source->fileNode()) {
+    auto const opened = store_.activeHandles().open(from.fileId());
+    if (!opened) {
         MORVA_TRACE(Always) << "Failed to open from handle" << from.name();
-        return false;
+        return opened.status();
     }
-    ActiveHandle::Pointer const parent = store_.activeHandles().get(target.parent.fileId());
+    ActiveHandle::Pointer const source = *opened;
+    auto const parent = store_.activeHandles().open(target.parent.fileId());
     if (!parent) {
         MORVA_TRACE(Always) << "Failed to open parent directory";
-        return false;
+        return parent.status();
     }
     DirKey to = key(target.parent.fileId(), path.last(), source->fileNode()->type());
     to.fileId(from.fileId());
-    LinkId const link = source->addLink(from.link(), opType == NotToBackup::eLiveOnly);
+    Result<LinkId> const link = source->addLink(from.link(), opType == NotToBackup::eLiveOnly);
     if (!link) {
         MORVA_TRACE(Always) << "Failed to add a link to" << from.name();
-        return false;
+        return link.status();
     }
-    to.linkId(link);
-    if (!insert(opType, *parent, to, path.last())) {
+    to.linkId(*link);
+    if (Status status = insert(opType, **parent, to, path.last()); !status) {
         MORVA_TRACE(Always) << "Failed to insert link file" << path.last();
-        store_.unfinished().finish([source, link, left = source->linkCount() - 1] {
-            return source->removeLink(link) == left;
-        });
-        return false;
+        store_.unfinished().finish(
+            [source, number = *link] { return source->removeLink(number).status(); });
+        return status;
     }
     if (store_.event() && store_.indexSnapshots() && to.link() == LinkId{2} && !from.liveOnly()) {
         MORVA_TRACE(Verbose)
@@ -288,7 +271,7 @@ bool Directories::link(NotToBackup::OpType opType, DirKey& from, QStringList con
         store_.event()->removed(from.fileId(), from.link(), from.directoryId(),
                                 store_.retired().timeStamp());
     }
-    return scope.result(true);
+    return {};
 }
 
 } // namespace Replication

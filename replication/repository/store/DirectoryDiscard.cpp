@@ -12,6 +12,9 @@
 
 namespace Replication {
 
+using Morva::Result;
+using Morva::Status;
+
 /// Where the walk of one directory stands, between two looks at its page.
 struct Directories::DiscardFrame {
     explicit DiscardFrame(FileId directory) : id(directory) {}
@@ -21,15 +24,15 @@ struct Directories::DiscardFrame {
     std::uint32_t offset = 0;
     FileId child;           ///< the directory at `offset`, to be emptied first
     bool childDone = false; ///< which has been done
-    bool failed = false;
+    Morva::Status failure;  ///< what can't be removed, the first of it
 };
 
-bool Directories::discardDirectory(ActiveHandle& directory) {
+Status Directories::discardDirectory(ActiveHandle& directory) {
     MORVA_METHOD("discardDirectory");
     WriterScope writer(writer_);
     if (!directory.fileNode() || !directory.fileNode()->isDirectory()) {
         MORVA_TRACE(Always) << "Not a directory" << Morva::hex << directory.id();
-        return false;
+        return misfit("remove", QString(), "it is no directory");
     }
     std::vector<DiscardFrame> stack;
     std::unordered_set<FileId> onStack;
@@ -37,69 +40,74 @@ bool Directories::discardDirectory(ActiveHandle& directory) {
     onStack.insert(directory.id());
     while (true) {
         DiscardFrame& frame = stack.back();
-        Step step = discardPages(frame);
-        if (step == Step::Descend) {
+        Result<Step> const step = discardPages(frame);
+        if (!step) {
+            frame.failure.update(step.status());
+        } else if (*step == Step::Descend) {
             if (onStack.insert(frame.child).second) {
                 stack.emplace_back(frame.child);
                 continue;
             }
             MORVA_TRACE(Always) << "Directory is its own parent" << Morva::hex << frame.child;
-            step = Step::Failed;
+            frame.failure.update(damaged("remove", QString(), "a directory is its own parent"));
         }
-        MORVA_CHECK(!frame.failed, "bContinue");
-        if (step == Step::Failed || frame.failed) {
+        MORVA_CHECK(frame.failure.ok(), "bContinue");
+        if (!frame.failure) {
             for (std::size_t level = 1; level < stack.size(); ++level)
                 MORVA_TRACE(Always)
                     << "Failed to discard directory" << Morva::hex << stack[level].id;
-            return false;
+            return frame.failure;
         }
         onStack.erase(frame.id);
         stack.pop_back();
         if (stack.empty())
-            return scope.result(true);
+            return {};
         stack.back().childDone = true;
     }
 }
 
-Directories::Step Directories::discardPages(DiscardFrame& frame) {
-    if (!store_.settle())
-        return Step::Failed;
-    OpenDirectories::Pointer const open = open_.get(frame.id, "discardDirectory");
-    if (!open) {
+Result<Directories::Step> Directories::discardPages(DiscardFrame& frame) {
+    MORVA_TRY(store_.settle());
+    Result<OpenDirectories::Pointer> const opened = open_.get(frame.id, "discardDirectory");
+    if (!opened) {
         MORVA_TRACE(Always) << "Failed to open data stream of directory" << Morva::hex << frame.id;
-        return Step::Failed;
+        return opened.status();
     }
-    for (; frame.page < open->pages(); ++frame.page, frame.offset = 0) {
-        PageContext const context{"discardDirectory", frame.id, frame.page, open->pages(), {}};
-        std::uint8_t* const page = open->readPage(frame.page);
+    OpenDirectory& open = **opened;
+    for (; frame.page < open.pages(); ++frame.page, frame.offset = 0) {
+        PageContext const context{"discardDirectory", frame.id, frame.page, open.pages(), {}};
+        Result<std::uint8_t*> const page = open.readPage(frame.page);
         if (!page) {
             DirectoryPage::traceFailedRead(context);
-            return Step::Failed;
+            return page.status();
         }
         bool dirty = false;
         bool descend = false;
-        PageEdit edit(page);
-        while (!descend && edit.next()) {
+        Status status;
+        PageEdit edit(*page);
+        while (status && !descend && edit.next()) {
+            DirectoryEntry const entry = edit.entry();
             if (edit.offset() < frame.offset)
                 continue;
-            DirectoryEntry const entry = edit.entry();
-            bool const gone =
-                entry.free() ? edit.hasBefore()
-                             : entry.inUse() && discardEntry(frame, entry, edit.offset(), descend);
-            if (gone) {
+            Result<bool> const gone = entry.free() ? Result<bool>(edit.hasBefore())
+                                      : entry.inUse()
+                                          ? discardEntry(frame, entry, edit.offset(), descend)
+                                          : Result<bool>(false);
+            status = gone.status();
+            if (status && *gone) {
                 edit.remove();
                 dirty = true;
             }
         }
         if (edit.invalid()) {
-            DirectoryPage::traceInvalid(context, page, edit.offset());
-            frame.failed = true;
+            DirectoryPage::traceInvalid(context, *page, edit.offset());
+            frame.failure.update(damaged("remove", QString(), "an entry is invalid"));
         }
         // The objects are gone, so the entries go in any case.
         if (dirty)
-            finishPage(*open);
-        if (!store_.settle())
-            return Step::Failed;
+            finishPage(open);
+        MORVA_TRY(std::move(status));
+        MORVA_TRY(store_.settle());
         if (descend)
             return Step::Descend;
     }
@@ -107,21 +115,22 @@ Directories::Step Directories::discardPages(DiscardFrame& frame) {
 }
 
 /// True when the entry's object is gone, and the entry is to go.
-bool Directories::discardEntry(DiscardFrame& frame, DirectoryEntry const& entry,
-                               std::uint32_t offset, bool& descend) {
+Result<bool> Directories::discardEntry(DiscardFrame& frame, DirectoryEntry const& entry,
+                                       std::uint32_t offset, bool& descend) {
     QString const name = entry.name().toString();
     DirKey key = this->key(frame.id, name);
+    MORVA_TRY_LET(bool const found, find(key));
     bool const childDone = std::exchange(frame.childDone, false);
-    if (!find(key)) {
-        MORVA_TRACE(Always) << (childDone ? "Lost entry out of BTree"
-                                          : "BTree does not contain entry")
-                            << name;
-        frame.failed = true;
+    if (!found) {
+        char const* const what =
+            childDone ? "Lost entry out of BTree" : "BTree does not contain entry";
+        MORVA_TRACE(Always) << what << name;
+        frame.failure.update(damaged("remove", name, what));
         return false;
     }
     if (key.fileId() != entry.fileId()) {
         MORVA_TRACE(Always) << "BTree does not match entry" << name;
-        frame.failed = true;
+        frame.failure.update(damaged("remove", name, "BTree does not match entry"));
         return false;
     }
     if (key.isDirectory() && !childDone) {
@@ -131,10 +140,9 @@ bool Directories::discardEntry(DiscardFrame& frame, DirectoryEntry const& entry,
         return false;
     }
     MORVA_TRACE(Testing) << "Delete" << name;
-    if (!treeRemove(key)) {
+    if (Status status = treeRemove(key); !status) {
         MORVA_TRACE(Always) << "!!!!!!! Failed to remove from tree" << name;
-        frame.failed = true;
-        return false;
+        return status;
     }
     MORVA_TRACE(Debug) << "Removed from tree" << name;
     dropObject(key);

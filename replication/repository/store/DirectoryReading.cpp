@@ -17,20 +17,23 @@ namespace Replication {
 using Morva::Extent;
 using Morva::PackBuffer;
 using Morva::PagedList;
-using Status = DirectoryStatus;
+using Morva::Result;
+using Morva::Status;
+using Answer = DirectoryStatus;
 
 namespace {
 
 constexpr std::uint32_t snapshotLevel = 1;
 
-void packEntry(PackBuffer& record, Store const& store, DirectoryEntry const& entry,
-               std::uint64_t position, Instance instance, bool attributes, bool fileHandles) {
+Status packEntry(PackBuffer& record, Store const& store, DirectoryEntry const& entry,
+                 std::uint64_t position, Instance instance, bool attributes, bool fileHandles) {
     record.reset();
     record.append(position + entry.entryLength());
     record.append(entry.typeWord());
     record.append(entry.name().toString());
     if (fileHandles) {
-        FileHandle handle = store.fileHandle(entry.fileId(), instance, FileHandle::Passive);
+        MORVA_TRY_LET(FileHandle handle,
+                      store.fileHandle(entry.fileId(), instance, FileHandle::Passive));
         if (entry.link() > LinkId{1}) // link 1 goes out as 0, as in every handle
             handle.link = entry.link();
         auto const bytes = handle.encode();
@@ -38,13 +41,14 @@ void packEntry(PackBuffer& record, Store const& store, DirectoryEntry const& ent
     }
     if (attributes) {
         RepMetadata description;
-        FileNode::Pointer const node = store.passiveHandle(entry.fileId(), instance);
-        if (!node || node->metadata(snapshotLevel, description) != 0)
-            description = RepMetadata();
+        MORVA_TRY_LET(FileNode::Pointer const node, store.passiveHandle(entry.fileId(), instance));
+        if (node)
+            MORVA_TRY(node->metadata(snapshotLevel, description));
         description.serialize(record);
     }
     static constexpr std::uint8_t zeros[8] = {};
     record.append(zeros, (8 - record.size() % 8) % 8);
+    return {};
 }
 
 } // namespace
@@ -59,24 +63,27 @@ std::uint32_t SnapshotDirectories::readDir(Morva::XmlList& reply, Extent& buffer
     case FileHandle::Raw:
     case FileHandle::FileIdOnly:
         MORVA_TRACE(Normal) << "Raw, Sort or invalid handle";
-        return Status::badHandle;
+        return Answer::badHandle;
     case FileHandle::Passive:
     case FileHandle::Snapshot:
         break;
     default:
         MORVA_TRACE(Always) << "Corrupt handle";
-        return Status::ok;
+        return Answer::ok;
     }
-    FileNode::Pointer const node = store_.passiveHandle(directory);
+    auto const opened = store_.passiveHandle(directory);
+    if (!opened)
+        return Answer::serverFault;
+    FileNode::Pointer const node = *opened;
     if (!node)
-        return Status::handleExpired;
+        return Answer::handleExpired;
     if (!node->isDirectory())
-        return Status::notDirectory;
+        return Answer::notDirectory;
     bool eof = true;
     FileId const id = directory.kind == FileHandle::Snapshot ? store_.rootId() : directory.fileId();
     std::uint32_t const status = dirRead(eof, buffer, *node, directory.instance, cookie, maximum,
                                          attributes, fileHandles, id);
-    if (status == Status::ok)
+    if (status == Answer::ok)
         reply.set(QStringLiteral("DirEOF"), eof);
     return scope.result(status);
 }
@@ -91,7 +98,7 @@ std::uint32_t SnapshotDirectories::dirRead(bool& eof, Extent& buffer, FileNode& 
     buffer.size = buffer.available = 0;
     if (!node.isDirectory()) {
         MORVA_TRACE(Normal) << "Not a directory";
-        return Status::badHandle;
+        return Answer::badHandle;
     }
     DirectoryScan scan(node, directory, "Snapshot readDir", instance,
                        DirectoryPage::pageOf(cookie));
@@ -105,14 +112,18 @@ std::uint32_t SnapshotDirectories::dirRead(bool& eof, Extent& buffer, FileNode& 
                 continue;
             if (scan.position() != cookie) {
                 eof = false;
-                return Status::badCookie;
+                return Answer::badCookie;
             }
             reached = true;
         }
         DirectoryEntry const entry = scan.entry();
         if (!entry.inUse() || entry.liveOnly())
             continue;
-        packEntry(record, store_, entry, scan.position(), instance, attributes, fileHandles);
+        if (!packEntry(record, store_, entry, scan.position(), instance, attributes, fileHandles)) {
+            buffer.size = buffer.available = written;
+            eof = false;
+            return Answer::serverFault;
+        }
         if (record.size() > space - written) {
             MORVA_TRACE(Debug) << "Stop no space available";
             eof = false;
@@ -126,12 +137,16 @@ std::uint32_t SnapshotDirectories::dirRead(bool& eof, Extent& buffer, FileNode& 
             break;
         }
     }
-    if (!reached && !scan.failed() && DirectoryPage::pageOf(cookie) < scan.pages()) {
-        eof = false;
-        return Status::badCookie;
-    }
     buffer.size = buffer.available = written;
-    return Status::ok;
+    if (scan.failed()) {
+        eof = false;
+        return Answer::serverFault;
+    }
+    if (!reached && DirectoryPage::pageOf(cookie) < scan.pages()) {
+        eof = false;
+        return Answer::badCookie;
+    }
+    return Answer::ok;
 }
 
 namespace {
@@ -154,7 +169,7 @@ bool DirscanRecord::decode(Extent const& record) {
     return true;
 }
 
-bool DirscanRecord::write(PagedList& list, DirectoryEntry const& entry) {
+Status DirscanRecord::write(PagedList& list, DirectoryEntry const& entry) {
     alignas(8) std::uint8_t bytes[DirectoryPage::size];
     std::uint32_t const nameBytes = 2 * entry.nameLength();
     Morva::storeLittle(bytes, entry.type());
@@ -162,7 +177,7 @@ bool DirscanRecord::write(PagedList& list, DirectoryEntry const& entry) {
     Morva::storeLittle(bytes + fileIdAt, entry.fileId().value);
     std::memcpy(bytes + nameAt, entry.name().utf16(), nameBytes);
     Morva::storeLittle(bytes + nameAt + nameBytes, std::uint16_t{0});
-    return list.write(Extent(static_cast<void const*>(bytes), nameBytes + fixedSize)).ok();
+    return list.write(Extent(static_cast<void const*>(bytes), nameBytes + fixedSize));
 }
 
 } // namespace Replication

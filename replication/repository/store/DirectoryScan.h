@@ -18,8 +18,9 @@ class StreamHandle;
 ///         use(scan.entry().name(), scan.entry().fileId(), scan.entry().link(),
 ///         scan.entry().type());
 ///
-/// A failed read or an invalid entry is reported under the operation's name and ends the scan.
-/// Belongs to one thread. The stream stays open as long as the object.
+/// A failed read or an invalid entry is reported under the operation's name and ends the scan; who
+/// has reached the end of a scan asks `status` whether it is that of the directory. Belongs to one
+/// thread. The stream stays open as long as the object.
 class DirectoryScan {
 public:
     /// Reads from `firstPage` on, at most `pageLimit` pages.
@@ -46,11 +47,13 @@ public:
     }
     [[nodiscard]] std::uint64_t page() const { return page_; }
     [[nodiscard]] std::uint64_t pages() const { return pages_; }
-    /// Whether the scan ended before the end of the directory.
-    [[nodiscard]] bool failed() const { return failed_; }
+    /// Why the scan ended before the end of the directory; success when it didn't.
+    [[nodiscard]] Morva::Status const& status() const { return status_; }
+    [[nodiscard]] bool failed() const { return !status_.ok(); }
 
 private:
     [[nodiscard]] bool loadPage(std::uint64_t page);
+    void fail(Morva::Status::Code code, char const* reason);
     [[nodiscard]] PageContext context() const;
 
     static constexpr std::uint32_t pagesPerRead = 16;
@@ -67,11 +70,11 @@ private:
     std::vector<std::uint8_t> window_;
     PageWalk walk_{nullptr};
     bool started_ = false;
-    bool failed_ = false;
+    Morva::Status status_;
 };
 
-/// The parent of a directory, by the first entry of its pages; 0 when that can't be read, and for a
-/// node that is no directory.
-[[nodiscard]] FileId parentOf(FileNode& directory);
+/// The parent of a directory, by the first entry of its pages. InvalidArgument for a node that is
+/// no directory, Corruption when there is no sound entry.
+[[nodiscard]] Morva::Result<FileId> parentOf(FileNode& directory);
 
 } // namespace Replication

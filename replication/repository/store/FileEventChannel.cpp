@@ -21,7 +21,7 @@ constexpr std::uint32_t lengthSize = 4;
 /// Length of the event at an offset; 0 if there is no whole one.
 std::uint32_t eventAt(RawFile& file, std::uint64_t offset, std::uint64_t end) {
     std::array<std::uint8_t, lengthSize> bytes;
-    if (end - offset < lengthSize || file.readAt(offset, bytes.data(), lengthSize) != lengthSize)
+    if (end - offset < lengthSize || !file.readWhole(offset, bytes.data(), lengthSize))
         return 0;
     auto const length = loadLittle<std::uint32_t>(bytes.data());
     if (length > EventChannel::maximumEvent || length > end - offset - lengthSize)
@@ -38,10 +38,15 @@ FileEventChannel::FileEventChannel(QString const& path) : file_(RawFile::make())
         file_.reset();
         return;
     }
-    std::uint64_t const length = file_->length();
-    while (std::uint32_t const event = eventAt(*file_, end_, length))
+    auto const length = file_->length();
+    if (!length) {
+        MORVA_TRACE(Always) << "Failed to setup event channel" << path << file_->lastError();
+        file_.reset();
+        return;
+    }
+    while (std::uint32_t const event = eventAt(*file_, end_, *length))
         end_ += lengthSize + event;
-    if (end_ != length && !file_->setLength(end_))
+    if (end_ != *length && !file_->setLength(end_))
         MORVA_TRACE(Always) << "Failed to cut a torn event off" << path;
 }
 
@@ -57,7 +62,7 @@ bool FileEventChannel::send(Extent const& event) {
     std::memcpy(bytes.data() + lengthSize, event.data, event.size);
     std::uint32_t const count = lengthSize + event.size;
     TracedLock lock(lock_);
-    if (!file_ || file_->writeAt(end_, bytes.data(), count) != count) {
+    if (!file_ || !file_->writeAt(end_, bytes.data(), count)) {
         MORVA_TRACE(Always) << "Failed to send event";
         return false;
     }
@@ -73,11 +78,12 @@ FileEventChannel::Reader::Reader(QString const& path) : file_(RawFile::make()) {
 FileEventChannel::Reader::~Reader() = default;
 
 std::optional<QByteArray> FileEventChannel::Reader::next() {
-    std::uint32_t const count = file_ ? eventAt(*file_, offset_, file_->length()) : 0;
+    auto const length = file_ ? file_->length() : std::uint64_t{0};
+    std::uint32_t const count = length && *length != 0 ? eventAt(*file_, offset_, *length) : 0;
     if (count == 0)
         return {};
     QByteArray event(static_cast<qsizetype>(count), Qt::Uninitialized);
-    if (file_->readAt(offset_ + lengthSize, event.data(), count) != count)
+    if (!file_->readWhole(offset_ + lengthSize, event.data(), count))
         return {};
     offset_ += lengthSize + count;
     return event;

@@ -10,38 +10,41 @@
 
 namespace Replication {
 
-NodeNumber Store::fileNode(FileId id, Instance instance) const {
+using Morva::Result;
+
+Result<NodeNumber> Store::fileNode(FileId id, Instance instance) const {
     MORVA_METHOD("fileNode");
     if (!instance)
         return scope.result(pointers().getNode(id));
     if (instance > currentInstance())
-        return scope.result(NodeNumber{});
+        return NodeNumber{};
     return scope.result(pointers().getInstance(id, instance));
 }
 
-FileNode::Pointer Store::passiveHandle(FileId id, Instance instance) const {
+Result<FileNode::Pointer> Store::passiveHandle(FileId id, Instance instance) const {
     if (!id || !instance)
-        return nullptr;
+        return FileNode::Pointer();
     for (;;) {
-        NodeNumber const number = fileNode(id, instance);
-        FileNode::Pointer node = passiveHandles().get(number);
+        MORVA_TRY_LET(NodeNumber const number, fileNode(id, instance));
+        MORVA_TRY_LET(FileNode::Pointer node, passiveHandles().get(number));
         // Between the two steps a retirement can have freed the node, and another file taken it.
-        if (fileNode(id, instance) == number)
+        MORVA_TRY_LET(NodeNumber const still, fileNode(id, instance));
+        if (still == number)
             return node;
     }
 }
 
-FileNode::Pointer Store::passiveHandle(QStringList const& path, Instance instance) const {
+Result<FileNode::Pointer> Store::passiveHandle(QStringList const& path, Instance instance) const {
     FileId id = rootId();
     for (QString const& element : path) {
-        id = snapshotDirectories().findName(id, instance, element);
+        MORVA_TRY_LET(id, snapshotDirectories().findName(id, instance, element));
         if (!id)
-            return nullptr;
+            return FileNode::Pointer();
     }
     return passiveHandle(id, instance);
 }
 
-FileNode::Pointer Store::passiveHandle(FileHandle const& handle) const {
+Result<FileNode::Pointer> Store::passiveHandle(FileHandle const& handle) const {
     switch (handle.kind) {
     case FileHandle::Raw:
         return passiveHandles().get(handle.node());
@@ -51,13 +54,13 @@ FileNode::Pointer Store::passiveHandle(FileHandle const& handle) const {
         return passiveHandle(rootId(), handle.instance);
     case FileHandle::FileIdOnly:
         MORVA_TRACE(Verbose) << "FileId handle";
-        return nullptr;
+        return FileNode::Pointer();
     case FileHandle::Invalid:
         MORVA_TRACE(Verbose) << "Invalid handle";
-        return nullptr;
+        return FileNode::Pointer();
     default:
         MORVA_TRACE(Always) << "Corrupt handle" << handle.kind;
-        return nullptr;
+        return FileNode::Pointer();
     }
 }
 
@@ -96,12 +99,14 @@ std::uint32_t Store::mungeFh(FileHandle& handle, FileHandle const& mount) const 
     return scope.result(std::uint32_t{0});
 }
 
-FileHandle Store::fileHandle(FileId id, Instance instance, FileHandle::Kind kind) const {
+Result<FileHandle> Store::fileHandle(FileId id, Instance instance, FileHandle::Kind kind) const {
     FileHandle result;
     switch (kind) {
-    case FileHandle::Raw:
-        result.id = pointers().getInstance(id, instance).value;
+    case FileHandle::Raw: {
+        MORVA_TRY_LET(NodeNumber const node, pointers().getInstance(id, instance));
+        result.id = node.value;
         break;
+    }
     case FileHandle::Passive:
     case FileHandle::Snapshot:
         result.id = id.value;
@@ -118,7 +123,8 @@ FileHandle Store::fileHandle(FileId id, Instance instance, FileHandle::Kind kind
     return result;
 }
 
-bool Store::lookup(FileHandle& result, FileHandle const& directory, QString const& name) const {
+Result<bool> Store::lookup(FileHandle& result, FileHandle const& directory,
+                           QString const& name) const {
     MORVA_METHOD("lookup");
     FileId parent;
     switch (directory.kind) {
@@ -126,7 +132,7 @@ bool Store::lookup(FileHandle& result, FileHandle const& directory, QString cons
     case FileHandle::Raw:
     case FileHandle::FileIdOnly:
         MORVA_TRACE(Always) << "Cannot lookup a raw, sort or invalid handle";
-        return scope.result(false);
+        return false;
     case FileHandle::Passive:
         parent = directory.fileId();
         break;
@@ -135,11 +141,13 @@ bool Store::lookup(FileHandle& result, FileHandle const& directory, QString cons
         break;
     default:
         MORVA_TRACE(Always) << "Corrupt handle" << directory.kind;
-        return scope.result(false);
+        return false;
     }
-    FileId const id = snapshotDirectories().findName(parent, directory.instance, name);
-    if (id)
-        result = fileHandle(id, directory.instance, FileHandle::Passive);
+    MORVA_TRY_LET(FileId const id,
+                  snapshotDirectories().findName(parent, directory.instance, name));
+    if (id) {
+        MORVA_TRY_LET(result, fileHandle(id, directory.instance, FileHandle::Passive));
+    }
     return scope.result(static_cast<bool>(id));
 }
 
@@ -152,11 +160,14 @@ std::uint32_t Store::lookupParent(FileHandle& result, FileHandle const& object) 
         MORVA_TRACE(Always) << "Raw, Sort or invalid handle";
         return scope.result(DirectoryStatus::badHandle);
     case FileHandle::Passive: {
-        FileNode::Pointer const node = passiveHandle(object);
-        FileId const parent = node ? snapshotDirectories().parentId(*node) : FileId{};
-        if (!parent)
+        auto const node = passiveHandle(object);
+        auto const parent = node && *node ? snapshotDirectories().parentId(**node) : FileId{};
+        if (!parent || !*parent)
             return scope.result(DirectoryStatus::serverFault);
-        result = fileHandle(parent, object.instance, FileHandle::Passive);
+        auto const made = fileHandle(*parent, object.instance, FileHandle::Passive);
+        if (!made)
+            return scope.result(DirectoryStatus::serverFault);
+        result = *made;
         return scope.result(DirectoryStatus::ok);
     }
     case FileHandle::Snapshot:

@@ -5,15 +5,19 @@
 #include "replication/common/values/RepMetadata.h"
 #include "replication/repository/store/NodeFile.h"
 #include "replication/repository/store/PassiveHandles.h"
+#include "replication/repository/store/SavedState.h"
 #include "replication/repository/store/Store.h"
 #include "replication/repository/streams/OperationGate.h"
 #include "replication/repository/streams/Streams.h"
 
+#include <cerrno>
 #include <ctime>
 #include <optional>
 
 namespace Replication {
 
+using Morva::Result;
+using Morva::Status;
 using Morva::TracedLock;
 
 namespace {
@@ -40,7 +44,7 @@ FileNode::FileNode(Store& store, NodePin pin, NodeInfo info)
       node_(std::move(pin)) {}
 
 FileNode::~FileNode() {
-    bool const dead = !discarded_ && node_.node().claims() == 0;
+    bool const dead = !discarded_ && node_.node().claims() == 0 && !store_.saved().keeps(number_);
     // A reader can be the last to hold it.
     std::optional<OperationGate::Enter> gate;
     if (dead)
@@ -48,7 +52,7 @@ FileNode::~FileNode() {
     // The record isn't rewritten without the streams: the block goes with it.
     if (dead)
         info_.release(store_.streams(), NodeInfo(info_.caseSensitivity()));
-    store_.passiveHandles().release(*this, discarded_);
+    store_.passiveHandles().release(*this, !dead);
 }
 
 std::uint32_t FileNode::attributes() const {
@@ -86,6 +90,11 @@ std::uint32_t FileNode::linkCount() const {
     return node_.node().linkCount();
 }
 
+std::uint32_t FileNode::names() const {
+    TracedLock guard(lock_);
+    return node_.node().names();
+}
+
 bool FileNode::notLinked() const {
     TracedLock guard(lock_);
     return node_.node().nextLink() == NodeBlock::firstLink;
@@ -96,12 +105,12 @@ NodeTimes FileNode::times() const {
     return node_.node().times();
 }
 
-std::uint64_t FileNode::size(QString const& stream) const {
+Result<std::uint64_t> FileNode::size(QString const& stream) const {
     TracedLock guard(lock_);
     return info_.size(store_.streams(), stream);
 }
 
-std::uint64_t FileNode::size() const {
+Result<std::uint64_t> FileNode::size() const {
     return size(dataStreamName);
 }
 
@@ -130,9 +139,17 @@ bool FileNode::exists(QString const& stream) const {
     return info_.exists(stream);
 }
 
-std::vector<StreamRecord> FileNode::streamList() const {
+Result<std::vector<StreamRecord>> FileNode::streamList() const {
     TracedLock guard(lock_);
     return info_.streamList(store_.streams(), type_);
+}
+
+QStringList FileNode::streamNames() const {
+    TracedLock guard(lock_);
+    QStringList result;
+    for (NodeStream const& entry : info_.streams())
+        result.append(entry.name);
+    return result;
 }
 
 QString FileNode::streamName(StreamId id) const {
@@ -140,14 +157,14 @@ QString FileNode::streamName(StreamId id) const {
     return info_.streamName(id);
 }
 
-FileNode::FilterInfo FileNode::filterInfo() const {
+Result<FileNode::FilterInfo> FileNode::filterInfo() const {
     TracedLock guard(lock_);
     NodeTimes const times = node_.node().times();
-    return {info_.size(store_.streams(), dataStreamName), node_.node().linkCount(),
-            times.createdSource, times.modifiedSource};
+    MORVA_TRY_LET(std::uint64_t const size, info_.size(store_.streams(), dataStreamName));
+    return FilterInfo{size, node_.node().linkCount(), times.createdSource, times.modifiedSource};
 }
 
-std::shared_ptr<StreamHandle> FileNode::openStream(QString const& name) {
+Result<FileNode::StreamPointer> FileNode::openStream(QString const& name) {
     TracedLock guard(lock_);
     return info_.streamHandle(store_.streams(), name);
 }
@@ -157,9 +174,9 @@ std::vector<StreamId> FileNode::streamIds() const {
     return info_.idList();
 }
 
-std::uint32_t FileNode::metadata(std::uint32_t level, RepMetadata& result) const {
+Status FileNode::metadata(std::uint32_t level, RepMetadata& result) const {
     if (level != RepMetadata::eSnapshot && level != RepMetadata::eBackup)
-        return 22;
+        return Status::fromErrno(EINVAL, "describe", QString());
     TracedLock guard(lock_);
     NodeTimes const times = node_.node().times();
     result = RepMetadata();
@@ -173,8 +190,7 @@ std::uint32_t FileNode::metadata(std::uint32_t level, RepMetadata& result) const
     result.modifiedSource = times.modifiedSource;
     result.owner = info_.owner;
     result.linkCount = node_.node().linkCount();
-    info_.metadata(store_.streams(), result, level);
-    return 0;
+    return info_.metadata(store_.streams(), result, level);
 }
 
 void FileNode::print(int traceLevel) const {
@@ -197,54 +213,58 @@ void FileNode::printCounts(char const* which) const {
                          << "Instance" << node.instance();
 }
 
+Status FileNode::refused(char const* operation, QString const& stream,
+                         QString const& reason) const {
+    return Status::failure(Status::Code::InvalidArgument, operation, stream, reason,
+                           {Status::Unit::Record, number_.value});
+}
+
+Status FileNode::missing(char const* operation, QString const& stream) const {
+    return Status::failure(Status::Code::NotFound, operation, stream,
+                           QStringLiteral("the file has no such stream"),
+                           {Status::Unit::Record, number_.value});
+}
+
+Status FileNode::lost(char const* operation, StreamId id) const {
+    reportLostStream(id);
+    return Status::failure(Status::Code::NotFound, operation, QString(),
+                           QStringLiteral("the file does not have stream %1").arg(id.value),
+                           {Status::Unit::Record, number_.value});
+}
+
 // --- the copy decision
 
-FileNode::Fate FileNode::decide(Pointer& copy) {
+Result<FileNode*> FileNode::writable(Pointer& copy) {
     NodeBlock const node = node_.node();
     bool const shared = node.claims() >= 2;
     if (!shared && (node.liveOnly() || store_.currentInstance() <= node.instance()))
-        return Fate::InPlace;
-    copy = store_.passiveHandles().copyOf(*this);
-    if (!copy) {
-        // Not every caller has a result to tell it by.
-        store_.streams().nodeTree().failed();
-        return Fate::Failed;
-    }
+        return this;
+    MORVA_TRY_LET(copy, store_.passiveHandles().copyOf(*this));
     printCounts("Old Node");
     copy->printCounts("New Node");
-    return Fate::Copied;
+    return copy.get();
 }
 
-FileNode* FileNode::writable(Pointer& copy) {
-    switch (decide(copy)) {
-    case Fate::InPlace:
-        return this;
-    case Fate::Copied:
-        return copy.get();
-    case Fate::Failed:
-        break;
-    }
-    return nullptr;
-}
-
-bool FileNode::takeCopy(Pointer& copy) {
+Status FileNode::takeCopy(Pointer& copy) {
     TracedLock guard(lock_);
-    return decide(copy) == Fate::Copied;
+    return writable(copy).status();
 }
 
-bool FileNode::writeInfo() {
+Status FileNode::writeInfo() {
     MORVA_METHOD("updateNodeInfo");
     if (info_.type() == NodeInfo::Empty) {
         MORVA_TRACE(Always) << "Record of node" << number_ << "is damaged, leave it";
-        return scope.result(false);
+        return Status::corruption("write record", store_.path() + QStringLiteral("/files"),
+                                  QStringLiteral("the record is damaged"),
+                                  {Status::Unit::Block, number_.value});
     }
     thread_local Morva::PackBuffer buffer(1024);
     info_.pack(buffer);
-    return scope.result(store_.nodes().writeRecord(node_, buffer.extentWithoutSize()));
+    return store_.nodes().writeRecord(node_, buffer.extentWithoutSize());
 }
 
-bool FileNode::writeBlock() {
-    return store_.nodes().update(node_);
+void FileNode::writeBlock() {
+    store_.nodes().update(node_);
 }
 
 void FileNode::touch(std::uint32_t sourceTime) {
@@ -259,8 +279,8 @@ void FileNode::touch(std::uint32_t sourceTime) {
 
 // --- attributes
 
-bool FileNode::attr(Pointer& copy, bool setModified, std::uint32_t modified, bool setCreated,
-                    std::uint32_t created, bool setAttributes, std::uint32_t attributes) {
+Status FileNode::attr(Pointer& copy, bool setModified, std::uint32_t modified, bool setCreated,
+                      std::uint32_t created, bool setAttributes, std::uint32_t attributes) {
     MORVA_METHOD("attr");
     TracedLock guard(lock_);
     NodeTimes times = node_.node().times();
@@ -268,10 +288,12 @@ bool FileNode::attr(Pointer& copy, bool setModified, std::uint32_t modified, boo
     setCreated = setCreated && times.createdSource != created;
     setAttributes = setAttributes && info_.attributes != attributes;
     if (!setModified && !setCreated && !setAttributes)
-        return scope.result(true);
-    FileNode* const target = writable(copy);
-    if (!target)
-        return scope.result(false);
+        return {};
+    MORVA_TRY_LET(FileNode* const target, writable(copy));
+    if (setAttributes) {
+        MORVA_TRACE(Verbose) << "Set Attribute to " << attributes;
+        MORVA_TRY(target->setInfo(target->info_.attributes, attributes));
+    }
     if (setModified) {
         MORVA_TRACE(Verbose) << "Set Modified Source to " << modified;
         times.modifiedSource = modified;
@@ -281,30 +303,26 @@ bool FileNode::attr(Pointer& copy, bool setModified, std::uint32_t modified, boo
         times.createdSource = created;
     }
     target->node_.node().times(times);
-    if (!setAttributes)
-        return scope.result(target->writeBlock());
-    MORVA_TRACE(Verbose) << "Set Attribute to " << attributes;
-    return scope.result(target->setInfo(target->info_.attributes, attributes));
+    target->writeBlock();
+    return {};
 }
 
-bool FileNode::owner(Pointer& copy, QString const& text) {
+Status FileNode::owner(Pointer& copy, QString const& text) {
     MORVA_METHOD("owner");
     TracedLock guard(lock_);
-    FileNode* const target = info_.owner == text ? nullptr : writable(copy);
-    if (!target)
-        return scope.result(false);
-    (void)target->setInfo(target->info_.owner, text);
-    return scope.result(copy != nullptr);
+    if (info_.owner == text)
+        return {};
+    MORVA_TRY_LET(FileNode* const target, writable(copy));
+    return target->setInfo(target->info_.owner, text);
 }
 
-bool FileNode::attributes(Pointer& copy, std::uint32_t value) {
+Status FileNode::attributes(Pointer& copy, std::uint32_t value) {
     MORVA_METHOD("attributes");
     TracedLock guard(lock_);
-    FileNode* const target = info_.attributes == value ? nullptr : writable(copy);
-    if (!target)
-        return scope.result(false);
-    (void)target->setInfo(target->info_.attributes, value);
-    return scope.result(copy != nullptr);
+    if (info_.attributes == value)
+        return {};
+    MORVA_TRY_LET(FileNode* const target, writable(copy));
+    return target->setInfo(target->info_.attributes, value);
 }
 
 void FileNode::endLiveOnly() {
@@ -314,32 +332,29 @@ void FileNode::endLiveOnly() {
     node.instance(store_.currentInstance());
 }
 
-void FileNode::liveOnly(Pointer& copy, bool value) {
+Status FileNode::liveOnly(Pointer& copy, bool value) {
     MORVA_METHOD("liveOnly");
     TracedLock guard(lock_);
     NodeBlock node = node_.node();
     if (node.liveOnly() && !value) {
         endLiveOnly();
         writeBlock();
-    } else if (!node.liveOnly() && value && node.linkCount() == 1) {
+    } else if (!node.liveOnly() && value && node.names() == 1) {
         MORVA_TRACE(Verbose) << "Now live only" << number_;
-        if (FileNode* const target = writable(copy)) {
-            NodeBlock changed = target->node_.node();
-            changed.typeWord(changed.typeWord() | NodeBlock::liveOnlyBit);
-            target->writeBlock();
-        }
+        MORVA_TRY_LET(FileNode* const target, writable(copy));
+        NodeBlock changed = target->node_.node();
+        changed.typeWord(changed.typeWord() | NodeBlock::liveOnlyBit);
+        target->writeBlock();
     }
+    return {};
 }
 
 // --- links and claims
 
-LinkId FileNode::addLink(Pointer& copy, bool keepLiveOnly) {
+Result<LinkId> FileNode::addLink(Pointer& copy, bool keepLiveOnly) {
     MORVA_METHOD("addLink");
     TracedLock guard(lock_);
-    bool const first = node_.node().nextLink() == NodeBlock::firstLink;
-    FileNode* const target = first ? writable(copy) : this;
-    if (!target)
-        return {};
+    MORVA_TRY_LET(FileNode* const target, writable(copy));
     NodeBlock node = target->node_.node();
     if (node.liveOnly() && !keepLiveOnly)
         target->endLiveOnly();
@@ -350,23 +365,26 @@ LinkId FileNode::addLink(Pointer& copy, bool keepLiveOnly) {
     return scope.result(LinkId{link});
 }
 
-std::uint32_t FileNode::removeLink(Pointer& copy) {
+Result<std::uint32_t> FileNode::removeLink(Pointer& copy) {
     MORVA_METHOD("removeLink");
     TracedLock guard(lock_);
-    std::uint32_t const count = node_.node().linkCount();
+    std::uint32_t const count = node_.node().names();
     if (count == 0)
-        return 0;
-    FileNode* const target = count >= 2 ? writable(copy) : this;
-    if (!target)
-        return count;
+        return std::uint32_t{0};
+    if (count == 1) {
+        node_.node().ended(true);
+        writeBlock();
+        return scope.result(std::uint32_t{0});
+    }
+    MORVA_TRY_LET(FileNode* const target, writable(copy));
     target->node_.node().linkCount(count - 1);
     target->writeBlock();
     return scope.result(count - 1);
 }
 
-void FileNode::dropLinks() {
+void FileNode::end() {
     TracedLock guard(lock_);
-    node_.node().linkCount(0);
+    node_.node().ended(true);
     writeBlock();
 }
 

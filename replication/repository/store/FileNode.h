@@ -1,11 +1,13 @@
 #pragma once
 
 #include "base/trace/TracedLock.h"
+#include "base/values/Status.h"
 #include "replication/common/values/Ids.h"
 #include "replication/repository/store/NodeBlock.h"
 #include "replication/repository/store/NodeInfo.h"
 
 #include <QString>
+#include <QStringList>
 
 #include <cstdint>
 #include <functional>
@@ -29,9 +31,12 @@ struct DedupStatistics;
 /// Every mutating operation first decides whether this version may be changed in place or must be
 /// copied, because a snapshot or a retained version still sees it. When it was copied, `copy` is
 /// set on return, the change is on the copy, and the caller must treat the copy as the current
-/// node from then on (`ActiveHandle::commit` enters it in the id's chain). A copy that can't be
-/// made leaves all as it was and is counted in `Streams::failures`, for the callers of operations
-/// that have no result for it.
+/// node from then on (`ActiveHandle::commit` enters it in the id's chain). An operation that fails
+/// leaves this node as it was, and what it may have left in `copy` is to be dropped; the contents
+/// of a stream after a failed write are those before it up to the offset, at least.
+///
+/// A look-up gives a null stream for one that isn't there. An operation on a stream that isn't
+/// there fails with NotFound, one that can't be done with InvalidArgument.
 ///
 /// Held by shared pointers; one FileNode exists per node in memory (`PassiveHandles`). When the
 /// last pointer goes and nothing claims the version any more, its streams and its block are freed.
@@ -61,67 +66,78 @@ public:
     [[nodiscard]] bool liveOnly() const;
     [[nodiscard]] QString sourceMachine() const;
     [[nodiscard]] QString name() const;
+    /// The names of the file in the state that this version shows.
     [[nodiscard]] std::uint32_t linkCount() const;
+    /// The names that it has now: 0 once it has lost the last one.
+    [[nodiscard]] std::uint32_t names() const;
     /// True when no link was ever added.
     [[nodiscard]] bool notLinked() const;
     /// The five words from offset 36: access (never set), created here, modified here, created
     /// and modified at the source; seconds since 1970.
     [[nodiscard]] NodeTimes times() const;
-    [[nodiscard]] std::uint64_t size(QString const& stream) const;
-    [[nodiscard]] std::uint64_t size() const;
+    [[nodiscard]] Morva::Result<std::uint64_t> size(QString const& stream) const;
+    [[nodiscard]] Morva::Result<std::uint64_t> size() const;
     [[nodiscard]] bool versioned() const;
     [[nodiscard]] Instance instance() const;
     [[nodiscard]] std::uint32_t referenceCount() const;
     [[nodiscard]] std::uint32_t versionCount() const;
     [[nodiscard]] bool exists(QString const& stream) const;
-    [[nodiscard]] std::vector<StreamRecord> streamList() const;
+    [[nodiscard]] Morva::Result<std::vector<StreamRecord>> streamList() const;
+    /// The names of all streams.
+    [[nodiscard]] QStringList streamNames() const;
     /// Empty when the file has no such stream.
     [[nodiscard]] QString streamName(StreamId id) const;
     struct FilterInfo {
         std::uint64_t size;
         std::uint32_t linkCount, createdSource, modifiedSource;
     };
-    [[nodiscard]] FilterInfo filterInfo() const;
-    /// The open stream of that name for reading; null when there is none or it is lost.
-    [[nodiscard]] std::shared_ptr<StreamHandle> openStream(QString const& name);
+    [[nodiscard]] Morva::Result<FilterInfo> filterInfo() const;
+    using StreamPointer = std::shared_ptr<StreamHandle>;
+    /// The open stream of that name for reading; null when there is none.
+    [[nodiscard]] Morva::Result<StreamPointer> openStream(QString const& name);
 
-    bool attr(Pointer& copy, bool setModified, std::uint32_t modified, bool setCreated,
-              std::uint32_t created, bool setAttributes, std::uint32_t attributes);
-    /// True when a copy was made.
-    bool owner(Pointer& copy, QString const& text);
-    bool attributes(Pointer& copy, std::uint32_t value);
-    void liveOnly(Pointer& copy, bool value);
-    bool removeStream(Pointer& copy, QString const& name);
-    bool renameStream(Pointer& copy, QString const& from, QString const& to);
-    bool renameStream(Pointer& copy, StreamHandle const& stream, QString const& to);
-    [[nodiscard]] std::shared_ptr<StreamHandle> createActiveStream(Pointer& copy,
-                                                                   QString const& name, bool dedup);
-    [[nodiscard]] std::shared_ptr<StreamHandle> openActiveStream(Pointer& copy, QString const& name,
-                                                                 bool dedup);
+    [[nodiscard]] Morva::Status attr(Pointer& copy, bool setModified, std::uint32_t modified,
+                                     bool setCreated, std::uint32_t created, bool setAttributes,
+                                     std::uint32_t attributes);
+    [[nodiscard]] Morva::Status owner(Pointer& copy, QString const& text);
+    [[nodiscard]] Morva::Status attributes(Pointer& copy, std::uint32_t value);
+    [[nodiscard]] Morva::Status liveOnly(Pointer& copy, bool value);
+    [[nodiscard]] Morva::Status removeStream(Pointer& copy, QString const& name);
+    [[nodiscard]] Morva::Status renameStream(Pointer& copy, QString const& from, QString const& to);
+    [[nodiscard]] Morva::Status renameStream(Pointer& copy, StreamHandle const& stream,
+                                             QString const& to);
+    [[nodiscard]] Morva::Result<StreamPointer> createActiveStream(Pointer& copy,
+                                                                  QString const& name, bool dedup);
+    /// Makes the stream if there is none, but never "Data".
+    [[nodiscard]] Morva::Result<StreamPointer> openActiveStream(Pointer& copy, QString const& name,
+                                                                bool dedup);
     /// Writes to the stream: takes the copy decision, then `copyOnWrite` of the stream on the
     /// current node, then writes, then sets the modification time. `stream` is replaced by the
     /// handle that was written to when either copy gave a new one, and the new one is noted for
-    /// deduplication. False, also when the pool failed, means that the content can't be relied on.
-    bool write(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t offset,
-               void const* data, std::uint32_t count, std::uint32_t sourceTime);
-    bool truncate(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t size,
-                  std::uint32_t flags, std::uint32_t sourceTime);
-    bool zeroData(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t start,
-                  std::uint64_t end, std::uint32_t sourceTime);
-    bool dirty(Pointer& copy, StreamHandle const& stream);
-    bool sparse(Pointer& copy, StreamHandle const& stream);
+    /// deduplication.
+    [[nodiscard]] Morva::Status write(Pointer& copy, StreamPointer& stream, std::uint64_t offset,
+                                      void const* data, std::uint32_t count,
+                                      std::uint32_t sourceTime);
+    [[nodiscard]] Morva::Status truncate(Pointer& copy, StreamPointer& stream, std::uint64_t size,
+                                         std::uint32_t flags, std::uint32_t sourceTime);
+    [[nodiscard]] Morva::Status zeroData(Pointer& copy, StreamPointer& stream, std::uint64_t start,
+                                         std::uint64_t end, std::uint32_t sourceTime);
+    [[nodiscard]] Morva::Status dirty(Pointer& copy, StreamHandle const& stream);
+    [[nodiscard]] Morva::Status sparse(Pointer& copy, StreamHandle const& stream);
     /// Moves the file over to another stream: the entry of `from` names `to` from now on.
-    bool replaceStream(Pointer& copy, StreamHandle const& from,
-                       std::shared_ptr<StreamHandle> const& to);
-    [[nodiscard]] LinkId addLink(Pointer& copy, bool keepLiveOnly);
-    /// The remaining link count.
-    std::uint32_t removeLink(Pointer& copy);
+    [[nodiscard]] Morva::Status replaceStream(Pointer& copy, StreamHandle const& from,
+                                              StreamPointer const& to);
+    /// The new link's number. Every link takes the copy decision, as every other change does: a
+    /// snapshot shows the names of its moment.
+    [[nodiscard]] Morva::Result<LinkId> addLink(Pointer& copy, bool keepLiveOnly);
+    /// The names that are left.
+    [[nodiscard]] Morva::Result<std::uint32_t> removeLink(Pointer& copy);
     /// The file has no names any more, and this version is the last of it.
-    void dropLinks();
-    bool freeStreams(Pointer& copy);
+    void end();
+    [[nodiscard]] Morva::Status freeStreams(Pointer& copy);
 
-    /// The copy decision; true when a copy was made.
-    bool takeCopy(Pointer& copy);
+    /// The copy decision: `copy` is set when one was made.
+    [[nodiscard]] Morva::Status takeCopy(Pointer& copy);
     void takeReference();
     void takeVersion();
     void releaseVersion();
@@ -130,8 +146,8 @@ public:
     void discard();
     /// Erase: drops all claims at once, so that the end of this object frees everything.
     void dropClaims();
-    /// 0, or 22 for a level other than 1 or 2.
-    [[nodiscard]] std::uint32_t metadata(std::uint32_t level, RepMetadata& result) const;
+    /// InvalidArgument (22) for a level other than 1 or 2.
+    [[nodiscard]] Morva::Status metadata(std::uint32_t level, RepMetadata& result) const;
     void print(int traceLevel) const;
     /// The ids of all streams, a fresh copy.
     [[nodiscard]] std::vector<StreamId> streamIds() const;
@@ -142,40 +158,40 @@ public:
 
 private:
     friend class PassiveHandles;
-    enum class Fate { InPlace, Copied, Failed };
 
     // Under the lock. What they change is this node or the fresh copy, which nobody else knows.
 
-    [[nodiscard]] Fate decide(Pointer& copy);
-    /// The node to change: this one or its copy. Null when a copy is needed and can't be made.
-    [[nodiscard]] FileNode* writable(Pointer& copy);
+    /// The node to change: this one or, if the copy decision says so, its copy.
+    [[nodiscard]] Morva::Result<FileNode*> writable(Pointer& copy);
     /// Works on a stream that was made writable; `work(StreamHandle&)` is false as well where the
     /// stream has been frozen.
     template <class Work>
-    [[nodiscard]] bool changeContent(Pointer& copy, std::shared_ptr<StreamHandle>& stream,
-                                     std::uint32_t sourceTime, Work const& work);
-    [[nodiscard]] bool makeWritable(Pointer& copy, std::shared_ptr<StreamHandle>& stream,
-                                    FileNode*& target);
-    [[nodiscard]] bool writeInfo();
+    [[nodiscard]] Morva::Status changeContent(Pointer& copy, StreamPointer& stream,
+                                              std::uint32_t sourceTime, Work const& work);
+    [[nodiscard]] Morva::Result<FileNode*> makeWritable(Pointer& copy, StreamPointer& stream);
+    [[nodiscard]] Morva::Status writeInfo();
     /// Changes one value of the record and writes it; the value is as it was when that fails.
-    template <class Value> [[nodiscard]] bool setInfo(Value& value, Value to) {
+    template <class Value> [[nodiscard]] Morva::Status setInfo(Value& value, Value to) {
         std::swap(value, to);
-        if (writeInfo())
-            return true;
-        std::swap(value, to);
-        return false;
+        Morva::Status status = writeInfo();
+        if (!status)
+            std::swap(value, to);
+        return status;
     }
     /// Changes the list of streams and writes the record; references of streams taken off go once
-    /// it names them no more. False, with the list as it was, when `change` says so or the record
-    /// can't be written.
-    template <class Change> [[nodiscard]] bool changeList(Change&& change);
-    bool writeBlock();
+    /// it names them no more. The list is as it was when the record can't be written.
+    template <class Change> [[nodiscard]] Morva::Status changeList(Change&& change);
+    void writeBlock();
     void touch(std::uint32_t sourceTime);
-    [[nodiscard]] std::shared_ptr<StreamHandle> createStream(QString const& name, bool dedup);
+    [[nodiscard]] Morva::Result<StreamPointer> createStream(QString const& name, bool dedup);
     void askForDedup(QString const& name, StreamId id, bool dedup);
     void endLiveOnly();
     void printCounts(char const* which) const;
-    [[nodiscard]] bool renameEntry(Pointer& copy, QString const& from, QString const& to);
+    [[nodiscard]] Morva::Status renameEntry(Pointer& copy, QString const& from, QString const& to);
+    [[nodiscard]] Morva::Status refused(char const* operation, QString const& stream,
+                                        QString const& reason) const;
+    [[nodiscard]] Morva::Status missing(char const* operation, QString const& stream) const;
+    [[nodiscard]] Morva::Status lost(char const* operation, StreamId id) const;
 
     Store& store_;
     NodeNumber number_;

@@ -12,6 +12,8 @@
 
 namespace Replication {
 
+using Morva::Result;
+using Morva::Status;
 using Morva::TracedLock;
 
 // --- the list of streams
@@ -26,144 +28,137 @@ void FileNode::askForDedup(QString const& name, StreamId id, bool dedup) {
     }
 }
 
-std::shared_ptr<StreamHandle> FileNode::createStream(QString const& name, bool dedup) {
+Result<FileNode::StreamPointer> FileNode::createStream(QString const& name, bool dedup) {
     Streams& pool = store_.streams();
     StreamId const id = pool.newStream();
-    std::shared_ptr<StreamHandle> result = id ? pool.handle(id, false) : nullptr;
+    StreamPointer result = id ? pool.handle(id, false) : nullptr;
     if (!result) {
         if (id)
             pool.dropReference(id);
         MORVA_TRACE(Always) << "Failed to make stream" << name << "of node" << number_;
-        return nullptr;
+        return Status::failure(Status::Code::IoError, "make stream", name);
     }
     info_.addStream(name, id, false, dedup, false);
     info_.find(id)->handle = result;
-    if (!writeInfo()) {
-        (void)info_.remove(name);
+    if (Status status = writeInfo(); !status) {
+        (void)info_.remove(name); // it was just added
         result->releaseReference();
-        return nullptr;
+        return status;
     }
     askForDedup(name, id, dedup);
     return result;
 }
 
-std::shared_ptr<StreamHandle> FileNode::createActiveStream(Pointer& copy, QString const& name,
-                                                           bool dedup) {
+Result<FileNode::StreamPointer> FileNode::createActiveStream(Pointer& copy, QString const& name,
+                                                             bool dedup) {
     MORVA_METHOD("createActiveStream");
     if (name.isEmpty())
-        return nullptr;
+        return refused("make stream", name, QStringLiteral("a stream needs a name"));
     TracedLock guard(lock_);
     if (info_.exists(name)) {
         MORVA_TRACE(Always) << "Stream already exits" << name;
-        return nullptr;
+        return refused("make stream", name, QStringLiteral("it is there already"));
     }
-    FileNode* const target = writable(copy);
-    return target ? target->createStream(name, dedup) : nullptr;
+    MORVA_TRY_LET(FileNode* const target, writable(copy));
+    return target->createStream(name, dedup);
 }
 
-std::shared_ptr<StreamHandle> FileNode::openActiveStream(Pointer& copy, QString const& name,
-                                                         bool dedup) {
+Result<FileNode::StreamPointer> FileNode::openActiveStream(Pointer& copy, QString const& name,
+                                                           bool dedup) {
     MORVA_METHOD("openActiveStream");
     if (name.isEmpty())
-        return nullptr;
+        return refused("open stream", name, QStringLiteral("a stream needs a name"));
     TracedLock guard(lock_);
     if (info_.exists(name))
         return info_.streamHandle(store_.streams(), name);
     if (QString::compare(name, dataStreamName, info_.caseSensitivity()) == 0) {
         MORVA_TRACE(Always) << "Data stream does not exit" << number_;
-        return nullptr;
+        return missing("open stream", name);
     }
-    FileNode* const target = writable(copy);
-    return target ? target->createStream(name, dedup) : nullptr;
+    MORVA_TRY_LET(FileNode* const target, writable(copy));
+    return target->createStream(name, dedup);
 }
 
-template <class Change> bool FileNode::changeList(Change&& change) {
-    NodeInfo const before = info_;
+template <class Change> Status FileNode::changeList(Change&& change) {
+    NodeInfo before = info_;
     if (!change(info_))
-        return false;
-    if (!writeInfo()) {
-        info_ = before;
-        return false;
+        return {};
+    if (Status status = writeInfo(); !status) {
+        info_ = std::move(before);
+        return status;
     }
     before.release(store_.streams(), info_);
-    return true;
+    return {};
 }
 
-bool FileNode::removeStream(Pointer& copy, QString const& name) {
+Status FileNode::removeStream(Pointer& copy, QString const& name) {
     MORVA_METHOD("removeStream");
     TracedLock guard(lock_);
     if (name.isEmpty() || !info_.exists(name))
-        return scope.result(false);
-    FileNode* const target = writable(copy);
-    if (!target)
-        return scope.result(false);
-    return scope.result(target->changeList([&](NodeInfo& list) { return list.remove(name); }));
+        return missing("remove stream", name);
+    MORVA_TRY_LET(FileNode* const target, writable(copy));
+    return target->changeList([&](NodeInfo& list) { return list.remove(name); });
 }
 
-bool FileNode::renameEntry(Pointer& copy, QString const& from, QString const& to) {
+Status FileNode::renameEntry(Pointer& copy, QString const& from, QString const& to) {
     if (QString::compare(from, to, info_.caseSensitivity()) == 0)
-        return false;
-    FileNode* const target = writable(copy);
-    return target && target->changeList([&](NodeInfo& list) { return list.rename(from, to); });
+        return refused("rename stream", from, QStringLiteral("it has that name"));
+    MORVA_TRY_LET(FileNode* const target, writable(copy));
+    return target->changeList([&](NodeInfo& list) { return list.rename(from, to); });
 }
 
-bool FileNode::renameStream(Pointer& copy, QString const& from, QString const& to) {
+Status FileNode::renameStream(Pointer& copy, QString const& from, QString const& to) {
     MORVA_METHOD("renameStream");
     if (from.isEmpty() || to.isEmpty())
-        return scope.result(false);
+        return refused("rename stream", from, QStringLiteral("a stream needs a name"));
     TracedLock guard(lock_);
     if (!info_.exists(from)) {
         MORVA_TRACE(Always) << "Stream" << from << "not found";
-        return scope.result(false);
+        return missing("rename stream", from);
     }
-    return scope.result(renameEntry(copy, from, to));
+    return renameEntry(copy, from, to);
 }
 
-bool FileNode::renameStream(Pointer& copy, StreamHandle const& stream, QString const& to) {
+Status FileNode::renameStream(Pointer& copy, StreamHandle const& stream, QString const& to) {
     MORVA_METHOD("renameStream");
     if (to.isEmpty())
-        return scope.result(false);
+        return refused("rename stream", to, QStringLiteral("a stream needs a name"));
     TracedLock guard(lock_);
     NodeStream const* entry = info_.find(stream.id());
     if (!entry) {
         MORVA_TRACE(Always) << "Stream not found" << stream.id();
-        return scope.result(false);
+        return missing("rename stream", to);
     }
-    return scope.result(renameEntry(copy, QString(entry->name), to));
+    return renameEntry(copy, QString(entry->name), to);
 }
 
-bool FileNode::replaceStream(Pointer& copy, StreamHandle const& from,
-                             std::shared_ptr<StreamHandle> const& to) {
+Status FileNode::replaceStream(Pointer& copy, StreamHandle const& from, StreamPointer const& to) {
     MORVA_METHOD("replaceStream");
     TracedLock guard(lock_);
     if (!to || to->id() == from.id())
-        return scope.result(false);
-    if (!info_.exists(from.id())) {
-        reportLostStream(from.id());
-        return scope.result(false);
-    }
-    FileNode* const target = writable(copy);
-    if (!target)
-        return scope.result(false);
+        return refused("replace stream", QString(), QStringLiteral("there is nothing to replace"));
+    if (!info_.exists(from.id()))
+        return lost("replace stream", from.id());
+    MORVA_TRY_LET(FileNode* const target, writable(copy));
     NodeStream* const entry = target->info_.find(from.id());
     NodeStream const before = *entry;
-    (void)target->info_.replace(*entry, to);
-    if (target->writeInfo())
-        return scope.result(true);
-    *entry = before;
-    return scope.result(false);
+    (void)target->info_.replace(*entry, to); // another id, as was seen above
+    Status status = target->writeInfo();
+    if (!status)
+        *entry = before;
+    return status;
 }
 
-bool FileNode::freeStreams(Pointer& copy) {
+Status FileNode::freeStreams(Pointer& copy) {
     TracedLock guard(lock_);
     bool const all = !isDirectory();
     bool const any = std::ranges::any_of(info_.streams(), [&](NodeStream const& entry) {
         return all || QString::compare(entry.name, dataStreamName, info_.caseSensitivity()) != 0;
     });
     if (!any)
-        return true;
-    FileNode* const target = writable(copy);
-    return target && target->changeList([&](NodeInfo& list) { return list.removeAll(all); });
+        return {};
+    MORVA_TRY_LET(FileNode* const target, writable(copy));
+    return target->changeList([&](NodeInfo& list) { return list.removeAll(all); });
 }
 
 bool FileNode::dedupStreams(std::function<void()> const& checkForFreeze,
@@ -177,114 +172,107 @@ bool FileNode::dedupStreams(std::function<void()> const& checkForFreeze,
 
 // --- contents
 
-bool FileNode::makeWritable(Pointer& copy, std::shared_ptr<StreamHandle>& stream,
-                            FileNode*& target) {
-    if (!stream || !info_.exists(stream->id())) {
-        reportLostStream(stream ? stream->id() : StreamId{});
-        return false;
+Result<FileNode*> FileNode::makeWritable(Pointer& copy, StreamPointer& stream) {
+    if (!stream || !info_.exists(stream->id()))
+        return lost("write", stream ? stream->id() : StreamId{});
+    FileNode* target = copy.get();
+    if (!target) {
+        MORVA_TRY_LET(target, writable(copy));
     }
-    target = writable(copy);
-    if (!target)
-        return false;
-    std::shared_ptr<StreamHandle> fresh;
+    StreamPointer fresh;
     if (!stream->copyOnWrite(fresh))
-        return false;
+        return Status::failure(Status::Code::IoError, "copy stream", info_.streamName(stream->id()),
+                               {}, {Status::Unit::Record, stream->id().value});
     if (!fresh)
-        return true;
+        return target;
     NodeStream* const entry = target->info_.find(stream->id());
-    (void)target->info_.replace(*entry, fresh);
-    if (!target->writeInfo()) {
+    (void)target->info_.replace(*entry, fresh); // a fresh stream has an id of its own
+    if (Status status = target->writeInfo(); !status) {
         // The record names the old stream still, whose reference went to the new one.
         stream->addReference();
-        (void)target->info_.replace(*entry, stream);
+        (void)target->info_.replace(*entry, stream); // back again
         fresh->releaseReference();
-        return false;
+        return status;
     }
     stream = fresh;
     target->askForDedup(entry->name, entry->id, entry->dedup);
-    return true;
+    return target;
 }
 
 template <class Work>
-bool FileNode::changeContent(Pointer& copy, std::shared_ptr<StreamHandle>& stream,
-                             std::uint32_t sourceTime, Work const& work) {
+Status FileNode::changeContent(Pointer& copy, StreamPointer& stream, std::uint32_t sourceTime,
+                               Work const& work) {
     Morva::Failures::Watch const failures;
-    FileNode* target = nullptr;
     // Deduplication may freeze the stream in between; then it gets a copy after all.
-    do {
-        if (!makeWritable(copy, stream, target))
-            return false;
-        if (work(*stream)) {
-            target->touch(sourceTime);
-            return !failures.any();
-        }
-    } while (stream->frozen());
-    return false;
+    for (;;) {
+        MORVA_TRY_LET(FileNode* const target, makeWritable(copy, stream));
+        bool const done = work(*stream);
+        if (!done && stream->frozen())
+            continue;
+        if (!done || failures.any())
+            return Status::failure(done ? Status::Code::IoError : Status::Code::InvalidArgument,
+                                   "write", target->info_.streamName(stream->id()), {},
+                                   {Status::Unit::Record, stream->id().value});
+        target->touch(sourceTime);
+        return {};
+    }
 }
 
-bool FileNode::write(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t offset,
-                     void const* data, std::uint32_t count, std::uint32_t sourceTime) {
+Status FileNode::write(Pointer& copy, StreamPointer& stream, std::uint64_t offset, void const* data,
+                       std::uint32_t count, std::uint32_t sourceTime) {
     TracedLock guard(lock_);
     if (count == 0)
-        return true;
+        return {};
     return changeContent(copy, stream, sourceTime, [&](StreamHandle& writable) {
         return writable.writeUnlessFrozen(offset, data, count);
     });
 }
 
-bool FileNode::truncate(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t size,
-                        std::uint32_t flags, std::uint32_t sourceTime) {
+Status FileNode::truncate(Pointer& copy, StreamPointer& stream, std::uint64_t size,
+                          std::uint32_t flags, std::uint32_t sourceTime) {
     MORVA_METHOD("truncate");
     TracedLock guard(lock_);
     if (stream && info_.exists(stream->id())) {
         std::uint64_t const length = stream->length();
         if (length == size || ((flags & StreamHandle::growOnly) != 0 && length > size))
-            return scope.result(true);
+            return {};
     }
-    return scope.result(changeContent(copy, stream, sourceTime, [&](StreamHandle& writable) {
-        return writable.truncate(size, flags);
-    }));
+    return changeContent(copy, stream, sourceTime,
+                         [&](StreamHandle& writable) { return writable.truncate(size, flags); });
 }
 
-bool FileNode::zeroData(Pointer& copy, std::shared_ptr<StreamHandle>& stream, std::uint64_t start,
-                        std::uint64_t end, std::uint32_t sourceTime) {
+Status FileNode::zeroData(Pointer& copy, StreamPointer& stream, std::uint64_t start,
+                          std::uint64_t end, std::uint32_t sourceTime) {
     MORVA_METHOD("zeroData");
     TracedLock guard(lock_);
     if (start == end)
-        return scope.result(true);
-    return scope.result(changeContent(copy, stream, sourceTime, [&](StreamHandle& writable) {
-        return writable.zeroData(start, end);
-    }));
+        return {};
+    return changeContent(copy, stream, sourceTime,
+                         [&](StreamHandle& writable) { return writable.zeroData(start, end); });
 }
 
-bool FileNode::dirty(Pointer& copy, StreamHandle const& stream) {
+Status FileNode::dirty(Pointer& copy, StreamHandle const& stream) {
     MORVA_METHOD("dirty");
     TracedLock guard(lock_);
-    if (!info_.exists(stream.id())) {
-        reportLostStream(stream.id());
-        return scope.result(false);
-    }
+    if (!info_.exists(stream.id()))
+        return lost("mark stream", stream.id());
     if (info_.dirty(stream.id()))
-        return scope.result(true);
-    FileNode* const target = writable(copy);
-    if (!target || !target->changeList([&](NodeInfo& list) { return list.setDirty(stream.id()); }))
-        return scope.result(false);
+        return {};
+    MORVA_TRY_LET(FileNode* const target, writable(copy));
+    MORVA_TRY(target->changeList([&](NodeInfo& list) { return list.setDirty(stream.id()); }));
     store_.control().countDirty();
-    return scope.result(true);
+    return {};
 }
 
-bool FileNode::sparse(Pointer& copy, StreamHandle const& stream) {
+Status FileNode::sparse(Pointer& copy, StreamHandle const& stream) {
     MORVA_METHOD("sparse");
     TracedLock guard(lock_);
-    if (!info_.exists(stream.id())) {
-        reportLostStream(stream.id());
-        return scope.result(false);
-    }
+    if (!info_.exists(stream.id()))
+        return lost("mark stream", stream.id());
     if (info_.sparse(stream.id()))
-        return scope.result(true);
-    FileNode* const target = writable(copy);
-    return scope.result(
-        target && target->changeList([&](NodeInfo& list) { return list.setSparse(stream.id()); }));
+        return {};
+    MORVA_TRY_LET(FileNode* const target, writable(copy));
+    return target->changeList([&](NodeInfo& list) { return list.setSparse(stream.id()); });
 }
 
 } // namespace Replication

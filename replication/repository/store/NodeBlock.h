@@ -37,7 +37,7 @@ struct StreamRecord {
 ///  off  size  field           meaning
 ///    0     8  number          the block's own number; anything else: the block is no node
 ///    8     4  reserved        zero
-///   12     4  linkCount       names that the file has in directories
+///   12     4  linkCount       names that the file has in directories, or had when it ended
 ///   16     4  referenceCount  snapshot and live claims on this version; 1 when made
 ///   20     4  versionCount    claims by retained versions
 ///   24     4  type and flags  low 16 bits: file type (2 = directory); bit 31: live-only
@@ -49,7 +49,9 @@ struct StreamRecord {
 ///   48     4  createdSource   seconds since 1970, the source's time
 ///   52     4  modifiedSource  seconds since 1970, the source's time
 ///   56     1  versioned       set when a version claim was taken or the last one dropped
-///   57     7  reserved        zero
+///   57     1  ended           set when the file lost its last name; the count stays, since a
+///                            snapshot that sees the version shows it
+///   58     6  reserved        zero
 ///   64   960  record          tree record (118 entries) that holds the packed `NodeInfo`
 ///
 /// The view owns nothing; who may use it, and under which lock, its user says.
@@ -74,6 +76,11 @@ public:
     void number(NodeNumber value) { Morva::storeLittle(bytes_, value.value); }
     [[nodiscard]] std::uint32_t linkCount() const { return load(linkCountAt); }
     void linkCount(std::uint32_t value) { store(linkCountAt, value); }
+    /// The names that the file has now: none once it has ended. Older programs set the count to 0
+    /// instead.
+    [[nodiscard]] std::uint32_t names() const { return ended() ? 0 : linkCount(); }
+    [[nodiscard]] bool ended() const { return bytes_[endedAt] != 0; }
+    void ended(bool value) { bytes_[endedAt] = value ? 1 : 0; }
     [[nodiscard]] std::uint32_t referenceCount() const { return load(referenceCountAt); }
     void referenceCount(std::uint32_t value) { store(referenceCountAt, value); }
     [[nodiscard]] std::uint32_t versionCount() const { return load(versionCountAt); }
@@ -116,6 +123,7 @@ private:
     static constexpr std::uint32_t nextLinkAt = 32;
     static constexpr std::uint32_t timesAt = 36;
     static constexpr std::uint32_t versionedAt = 56;
+    static constexpr std::uint32_t endedAt = 57;
 
     [[nodiscard]] std::uint32_t load(std::uint32_t at) const {
         return Morva::loadLittle<std::uint32_t>(bytes_ + at);

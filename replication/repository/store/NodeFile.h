@@ -3,6 +3,7 @@
 #include "base/files/RawFile.h"
 #include "base/trace/TracedLock.h"
 #include "base/values/Extent.h"
+#include "base/values/Status.h"
 #include "replication/common/values/Ids.h"
 #include "replication/repository/store/NodeBlock.h"
 
@@ -45,13 +46,15 @@ public:
     NodeFile& operator=(NodeFile const&) = delete;
 
     /// Makes the file and pins its first block, all zero, as the control block.
-    [[nodiscard]] bool create(QString const& path, std::uint64_t growSize, Morva::RawFile::Mode);
+    [[nodiscard]] Morva::Status create(QString const& path, std::uint64_t growSize,
+                                       Morva::RawFile::Mode mode);
     /// Opens the file and pins its first block.
-    [[nodiscard]] bool open(QString const& path, std::uint64_t growSize, Morva::RawFile::Mode);
+    [[nodiscard]] Morva::Status open(QString const& path, std::uint64_t growSize,
+                                     Morva::RawFile::Mode mode);
     /// Gives the control block back and closes. All other pins have ended by then.
-    bool close();
+    Morva::Status close();
     /// Writes what has changed; with `sync` it is on the disk itself afterwards.
-    [[nodiscard]] bool flush(bool sync = true);
+    [[nodiscard]] Morva::Status flush(bool sync = true);
     [[nodiscard]] bool isOpen() const { return control_ != nullptr; }
 
     // The control block, 1024 bytes, pinned for as long as the file is open.
@@ -62,8 +65,8 @@ public:
         return read(static_cast<void const*>(control_));
     }
     /// Changes the block under the lock, `change(void* block)`, and writes it through to the file.
-    /// False when that failed; the change stands in memory then. Only while open.
-    template <class Change> [[nodiscard]] bool changeControl(Change&& change) {
+    /// When that failed the change stands in memory. Only while open.
+    template <class Change> [[nodiscard]] Morva::Status changeControl(Change&& change) {
         Morva::TracedLock guard(lock_);
         change(control_);
         return writeControl();
@@ -71,25 +74,25 @@ public:
 
     // Nodes.
 
-    /// A new node: its number, the instance and the next link set, all else zero. Empty when no
-    /// block can be had.
-    [[nodiscard]] NodePin newNode(Instance instance);
+    /// A new node: its number, the instance and the next link set, all else zero.
+    [[nodiscard]] Morva::Result<NodePin> newNode(Instance instance);
     /// As `newNode`, with the given type word, claims of one link and one reference, times, and the
-    /// packed record, all in one go. Empty, and nothing left behind, on failure.
-    [[nodiscard]] NodePin newNode(Instance instance, std::uint32_t typeWord, NodeTimes const& times,
-                                  Morva::Extent const& record);
-    /// A node and its packed record. Empty for a block that is no node. With `allowStale` the
-    /// comparison ignores the reserved high bits of the stored number. A damaged record is
-    /// given as empty, and the node with a record that the disk refuses isn't given.
-    [[nodiscard]] NodePin getNode(NodeNumber number, std::vector<std::uint8_t>& record,
-                                  bool allowStale = false) const;
-    /// The pinned node has changed. False when the file didn't take it.
-    bool update(NodePin const& node);
-    /// Writes the packed record and the node. False, with the failure counted by the pool, when
-    /// blocks of the pool could not be had or written.
-    [[nodiscard]] bool writeRecord(NodePin const& node, Morva::Extent const& record);
-    /// Makes `to`'s record a second holder of `from`'s content. False with nothing changed.
-    [[nodiscard]] bool copyRecord(NodePin const& to, NodePin const& from);
+    /// packed record, all in one go. Nothing is left behind on failure.
+    [[nodiscard]] Morva::Result<NodePin> newNode(Instance instance, std::uint32_t typeWord,
+                                                 NodeTimes const& times,
+                                                 Morva::Extent const& record);
+    /// A node and its packed record; an empty pin for a block that is no node, and for a number
+    /// that the file doesn't have. With `allowStale` the comparison ignores the reserved high bits
+    /// of the stored number. A record that is too long is given as empty. Fails when the block or
+    /// the record can't be read.
+    [[nodiscard]] Morva::Result<NodePin>
+    getNode(NodeNumber number, std::vector<std::uint8_t>& record, bool allowStale = false) const;
+    /// The pinned node has changed, and goes to the file with the next flush.
+    void update(NodePin const& node);
+    /// Writes the packed record and the node. On failure the record is what it was.
+    [[nodiscard]] Morva::Status writeRecord(NodePin const& node, Morva::Extent const& record);
+    /// Makes `to`'s record a second holder of `from`'s content, or changes nothing.
+    [[nodiscard]] Morva::Status copyRecord(NodePin const& to, NodePin const& from);
     /// Gives the block back unchanged.
     void returnNode(NodePin&& node);
     /// Clears the record and frees the block.
@@ -106,15 +109,20 @@ private:
     friend class NodePin;
     class File;
 
-    [[nodiscard]] bool writeControl() MORVA_REQUIRES(lock_);
-    [[nodiscard]] void* allocate(Instance instance) MORVA_REQUIRES(lock_);
-    [[nodiscard]] bool putRecord(void* block, Morva::Extent const& record) MORVA_REQUIRES(lock_);
+    [[nodiscard]] Morva::Status writeControl() MORVA_REQUIRES(lock_);
+    [[nodiscard]] Morva::Result<void*> allocate(Instance instance) MORVA_REQUIRES(lock_);
+    [[nodiscard]] Morva::Status putRecord(void* block, Morva::Extent const& record)
+        MORVA_REQUIRES(lock_);
+    /// A failure at a block of the file.
+    [[nodiscard]] Morva::Status failed(char const* operation, std::uint64_t block) const
+        MORVA_REQUIRES(lock_);
     void giveBack(void* block);
 
     Streams& pool_;
     mutable Morva::TracedMutex lock_;
     std::unique_ptr<File> blocks_ MORVA_GUARDED_BY(lock_);
     void* control_ = nullptr;
+    QString path_;
 };
 
 } // namespace Replication

@@ -18,7 +18,7 @@ protected:
     /// A file with a "Data" stream of this content.
     std::shared_ptr<SinkHandle> file(QStringList const& path, QByteArray const& content = {}) {
         std::shared_ptr<SinkHandle> handle =
-            store_->paths().createStream(writing(), path, dataStreamName, {});
+            value(store_->paths().createStream(writing(), path, dataStreamName, {}));
         EXPECT_TRUE(handle && handle->streamHandle);
         if (handle && !content.isEmpty()) {
             EXPECT_TRUE(store_->paths().write(writing(), *handle, 0, content.constData(),
@@ -28,7 +28,8 @@ protected:
     }
     [[nodiscard]] static QByteArray contentOf(FileNode::Pointer const& node,
                                               QString const& stream = dataStreamName) {
-        std::shared_ptr<StreamHandle> const handle = node ? node->openStream(stream) : nullptr;
+        std::shared_ptr<StreamHandle> const handle =
+            node ? value(node->openStream(stream)) : nullptr;
         if (!handle)
             return "(none)";
         QByteArray result(static_cast<qsizetype>(handle->length()), '\0');
@@ -38,13 +39,13 @@ protected:
     }
     /// The content at a snapshot; "(none)" when there is no such file.
     [[nodiscard]] QByteArray at(Instance instance, QStringList const& path) {
-        return contentOf(store_->passiveHandle(path, instance));
+        return contentOf(value(store_->passiveHandle(path, instance)));
     }
     [[nodiscard]] QByteArray live(QStringList const& path) {
         Directories::Located const located =
-            store_->directories().locate(path, PathMode::DoNotBuildPath);
-        return located.found ? contentOf(store_->passiveHandles().get(
-                                   store_->pointers().getNode(located.key.fileId())))
+            value(store_->directories().locate(path, PathMode::DoNotBuildPath));
+        return located.found ? contentOf(value(store_->passiveHandles().get(
+                                   value(store_->pointers().getNode(located.key.fileId())))))
                              : QByteArray("(none)");
     }
 };

@@ -15,9 +15,13 @@ using Morva::Extent;
 using Morva::LogLevelE;
 using Morva::LogLine;
 using Morva::PackBuffer;
+using Morva::Result;
+using Morva::Status;
 using Morva::TraceLevel;
 using Morva::TraceLine;
 using Morva::UnpackBuffer;
+
+using StreamPointer = std::shared_ptr<StreamHandle>;
 
 void reportLostStream(StreamId id) {
     MORVA_TRACE(Always) << "Lost stream" << id;
@@ -164,50 +168,65 @@ std::vector<StreamId> NodeInfo::idList() const {
     return result;
 }
 
-std::shared_ptr<StreamHandle> NodeInfo::open(Streams& pool, NodeStream const& entry) {
-    std::shared_ptr<StreamHandle> result = entry.handle.lock();
+Result<StreamPointer> NodeInfo::open(Streams& pool, NodeStream const& entry) {
+    StreamPointer result = entry.handle.lock();
     if (result)
         return result;
+    Morva::Failures::Watch const failures;
     if (entry.id)
         result = pool.handle(entry.id, true);
-    if (!result) {
+    if (!result && failures.any())
+        return Status::failure(Status::Code::IoError, "open stream", entry.name, {},
+                               {Status::Unit::Record, entry.id.value});
+    if (!result)
         reportLostStream(entry.id);
-        return nullptr;
-    }
     entry.handle = result;
     return result;
 }
 
-std::shared_ptr<StreamHandle> NodeInfo::streamHandle(Streams& pool,
-                                                     QString const& streamName) const {
-    NodeStream const* entry = find(streamName);
-    return entry ? open(pool, *entry) : nullptr;
+Result<StreamPointer> NodeInfo::openWhole(Streams& pool, NodeStream const* entry) {
+    if (!entry)
+        return StreamPointer();
+    MORVA_TRY_LET(StreamPointer result, open(pool, *entry));
+    if (!result)
+        return Status::corruption("open stream", entry->name, QStringLiteral("its content is lost"),
+                                  {Status::Unit::Record, entry->id.value});
+    return result;
 }
 
-std::shared_ptr<StreamHandle> NodeInfo::streamHandle(Streams& pool, StreamId id) const {
-    NodeStream const* entry = find(id);
-    return entry ? open(pool, *entry) : nullptr;
-}
-
-std::uint64_t NodeInfo::size(Streams& pool, QString const& streamName) const {
-    std::shared_ptr<StreamHandle> const stream = streamHandle(pool, streamName);
+Result<std::uint64_t> NodeInfo::sizeOf(Streams& pool, NodeStream const* entry) {
+    if (!entry)
+        return std::uint64_t{0};
+    MORVA_TRY_LET(StreamPointer const stream, open(pool, *entry));
     return stream ? stream->length() : 0;
 }
 
-std::uint64_t NodeInfo::size(Streams& pool, StreamId id) const {
-    std::shared_ptr<StreamHandle> const stream = streamHandle(pool, id);
-    return stream ? stream->length() : 0;
+Result<StreamPointer> NodeInfo::streamHandle(Streams& pool, QString const& streamName) const {
+    return openWhole(pool, find(streamName));
 }
 
-std::vector<StreamRecord> NodeInfo::streamList(Streams& pool, std::uint32_t fileType) const {
+Result<StreamPointer> NodeInfo::streamHandle(Streams& pool, StreamId id) const {
+    return openWhole(pool, find(id));
+}
+
+Result<std::uint64_t> NodeInfo::size(Streams& pool, QString const& streamName) const {
+    return sizeOf(pool, find(streamName));
+}
+
+Result<std::uint64_t> NodeInfo::size(Streams& pool, StreamId id) const {
+    return sizeOf(pool, find(id));
+}
+
+Result<std::vector<StreamRecord>> NodeInfo::streamList(Streams& pool,
+                                                       std::uint32_t fileType) const {
     std::vector<StreamRecord> result;
     result.reserve(streams_.size());
     for (NodeStream const& entry : streams_) {
         if (fileType == directoryType &&
             QString::compare(entry.name, dataStreamName, caseSensitivity_) == 0)
             continue;
-        std::shared_ptr<StreamHandle> const stream = open(pool, entry);
-        result.push_back({entry.id, stream ? stream->length() : 0, entry.name});
+        MORVA_TRY_LET(std::uint64_t const size, sizeOf(pool, &entry));
+        result.push_back({entry.id, size, entry.name});
     }
     return result;
 }
@@ -220,21 +239,19 @@ bool NodeInfo::replace(NodeStream& entry, std::shared_ptr<StreamHandle> const& t
     return true;
 }
 
-bool NodeInfo::duplicateStreamList(Streams& pool) const {
+Status NodeInfo::duplicateStreamList(Streams& pool) const {
     MORVA_METHOD("duplicateStreamList");
-    Morva::Failures::Watch const failures;
-    std::vector<std::shared_ptr<StreamHandle>> streams;
+    std::vector<StreamPointer> streams;
     for (NodeStream const& entry : streams_) {
         MORVA_TRACE(Debug) << "IN:duplicate" << entry.id;
-        if (std::shared_ptr<StreamHandle> stream = open(pool, entry))
+        // One that can't be read now is not lost: it would have one reference too few for ever.
+        MORVA_TRY_LET(StreamPointer stream, open(pool, entry));
+        if (stream)
             streams.push_back(std::move(stream));
     }
-    // One that can't be read now is not lost: it would have one reference too few for ever.
-    if (failures.any())
-        return scope.result(false);
     for (auto const& stream : streams)
         stream->addReference();
-    return scope.result(true);
+    return {};
 }
 
 bool NodeInfo::remove(QString const& streamName) {
@@ -270,13 +287,14 @@ void NodeInfo::release(Streams& pool, NodeInfo const& later) const {
     }
 }
 
-void NodeInfo::metadata(Streams& pool, RepMetadata& result, std::uint32_t level) const {
+Status NodeInfo::metadata(Streams& pool, RepMetadata& result, std::uint32_t level) const {
     for (NodeStream const& entry : streams_) {
         bool const isData = QString::compare(entry.name, dataStreamName, caseSensitivity_) == 0;
         if (level == RepMetadata::eSnapshot && !isData)
             continue;
         StreamInfo info;
-        if (std::shared_ptr<StreamHandle> const stream = open(pool, entry))
+        MORVA_TRY_LET(StreamPointer const stream, open(pool, entry));
+        if (stream)
             stream->info(info);
         if (level == RepMetadata::eSnapshot) {
             result.size = info.length;
@@ -287,6 +305,7 @@ void NodeInfo::metadata(Streams& pool, RepMetadata& result, std::uint32_t level)
                 {entry.name, entry.id.value, info.length, info.indexed, info.digest});
         }
     }
+    return {};
 }
 
 void NodeInfo::print(int traceLevel) const {

@@ -2,6 +2,7 @@
 
 #include "base/values/Extent.h"
 #include "base/values/PackBuffer.h"
+#include "base/values/Status.h"
 #include "replication/common/values/Ids.h"
 #include "replication/repository/store/NodeBlock.h"
 
@@ -92,21 +93,23 @@ public:
     [[nodiscard]] std::vector<StreamId> idList() const;
 
     // With the pool. A stream that the pool doesn't have is a lost stream: reported to trace and
-    // log, and treated as one without contents.
-    [[nodiscard]] std::uint64_t size(Streams& pool, QString const& streamName) const;
-    [[nodiscard]] std::uint64_t size(Streams& pool, StreamId id) const;
+    // log. Its size is 0, and it can't be opened. One that can't be read fails the operation.
+    [[nodiscard]] Morva::Result<std::uint64_t> size(Streams& pool, QString const& streamName) const;
+    [[nodiscard]] Morva::Result<std::uint64_t> size(Streams& pool, StreamId id) const;
     /// All streams with their sizes; of a directory (type 2) without "Data".
-    [[nodiscard]] std::vector<StreamRecord> streamList(Streams& pool, std::uint32_t fileType) const;
-    /// Null when there is no such stream or it is lost.
-    [[nodiscard]] std::shared_ptr<StreamHandle> streamHandle(Streams& pool,
-                                                             QString const& streamName) const;
-    [[nodiscard]] std::shared_ptr<StreamHandle> streamHandle(Streams& pool, StreamId id) const;
+    [[nodiscard]] Morva::Result<std::vector<StreamRecord>> streamList(Streams& pool,
+                                                                      std::uint32_t fileType) const;
+    /// Null when there is no such stream. Corruption when it is lost.
+    [[nodiscard]] Morva::Result<std::shared_ptr<StreamHandle>>
+    streamHandle(Streams& pool, QString const& streamName) const;
+    [[nodiscard]] Morva::Result<std::shared_ptr<StreamHandle>> streamHandle(Streams& pool,
+                                                                            StreamId id) const;
     /// The entry names another stream from now on and keeps its place; false when it did already.
     /// References are the caller's business.
     bool replace(NodeStream& entry, std::shared_ptr<StreamHandle> const& to);
     /// Takes one reference more on every stream, for a second node with the same contents.
-    /// False, and no reference taken, when one of them can't be read.
-    [[nodiscard]] bool duplicateStreamList(Streams& pool) const;
+    /// No reference is taken when one of them can't be read.
+    [[nodiscard]] Morva::Status duplicateStreamList(Streams& pool) const;
     /// False when the names are equal or there is no such stream. A stream that has the new name
     /// leaves the list first, its reference the caller's business.
     bool rename(QString const& from, QString const& to);
@@ -119,7 +122,8 @@ public:
     void release(Streams& pool, NodeInfo const& later) const;
     /// Fills in what the streams contribute to a description: level 1 the figures of "Data",
     /// level 2 the list of all.
-    void metadata(Streams& pool, RepMetadata& result, std::uint32_t level) const;
+    [[nodiscard]] Morva::Status metadata(Streams& pool, RepMetadata& result,
+                                         std::uint32_t level) const;
 
     void print(int traceLevel) const;
 
@@ -127,7 +131,13 @@ private:
     [[nodiscard]] bool unpackRoot(Morva::UnpackBuffer& record);
     [[nodiscard]] bool unpackFile(Morva::UnpackBuffer& record, std::uint32_t type);
     [[nodiscard]] bool unpackStreams(Morva::UnpackBuffer& record, bool withSparse);
-    [[nodiscard]] static std::shared_ptr<StreamHandle> open(Streams& pool, NodeStream const& entry);
+    /// Null when the stream is lost, which has been reported.
+    [[nodiscard]] static Morva::Result<std::shared_ptr<StreamHandle>> open(Streams& pool,
+                                                                           NodeStream const& entry);
+    [[nodiscard]] static Morva::Result<std::shared_ptr<StreamHandle>>
+    openWhole(Streams& pool, NodeStream const* entry);
+    [[nodiscard]] static Morva::Result<std::uint64_t> sizeOf(Streams& pool,
+                                                             NodeStream const* entry);
 
     std::uint32_t type_;
     Qt::CaseSensitivity caseSensitivity_;

@@ -1,7 +1,6 @@
 #include "replication/repository/store/NodePointer.h"
 
 #include "base/blocks/Blocks.h"
-#include "base/blocks/Failures.h"
 #include "base/trace/Trace.h"
 
 #include <algorithm>
@@ -12,7 +11,8 @@ namespace Replication {
 
 using Morva::BlockPin;
 using Morva::Blocks;
-using Morva::Failures;
+using Morva::Result;
+using Morva::Status;
 using Morva::TracedLock;
 
 namespace {
@@ -77,112 +77,128 @@ NodePointer::NodePointer(std::uint32_t entries)
           static_cast<std::uint32_t>((std::uint64_t{entries} + 127) >> PointerEntry::slotBits))) {}
 
 NodePointer::~NodePointer() {
-    close();
+    (void)close(); // whoever has changed something has flushed it and knows the outcome
 }
 
-bool NodePointer::create(QString const& path) {
+Status NodePointer::failed(char const* operation) const {
+    return Status::failure(Status::Code::IoError, operation, path_,
+                           QStringLiteral("the file isn't open"));
+}
+
+Status NodePointer::create(QString const& path) {
     MORVA_METHOD("create");
     TracedLock guard(lock_);
-    QString const name = path + QStringLiteral(".blocks");
-    if (!blocks_->create(name, blockBytes, 0, 0, Morva::RawFile::Mode::ReadWrite)) {
-        MORVA_TRACE(Always) << "Failed to create block file" << name;
-        return scope.result(false);
+    path_ = path + QStringLiteral(".blocks");
+    Status status = blocks_->create(path_, blockBytes, 0, 0, Morva::RawFile::Mode::ReadWrite);
+    if (!status) {
+        MORVA_TRACE(Always) << "Failed to create block file" << path_;
+        return status;
     }
-    if (!setControl() || !getControl()) {
-        MORVA_TRACE(Always) << "Failed to initialize block file" << name;
-        (void)blocks_->close(); // of no use
-        return scope.result(false);
+    status = setControl();
+    if (status)
+        status = getControl();
+    if (!status) {
+        MORVA_TRACE(Always) << "Failed to initialize block file" << path_;
+        (void)blocks_->close(); // nothing of it is to stay
+        return status;
     }
     valid_ = true;
-    return scope.result(true);
+    return {};
 }
 
-bool NodePointer::open(QString const& path) {
+Status NodePointer::open(QString const& path) {
     MORVA_METHOD("open");
     TracedLock guard(lock_);
-    QString const name = path + QStringLiteral(".blocks");
-    if (!blocks_->open(name, 0, Morva::RawFile::Mode::ReadWrite)) {
-        MORVA_TRACE(Always) << "Failed to open NodePointer block file" << name;
-        return scope.result(false);
+    path_ = path + QStringLiteral(".blocks");
+    Status status = blocks_->open(path_, 0, Morva::RawFile::Mode::ReadWrite);
+    if (!status) {
+        MORVA_TRACE(Always) << "Failed to open NodePointer block file" << path_;
+        return status;
     }
-    if (blocks_->blockSize() != blockBytes || !getControl()) {
-        MORVA_TRACE(Always) << "Failed to initialize NodePointer block file" << name;
-        (void)blocks_->close(); // of no use
-        return scope.result(false);
+    status = blocks_->blockSize() == blockBytes
+                 ? getControl()
+                 : Status::corruption("open", path_, QStringLiteral("wrong block size"));
+    if (!status) {
+        MORVA_TRACE(Always) << "Failed to initialize NodePointer block file" << path_;
+        (void)blocks_->close(); // nothing was changed
+        return status;
     }
     valid_ = true;
-    return scope.result(true);
+    return {};
 }
 
-bool NodePointer::close() {
+Status NodePointer::close() {
     TracedLock guard(lock_);
     if (!control_)
-        return true;
+        return {};
     valid_ = false;
     blocks_->returnBlock(std::exchange(control_, nullptr), false);
-    return blocks_->close().ok();
+    return blocks_->close();
 }
 
-bool NodePointer::flush(bool sync) {
+Status NodePointer::flush(bool sync) {
     TracedLock guard(lock_);
-    return control_ && blocks_->flush().ok() && (!sync || blocks_->sync().ok());
+    if (!control_)
+        return failed("flush");
+    MORVA_TRY(blocks_->flush());
+    return sync ? blocks_->sync() : Status();
 }
 
-bool NodePointer::setControl() {
+Status NodePointer::setControl() {
     std::uint64_t number = 0;
-    auto const fresh = blocks_->newBlock(number);
-    void* const block = fresh ? *fresh : nullptr;
-    if (!block || number != Blocks::firstBlock()) {
-        MORVA_TRACE(Always) << "Failed to intialize block file" << number;
-        if (block)
-            blocks_->returnBlock(block, false);
-        return false;
-    }
-    return blocks_->returnBlock(block, true);
+    MORVA_TRY_LET(void* const block, blocks_->newBlock(number));
+    bool const first = number == Blocks::firstBlock();
+    blocks_->returnBlock(block, first);
+    if (first)
+        return {};
+    MORVA_TRACE(Always) << "Failed to intialize block file" << number;
+    return Status::corruption("create", path_, QStringLiteral("the first block has another number"),
+                              {Status::Unit::Block, number});
 }
 
-bool NodePointer::getControl() {
-    auto const control = blocks_->getBlock(Blocks::firstBlock());
-    control_ = control ? *control : nullptr;
-    return control_ != nullptr;
+Status NodePointer::getControl() {
+    MORVA_TRY_LET(control_, blocks_->getBlock(Blocks::firstBlock()));
+    return {};
 }
 
 FileId NodePointer::rootId() const {
     return FileId{Blocks::firstBlock() * PointerEntry::perBlock + rootSlot};
 }
 
-bool NodePointer::setRoot(NodeNumber node, Instance instance) {
+void NodePointer::setRoot(NodeNumber node, Instance instance) {
     TracedLock guard(lock_);
-    if (!control_)
-        return false;
     PointerEntry root = entryAt(control_, rootSlot);
     root.generation(0);
     root.instance(instance);
     root.node(node);
     root.previous({});
     root.next({});
-    return blocks_->updateBlock(control_);
+    blocks_->updateBlock(control_);
 }
 
-NodePointer::Pin NodePointer::get(FileId id) const {
+Result<NodePointer::Pin> NodePointer::get(FileId id) const {
     std::uint64_t const block = numberOf(id) >> PointerEntry::slotBits;
     std::uint32_t const slot = numberOf(id) % PointerEntry::perBlock;
     if (!control_ || block < Blocks::firstBlock() || block >= blocks_->blockCount() ||
         (block == Blocks::firstBlock() && slot != rootSlot))
-        return {};
+        return Pin();
     BlockPin pin = BlockPin::get(*blocks_, block);
-    if (!pin || entryAt(pin.get(), slot).generation() != generationOf(id))
-        return {};
-    return {std::move(pin), id};
+    if (!pin)
+        return pin.status();
+    if (entryAt(pin.get(), slot).generation() != generationOf(id))
+        return Pin();
+    return Pin(std::move(pin), id);
 }
 
-NodePointer::Pin NodePointer::getUsed(FileId id) const {
-    Pin pin = get(id);
+Result<NodePointer::Pin> NodePointer::getUsed(FileId id) const {
+    MORVA_TRY_LET(Pin pin, get(id));
     return pin && pin->node() ? std::move(pin) : Pin();
 }
 
-NodePointer::Pin NodePointer::older(PointerEntry entry) const {
-    Pin pin = entry.previous() ? getUsed(entry.previous()) : Pin();
+Result<NodePointer::Pin> NodePointer::older(PointerEntry entry) const {
+    if (!entry.previous())
+        return Pin();
+    MORVA_TRY_LET(Pin pin, getUsed(entry.previous()));
     // Instances fall along a chain; one that doesn't has been linked into it by damage.
     return pin && pin->instance() < entry.instance() ? std::move(pin) : Pin();
 }
@@ -196,17 +212,19 @@ void NodePointer::setFreeHead(FileId id) {
     blocks_->updateBlock(control_);
 }
 
-bool NodePointer::extend() {
+Status NodePointer::extend() {
     std::uint64_t number = 0;
-    auto const fresh = blocks_->newBlock(number);
-    void* const block = fresh ? *fresh : nullptr;
+    Result<void*> const made = blocks_->newBlock(number);
     std::uint64_t const first = number * PointerEntry::perBlock;
-    if (!block || first > UINT32_MAX - PointerEntry::perBlock) {
+    if (!made || first > UINT32_MAX - PointerEntry::perBlock) {
         MORVA_TRACE(Always) << "Failed to get new entry block";
-        if (block)
-            (void)blocks_->freeBlock(block); // it was taken just now
-        return false;
+        if (!made)
+            return made.status();
+        (void)blocks_->freeBlock(*made); // it was just taken
+        return Status::failure(Status::Code::NoSpace, "extend", path_,
+                               QStringLiteral("there are no more numbers for files"));
     }
+    void* const block = *made;
     for (std::uint32_t slot = 0; slot < PointerEntry::perBlock; ++slot) {
         PointerEntry entry = entryAt(block, slot);
         bool const last = slot + 1 == PointerEntry::perBlock;
@@ -216,29 +234,27 @@ bool NodePointer::extend() {
     }
     blocks_->returnBlock(block, true);
     setFreeHead(FileId{first});
-    return true;
+    return {};
 }
 
-NodePointer::Pin NodePointer::takeFree() {
-    Failures::Watch const watch;
-    Pin taken = freeHead() ? get(freeHead()) : Pin();
-    if (watch.any())
-        return {};
-    if (freeHead() && (!taken || taken->node())) {
-        MORVA_TRACE(Always) << "Free list of node pointers is damaged at" << freeHead();
-        taken = {};
+Result<NodePointer::Pin> NodePointer::takeFree() {
+    Pin taken;
+    if (freeHead()) {
+        MORVA_TRY_LET(taken, get(freeHead()));
+        if (!taken || taken->node()) {
+            MORVA_TRACE(Always) << "Free list of node pointers is damaged at" << freeHead();
+            taken = {};
+        }
     }
     if (!taken) {
-        if (!extend())
-            return {};
-        taken = get(freeHead());
-        if (!taken)
-            return {};
+        MORVA_TRY(extend());
+        MORVA_TRY_LET(taken, get(freeHead()));
     }
     FileId const head = taken->previous();
-    Pin next = head ? get(head) : Pin();
-    if (watch.any())
-        return {};
+    Pin next;
+    if (head) {
+        MORVA_TRY_LET(next, get(head));
+    }
     setFreeHead(head);
     if (next && !next->node())
         next.change().next(head);
@@ -264,15 +280,19 @@ void NodePointer::putFree(Pin& pin, Pin& next) {
     setFreeHead(head);
 }
 
-bool NodePointer::release(Pin& pin) {
+Status NodePointer::release(Pin& pin) {
     // All that is read comes first, so that a failure leaves the chain as it was.
-    Failures::Watch const watch;
-    Pin newer = pin->next() ? getUsed(pin->next()) : Pin();
-    Pin behind = older(pin.entry());
-    Pin third = behind ? older(behind.entry()) : Pin();
-    Pin free = freeHead() ? get(freeHead()) : Pin();
-    if (watch.any())
-        return false;
+    Pin newer, third, free;
+    if (pin->next()) {
+        MORVA_TRY_LET(newer, getUsed(pin->next()));
+    }
+    MORVA_TRY_LET(Pin behind, older(pin.entry()));
+    if (behind) {
+        MORVA_TRY_LET(third, older(behind.entry()));
+    }
+    if (freeHead()) {
+        MORVA_TRY_LET(free, get(freeHead()));
+    }
     if (newer || !behind) {
         FileId const previous = pin->previous();
         FileId const next = pin->next();
@@ -281,7 +301,7 @@ bool NodePointer::release(Pin& pin) {
         if (behind && behind->next() == pin.id())
             behind.change().next(next);
         putFree(pin, free);
-        return true;
+        return {};
     }
     // The head's id has to stay valid: it takes over the older version, whose entry goes.
     PointerEntry& head = pin.change();
@@ -291,47 +311,46 @@ bool NodePointer::release(Pin& pin) {
     head.node(behind->node());
     head.previous(behind->previous());
     putFree(behind, free);
-    return true;
+    return {};
 }
 
-FileId NodePointer::newId(NodeNumber node, Instance instance) {
+Result<FileId> NodePointer::newId(NodeNumber node, Instance instance) {
     TracedLock guard(lock_);
-    Pin taken = control_ && node ? takeFree() : Pin();
-    if (!taken)
-        return {};
+    if (!control_ || !node)
+        return Status::failure(Status::Code::InvalidArgument, "make id", path_);
+    MORVA_TRY_LET(Pin taken, takeFree());
     taken.change().instance(instance);
     taken.change().node(node);
     return taken.id();
 }
 
-NodeNumber NodePointer::getNode(FileId id) const {
+Result<NodeNumber> NodePointer::getNode(FileId id) const {
     MORVA_METHOD("getNode");
     TracedLock guard(lock_);
-    Pin const head = get(id);
+    MORVA_TRY_LET(Pin const head, get(id));
     return scope.result(head ? head->node() : NodeNumber{});
 }
 
-Instance NodePointer::currentInstance(FileId id) const {
+Result<Instance> NodePointer::currentInstance(FileId id) const {
     MORVA_METHOD("currentInstance");
     TracedLock guard(lock_);
-    Pin const head = getUsed(id);
+    MORVA_TRY_LET(Pin const head, getUsed(id));
     return scope.result(head ? head->instance() : Instance{});
 }
 
-Instance NodePointer::newInstance(FileId id, NodeNumber node, Instance instance) {
+Result<Instance> NodePointer::newInstance(FileId id, NodeNumber node, Instance instance) {
     TracedLock guard(lock_);
-    Pin head = node ? getUsed(id) : Pin();
+    if (!node)
+        return Instance{};
+    MORVA_TRY_LET(Pin head, getUsed(id));
     if (!head)
-        return {};
+        return Instance{};
     if (head->instance() == instance) {
         head.change().node(node);
         return instance;
     }
-    Failures::Watch const watch;
-    Pin behind = older(head.entry());
-    Pin version = watch.any() ? Pin() : takeFree();
-    if (!version)
-        return {};
+    MORVA_TRY_LET(Pin behind, older(head.entry()));
+    MORVA_TRY_LET(Pin version, takeFree());
     Instance const before = head->instance();
     PointerEntry& entry = version.change();
     entry.instance(before);
@@ -346,74 +365,85 @@ Instance NodePointer::newInstance(FileId id, NodeNumber node, Instance instance)
     return before;
 }
 
-NodeNumber NodePointer::getInstance(FileId id, Instance instance) const {
+Result<NodeNumber> NodePointer::getInstance(FileId id, Instance instance) const {
     MORVA_METHOD("getInstance");
     TracedLock guard(lock_);
-    for (Pin entry = getUsed(id); entry; entry = older(entry.entry()))
-        if (entry->instance() < instance)
-            return scope.result(entry->node());
-    return scope.result(NodeNumber{});
+    MORVA_TRY_LET(Pin entry, getUsed(id));
+    while (entry && entry->instance() >= instance) {
+        MORVA_TRY_LET(entry, older(entry.entry()));
+    }
+    return scope.result(entry ? entry->node() : NodeNumber{});
 }
 
-bool NodePointer::findInstance(FileId id, Instance instance, NodeNumber& node,
-                               bool& current) const {
+Result<NodePointer::Pin> NodePointer::newestUpTo(FileId id, Instance instance) const {
+    MORVA_TRY_LET(Pin entry, getUsed(id));
+    while (entry && entry->instance() > instance) {
+        MORVA_TRY_LET(entry, older(entry.entry()));
+    }
+    return entry;
+}
+
+Result<std::optional<NodePointer::Version>> NodePointer::findInstance(FileId id,
+                                                                      Instance instance) const {
     TracedLock guard(lock_);
-    Pin entry = getUsed(id);
-    while (entry && entry->instance() > instance)
-        entry = older(entry.entry());
-    if (!entry || entry->instance() != instance)
+    MORVA_TRY_LET(Pin const entry, newestUpTo(id, instance));
+    std::optional<Version> result;
+    if (entry && entry->instance() == instance)
+        result = {entry->node(), entry.id() == id};
+    return result;
+}
+
+Result<bool> NodePointer::freeId(FileId id) {
+    TracedLock guard(lock_);
+    MORVA_TRY_LET(Pin head, getUsed(id));
+    if (!head || head->previous() || id == rootId())
         return false;
-    node = entry->node();
-    current = entry.id() == id;
+    MORVA_TRY(release(head));
     return true;
 }
 
-bool NodePointer::freeId(FileId id) {
-    TracedLock guard(lock_);
-    Pin head = getUsed(id);
-    if (!head || head->previous() || id == rootId())
-        return false;
-    return release(head);
-}
-
-bool NodePointer::freeInstance(FileId id, Instance instance, NodeNumber& node) {
+Result<NodeNumber> NodePointer::freeInstance(FileId id, Instance instance) {
     MORVA_METHOD("freeInstance (FileNode)");
     Instance unused;
-    return scope.result(freeVersion(id, instance, node, unused));
+    return freeVersion(id, instance, unused);
 }
 
-bool NodePointer::freeInstance(FileId id, Instance instance, Instance& lastInstance) {
+Result<bool> NodePointer::freeInstance(FileId id, Instance instance, Instance& lastInstance) {
     MORVA_METHOD("freeInstance (LastInstance)");
-    NodeNumber unused;
-    return scope.result(freeVersion(id, instance, unused, lastInstance));
+    MORVA_TRY_LET(NodeNumber const freed, freeVersion(id, instance, lastInstance));
+    return scope.result(static_cast<bool>(freed));
 }
 
-bool NodePointer::freeVersion(FileId id, Instance instance, NodeNumber& node,
-                              Instance& lastInstance) {
+Result<NodeNumber> NodePointer::freeVersion(FileId id, Instance instance, Instance& lastInstance) {
     TracedLock guard(lock_);
-    Pin entry = getUsed(id);
-    while (entry && entry->instance() > instance)
-        entry = older(entry.entry());
+    MORVA_TRY_LET(Pin entry, newestUpTo(id, instance));
     if (!entry)
-        return false;
+        return NodeNumber{};
     if (entry->instance() < instance) {
         lastInstance = entry->instance();
-        return false;
+        return NodeNumber{};
     }
     // The root's entry itself never goes to the free list.
-    if (entry.id() == rootId() && !older(entry.entry()))
-        return false;
-    node = entry->node();
-    return release(entry);
+    if (entry.id() == rootId()) {
+        MORVA_TRY_LET(Pin const behind, older(entry.entry()));
+        if (!behind)
+            return NodeNumber{};
+    }
+    NodeNumber const node = entry->node();
+    MORVA_TRY(release(entry));
+    return node;
 }
 
-bool NodePointer::instanceList(FileId id, std::vector<Instance>& list) const {
-    list.clear();
+Result<std::vector<Instance>> NodePointer::instanceList(FileId id) const {
+    std::vector<Instance> list;
     TracedLock guard(lock_);
-    for (Pin entry = getUsed(id); entry; entry = older(entry.entry()))
+    MORVA_TRY_LET(Pin entry, getUsed(id));
+    while (entry) {
         list.push_back(entry->instance());
+        MORVA_TRY_LET(entry, older(entry.entry()));
+    }
     std::reverse(list.begin(), list.end());
-    return !list.empty();
+    return list;
 }
 
 std::uint64_t NodePointer::hits() const {
@@ -431,19 +461,17 @@ std::uint32_t NodePointer::size() const {
     return blocks_->size();
 }
 
-bool NodePointer::walk(std::function<bool(Entry const&)> const& visit) const {
-    bool whole = true;
+Status NodePointer::walk(std::function<bool(Entry const&)> const& visit) const {
+    Status status;
     std::array<std::uint8_t, blockBytes> copy;
     for (std::uint64_t block = Blocks::firstBlock();; ++block) {
         {
             TracedLock guard(lock_);
-            if (!control_)
-                return false;
-            if (block >= blocks_->blockCount())
-                return whole;
+            if (!control_ || block >= blocks_->blockCount())
+                return status;
             BlockPin const pin = BlockPin::get(*blocks_, block);
             if (!pin) {
-                whole = false;
+                status.update(Status(pin.status()));
                 continue;
             }
             std::memcpy(copy.data(), pin.get(), copy.size());
@@ -454,25 +482,27 @@ bool NodePointer::walk(std::function<bool(Entry const&)> const& visit) const {
             PointerEntry const entry = entryAt(copy.data(), slot);
             FileId const id = makeId(block * PointerEntry::perBlock + slot, entry.generation());
             if (!visit({id, entry.instance(), entry.node(), entry.previous(), entry.next()}))
-                return whole;
+                return status;
         }
     }
 }
 
-bool NodePointer::freeList(std::vector<FileId>& list) const {
+Status NodePointer::freeList(std::vector<FileId>& list) const {
     list.clear();
     TracedLock guard(lock_);
     if (!control_)
-        return false;
+        return {};
     std::uint64_t const most = blocks_->blockCount() * PointerEntry::perBlock;
     for (FileId id = freeHead(); id;) {
-        Pin const entry = get(id);
+        MORVA_TRY_LET(Pin const entry, get(id));
         if (!entry || entry->node() || list.size() >= most)
-            return false;
+            return Status::corruption("read free list", path_,
+                                      QStringLiteral("the list is damaged"),
+                                      {Status::Unit::Record, numberOf(id)});
         list.push_back(id);
         id = entry->previous();
     }
-    return true;
+    return {};
 }
 
 } // namespace Replication

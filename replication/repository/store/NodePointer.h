@@ -2,6 +2,7 @@
 
 #include "base/trace/TracedLock.h"
 #include "base/values/LittleEndian.h"
+#include "base/values/Status.h"
 #include "replication/common/values/Ids.h"
 
 #include <QString>
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace Morva {
@@ -67,8 +69,8 @@ private:
 /// a chain of entries, newest first; instances fall along it. The head entry is what the id points
 /// at; an older version's entry has an id of its own that nothing outside the chain uses.
 ///
-/// A stale id is no failure: it yields 0 or false. So does an id outside the file, and a block that
-/// can't be had, which `Failures` counts; nothing has changed then. Chains are followed as long as
+/// A stale id is no failure: it yields 0, false or nothing, and so does an id outside the file. A
+/// block that can't be read is one, and nothing has changed then. Chains are followed as long as
 /// instances fall and generations match, so that a damaged file can't keep a walk running.
 ///
 /// Thread-safe: one lock covers each operation whole.
@@ -81,40 +83,46 @@ public:
     NodePointer& operator=(NodePointer const&) = delete;
 
     /// The file is `path` + ".blocks".
-    [[nodiscard]] bool create(QString const& path);
-    [[nodiscard]] bool open(QString const& path);
-    bool close();
+    [[nodiscard]] Morva::Status create(QString const& path);
+    [[nodiscard]] Morva::Status open(QString const& path);
+    Morva::Status close();
     /// Writes what has changed; with `sync` it is on the disk itself afterwards.
-    [[nodiscard]] bool flush(bool sync = true);
+    [[nodiscard]] Morva::Status flush(bool sync = true);
     [[nodiscard]] bool valid() const { return valid_; }
 
     [[nodiscard]] FileId rootId() const;
-    [[nodiscard]] bool setRoot(NodeNumber node, Instance instance);
-    /// A new id with one version; 0 when no entry can be had.
-    [[nodiscard]] FileId newId(NodeNumber node, Instance instance);
+    void setRoot(NodeNumber node, Instance instance);
+    /// A new id with one version.
+    [[nodiscard]] Morva::Result<FileId> newId(NodeNumber node, Instance instance);
     /// The current node, or 0.
-    [[nodiscard]] NodeNumber getNode(FileId id) const;
+    [[nodiscard]] Morva::Result<NodeNumber> getNode(FileId id) const;
     /// The instance in which the current version was entered, or 0.
-    [[nodiscard]] Instance currentInstance(FileId id) const;
+    [[nodiscard]] Morva::Result<Instance> currentInstance(FileId id) const;
     /// Enters a new version and returns the instance of the one before. In the instance of the
     /// current version that one's node is replaced, and its own instance returned. 0, and nothing
-    /// changed, for a stale id and when no entry can be had.
-    [[nodiscard]] Instance newInstance(FileId id, NodeNumber node, Instance instance);
+    /// changed, for a stale id.
+    [[nodiscard]] Morva::Result<Instance> newInstance(FileId id, NodeNumber node,
+                                                      Instance instance);
     /// The node of the newest version entered before `instance`, or 0.
-    [[nodiscard]] NodeNumber getInstance(FileId id, Instance instance) const;
-    /// The node of the version entered in exactly this instance, and whether that is the current
-    /// one. False when there is none.
-    [[nodiscard]] bool findInstance(FileId id, Instance instance, NodeNumber& node,
-                                    bool& current) const;
-    /// Frees an id without older versions.
-    bool freeId(FileId id);
-    /// Frees the version entered in exactly this instance and gives back its node. The id stays
-    /// valid while other versions are left.
-    bool freeInstance(FileId id, Instance instance, NodeNumber& node);
-    /// As above; when there is none, `lastInstance` is that of the newest older version, if any.
-    bool freeInstance(FileId id, Instance instance, Instance& lastInstance);
-    /// Every version's instance, oldest first; false for a stale id.
-    [[nodiscard]] bool instanceList(FileId id, std::vector<Instance>& list) const;
+    [[nodiscard]] Morva::Result<NodeNumber> getInstance(FileId id, Instance instance) const;
+    struct Version {
+        NodeNumber node;
+        bool current = false; ///< nothing newer has been entered
+    };
+    /// The version entered in exactly this instance, if there is one.
+    [[nodiscard]] Morva::Result<std::optional<Version>> findInstance(FileId id,
+                                                                     Instance instance) const;
+    /// Frees an id without older versions; true if it was there to be freed.
+    [[nodiscard]] Morva::Result<bool> freeId(FileId id);
+    /// Frees the version entered in exactly this instance and gives its node, or 0 when there is
+    /// none. The id stays valid while other versions are left.
+    [[nodiscard]] Morva::Result<NodeNumber> freeInstance(FileId id, Instance instance);
+    /// As above; whether there was one. If not, `lastInstance` is that of the newest older version,
+    /// if any.
+    [[nodiscard]] Morva::Result<bool> freeInstance(FileId id, Instance instance,
+                                                   Instance& lastInstance);
+    /// Every version's instance, oldest first; none for a stale id.
+    [[nodiscard]] Morva::Result<std::vector<Instance>> instanceList(FileId id) const;
 
     [[nodiscard]] std::uint64_t hits() const;
     [[nodiscard]] std::uint64_t misses() const;
@@ -129,37 +137,42 @@ public:
         FileId next;
     };
     /// Hands out the root's entry and every entry of all further blocks, free ones too, in the
-    /// order of the file, until the visitor returns false. False when a block could not be read;
-    /// the walk goes on with the next. The visitor is called without the lock.
-    [[nodiscard]] bool walk(std::function<bool(Entry const&)> const& visit) const;
-    /// The ids of the free list from its head. False when the list is damaged (an id out of range
-    /// or stale, an entry in use, a cycle); `list` has what came before.
-    [[nodiscard]] bool freeList(std::vector<FileId>& list) const;
+    /// order of the file, until the visitor returns false. The first failure of those blocks that
+    /// could not be read; the walk goes on with the next. The visitor is called without the lock.
+    [[nodiscard]] Morva::Status walk(std::function<bool(Entry const&)> const& visit) const;
+    /// The ids of the free list from its head. Corruption when the list is damaged (an id out of
+    /// range or stale, an entry in use, a cycle); `list` has what came before.
+    [[nodiscard]] Morva::Status freeList(std::vector<FileId>& list) const;
 
 private:
     class Pin;
 
-    [[nodiscard]] Pin get(FileId id) const;
-    [[nodiscard]] Pin getUsed(FileId id) const;
-    [[nodiscard]] Pin older(PointerEntry entry) const;
+    // An empty pin: there is no such entry.
+    [[nodiscard]] Morva::Result<Pin> get(FileId id) const;
+    [[nodiscard]] Morva::Result<Pin> getUsed(FileId id) const;
+    [[nodiscard]] Morva::Result<Pin> older(PointerEntry entry) const;
+    /// The newest entry of a chain whose instance isn't above this one.
+    [[nodiscard]] Morva::Result<Pin> newestUpTo(FileId id, Instance instance) const;
     [[nodiscard]] FileId freeHead() const;
-    [[nodiscard]] bool setControl();
-    [[nodiscard]] bool getControl();
-    [[nodiscard]] bool extend();
+    [[nodiscard]] Morva::Status setControl();
+    [[nodiscard]] Morva::Status getControl();
+    [[nodiscard]] Morva::Status extend();
     void setFreeHead(FileId id);
     /// The head of the free list, taken out and cleared; its generation stays.
-    [[nodiscard]] Pin takeFree();
+    [[nodiscard]] Morva::Result<Pin> takeFree();
     /// `next` is the free list's head so far, if any.
     void putFree(Pin& entry, Pin& next);
-    /// Frees one entry of a chain. False, with nothing changed, when a block can't be read.
-    [[nodiscard]] bool release(Pin& entry);
-    [[nodiscard]] bool freeVersion(FileId id, Instance instance, NodeNumber& node,
-                                   Instance& lastInstance);
+    /// Frees one entry of a chain, or fails with nothing changed.
+    [[nodiscard]] Morva::Status release(Pin& entry);
+    [[nodiscard]] Morva::Result<NodeNumber> freeVersion(FileId id, Instance instance,
+                                                        Instance& lastInstance);
+    [[nodiscard]] Morva::Status failed(char const* operation) const;
 
     bool valid_ = false;
     mutable Morva::TracedMutex lock_;
     void* control_ MORVA_GUARDED_BY(lock_) = nullptr;
     std::unique_ptr<Morva::Blocks> blocks_ MORVA_GUARDED_BY(lock_);
+    QString path_;
 };
 
 } // namespace Replication

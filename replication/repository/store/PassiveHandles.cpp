@@ -2,6 +2,7 @@
 
 #include "base/trace/Trace.h"
 #include "replication/repository/store/NodeFile.h"
+#include "replication/repository/store/SavedState.h"
 #include "replication/repository/store/Store.h"
 #include "replication/repository/streams/Streams.h"
 
@@ -11,6 +12,8 @@
 namespace Replication {
 
 using Morva::Extent;
+using Morva::Result;
+using Morva::Status;
 using Morva::TracedLock;
 
 PassiveHandles::PassiveHandles(Store& store)
@@ -25,27 +28,27 @@ FileNode::Pointer PassiveHandles::enter(NodePin pin, NodeInfo info) {
     return result;
 }
 
-FileNode::Pointer PassiveHandles::load(NodeNumber number) {
+Result<FileNode::Pointer> PassiveHandles::load(NodeNumber number, bool kept) {
     MORVA_TRACE(Debug) << "Create FileNode" << number;
     thread_local std::vector<std::uint8_t> record;
-    NodePin pin = store_.nodes().getNode(number, record);
-    if (!pin || pin.node().claims() == 0)
-        return nullptr;
+    MORVA_TRY_LET(NodePin pin, store_.nodes().getNode(number, record));
+    if (!pin || (pin.node().claims() == 0 && !kept))
+        return FileNode::Pointer();
     NodeInfo info(store_.caseSensitivity(), Extent(static_cast<void const*>(record.data()),
                                                    static_cast<std::uint32_t>(record.size())));
     return enter(std::move(pin), std::move(info));
 }
 
-FileNode::Pointer PassiveHandles::get(NodeNumber number, MustExist mustExist) {
+Result<FileNode::Pointer> PassiveHandles::get(NodeNumber number, MustExist mustExist) {
     if (!number)
-        return nullptr;
+        return FileNode::Pointer();
     for (;;) {
         std::weak_ptr<FileNode> known;
         {
             TracedLock guard(lock_);
             auto const found = nodes_.find(number);
             if (found == nodes_.end()) {
-                FileNode::Pointer result = load(number);
+                MORVA_TRY_LET(FileNode::Pointer result, load(number, false));
                 MORVA_CHECK(result || mustExist == MustExist::No, "NeedNotExist == eExistance");
                 return result;
             }
@@ -59,51 +62,54 @@ FileNode::Pointer PassiveHandles::get(NodeNumber number, MustExist mustExist) {
     }
 }
 
-FileNode::Pointer PassiveHandles::restore(NodeNumber number) {
+Result<FileNode::Pointer> PassiveHandles::restore(NodeNumber number) {
     if (!number)
-        return nullptr;
+        return FileNode::Pointer();
     std::weak_ptr<FileNode> known;
     {
         TracedLock guard(lock_);
         auto const found = nodes_.find(number);
         if (found == nodes_.end())
-            return load(number);
+            return load(number, store_.saved().keeps(number));
         known = found->second;
     }
     MORVA_TRACE(Debug) << "Use exiting  FileNode" << number;
     return known.lock();
 }
 
-FileNode::Pointer PassiveHandles::create(std::uint32_t type, bool liveOnly,
-                                         std::uint32_t sourceTime, NodeInfo info) {
+Result<FileNode::Pointer> PassiveHandles::create(std::uint32_t type, bool liveOnly,
+                                                 std::uint32_t sourceTime, NodeInfo info) {
     thread_local Morva::PackBuffer buffer(1024);
     info.pack(buffer);
     auto const now = static_cast<std::uint32_t>(std::time(nullptr));
     std::uint32_t const word = (type & 0xFFFF) | (liveOnly ? NodeBlock::liveOnlyBit : 0);
     TracedLock guard(lock_);
-    NodePin pin = store_.nodes().newNode(store_.currentInstance(), word,
+    MORVA_TRY_LET(NodePin pin,
+                  store_.nodes().newNode(store_.currentInstance(), word,
                                          NodeTimes{0, now, now, sourceTime, sourceTime},
-                                         buffer.extentWithoutSize());
-    return pin ? enter(std::move(pin), std::move(info)) : nullptr;
+                                         buffer.extentWithoutSize()));
+    return enter(std::move(pin), std::move(info));
 }
 
-FileNode::Pointer PassiveHandles::copyOf(FileNode const& node) {
+Result<FileNode::Pointer> PassiveHandles::copyOf(FileNode const& node) {
     NodeFile& nodes = store_.nodes();
     TracedLock guard(lock_);
-    NodePin pin = nodes.newNode(store_.currentInstance());
-    if (!pin)
-        return nullptr;
+    MORVA_TRY_LET(NodePin pin, nodes.newNode(store_.currentInstance()));
     NodeBlock const from = node.node_.node();
     NodeBlock to = pin.node();
     to.linkCount(from.linkCount());
+    to.ended(from.ended());
     to.referenceCount(1);
     to.typeWord(from.typeWord());
     to.nextLink(from.nextLink());
     to.times(from.times());
-    if (!nodes.copyRecord(pin, node.node_) || !node.info_.duplicateStreamList(store_.streams())) {
+    Status status = nodes.copyRecord(pin, node.node_);
+    if (status)
+        status = node.info_.duplicateStreamList(store_.streams());
+    if (!status) {
         MORVA_TRACE(Always) << "Failed to copy record of node" << node.id();
         nodes.freeNode(std::move(pin));
-        return nullptr;
+        return status;
     }
     return enter(std::move(pin), node.info_);
 }
@@ -128,32 +134,33 @@ std::size_t PassiveHandles::size(NodeFileFigures& files) const {
     return nodes_.size();
 }
 
-FileNode::Pointer PassiveHandles::enterStale(NodeNumber number, bool unclaimed) {
+Result<FileNode::Pointer> PassiveHandles::enterStale(NodeNumber number, bool unclaimed) {
     thread_local std::vector<std::uint8_t> record;
     TracedLock guard(lock_);
-    if (unclaimed && nodes_.contains(number))
-        return {};
-    NodePin pin = store_.nodes().getNode(number, record, true);
+    if (unclaimed && (nodes_.contains(number) || store_.saved().keeps(number)))
+        return FileNode::Pointer();
+    MORVA_TRY_LET(NodePin pin, store_.nodes().getNode(number, record, true));
     if (!pin)
-        return {};
+        return FileNode::Pointer();
     if (unclaimed && pin.node().claims() != 0) {
         store_.nodes().returnNode(std::move(pin));
-        return {};
+        return FileNode::Pointer();
     }
     NodeInfo info(store_.caseSensitivity(), Extent(static_cast<void const*>(record.data()),
                                                    static_cast<std::uint32_t>(record.size())));
     return enter(std::move(pin), std::move(info));
 }
 
-bool PassiveHandles::erase(NodeNumber number) {
-    FileNode::Pointer const node = enterStale(number, false);
+Status PassiveHandles::erase(NodeNumber number) {
+    MORVA_TRY_LET(FileNode::Pointer const node, enterStale(number, false));
     if (node)
         node->dropClaims();
-    return node != nullptr;
+    return {};
 }
 
-bool PassiveHandles::freeUnclaimed(NodeNumber number) {
-    return enterStale(number, true) != nullptr;
+Status PassiveHandles::freeUnclaimed(NodeNumber number) {
+    // Its only pointer goes, and with it the node.
+    return enterStale(number, true).status();
 }
 
 } // namespace Replication

@@ -237,12 +237,32 @@ bool RetireList::resyncRunning() const {
     return p_->resync;
 }
 
-void RetireList::stateSaved() {
-    p_->saved = true;
+void RetireList::stateSaved(bool value) {
+    p_->saved = value;
+}
+
+void RetireList::forEach(Visit const& visit) const {
+    for (auto const& entry : p_->list)
+        visit(entry.key.name, entry.fileNode, entry.expire, entry.version);
+}
+
+void RetireList::restore(QString const& name, FileNode::Pointer node, std::uint32_t expire,
+                         Version const& version) {
+    RetiredVersion entry{{version.directory, name}, version, std::move(node), expire};
+    auto const key = entry.key;
+    p_->byName[key] = p_->list.insert(p_->list.end(), std::move(entry));
+    if (p_->list.size() == 1)
+        p_->wakeForFirst();
 }
 
 std::size_t RetireList::size() const {
     return p_->list.size();
+}
+
+void RetireList::clear() {
+    p_->byName.clear();
+    p_->list.clear();
+    p_->wake = 0;
 }
 
 void RetireList::sendAll() {

@@ -3,6 +3,7 @@
 #include "replication/repository/store/FileNode.h"
 #include "replication/repository/store/Version.h"
 
+#include <functional>
 #include <list>
 #include <memory>
 
@@ -47,10 +48,19 @@ public:
     void startResync();
     void endResync();
     [[nodiscard]] bool resyncRunning() const;
-    /// A stop has begun: nothing is queued from now on.
-    void stateSaved();
+    /// A stop has begun: nothing is queued from now on, until the saved state is taken up again.
+    void stateSaved(bool value);
+    /// Every entry, by its expiry. `node` is null when the entry doesn't keep one.
+    using Visit = std::function<void(QString const& name, FileNode::Pointer const& node,
+                                     std::uint32_t expire, Version const& version)>;
+    void forEach(Visit const& visit) const;
+    /// Takes up a saved entry, behind those that are there.
+    void restore(QString const& name, FileNode::Pointer node, std::uint32_t expire,
+                 Version const& version);
 
     [[nodiscard]] std::size_t size() const;
+    /// Drops all entries unsent: they are saved.
+    void clear();
     /// Sends everything that waits, whatever the clock says: nothing comes after it.
     void sendAll();
 

@@ -16,6 +16,10 @@ class StreamHandle;
 /// What a source's open-file number stands for on the repository side.
 struct SinkHandle : OpenHandle {
     enum Type : std::uint32_t { Valid = 1, Excluded = 2, Unknown = 3 };
+    /// Of the flags of an unknown one: no opening of its number is known.
+    static constexpr std::uint32_t neverOpened = 0x80000000U;
+    /// Of the flags of an unknown one: its path could not be opened.
+    static constexpr std::uint32_t lost = 0x40000000U;
 
     SinkHandle() = default;
     explicit SinkHandle(Type kind) : type(kind) {}

@@ -16,7 +16,9 @@ namespace Replication {
 
 using Morva::Extent;
 using Morva::PagedList;
-using Status = DirectoryStatus;
+using Morva::Result;
+using Morva::Status;
+using Answer = DirectoryStatus;
 
 namespace {
 
@@ -25,6 +27,12 @@ constexpr std::uint64_t smallDirectoryPages = 4;
 
 DirectoryItem itemOf(DirectoryEntry const& entry) {
     return {entry.fileId(), entry.link(), entry.type(), entry.liveOnly()};
+}
+
+Status notDirectory(FileId directory) {
+    return Status::failure(Status::Code::InvalidArgument, "scan",
+                           QStringLiteral("directory %1").arg(directory.value),
+                           QStringLiteral("it is no directory"));
 }
 
 LinkId linkOr1(LinkId link) {
@@ -42,83 +50,93 @@ void SnapshotDirectories::forget() {
     names_->clear();
 }
 
-FileId SnapshotDirectories::findName(FileId directory, Instance instance, QString const& name) {
-    auto const item = findItem(directory, instance, name);
+Result<FileId> SnapshotDirectories::findName(FileId directory, Instance instance,
+                                             QString const& name) {
+    MORVA_TRY_LET(auto const item, findItem(directory, instance, name));
     return item ? item->fileId : FileId{};
 }
 
-std::optional<DirectoryItem> SnapshotDirectories::findItem(FileId directory, Instance instance,
-                                                           QString const& name) {
+Result<std::optional<DirectoryItem>>
+SnapshotDirectories::findItem(FileId directory, Instance instance, QString const& name) {
     MORVA_METHOD("findName");
+    std::optional<DirectoryItem> const none;
     if (!instance || instance > store_.currentInstance())
-        return std::nullopt;
-    FileNode::Pointer const node = store_.passiveHandle(directory, instance);
+        return none;
+    MORVA_TRY_LET(FileNode::Pointer const node, store_.passiveHandle(directory, instance));
     if (!node) {
         MORVA_TRACE(Normal) << "Failed to get handle" << Morva::hex << directory;
-        return std::nullopt;
+        return none;
     }
     return findItem(*node, directory, instance, name);
 }
 
-std::optional<DirectoryItem> SnapshotDirectories::findItem(FileNode& node, FileId directory,
-                                                           Instance instance, QString const& name) {
+Result<std::optional<DirectoryItem>> SnapshotDirectories::findItem(FileNode& node, FileId directory,
+                                                                   Instance instance,
+                                                                   QString const& name) {
+    std::optional<DirectoryItem> found;
     if (!node.isDirectory()) {
         MORVA_TRACE(Normal) << "Not a directory" << Morva::hex << directory;
-        return std::nullopt;
+        return found;
     }
     Qt::CaseSensitivity const sensitivity = store_.caseSensitivity();
+    // Success with nothing found at the end of the scan.
+    auto const search = [&](DirectoryScan& scan) {
+        while (scan.nextName())
+            if (sameName(scan.entry().name(), name, sensitivity)) {
+                found = itemOf(scan.entry());
+                break;
+            }
+        return scan.status();
+    };
     DirectoryScan scan(node, directory, "Snapshot findName", instance);
     // A node of the current instance, and a live-only one at any time, changes in place.
     bool const frozen = node.instance() < store_.currentInstance() && !node.liveOnly();
     if (scan.pages() <= smallDirectoryPages || !frozen) {
-        while (scan.nextName())
-            if (sameName(scan.entry().name(), name, sensitivity))
-                return itemOf(scan.entry());
-        MORVA_TRACE(Verbose) << "Failed to find" << name;
-        return std::nullopt;
-    }
-    SnapshotNames::Id const id{directory, node.id(), node.instance()};
-    SnapshotNames::Table table = names_->find(id);
-    if (!table) {
-        auto built = std::make_shared<NameTable>();
-        while (scan.nextName())
-            built->add(nameHash(scan.entry().name(), sensitivity), scan.page());
-        built->sort();
-        table = built;
-        if (!scan.failed())
+        MORVA_TRY(search(scan));
+    } else {
+        SnapshotNames::Id const id{directory, node.id(), node.instance()};
+        SnapshotNames::Table table = names_->find(id);
+        if (!table) {
+            auto built = std::make_shared<NameTable>();
+            while (scan.nextName())
+                built->add(nameHash(scan.entry().name(), sensitivity), scan.page());
+            MORVA_TRY(Status(scan.status()));
+            built->sort();
+            table = built;
             names_->insert(id, table);
+        }
+        for (std::uint64_t const page : table->pagesOf(nameHash(name, sensitivity))) {
+            DirectoryScan one(node, directory, "Snapshot findName", instance, page, 1);
+            MORVA_TRY(search(one));
+            if (found)
+                break;
+        }
     }
-    for (std::uint64_t const page : table->pagesOf(nameHash(name, sensitivity))) {
-        DirectoryScan one(node, directory, "Snapshot findName", instance, page, 1);
-        while (one.nextName())
-            if (sameName(one.entry().name(), name, sensitivity))
-                return itemOf(one.entry());
-    }
-    MORVA_TRACE(Verbose) << "Failed to find" << name;
-    return std::nullopt;
+    if (!found)
+        MORVA_TRACE(Verbose) << "Failed to find" << name;
+    return found;
 }
 
-bool SnapshotDirectories::dirscan(std::uint32_t& count, PagedList& list, FileNode& node,
-                                  FileId directory, Instance instance) {
+Status SnapshotDirectories::dirscan(std::uint32_t& count, PagedList& list, FileNode& node,
+                                    FileId directory, Instance instance) {
     MORVA_METHOD("Snapshot dirscan");
     if (!node.isDirectory()) {
         MORVA_TRACE(Always) << "Not a directory" << Morva::hex << directory;
-        return false;
+        return notDirectory(directory);
     }
     DirectoryScan scan(node, directory, "Snapshot dirscan", instance);
     while (scan.nextName()) {
-        if (!DirscanRecord::write(list, scan.entry()))
-            return false;
+        MORVA_TRY(DirscanRecord::write(list, scan.entry()));
         ++count;
     }
-    return scope.result(!scan.failed());
+    return scan.status();
 }
 
-bool SnapshotDirectories::validDirectory(FileNode& node, FileId directory, Instance instance) {
+Status SnapshotDirectories::validDirectory(FileNode& node, FileId directory, Instance instance) {
     MORVA_METHOD("Snapshot validDirectory");
     if (!node.isDirectory()) {
         MORVA_TRACE(Always) << "Not a directory" << Morva::hex << directory;
-        return false;
+        return notDirectory(directory);
     }
     DirectoryScan scan(node, directory, "Snapshot validDirectory", instance);
     std::uint64_t entries = 0;
@@ -131,19 +149,22 @@ bool SnapshotDirectories::validDirectory(FileNode& node, FileId directory, Insta
     if (!scan.failed())
         MORVA_TRACE(Verbose) << "Snapshot validDirectory" << entries << "entries"
                              << "Used" << used;
-    return scope.result(!scan.failed());
+    return scan.status();
 }
 
 std::uint32_t SnapshotDirectories::objectName(QString& name, FileId& parent, FileId& object,
                                               LinkId& link, Instance instance) {
-    FileNode::Pointer const node = store_.passiveHandle(parent, instance);
+    auto const opened = store_.passiveHandle(parent, instance);
+    if (!opened)
+        return Answer::serverFault;
+    FileNode::Pointer const node = *opened;
     if (!node) {
         MORVA_TRACE(Normal) << "Failed to get handle" << Morva::hex << parent;
-        return Status::stale;
+        return Answer::stale;
     }
     if (!node->isDirectory()) {
         MORVA_TRACE(Normal) << "Not a directory" << Morva::hex << parent;
-        return Status::stale;
+        return Answer::stale;
     }
     FileId nextParent;
     LinkId nextLink{1};
@@ -160,11 +181,13 @@ std::uint32_t SnapshotDirectories::objectName(QString& name, FileId& parent, Fil
             object = parent;
             parent = nextParent;
             link = nextLink;
-            return Status::ok;
+            return Answer::ok;
         }
     }
+    if (scan.failed())
+        return Answer::serverFault;
     MORVA_TRACE(Normal) << "Failed to find" << Morva::hex << object << "in" << parent;
-    return Status::stale;
+    return Answer::stale;
 }
 
 bool SnapshotDirectories::fits(FileHandle const& snapshot, FileHandle const& object) const {
@@ -179,7 +202,7 @@ std::uint32_t SnapshotDirectories::objectName(QString& name, FileHandle const& o
     MORVA_METHOD("objectName");
     if (!fits(snapshot, object) || !fits(snapshot, directory)) {
         MORVA_TRACE(Always) << "Bad arguments";
-        return Status::badArguments;
+        return Answer::badArguments;
     }
     FileId parent = directory.fileId();
     FileId id = object.fileId();
@@ -192,28 +215,34 @@ std::uint32_t SnapshotDirectories::directoryPath(QString& path, FileHandle const
     MORVA_METHOD("directoryPath");
     if (!fits(snapshot, object)) {
         MORVA_TRACE(Always) << "Bad arguments";
-        return Status::badArguments;
+        return Answer::badArguments;
     }
     path.clear();
     FileId id = object.fileId();
     if (id == store_.rootId())
-        return Status::ok;
-    FileNode::Pointer const node = store_.passiveHandle(id, snapshot.instance);
+        return Answer::ok;
+    auto const opened = store_.passiveHandle(id, snapshot.instance);
+    if (!opened)
+        return Answer::serverFault;
+    FileNode::Pointer const node = *opened;
     if (!node) {
         MORVA_TRACE(Normal) << "No longer exists" << Morva::hex << id;
-        return Status::stale;
+        return Answer::stale;
     }
     if (!node->isDirectory()) {
         MORVA_TRACE(Normal) << "Not a directory" << Morva::hex << id;
-        return Status::stale;
+        return Answer::stale;
     }
     if (!node->exists(dataStreamName)) {
         MORVA_TRACE(Normal) << "No data steam" << Morva::hex << id;
-        return Status::stale;
+        return Answer::stale;
     }
-    FileId parent = parentOf(*node);
+    auto const above = parentOf(*node);
+    if (!above)
+        return Answer::serverFault;
+    FileId parent = *above;
     if (!parent)
-        return Status::stale;
+        return Answer::stale;
     MORVA_TRACE(Debug) << "First parent" << Morva::hex << parent;
     QStringList names;
     LinkId link{1};
@@ -222,16 +251,16 @@ std::uint32_t SnapshotDirectories::directoryPath(QString& path, FileHandle const
         // Damage could have made a loop of the tree.
         if (!seen.insert(id).second) {
             MORVA_TRACE(Always) << "Directory is its own parent" << Morva::hex << id;
-            return Status::stale;
+            return Answer::stale;
         }
         QString name;
         std::uint32_t const status = objectName(name, parent, id, link, snapshot.instance);
-        if (status != Status::ok)
+        if (status != Answer::ok)
             return scope.result(status);
         names.prepend(name);
     }
     path = names.join(QLatin1Char('/'));
-    return Status::ok;
+    return Answer::ok;
 }
 
 } // namespace Replication

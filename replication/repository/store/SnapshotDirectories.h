@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/values/Extent.h"
+#include "base/values/Status.h"
 #include "replication/common/values/FileHandle.h"
 #include "replication/common/values/Ids.h"
 #include "replication/repository/store/DirectoryScan.h"
@@ -54,13 +55,14 @@ public:
 
     /// 0 if there is no such name, for instance 0 and one above the current one. liveOnly names
     /// are found too.
-    [[nodiscard]] FileId findName(FileId directory, Instance instance, QString const& name);
+    [[nodiscard]] Morva::Result<FileId> findName(FileId directory, Instance instance,
+                                                 QString const& name);
     /// As `findName`, with all that the entry says.
-    [[nodiscard]] std::optional<DirectoryItem> findItem(FileId directory, Instance instance,
-                                                        QString const& name);
+    [[nodiscard]] Morva::Result<std::optional<DirectoryItem>>
+    findItem(FileId directory, Instance instance, QString const& name);
     /// The same in a version of a directory that the caller has.
-    [[nodiscard]] std::optional<DirectoryItem> findItem(FileNode& node, FileId directory,
-                                                        Instance instance, QString const& name);
+    [[nodiscard]] Morva::Result<std::optional<DirectoryItem>>
+    findItem(FileNode& node, FileId directory, Instance instance, QString const& name);
 
     /// `dirRead` by handle; sets "DirEOF" in the reply. A status.
     [[nodiscard]] std::uint32_t readDir(Morva::XmlList& reply, Morva::Extent& buffer,
@@ -79,17 +81,18 @@ public:
     ///
     /// `eof` is false when something was left out: no space for the next entry, `maximum` entries
     /// (0: no limit), or a cookie that isn't an entry's offset. `directory` is for the reports
-    /// alone. A status.
+    /// alone. A status; `serverFault`, with what came before in the buffer, when a page is damaged
+    /// or can't be read.
     [[nodiscard]] std::uint32_t dirRead(bool& eof, Morva::Extent& buffer, FileNode& node,
                                         Instance instance, std::uint64_t cookie,
                                         std::uint32_t maximum, bool attributes, bool fileHandles,
                                         FileId directory = {});
-    /// Writes a `DirscanRecord` for every name, liveOnly ones too, and adds to `count`. False when
+    /// Writes a `DirscanRecord` for every name, liveOnly ones too, and adds to `count`. Fails when
     /// the node is no directory, a page failed or the list didn't take a record.
-    [[nodiscard]] bool dirscan(std::uint32_t& count, Morva::PagedList& list, FileNode& node,
-                               FileId directory, Instance instance);
+    [[nodiscard]] Morva::Status dirscan(std::uint32_t& count, Morva::PagedList& list,
+                                        FileNode& node, FileId directory, Instance instance);
     /// Whether all pages can be read and every entry is valid.
-    [[nodiscard]] bool validDirectory(FileNode& node, FileId directory, Instance instance);
+    [[nodiscard]] Morva::Status validDirectory(FileNode& node, FileId directory, Instance instance);
 
     /// The name of (`object`, `link`) in the directory `parent`. On success they are moved one up,
     /// to the next object to ask for: that directory in its own parent. A status.
@@ -101,8 +104,10 @@ public:
     /// The path of a directory at a snapshot, joined with "/"; empty for the root. A status.
     [[nodiscard]] std::uint32_t directoryPath(QString& path, FileHandle const& snapshot,
                                               FileHandle const& object);
-    /// The parent of a directory, by its parent entry; 0 when that can't be read.
-    [[nodiscard]] FileId parentId(FileNode& directory) const { return parentOf(directory); }
+    /// See `parentOf`.
+    [[nodiscard]] Morva::Result<FileId> parentId(FileNode& directory) const {
+        return parentOf(directory);
+    }
     /// Drops what is remembered.
     void forget();
 
@@ -129,8 +134,8 @@ struct DirscanRecord {
     static constexpr std::uint32_t fixedSize = 18;
     /// False when the record is too short or its size is odd.
     [[nodiscard]] bool decode(Morva::Extent const& record);
-    /// Writes the entry's record; false when the list doesn't take it.
-    [[nodiscard]] static bool write(Morva::PagedList& list, DirectoryEntry const& entry);
+    /// Writes the entry's record.
+    [[nodiscard]] static Morva::Status write(Morva::PagedList& list, DirectoryEntry const& entry);
 };
 
 } // namespace Replication

@@ -1,10 +1,10 @@
 // The entry list of a snapshot file, and its form for statistics.
 
+#include "base/files/RawFile.h"
 #include "base/messages/XmlList.h"
 #include "base/process/Context.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
-#include "replication/repository/store/FileCalls.h"
 #include "replication/repository/store/SnapshotFile.h"
 #include "replication/repository/streams/DedupStatistics.h"
 
@@ -33,12 +33,12 @@ Status SnapshotFile::openForAppend() {
     TracedLock lock(lock_);
     MORVA_TRY(closed());
     auto file = RawFile::make();
-    if (Status outcome = FileCalls::open(*file, path_, RawFile::Mode::ReadWrite); !outcome) {
+    if (Status outcome = file->open(path_, RawFile::Mode::ReadWrite); !outcome) {
         MORVA_TRACE(Always) << "Failed to open file" << path_ << outcome.text();
         return outcome;
     }
     std::uint64_t const first = firstOffset();
-    std::uint64_t const length = file->length();
+    MORVA_TRY_LET(std::uint64_t const length, file->length());
     if (length < first) {
         MORVA_TRACE(Always) << "Failed to position to end of file" << path_;
         return Status::corruption("open", path_, QStringLiteral("it ends before its entries"));
@@ -51,13 +51,13 @@ Status SnapshotFile::openForAppend() {
 Status SnapshotFile::openForRead() {
     TracedLock lock(lock_);
     MORVA_TRY(closed());
-    if (!reader_.open(path_)) {
+    if (Status outcome = reader_.open(path_); !outcome) {
         MORVA_TRACE(Always) << "Failed to open file" << path_ << reader_.lastError();
-        return FileCalls::failure(reader_.lastError(), "open", path_);
+        return outcome;
     }
     if (!reader_.setPosition(static_cast<std::int64_t>(firstOffset()))) {
         MORVA_TRACE(Always) << "Failed to position to delete offset" << path_;
-        reader_.close();
+        (void)reader_.close(); // removes nothing
         return Status::corruption("open", path_, QStringLiteral("it ends before its entries"));
     }
     return {};
@@ -66,12 +66,12 @@ Status SnapshotFile::openForRead() {
 bool SnapshotFile::close() {
     TracedLock lock(lock_);
     if (writer_) {
-        writer_->close();
+        (void)writer_->close(); // removes nothing
         writer_.reset();
         return true;
     }
     bool const open = reader_.isOpen();
-    reader_.close();
+    (void)reader_.close(); // removes nothing
     return open;
 }
 
@@ -86,8 +86,7 @@ Status SnapshotFile::addEntry(SnapshotEntry const& entry) {
     std::array<std::uint8_t, SnapshotEntry::packedSize> bytes{};
     storeLittle(bytes.data() + 4, entry.instance.value);
     storeLittle(bytes.data() + 8, entry.id.value);
-    if (Status outcome = FileCalls::writeAt(*writer_, appendOffset_, bytes.data(), bytes.size());
-        !outcome) {
+    if (Status outcome = writer_->writeAt(appendOffset_, bytes.data(), bytes.size()); !outcome) {
         MORVA_TRACE(Always) << "Failed to write snapshot entry" << outcome.text();
         return outcome;
     }
@@ -104,9 +103,10 @@ Status SnapshotFile::cut(std::uint64_t end) {
     TracedLock lock(lock_);
     if (!writer_)
         return notOpen();
-    if (writer_->length() <= end)
+    MORVA_TRY_LET(std::uint64_t const length, writer_->length());
+    if (length <= end)
         return {};
-    MORVA_TRY(FileCalls::setLength(*writer_, end));
+    MORVA_TRY(writer_->setLength(end));
     appendOffset_ = end;
     return {};
 }
@@ -116,10 +116,7 @@ Result<std::optional<SnapshotEntry>> SnapshotFile::readEntry() {
     if (!reader_)
         return notOpen();
     std::array<std::uint8_t, SnapshotEntry::packedSize> bytes;
-    auto const at = static_cast<std::uint64_t>(reader_.position());
-    std::uint32_t const got = reader_.read(bytes.data(), bytes.size());
-    if (got < bytes.size() && reader_.failed())
-        return FileCalls::failure(reader_.lastError(), "read", path_, at);
+    MORVA_TRY_LET(std::uint32_t const got, reader_.read(bytes.data(), bytes.size()));
     if (got < bytes.size())
         return std::optional<SnapshotEntry>();
     return std::optional<SnapshotEntry>(
@@ -146,11 +143,11 @@ Status SnapshotFile::remove() {
     if (!instance_)
         return Status::corruption("remove", path_,
                                   QStringLiteral("the snapshot's file is damaged"));
-    reader_.close();
+    (void)reader_.close(); // removes nothing
     if (writer_)
-        writer_->close();
+        (void)writer_->close(); // removes nothing
     writer_.reset();
-    return FileCalls::remove(path_);
+    return Morva::FileSystem::inForce().removeIfThere(path_);
 }
 
 Status SnapshotFile::notOpen() const {

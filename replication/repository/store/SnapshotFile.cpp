@@ -1,14 +1,13 @@
 #include "replication/repository/store/SnapshotFile.h"
 
+#include "base/files/RawFile.h"
 #include "base/messages/XmlList.h"
 #include "base/process/Context.h"
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
-#include "replication/repository/store/FileCalls.h"
 #include "replication/repository/streams/DedupStatistics.h"
 
 #include <QDateTime>
-#include <QFileInfo>
 
 #include <algorithm>
 #include <cstring>
@@ -126,7 +125,7 @@ SnapshotFile::SnapshotFile(QString const& directory, Instance instance, New)
     : path_(directory + QLatin1Char('/') + fileName(instance)), reader_(readBuffer) {
     TracedLock lock(lock_);
     // To make it anew would wipe out what it says of its snapshot.
-    auto const there = FileCalls::exists(path_);
+    auto const there = Morva::FileSystem::inForce().exists(path_);
     if (!there.ok())
         creation_ = there.status();
     else if (*there)
@@ -167,14 +166,14 @@ Status SnapshotFile::loadLocked() const {
         return {};
     auto file = RawFile::make();
     auto const mode = readOnly_ ? RawFile::Mode::ReadOnly : RawFile::Mode::ReadWrite;
-    Status outcome = FileCalls::open(*file, path_, mode);
+    Status outcome = file->open(path_, mode);
     if (!outcome) {
         if (!outcome.is(Status::Code::NotFound))
             MORVA_TRACE(Always) << "Failed to open snapshot file" << path_ << outcome.text();
         return outcome;
     }
     outcome = readHeader(*file);
-    file->close();
+    (void)file->close(); // removes nothing
     if (!outcome) {
         MORVA_TRACE(Always) << "Failed to read snapshot header" << outcome.text();
         now_ = {};
@@ -188,7 +187,7 @@ Status SnapshotFile::loadLocked() const {
 
 Status SnapshotFile::readHeader(RawFile& file) const {
     std::vector<std::uint8_t> bytes(wholeHeader);
-    MORVA_TRY_LET(std::uint32_t const count, FileCalls::readAt(file, 0, bytes.data(), wholeHeader));
+    MORVA_TRY_LET(std::uint32_t const count, file.readAt(0, bytes.data(), wholeHeader));
     if (count < oldHeader)
         return Status::corruption("read snapshot header", path_,
                                   QStringLiteral("the file ends within it"));
@@ -220,8 +219,9 @@ void SnapshotFile::loadLabel(std::uint8_t const* bytes, std::uint32_t count) con
 }
 
 void SnapshotFile::convertHeader() const {
+    auto const found = Morva::FileSystem::inForce().stat(path_);
     auto const changed =
-        static_cast<std::uint32_t>(QFileInfo(path_).lastModified().toSecsSinceEpoch());
+        found && *found ? static_cast<std::uint32_t>((*found)->modified) : std::uint32_t{0};
     auto& header = now_.header;
     setWord(header, atVersion, 0);
     setWide(header, atDeleteOffset, oldHeader);
@@ -234,7 +234,7 @@ Status SnapshotFile::convert(RawFile& file) const {
     // The header of the old layout ends where the entries begin, so it is written whole.
     std::array<std::uint8_t, oldHeader> image{};
     std::memcpy(image.data(), now_.header.data(), headerSize);
-    Status outcome = FileCalls::writeAt(file, 0, image.data(), oldHeader);
+    Status outcome = file.writeAt(0, image.data(), oldHeader);
     if (!outcome)
         MORVA_TRACE(Always) << "Failed to write snapshot header" << outcome.text();
     return outcome;
@@ -254,14 +254,14 @@ void SnapshotFile::alignDedupState() const {
 
 Status SnapshotFile::makeFile() {
     auto file = RawFile::make();
-    MORVA_TRY(FileCalls::create(*file, path_, RawFile::Mode::Create));
+    MORVA_TRY(file->create(path_, RawFile::Mode::Create));
     made_ = true;
     setWord(now_.header, atVersion, 1);
     setWide(now_.header, atDeleteOffset, firstEntry);
     setWord(now_.header, atGeneration, 1);
     std::array<std::uint8_t, firstEntry> image{};
     std::memcpy(image.data(), now_.header.data(), headerSize);
-    Status outcome = FileCalls::writeAt(*file, 0, image.data(), firstEntry);
+    Status outcome = file->writeAt(0, image.data(), firstEntry);
     if (outcome) {
         loaded_ = true;
         kept_ = now_;
@@ -269,7 +269,7 @@ Status SnapshotFile::makeFile() {
         MORVA_TRACE(Always) << "Failed to initialize snapshot file" << outcome.text();
         file->deleteOnClose();
     }
-    file->close();
+    (void)file->close(); // a file that could not be made stays as damage, which is told already
     return outcome;
 }
 
@@ -591,10 +591,10 @@ Status SnapshotFile::writeImage() {
     std::memcpy(image.data() + atLabel, now_.label.constData(), label);
     std::uint32_t const count = headerSize + label;
     if (writer_)
-        return FileCalls::writeAt(*writer_, 0, image.data(), count);
+        return writer_->writeAt(0, image.data(), count);
     auto file = RawFile::make();
-    MORVA_TRY(FileCalls::open(*file, path_, RawFile::Mode::ReadWrite));
-    return FileCalls::writeAt(*file, 0, image.data(), count);
+    MORVA_TRY(file->open(path_, RawFile::Mode::ReadWrite));
+    return file->writeAt(0, image.data(), count);
 }
 
 } // namespace Replication

@@ -296,6 +296,7 @@ private:
     mutable Contents now_ MORVA_GUARDED_BY(lock_);
     mutable Contents kept_ MORVA_GUARDED_BY(lock_); ///< as in the file
     Morva::BufferedFile reader_ MORVA_GUARDED_BY(lock_);
+    bool readFailed_ MORVA_GUARDED_BY(lock_) = false; ///< the last `readEntry`
     std::unique_ptr<Morva::RawFile> writer_ MORVA_GUARDED_BY(lock_);
     std::uint64_t appendOffset_ MORVA_GUARDED_BY(lock_) = 0;
 };

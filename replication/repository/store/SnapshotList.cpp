@@ -1,11 +1,11 @@
 #include "replication/repository/store/SnapshotList.h"
 
 #include "base/blocks/Failures.h"
+#include "base/files/RawFile.h"
 #include "base/trace/Trace.h"
 #include "base/trees/PagedQueue.h"
 #include "replication/repository/store/Directories.h"
 #include "replication/repository/store/Event.h"
-#include "replication/repository/store/FileCalls.h"
 #include "replication/repository/store/RetireList.h"
 #include "replication/repository/store/SnapshotListState.h"
 #include "replication/repository/store/Store.h"
@@ -43,7 +43,8 @@ struct Found {
 
 Result<Found> scan(QString const& path, Instance highest) {
     Found result;
-    MORVA_TRY_LET(QStringList const names, FileCalls::files(path));
+    MORVA_TRY_LET(QStringList const names,
+                  Morva::FileSystem::inForce().names(path, Morva::FileSystem::Kind::File));
     for (QString const& name : names) {
         Instance const snapshot = SnapshotFile::fromFileName(name);
         Instance const dedup = dedupInstance(name);
@@ -174,9 +175,6 @@ std::shared_ptr<SnapshotFile> SnapshotList::Private::findOlder(Instance instance
 
 Status SnapshotList::Private::loadRequests() {
     Status const outcome = requests.read(path);
-    for (auto const& [key, reason] : SnapshotRequests::Reasons(requests.all()))
-        if (key.kind == SnapshotRequests::Kind::Retire && !find(key.instance))
-            requests.forget(key); // done, and the file was not told
     if (outcome)
         return {};
     // An unreadable file must not be replaced: the next opening can read it.
@@ -192,37 +190,26 @@ Status SnapshotList::Private::loadRequests() {
     return {};
 }
 
-Result<std::set<DedupRequest>> SnapshotList::Private::queuedRequests() const {
-    std::set<DedupRequest> queued;
-    Status read = store.streams().dedupQueue().forEach([&](Morva::Extent const& bytes) {
+void SnapshotList::Private::queueAgain(std::vector<Instance> const& dedupFiles) {
+    std::set<std::pair<std::uint32_t, Instance>> queued;
+    Status const read = store.streams().dedupQueue().forEach([&](Morva::Extent const& bytes) {
         DedupRequest request;
         if (request.decode(bytes) && request.store == store.id())
-            queued.insert(request);
+            queued.emplace(request.type, request.instance());
         return true;
     });
-    // A request that is damaged is one that waits no more.
-    if (!read && !read.is(Status::Code::Corruption))
-        return read;
-    return queued;
-}
-
-void SnapshotList::Private::queueAgain(std::vector<Instance> const& dedupFiles) {
-    auto const queued = queuedRequests();
-    if (!queued) {
-        MORVA_TRACE(Always) << "Failed to look into the dedup queue" << queued.status().text();
+    if (!read) {
+        MORVA_TRACE(Always) << "Failed to look into the dedup queue" << read.text();
         return;
     }
-    auto const waits = [&](DedupRequest::Type type, Instance instance) {
-        return queued->contains({type, store.id(), instance.value});
-    };
     for (Instance const instance : dedupFiles)
-        if (!waits(DedupRequest::DedupSnapshot, instance) &&
+        if (!queued.contains({DedupRequest::DedupSnapshot, instance}) &&
             !DedupRequests::dedupSnapshot(store.streams(), store.id(), instance))
             MORVA_TRACE(Always) << "Failed to ask for deduplication of snapshot" << instance;
     for (auto const& [key, reason] : SnapshotRequests::Reasons(requests.all())) {
         auto const file = findOlder(key.instance);
         if (key.kind != SnapshotRequests::Kind::Retire || !file ||
-            waits(DedupRequest::DeleteSnapshot, key.instance))
+            queued.contains({DedupRequest::DeleteSnapshot, key.instance}))
             continue;
         if (!file->status() || !file->retire())
             continue;
@@ -231,23 +218,23 @@ void SnapshotList::Private::queueAgain(std::vector<Instance> const& dedupFiles) 
     }
 }
 
-Status SnapshotList::Private::requestRetirement(SnapshotFile& file) {
+Status SnapshotList::Private::requestRetirement(SnapshotFile& file, bool handOver) {
     MORVA_TRY(file.status());
     // The list of requests goes first: one that its snapshot knows nothing of is void.
     MORVA_TRY(requests.add({file.instance(), SnapshotRequests::Kind::Retire}));
-    file.setRetire();
+    handOver ? file.setRetired() : file.setRetire();
     return file.writeHeader();
 }
 
 Status SnapshotList::Private::queueDeletion(SnapshotFile& file) {
-    MORVA_TRY(requestRetirement(file));
-    // What the queue refuses is asked for again at the next snapshot and the next opening.
-    if (!DedupRequests::deleteSnapshot(store.streams(), store.id(), file.instance()))
-        return Status::failure(Status::Code::IoError, "write to the dedup queue", file.path(),
-                               QStringLiteral("the queue takes no request"));
-    file.setRetired();
-    (void)file.writeHeader(); // asked for twice, it does no harm
-    return {};
+    MORVA_TRY(requestRetirement(file, true));
+    if (DedupRequests::deleteSnapshot(store.streams(), store.id(), file.instance()))
+        return {};
+    // It is asked for again at the next snapshot and the next opening.
+    file.clearRetired();
+    (void)file.writeHeader(); // the wish stands in either case
+    return Status::failure(Status::Code::IoError, "write to the dedup queue", file.path(),
+                           QStringLiteral("the queue takes no request"));
 }
 
 // --- taking snapshots
@@ -272,7 +259,8 @@ void SnapshotList::Private::discard(SnapshotFile& file) {
     if (!file.made())
         return;
     (void)file.close(); // it may be open in neither way
-    store.unfinished().finish([name = file.path()] { return FileCalls::remove(name).ok(); });
+    store.unfinished().finish(
+        [name = file.path()] { return Morva::FileSystem::inForce().removeIfThere(name); });
 }
 
 Status SnapshotList::Private::advance(Instance old, SnapshotFile const& file) {

@@ -1,7 +1,7 @@
 #include "replication/repository/store/SnapshotRequests.h"
 
+#include "base/files/RawFile.h"
 #include "base/values/LittleEndian.h"
-#include "replication/repository/store/FileCalls.h"
 
 #include <optional>
 #include <utility>
@@ -60,16 +60,16 @@ Status SnapshotRequests::read(QString const& directory) {
     path_ = directory + QLatin1Char('/') + fileName();
     requests_.clear();
     auto file = RawFile::make();
-    MORVA_TRY(FileCalls::open(*file, path_, RawFile::Mode::ReadOnly));
+    MORVA_TRY(file->open(path_, RawFile::Mode::ReadOnly));
     auto const damaged = [this] {
         return Status::corruption("read", path_, QStringLiteral("it is no list of requests"));
     };
-    auto const length = file->length();
+    MORVA_TRY_LET(std::uint64_t const length, file->length());
     if (length > maximumSize)
         return damaged();
     QByteArray bytes(static_cast<qsizetype>(length), Qt::Uninitialized);
     MORVA_TRY_LET(auto const got,
-                  FileCalls::readAt(*file, 0, bytes.data(), static_cast<std::uint32_t>(length)));
+                  file->readAt(0, bytes.data(), static_cast<std::uint32_t>(length)));
     auto requests = got == length ? decode(bytes) : std::nullopt;
     if (!requests)
         return damaged();
@@ -128,9 +128,8 @@ Status SnapshotRequests::write() const {
     }
     // A write that fails leaves no sound file, and then the headers tell.
     auto file = RawFile::make();
-    MORVA_TRY(FileCalls::create(*file, path_, RawFile::Mode::Create));
-    return FileCalls::writeAt(*file, 0, bytes.constData(),
-                              static_cast<std::uint32_t>(bytes.size()));
+    MORVA_TRY(file->create(path_, RawFile::Mode::Create));
+    return file->writeAt(0, bytes.constData(), static_cast<std::uint32_t>(bytes.size()));
 }
 
 } // namespace Replication

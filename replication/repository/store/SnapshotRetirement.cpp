@@ -1,9 +1,8 @@
 // What becomes of snapshots that have been taken: changes, deletion, retirement, deduplication.
 
-#include "base/blocks/Failures.h"
+#include "base/files/RawFile.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/Event.h"
-#include "replication/repository/store/FileCalls.h"
 #include "replication/repository/store/FileNode.h"
 #include "replication/repository/store/NodePointer.h"
 #include "replication/repository/store/PassiveHandles.h"
@@ -59,7 +58,7 @@ Status SnapshotList::deleteSnapshot(Instance instance) {
         return {};
     TracedLock guard(p_->lock);
     if (p_->active && p_->active->instance() == instance) {
-        MORVA_TRY(p_->requestRetirement(*p_->active));
+        MORVA_TRY(p_->requestRetirement(*p_->active, false));
         return p_->store.control().update(
             [](ControlFields& fields) { fields.deleteLastInstance(true); });
     }
@@ -69,9 +68,7 @@ Status SnapshotList::deleteSnapshot(Instance instance) {
         return {};
     }
     MORVA_TRY(file->status());
-    auto const request = DedupRequest{DedupRequest::DeleteSnapshot, p_->store.id(), instance.value};
-    MORVA_TRY_LET(auto const queued, p_->queuedRequests());
-    return file->retired() && queued.contains(request) ? Status() : p_->queueDeletion(*file);
+    return file->retired() ? Status() : p_->queueDeletion(*file);
 }
 
 Status SnapshotList::deleteValidateSnapshot() {
@@ -83,7 +80,7 @@ Status SnapshotList::deleteValidateSnapshot() {
         return {};
     bool const active = p_->active->type() == SnapshotType::Validate;
     if (active)
-        MORVA_TRY(p_->requestRetirement(*p_->active));
+        MORVA_TRY(p_->requestRetirement(*p_->active, false));
     else
         MORVA_TRY(p_->queueValidations());
     return p_->store.control().update([active](ControlFields& fields) {
@@ -214,7 +211,7 @@ Status SnapshotList::retireSnapshot(Instance instance, SafePoint const& safePoin
         return {};
     }
     Status outcome = p_->retire(near, safePoint);
-    if (!outcome && !outcome.is(Status::Code::Stopped)) {
+    if (!outcome) {
         MORVA_TRACE(Always) << "Failed to retire snapshot" << instance << outcome.text();
         p_->askAgain(*near.file, outcome);
     }
@@ -263,11 +260,9 @@ Status SnapshotList::Private::retire(Neighbours const& near, SafePoint const& sa
     MORVA_TRY(near.file->remove());
     // A dedup list of this instance stays: its streams can live on in later snapshots.
     std::erase(snapshots, near.file);
-    SnapshotRequests::Key const key{near.file->instance(), SnapshotRequests::Kind::Retire};
-    if (Status const written = requests.remove(key); !written) {
+    if (Status written = requests.remove({near.file->instance(), SnapshotRequests::Kind::Retire});
+        !written)
         MORVA_TRACE(Always) << "Failed to write the requests of snapshots" << written.text();
-        requests.forget(key);
-    }
     return {};
 }
 
@@ -349,19 +344,13 @@ Status SnapshotList::Private::freeEntry(SnapshotEntry const& entry) {
     MORVA_TRACE(Debug) << "Free instance" << entry.instance << "of" << entry.id;
     // The writer of the live tree must not end the same file meanwhile.
     TracedLock const ending(store.endings());
-    Morva::Failures::Watch const watch;
-    auto const failed = [&] {
-        return watch.any() ? Status::failure(Status::Code::IoError, "free a version", path,
-                                             QStringLiteral("it can't be read"))
-                           : Status();
-    };
-    NodeNumber node;
-    bool current = false;
-    if (!store.pointers().findInstance(entry.id, entry.instance, node, current))
-        return failed();
-    auto const handle = store.passiveHandles().get(node, MustExist::Yes);
-    MORVA_TRY(failed());
-    if (current && handle && handle->linkCount() != 0) {
+    MORVA_TRY_LET(auto const version, store.pointers().findInstance(entry.id, entry.instance));
+    if (!version)
+        return {};
+    bool const current = version->current;
+    MORVA_TRY_LET(FileNode::Pointer const handle,
+                  store.passiveHandles().get(version->node, MustExist::Yes));
+    if (current && handle && handle->names() != 0) {
         // The entry reached the disk before a crash, and the end of the version didn't.
         MORVA_TRACE(Always) << "Instance" << entry.instance << "of" << entry.id
                             << "has not ended, leave it";
@@ -369,13 +358,16 @@ Status SnapshotList::Private::freeEntry(SnapshotEntry const& entry) {
     }
     // Of a deleted file the next older version becomes the current one, and has ended too.
     FileNode::Pointer older;
-    if (current)
-        older = store.passiveHandles().get(store.pointers().getInstance(entry.id, entry.instance));
-    MORVA_TRY(failed());
-    if (!store.pointers().freeInstance(entry.id, entry.instance, node))
-        return failed();
+    if (current) {
+        MORVA_TRY_LET(NodeNumber const number,
+                      store.pointers().getInstance(entry.id, entry.instance));
+        MORVA_TRY_LET(older, store.passiveHandles().get(number));
+    }
+    MORVA_TRY_LET(NodeNumber const freed, store.pointers().freeInstance(entry.id, entry.instance));
+    if (!freed)
+        return {};
     if (older)
-        older->dropLinks();
+        older->end();
     if (handle)
         handle->releaseVersion();
     return {};
@@ -404,7 +396,7 @@ Status SnapshotList::dedupSnapshot(std::function<void()> const& checkForFreeze, 
 Status SnapshotList::Private::dedup(std::function<void()> const& checkForFreeze, Instance instance,
                                     Morva::Extent& buffer) {
     DedupFile list(path, instance);
-    MORVA_TRY_LET(bool const there, FileCalls::exists(list.name()));
+    MORVA_TRY_LET(bool const there, Morva::FileSystem::inForce().exists(list.name()));
     if (!there)
         return {};
     if (!list.openForRead())

@@ -98,7 +98,7 @@ TEST_F(Snapshots, AnEntryOfAVersionThatHasNotEndedFreesNothing) {
     ASSERT_TRUE(writeFile("kept", "1"));
     ASSERT_TRUE(writeFile("changed", "1"));
     (void)snapshot();
-    auto const located = store_->directories().locate({"kept"}, PathMode::DoNotBuildPath);
+    auto const located = value(store_->directories().locate({"kept"}, PathMode::DoNotBuildPath));
     ASSERT_TRUE(located.found);
     // As after a crash between the entry and the pages that it tells of.
     ASSERT_TRUE(list().active()->addEntry(located.key.fileId(), Instance{1}));

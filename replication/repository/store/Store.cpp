@@ -1,22 +1,20 @@
 #include "replication/repository/store/Store.h"
 
+#include "base/files/RawFile.h"
 #include "base/process/FixedPath.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/ActiveHandles.h"
 #include "replication/repository/store/Directories.h"
 #include "replication/repository/store/Event.h"
-#include "replication/repository/store/FileCalls.h"
 #include "replication/repository/store/NodeFile.h"
 #include "replication/repository/store/NodePointer.h"
 #include "replication/repository/store/PassiveHandles.h"
 #include "replication/repository/store/PathOperations.h"
 #include "replication/repository/store/RetireList.h"
+#include "replication/repository/store/SavedState.h"
 #include "replication/repository/store/SnapshotDirectories.h"
 #include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/streams/Streams.h"
-
-#include <QDir>
-#include <QFile>
 
 #include <cstring>
 
@@ -99,6 +97,7 @@ Store::Store(StoreId id)
     retired_ = std::make_unique<RetireList>(*this);
     active_ = std::make_unique<ActiveHandles>(*this);
     paths_ = std::make_unique<PathOperations>(*this);
+    saved_ = std::make_unique<SavedState>(*this, statePath_);
 }
 
 Store::~Store() {
@@ -116,8 +115,7 @@ Status Store::outcome(bool good, char const* operation) const {
 
 Status Store::createFiles(StoreIdentity const& identity, bool caseSensitive) {
     MORVA_METHOD("create");
-    if (!QDir().mkpath(storePath_))
-        return Status::fromErrno(errno, "make", storePath_);
+    MORVA_TRY(Morva::FileSystem::inForce().makeDirectory(storePath_));
     Status made = makeFiles(caseSensitive, identity);
     if (made) {
         valid_ = true;
@@ -134,18 +132,17 @@ Status Store::makeFiles(bool caseSensitive, StoreIdentity const& identity) {
     name_ = identity.name;
     Configuration const& values = shared().configuration;
     QString const files = storePath_ + QStringLiteral("/files");
-    MORVA_TRY(outcome(nodes_->create(files, values.fileNodeGrowSize,
-                                     values.fileNodeRandomAccess ? RawFile::Mode::Random
-                                                                 : RawFile::Mode::ReadWrite),
-                      "make \"files\" of"));
+    MORVA_TRY(nodes_->create(files, values.fileNodeGrowSize,
+                             values.fileNodeRandomAccess ? RawFile::Mode::Random
+                                                         : RawFile::Mode::ReadWrite));
     open_ = true;
-    if (!pointers_->create(files + QStringLiteral(".ptrs"))) {
+    if (Status made = pointers_->create(files + QStringLiteral(".ptrs")); !made) {
         MORVA_TRACE(Always) << "Failed to create node pointer file";
-        return outcome(false, "make \"files.ptrs.blocks\" of");
+        return made;
     }
-    if (!directories_->create(files + QStringLiteral(".tree"))) {
+    if (Status made = directories_->create(files + QStringLiteral(".tree")); !made) {
         MORVA_TRACE(Always) << "Failed to initialize directory bplustree";
-        return outcome(false, "make \"files.tree\" of");
+        return made;
     }
     MORVA_TRY(control_->update([&](ControlFields& fields) {
         fields.version(ControlFields::currentVersion);
@@ -170,13 +167,17 @@ Status Store::makeFiles(bool caseSensitive, StoreIdentity const& identity) {
 void Store::removeMade() {
     (void)close(); // of no use to anybody
     for (auto const& directory : {snapshotPath_, storePath_}) {
-        auto const names = FileCalls::files(directory);
+        auto const names =
+            Morva::FileSystem::inForce().names(directory, Morva::FileSystem::Kind::File);
         if (!names.ok())
             continue;
         for (QString const& name : *names)
-            if (Status const gone = FileCalls::remove(directory + u'/' + name); !gone)
+            if (Status const gone =
+                    Morva::FileSystem::inForce().removeIfThere(directory + u'/' + name);
+                !gone)
                 MORVA_TRACE(Always) << "Failed to take back" << gone.text();
-        QDir().rmdir(directory);
+        if (Status const gone = Morva::FileSystem::inForce().removeDirectory(directory); !gone)
+            MORVA_TRACE(Always) << "Failed to take back" << gone.text();
     }
 }
 
@@ -202,8 +203,7 @@ Status Store::createRoot() {
     info.placeHolder = true;
     info.sourceMachine = sourceMachine_;
     info.name = name_;
-    return outcome(active_->create(key, {}, LiveMode::Clear, 0, std::move(info)) != nullptr,
-                   "make the root of");
+    return active_->create(key, {}, LiveMode::Clear, 0, std::move(info)).status();
 }
 
 Status Store::createSnapshots() {
@@ -211,8 +211,7 @@ Status Store::createSnapshots() {
         indexSnapshots_ = dedupSnapshots_ = dedupVersions_ = false;
         return {};
     }
-    if (!QDir().mkpath(snapshotPath_))
-        return Status::fromErrno(errno, "make", snapshotPath_);
+    MORVA_TRY(Morva::FileSystem::inForce().makeDirectory(snapshotPath_));
     MORVA_TRY(snapshots_->create(snapshotPath_));
     return control_->update([](ControlFields& fields) {
         fields.directories(0); // the root doesn't count
@@ -250,7 +249,7 @@ Status Store::openControl() {
     if (!nodes_->open(files, values.fileNodeGrowSize,
                       values.fileNodeRandomAccess ? RawFile::Mode::Random
                                                   : RawFile::Mode::ReadWrite)) {
-        auto const there = FileCalls::exists(files);
+        auto const there = Morva::FileSystem::inForce().exists(files);
         if (there.ok() && !*there)
             return Status::failure(Status::Code::NotFound, "open", files);
         return outcome(false, "open \"files\" of");
@@ -284,21 +283,26 @@ Status Store::openControl() {
         if (id_)
             fields.sequence(fields.sequence() + 1);
     }));
-    return outcome(nodes_->flush(), "write \"files\" of");
+    return nodes_->flush();
 }
 
 Status Store::openTree() {
     QString const files = storePath_ + QStringLiteral("/files");
-    if (!pointers_->open(files + QStringLiteral(".ptrs"))) {
+    if (Status opened = pointers_->open(files + QStringLiteral(".ptrs")); !opened) {
         MORVA_TRACE(Always) << "Failed to open 'files' node pointer file";
-        return outcome(false, "open \"files.ptrs.blocks\" of");
+        return opened;
     }
-    if (!directories_->open(files + QStringLiteral(".tree"))) {
+    if (Status opened = directories_->open(files + QStringLiteral(".tree")); !opened) {
         MORVA_TRACE(Always) << "Failed to initialize directory tree file";
-        return outcome(false, "open \"files.tree\" of");
+        return opened;
+    }
+    // Before any node can be freed.
+    if (Status loaded = saved_->load(); !loaded) {
+        MORVA_TRACE(Always) << "Failed to read saved state" << loaded.text();
+        return loaded;
     }
     takeRoot(pointers_->rootId());
-    ActiveHandle::Pointer const root = active_->get(rootId_);
+    MORVA_TRY_LET(ActiveHandle::Pointer const root, active_->get(rootId_));
     MORVA_CHECK(root && root->fileNode(), "ptRoot");
     if (!root || !root->fileNode())
         return outcome(false, "read the root of");
@@ -312,17 +316,27 @@ Status Store::openTree() {
 // --- flushing and closing
 
 Status Store::settle() {
-    if (!unfinished_.settle())
-        return outcome(false, "end an operation that was begun in");
-    return snapshots_->writeEntries();
+    MORVA_TRY(unfinished_.settle());
+    return snapshots_ ? snapshots_->writeEntries() : Status();
 }
 
 Status Store::flush() {
     MORVA_METHOD("flush");
-    Status result = valid_ ? settle() : Status();
+    Status result;
+    if (valid_) {
+        result = settle();
+        result.update(saveState());
+    }
     result.update(outcome(streams_->flush(), "flush the pool of"));
     result.update(flushFiles());
     return result;
+}
+
+Status Store::saveState() {
+    Status saved = saved_->save();
+    if (!saved)
+        MORVA_TRACE(Always) << "Failed to save the state of store" << id_ << saved.text();
+    return saved;
 }
 
 Status Store::flushFiles() {
@@ -330,11 +344,11 @@ Status Store::flushFiles() {
         return {};
     Status result = valid_ ? settle() : Status();
     result.update(control_->write());
-    result.update(outcome(nodes_->flush(), "write \"files\" of"));
+    result.update(nodes_->flush());
     if (!valid_)
         return result;
-    result.update(outcome(pointers_->flush(), "write \"files.ptrs.blocks\" of"));
-    result.update(outcome(directories_->flush(), "write \"files.tree\" of"));
+    result.update(pointers_->flush());
+    result.update(directories_->flush());
     // Nothing depends on this list: what is lost of it stays as it is.
     (void)snapshots_->flushDedup();
     return result;
@@ -344,6 +358,8 @@ Status Store::flushForFreeze() {
     MORVA_METHOD("flushForFreeze");
     if (!open_)
         return outcome(false, "flush");
+    if (valid_)
+        MORVA_TRY(saveState());
     MORVA_TRY(flushFiles());
     return control_->update([](ControlFields& fields) { fields.openMark(false); });
 }
@@ -353,7 +369,7 @@ Status Store::markOpen() {
     if (!open_)
         return {};
     MORVA_TRY(control_->update([](ControlFields& fields) { fields.openMark(true); }));
-    return outcome(nodes_->flush(), "write \"files\" of");
+    return nodes_->flush();
 }
 
 Status Store::close() {
@@ -377,9 +393,10 @@ Status Store::close() {
     control_->print(static_cast<int>(Morva::TraceLevel::Debug));
     snapshots_->close();
     open_ = false;
-    result.update(outcome(directories_->close(), "close \"files.tree\" of"));
-    result.update(outcome(pointers_->close(), "close \"files.ptrs.blocks\" of"));
-    result.update(outcome(nodes_->close(), "close \"files\" of"));
+    result.update(saved_->close());
+    result.update(directories_->close());
+    result.update(pointers_->close());
+    result.update(nodes_->close());
     if (!result)
         MORVA_TRACE(Always) << "Failed to close store" << id_ << result.text();
     return result;

@@ -2,6 +2,7 @@
 
 #include "base/messages/XmlList.h"
 #include "base/trace/TracedLock.h"
+#include "base/values/Status.h"
 #include "replication/common/values/FileHandle.h"
 #include "replication/common/values/Ids.h"
 #include "replication/repository/store/ControlBlock.h"
@@ -37,6 +38,7 @@ class PassiveHandles;
 class PathOperations;
 class RepositoryStream;
 class RetireList;
+class SavedState;
 class SnapshotDirectories;
 class SnapshotList;
 class Streams;
@@ -101,6 +103,7 @@ public:
     [[nodiscard]] SnapshotList& snapshots() const { return *snapshots_; }
     [[nodiscard]] RetireList& retired() const { return *retired_; }
     [[nodiscard]] PathOperations& paths() const { return *paths_; }
+    [[nodiscard]] SavedState& saved() const { return *saved_; }
     [[nodiscard]] Unfinished& unfinished() { return unfinished_; }
     [[nodiscard]] Streams& streams() const { return *streams_; }
     /// Null when no metadata store is told of changes.
@@ -146,26 +149,32 @@ public:
     [[nodiscard]] QStringList const& dedupExclude() const { return dedupExclude_; }
 
     // --- file handles (see FileHandles.cpp)
-    [[nodiscard]] NodeNumber fileNode(FileId id, Instance instance) const;
-    [[nodiscard]] std::shared_ptr<FileNode> passiveHandle(FileId id, Instance instance) const;
-    [[nodiscard]] std::shared_ptr<FileNode> passiveHandle(QStringList const& path,
-                                                          Instance instance) const;
-    [[nodiscard]] std::shared_ptr<FileNode> passiveHandle(FileHandle const& handle) const;
+    [[nodiscard]] Morva::Result<NodeNumber> fileNode(FileId id, Instance instance) const;
+    // Null for what isn't there.
+    [[nodiscard]] Morva::Result<std::shared_ptr<FileNode>> passiveHandle(FileId id,
+                                                                         Instance instance) const;
+    [[nodiscard]] Morva::Result<std::shared_ptr<FileNode>> passiveHandle(QStringList const& path,
+                                                                         Instance instance) const;
+    [[nodiscard]] Morva::Result<std::shared_ptr<FileNode>>
+    passiveHandle(FileHandle const& handle) const;
     /// 0, or 22 or 18.
     [[nodiscard]] std::uint32_t mungeFh(FileHandle& handle, FileHandle const& mount) const;
-    [[nodiscard]] FileHandle fileHandle(FileId id, Instance instance, FileHandle::Kind kind) const;
-    [[nodiscard]] bool lookup(FileHandle& result, FileHandle const& directory,
-                              QString const& name) const;
+    /// Only kind `Raw` can fail.
+    [[nodiscard]] Morva::Result<FileHandle> fileHandle(FileId id, Instance instance,
+                                                       FileHandle::Kind kind) const;
+    /// Whether there is such a name.
+    [[nodiscard]] Morva::Result<bool> lookup(FileHandle& result, FileHandle const& directory,
+                                             QString const& name) const;
     [[nodiscard]] std::uint32_t lookupParent(FileHandle& result, FileHandle const& object) const;
 
     // --- versions (see Versions.cpp)
 
     /// Enters a new node in the id's chain; the old node's fate follows from who saw it: nobody,
     /// and it loses its reference, or a snapshot, and the active snapshot notes that it ended. A
-    /// file without names isn't in the chain any more: its new node goes with its handle. False,
-    /// and the new node without its reference, when no entry could be had; counted by the pool.
-    [[nodiscard]] bool updateFileId(std::uint32_t time, FileId id, FileNode& oldNode,
-                                    FileNode& newNode);
+    /// file without names isn't in the chain any more: its new node goes with its handle. When no
+    /// entry could be had the new node is left without its reference.
+    [[nodiscard]] Morva::Status updateFileId(std::uint32_t time, FileId id, FileNode& oldNode,
+                                             FileNode& newNode);
     /// Drops one link of the file that `key` names (its name has been taken out of the directory
     /// already) and, with the last one, the file. With `retire` the version goes to the metadata
     /// store. Takes the name off the counters. What the disk refuses stays in `unfinished`.
@@ -191,7 +200,8 @@ public:
     /// Ends what operations that the disk failed have left over. When it fails still, nothing may
     /// change the live tree. By the writer of the live tree.
     [[nodiscard]] Morva::Status settle();
-    /// Writes all that changed to the files and the disk. The pool goes first, since nodes point
+    /// Writes all that changed to the files and the disk. What a sink has to find again is saved,
+    /// so that it is of one state with the tree. Then the pool goes first, since nodes point
     /// to streams; then "files", the pointer file, whose entries point to nodes, and the tree,
     /// whose keys name ids. So what is on the disk never points to what isn't there. `OpenMark`
     /// stays set. The first failure of any of it; the rest has been tried all the same. The caller
@@ -251,14 +261,15 @@ private:
     [[nodiscard]] Morva::Status openFiles();
     [[nodiscard]] Morva::Status openControl();
     [[nodiscard]] Morva::Status openTree();
+    [[nodiscard]] Morva::Status saveState();
     [[nodiscard]] Morva::Status flushFiles();
-    [[nodiscard]] Morva::Status forEachNode(bool (PassiveHandles::*work)(NodeNumber),
+    [[nodiscard]] Morva::Status forEachNode(Morva::Status (PassiveHandles::*work)(NodeNumber),
                                             SafePoint const& safePoint);
     struct Figures;
     void setWaiting(Morva::XmlList& result) const;
     [[nodiscard]] Figures figures() const;
-    [[nodiscard]] bool dropLink(DirKey const& key, bool retire);
-    [[nodiscard]] bool dropLastLink(DirKey const& key, ActiveHandle& handle, bool retire);
+    [[nodiscard]] Morva::Status dropLink(DirKey const& key, bool retire);
+    [[nodiscard]] Morva::Status dropLastLink(DirKey const& key, ActiveHandle& handle, bool retire);
 
     std::atomic<bool> valid_{false};
     Morva::Status invalidity_;
@@ -277,6 +288,7 @@ private:
     std::atomic<int> referenceCount_{0};
 
     std::shared_ptr<Streams> streams_;
+    std::unique_ptr<SavedState> saved_; // asked by the nodes as they go
     std::unique_ptr<Event> event_;
     std::unique_ptr<NodeFile> nodes_;
     std::unique_ptr<ControlBlock> control_;

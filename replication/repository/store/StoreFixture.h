@@ -8,6 +8,7 @@
 #include "replication/repository/store/FileNode.h"
 #include "replication/repository/store/NodeFile.h"
 #include "replication/repository/store/NodePointer.h"
+#include "replication/repository/store/Outcomes.h"
 #include "replication/repository/store/PassiveHandles.h"
 #include "replication/repository/store/PathOperations.h"
 #include "replication/repository/store/RetireList.h"
@@ -107,20 +108,20 @@ protected:
     bool writeFile(QString const& path, QByteArray const& content) {
         FileContext const context = writing();
         QStringList const parts = path.split(QLatin1Char('/'));
-        auto const handle = store_->paths().createStream(context, parts, dataStreamName, {});
-        return handle && handle->streamHandle &&
-               store_->paths().truncate(context, *handle,
-                                        static_cast<std::uint64_t>(content.size()), 0) &&
-               store_->paths().write(context, *handle, 0, content.constData(),
+        auto const made = store_->paths().createStream(context, parts, dataStreamName, {});
+        return made && (*made)->streamHandle &&
+               store_->paths().truncate(context, **made, static_cast<std::uint64_t>(content.size()),
+                                        0) &&
+               store_->paths().write(context, **made, 0, content.constData(),
                                      static_cast<std::uint32_t>(content.size()));
     }
     bool removeFile(QString const& path) {
-        return store_->paths().unlink(writing(), path.split(QLatin1Char('/')));
+        return store_->paths().unlink(writing(), path.split(QLatin1Char('/'))).ok();
     }
     /// The content at an instance; nothing when there is no such file.
     [[nodiscard]] std::optional<QByteArray> contentAt(QString const& path, Instance instance) {
-        auto const node = store_->passiveHandle(path.split(QLatin1Char('/')), instance);
-        auto const stream = node ? node->openStream(dataStreamName) : nullptr;
+        auto const node = value(store_->passiveHandle(path.split(QLatin1Char('/')), instance));
+        auto const stream = node ? value(node->openStream(dataStreamName)) : nullptr;
         if (!stream)
             return {};
         QByteArray result(static_cast<qsizetype>(stream->length()), Qt::Uninitialized);

@@ -43,7 +43,7 @@ TEST_F(StoreStatistics, ThreeFormsTellTheSameFiguresInTheirOrder) {
     ASSERT_GT(store_->nodes().freeBlocks(), 0u);
     for (char const* label : {"first", "second"})
         (void)snapshot(label); // instances 2 and 3; the Initial one is listed nowhere
-    auto const held = store_->passiveHandle({"d", "a"}, Instance{2});
+    auto const held = value(store_->passiveHandle({"d", "a"}, Instance{2}));
 
     XmlList binary;
     store_->statistics(binary);
@@ -95,7 +95,7 @@ TEST_F(StoreStatistics, ThreeFormsTellTheSameFiguresInTheirOrder) {
     EXPECT_EQ("second", own.getString(nullptr, "Label"));
     FileHandle root;
     EXPECT_TRUE(root.decode(Morva::Extent(own.getBuffer(nullptr, "Id"))));
-    EXPECT_EQ(root, store_->fileHandle(store_->rootId(), Instance{3}, FileHandle::Snapshot));
+    EXPECT_EQ(root, value(store_->fileHandle(store_->rootId(), Instance{3}, FileHandle::Snapshot)));
     store_->statistics(late, "from", "home", 1, 2); // seconds long before the snapshots
     EXPECT_TRUE(late.empty());
 }

@@ -1,9 +1,10 @@
 #include "replication/repository/store/StoreTable.h"
 
+#include "base/files/FileSystem.h"
+#include "base/files/RawFile.h"
 #include "base/trace/Trace.h"
 #include "base/trace/TracedLock.h"
 #include "replication/common/rules/ReplayStream.h"
-#include "replication/repository/store/FileCalls.h"
 #include "replication/repository/store/Store.h"
 
 #include <condition_variable>
@@ -133,11 +134,13 @@ private:
 
 Result<bool> StoreTable::exists(StoreId id) {
     QString const path = Store::directoryOf(id);
-    MORVA_TRY_LET(bool const whole, FileCalls::exists(path + QStringLiteral("/files")));
+    MORVA_TRY_LET(bool const whole,
+                  Morva::FileSystem::inForce().exists(path + QStringLiteral("/files")));
     if (whole)
         return true;
     for (QString const& directory : {path, path + QStringLiteral("/snapshot")}) {
-        auto const names = FileCalls::files(directory);
+        auto const names =
+            Morva::FileSystem::inForce().names(directory, Morva::FileSystem::Kind::File);
         if (!names.ok() && names.code() != Status::Code::NotFound)
             return names.status();
         if (names.ok() && !names->isEmpty())

@@ -1,6 +1,5 @@
 // How versions of files begin and end in a store: see Store.h.
 
-#include "base/blocks/Failures.h"
 #include "base/trace/Log.h"
 #include "base/trace/Trace.h"
 #include "replication/repository/store/ActiveHandles.h"
@@ -17,29 +16,31 @@
 
 namespace Replication {
 
-using Morva::Failures;
+using Morva::Result;
 using Morva::Status;
 using Morva::TracedLock;
 
-bool Store::updateFileId(std::uint32_t time, FileId id, FileNode& oldNode, FileNode& newNode) {
+Status Store::updateFileId(std::uint32_t time, FileId id, FileNode& oldNode, FileNode& newNode) {
     MORVA_METHOD("updateFileId");
-    if (newNode.linkCount() == 0) {
+    if (newNode.names() == 0) {
         // A file that has lost its last name while it is open: its id is no longer the business
         // of the live tree, and the copy goes with the handle.
         newNode.releaseVersion();
-        return scope.result(true);
+        return {};
     }
     Instance const current = currentInstance();
-    Instance const previous = pointers_->newInstance(id, newNode.id(), current);
-    if (!previous) {
+    Result<Instance> const entered = pointers_->newInstance(id, newNode.id(), current);
+    if (!entered || !*entered) {
         MORVA_TRACE(Always) << "Failed to enter a new version of" << id;
-        streams_->nodeTree().failed();
         newNode.releaseVersion();
-        return scope.result(false);
+        return !entered ? entered.status()
+                        : Status::corruption("enter version", storePath_,
+                                             QStringLiteral("file %1 isn't there").arg(id.value));
     }
+    Instance const previous = *entered;
     if (!id_) {
         oldNode.releaseVersion();
-        return scope.result(true);
+        return {};
     }
     if (!newNode.liveOnly() && indexSnapshots_ && event_ && newNode.notLinked() &&
         !event_->changed(id, LinkId{1}, {}, {}, time))
@@ -51,7 +52,7 @@ bool Store::updateFileId(std::uint32_t time, FileId id, FileNode& oldNode, FileN
     } else {
         oldNode.releaseVersion();
     }
-    return scope.result(true);
+    return {};
 }
 
 void Store::removeFileId(DirKey const& key, bool retire) {
@@ -61,51 +62,43 @@ void Store::removeFileId(DirKey const& key, bool retire) {
     unfinished_.finish([this, key, retire] { return dropLink(key, retire); });
 }
 
-bool Store::dropLink(DirKey const& key, bool retire) {
-    Failures::Watch const watch;
-    auto const handle = active_->get(key.fileId());
+Status Store::dropLink(DirKey const& key, bool retire) {
+    MORVA_TRY_LET(auto const handle, active_->get(key.fileId()));
     if (!handle || !handle->fileNode()) {
-        if (watch.any())
-            return false;
         MORVA_TRACE(Always) << "Failed to find the file of" << key.fileId();
-        return true;
+        return {};
     }
-    std::uint32_t const before = handle->linkCount();
-    if (before == 0)
-        return true;
-    std::uint32_t const left = handle->removeLink(key.link());
-    if (left == before)
-        return false;
+    if (handle->linkCount() == 0)
+        return {};
+    MORVA_TRY_LET(std::uint32_t const left, handle->removeLink(key.link()));
     if (left == 0)
         unfinished_.finish([=, this] { return dropLastLink(key, *handle, retire); });
-    return true;
+    return {};
 }
 
-bool Store::dropLastLink(DirKey const& key, ActiveHandle& handle, bool retire) {
-    Failures::Watch const watch;
+Status Store::dropLastLink(DirKey const& key, ActiveHandle& handle, bool retire) {
     FileNode& node = *handle.fileNode();
     FileId const id = key.fileId();
     Instance const current = currentInstance();
     // A retirement must not look at the file between its end and the word of it.
     TracedLock const ending(endings_);
     Instance lastInstance;
-    NodeNumber freed;
     // A version that becomes the current one again by that has ended too, and is to say so.
     FileNode::Pointer older;
-    Instance const newest = pointers_->currentInstance(id);
-    if (newest && (newest == current || node.liveOnly()))
-        older = passive_->get(pointers_->getInstance(id, newest));
-    if (watch.any())
-        return false;
-    bool const fresh = pointers_->freeInstance(id, current, lastInstance);
+    MORVA_TRY_LET(Instance const newest, pointers_->currentInstance(id));
+    if (newest && (newest == current || node.liveOnly())) {
+        MORVA_TRY_LET(NodeNumber const number, pointers_->getInstance(id, newest));
+        MORVA_TRY_LET(older, passive_->get(number));
+    }
+    MORVA_TRY_LET(bool unseen, pointers_->freeInstance(id, current, lastInstance));
     // A live-only version is in no snapshot, in whatever instance it was made.
-    bool const unseen =
-        fresh || (node.liveOnly() && pointers_->freeInstance(id, lastInstance, freed));
-    if (watch.any())
-        return false;
+    if (!unseen && node.liveOnly()) {
+        MORVA_TRY_LET(NodeNumber const freed, pointers_->freeInstance(id, lastInstance));
+        unseen = static_cast<bool>(freed);
+    }
     if (unseen) {
         if (older)
-            older->dropLinks();
+            older->end();
         node.releaseVersion();
     } else if (!node.liveOnly()) {
         MORVA_TRACE(Verbose) << "Delete FileId" << id << "in instance" << current
@@ -119,16 +112,12 @@ bool Store::dropLastLink(DirKey const& key, ActiveHandle& handle, bool retire) {
         MORVA_TRACE(Always) << "Failed to send delete event";
     if (retire && !node.isDirectory())
         retired_->retiredVersion(handle.version(), handle.fileNode(), false);
-    return true;
+    return {};
 }
 
 Status Store::releaseFileNode(NodeNumber node, bool version) {
     MORVA_METHOD("releaseFileNode");
-    Failures::Watch const watch;
-    FileNode::Pointer const handle = passive_->get(node, MustExist::Yes);
-    if (watch.any())
-        return Status::failure(Status::Code::IoError, "release a version of", storePath_,
-                               QStringLiteral("node %1 can't be read").arg(node.value));
+    MORVA_TRY_LET(FileNode::Pointer const handle, passive_->get(node, MustExist::Yes));
     if (!handle) {
         Morva::LogLine(QStringLiteral("Repository"), Morva::LogLevelE::Error)
             << "Request to release a version that no longer exists";
@@ -144,11 +133,7 @@ Status Store::releaseFileNode(NodeNumber node, bool version) {
 Status Store::dedupVersion(std::function<void()> const& checkForFreeze, NodeNumber node,
                            Morva::Extent& buffer) {
     MORVA_METHOD("dedupVersion");
-    Failures::Watch const watch;
-    FileNode::Pointer const handle = passive_->get(node);
-    if (watch.any())
-        return Status::failure(Status::Code::IoError, "deduplicate a version of", storePath_,
-                               QStringLiteral("node %1 can't be read").arg(node.value));
+    MORVA_TRY_LET(FileNode::Pointer const handle, passive_->get(node));
     if (!handle)
         return {};
     DedupStatistics statistics;

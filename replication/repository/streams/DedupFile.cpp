@@ -3,8 +3,6 @@
 #include "base/trace/Trace.h"
 #include "base/values/LittleEndian.h"
 
-#include <QFile>
-
 #include <array>
 #include <cerrno>
 
@@ -41,14 +39,16 @@ bool DedupFile::openForAppend() {
     close();
     appender_ = RawFile::make();
     // A list that is there and can't be opened now must not be made anew.
-    if (!appender_->open(name(), RawFile::Mode::ReadWrite) &&
-        (appender_->lastError() != ENOENT ||
-         !appender_->create(name(), RawFile::Mode::ReadWrite))) {
+    auto opened = appender_->open(name(), RawFile::Mode::ReadWrite);
+    if (opened.is(Morva::Status::Code::NotFound))
+        opened = appender_->create(name(), RawFile::Mode::ReadWrite);
+    auto const length = opened ? appender_->length() : std::uint64_t{0};
+    if (!opened || !length) {
         MORVA_TRACE(Always) << "Failed to create file" << name();
         appender_.reset();
         return false;
     }
-    position_ = appender_->length() / entrySize * entrySize;
+    position_ = *length / entrySize * entrySize;
     return true;
 }
 
@@ -64,7 +64,7 @@ bool DedupFile::flush() {
     auto const size = static_cast<std::uint32_t>(gathered_.size());
     if (size == 0)
         return true;
-    if (!appender_ || appender_->writeAt(position_, gathered_.data(), size) != size) {
+    if (!appender_ || !appender_->writeAt(position_, gathered_.data(), size)) {
         MORVA_TRACE(Always) << "Failed to write" << name();
         return false;
     }
@@ -78,7 +78,7 @@ bool DedupFile::empty() {
         return false;
     position_ = 0;
     gathered_.clear();
-    return appender_->setLength(0);
+    return appender_->setLength(0).ok();
 }
 
 bool DedupFile::rename(Instance instance) {
@@ -87,9 +87,11 @@ bool DedupFile::rename(Instance instance) {
     close();
     QString const closed = nameOf(directory_, instance);
     // A list of the same instance can only be left from a snapshot that was never made.
-    if (QFile::exists(closed))
-        (void)RawFile::remove(closed);
-    bool const renamed = !QFile::exists(name()) || RawFile::rename(name(), closed);
+    auto& files = Morva::FileSystem::inForce();
+    auto status = files.removeIfThere(closed);
+    if (status)
+        status = files.rename(name(), closed);
+    bool const renamed = status || status.is(Morva::Status::Code::NotFound); // no list, no name
     if (!renamed)
         MORVA_TRACE(Always) << "Failed to rename" << name() << "to" << closed;
     return openForAppend() && renamed;
@@ -110,12 +112,13 @@ bool DedupFile::openForRead() {
 
 bool DedupFile::read(StreamId& id) {
     std::array<std::uint8_t, entrySize> bytes;
-    if (!reader_ || reader_->read(bytes.data(), entrySize) != entrySize) {
-        // What can't be read stays without deduplication, and nothing else.
-        if (reader_ && reader_->position() % entrySize == 0 && reader_->failed())
-            MORVA_TRACE(Always) << "Failed to read" << name() << reader_->lastError();
+    if (!reader_)
         return false;
-    }
+    auto const count = reader_->read(bytes.data(), entrySize);
+    if (!count) // What can't be read stays without deduplication, and nothing else.
+        MORVA_TRACE(Always) << "Failed to read" << name() << reader_->lastError();
+    if (!count || *count != entrySize)
+        return false;
     id.value = Morva::loadLittle<std::uint64_t>(bytes.data());
     position_ += entrySize;
     return true;
@@ -133,7 +136,7 @@ void DedupFile::close() {
     reader_.reset();
     if (appender_) {
         (void)flush();
-        appender_->close();
+        (void)appender_->close(); // removes nothing
     }
     gathered_.clear();
     appender_.reset();
@@ -142,7 +145,7 @@ void DedupFile::close() {
 
 bool DedupFile::remove() {
     close();
-    return !QFile::exists(name()) || RawFile::remove(name());
+    return Morva::FileSystem::inForce().removeIfThere(name()).ok();
 }
 
 } // namespace Replication

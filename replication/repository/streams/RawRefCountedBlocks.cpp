@@ -4,8 +4,6 @@
 #include "base/values/LittleEndian.h"
 #include "replication/repository/streams/ThreadFiles.h"
 
-#include <QFile>
-
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -119,11 +117,12 @@ bool RawRefCountedBlocks::open(QString const& path, std::uint64_t growSize, bool
 
 bool RawRefCountedBlocks::unfinished(QString const& path) {
     std::unique_ptr<RawFile> file = RawFile::make();
-    if (!file->open(path + ".blocks", RawFile::Mode::ReadOnly))
-        return !QFile::exists(path + ".blocks");
+    if (auto const opened = file->open(path + ".blocks", RawFile::Mode::ReadOnly); !opened)
+        return opened.is(Morva::Status::Code::NotFound);
     std::array<std::uint8_t, controlSize> bytes{};
-    return file->readAt(0, bytes.data(), controlSize) != controlSize ||
-           std::ranges::all_of(bytes, [](std::uint8_t byte) { return byte == 0; });
+    auto const count = file->readAt(0, bytes.data(), controlSize);
+    return count && (*count < controlSize ||
+                     std::ranges::all_of(bytes, [](std::uint8_t byte) { return byte == 0; }));
 }
 
 bool RawRefCountedBlocks::close() {
@@ -138,7 +137,7 @@ void RawRefCountedBlocks::closeAll() {
     (void)freeList_.close(); // `close` has told, or nothing was written
     (void)counts_.close();   // as above
     if (file_)
-        file_->close();
+        (void)file_->close(); // removes nothing
     file_.reset();
     if (identity_)
         ThreadFiles::own().remove(identity_);
@@ -154,7 +153,7 @@ void RawRefCountedBlocks::growStep(std::uint64_t growSize) {
 
 bool RawRefCountedBlocks::readControl(RawFile& file, Control& control) {
     std::array<std::uint8_t, controlSize> bytes{};
-    if (file.readAt(0, bytes.data(), controlSize) != controlSize) {
+    if (!file.readWhole(0, bytes.data(), controlSize)) {
         MORVA_TRACE(Always) << "Failed to read enough data at begining of file" << file.name();
         return false;
     }
@@ -183,7 +182,7 @@ bool RawRefCountedBlocks::flushControl() {
         MORVA_TRACE(Always) << "Failed to position to begining of file" << name_;
         return false;
     }
-    if (file_->write(bytes.data(), controlSize) != controlSize) {
+    if (!file_->write(bytes.data(), controlSize)) {
         MORVA_TRACE(Always) << "Failed to write control block" << name_;
         return false;
     }
@@ -206,10 +205,10 @@ RawFile* RawRefCountedBlocks::ownFile(RawFile::Mode mode) {
     if (RawFile* file = files.find(identity_)) [[likely]]
         return file;
     TracedLock lock(lock_);
-    std::unique_ptr<RawFile> file = file_->threadFile(mode);
+    auto file = file_->threadFile(mode);
     if (!file)
         MORVA_TRACE(Always) << "Failed to open file" << name_ << file_->lastError();
-    return file ? files.add(identity_, std::move(file)) : nullptr;
+    return file ? files.add(identity_, *std::move(file)) : nullptr;
 }
 
 bool RawRefCountedBlocks::inFile(std::uint64_t first, std::uint64_t count) const {
@@ -229,7 +228,7 @@ RawFile* RawRefCountedBlocks::fileOf(std::uint64_t first, std::uint64_t blocks,
 bool RawRefCountedBlocks::readRun(std::uint64_t first, std::uint64_t blocks, void* buffer,
                                   std::uint32_t offset, std::uint32_t count) {
     RawFile* file = fileOf(first, blocks, "Failed to position for read");
-    if (file && file->readAt(first * blockSize_ + offset, buffer, count) == count)
+    if (file && file->readWhole(first * blockSize_ + offset, buffer, count))
         return true;
     if (file)
         MORVA_TRACE(Always) << "Failed to read data" << name_ << first << count;
@@ -239,7 +238,7 @@ bool RawRefCountedBlocks::readRun(std::uint64_t first, std::uint64_t blocks, voi
 bool RawRefCountedBlocks::writeRun(std::uint64_t first, std::uint64_t blocks, void const* buffer,
                                    std::uint32_t offset, std::uint32_t count) {
     RawFile* file = fileOf(first, blocks, "Failed to position for write");
-    if (file && file->writeAt(first * blockSize_ + offset, buffer, count) == count)
+    if (file && file->writeAt(first * blockSize_ + offset, buffer, count))
         return true;
     if (file)
         MORVA_TRACE(Always) << "Failed to write data" << name_ << first << count;
@@ -319,7 +318,8 @@ bool RawRefCountedBlocks::extend(std::uint64_t first) {
         step = std::min(std::max<std::uint64_t>(step, 1), mask_ - first + 1);
         // Never shorter: a damaged control block would cut off what others use.
         std::uint64_t const wanted = (first + step) * blockSize_;
-        if (file_->length() < wanted && !file_->setLength(wanted))
+        auto const length = file_->length();
+        if (!length || (*length < wanted && !file_->setLength(wanted)))
             continue;
         nextBlock_ = first + step;
         if (!flushControl()) {

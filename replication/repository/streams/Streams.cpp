@@ -10,9 +10,6 @@
 #include "replication/repository/streams/RefCountedBlocks.h"
 #include "replication/repository/streams/StreamHandle.h"
 
-#include <QDir>
-#include <QFile>
-
 namespace Replication {
 
 using Morva::Blocks;
@@ -63,7 +60,8 @@ Streams::Streams(QString const& streamsDirectory, QString const& dataDirectory,
 
 bool Streams::start(QString const& streamsDirectory, QString const& dataDirectory) {
     MORVA_METHOD("start");
-    if (!QDir().mkpath(streamsDirectory) || !QDir().mkpath(dataDirectory)) {
+    auto& files = Morva::FileSystem::inForce();
+    if (!files.makeDirectory(streamsDirectory) || !files.makeDirectory(dataDirectory)) {
         MORVA_TRACE(Always) << "Failed to create directory" << streamsDirectory << dataDirectory;
         return scope.result(false);
     }
@@ -123,8 +121,12 @@ bool Streams::openFiles(QString const& streamsDirectory, QString const& dataPath
 bool Streams::createFiles(QString const& streamsDirectory, QString const& dataPath) {
     QString const nodesPath = streamsDirectory + "/nodes";
     RawFile::Mode const nodeMode = modeOf(configuration_.nodeRandomAccess);
-    if (QFile::exists(nodesPath) &&
-        nodes_->open(nodesPath, configuration_.nodeGrowSize, nodeMode)) {
+    auto const exists = Morva::FileSystem::inForce().exists(nodesPath);
+    if (!exists.ok()) {
+        MORVA_TRACE(Always) << "Failed to open stream node files";
+        return false;
+    }
+    if (*exists && nodes_->open(nodesPath, configuration_.nodeGrowSize, nodeMode)) {
         bool const used = nodes_->blockCount() > Blocks::firstBlock() + 1;
         (void)nodes_->close(); // it was only looked at
         if (used) {
@@ -286,8 +288,8 @@ void Streams::releaseHandle(StreamHandle& handle) {
         if (waitingForHandle_ != 0)
             handleGone_.notify_all();
         TracedLock nodes(nodesLock_);
-        deferred = unused && stopping_;
-        if (deferred)
+        deferred = unused && (stopping_ || savedStreams_.contains(handle.id_));
+        if (deferred && stopping_)
             deferredDeletes_.push_back(handle.id_);
         // Within both locks, so that nobody gets a new handle on a node that is going.
         if (unused && !deferred && node.record().depth() == 0) {
@@ -353,6 +355,19 @@ void Streams::saveStream(StreamId id) {
     savedStreams_.insert(id);
 }
 
+bool Streams::isSaved(StreamId id) const {
+    TracedLock lock(nodesLock_);
+    return savedStreams_.contains(id);
+}
+
+void Streams::forgetStream(StreamId id) {
+    {
+        TracedLock lock(nodesLock_);
+        savedStreams_.erase(id);
+    }
+    requestDeleteStream(id);
+}
+
 std::uint32_t Streams::snapshot() {
     TracedLock lock(nodesLock_);
     ++instance_;
@@ -389,7 +404,7 @@ bool Streams::flush(bool sync) {
             unsent.swap(deferredDeletes_);
             // The last handle asks for it as it goes, but it may never come to that.
             for (auto const& [id, handle] : open_)
-                if (handle->node_.referenceCount() == 0)
+                if (handle->node_.referenceCount() == 0 && !savedStreams_.contains(id))
                     unsent.push_back(id);
         }
     }

@@ -94,9 +94,11 @@ public:
     /// Takes one reference off a stream; what the disk refuses is done at the next flush. False
     /// when the id names no stream.
     bool dropReference(StreamId id);
-    /// Keeps a stream without references from being deleted at the end of a stopping pool: its
-    /// handle was saved and will be taken up again.
+    /// Keeps a stream without references from being deleted: its handle was saved and will be
+    /// taken up again.
     void saveStream(StreamId id);
+    /// Ends that; without references and handles it is deleted.
+    void forgetStream(StreamId id);
 
     /// Deduplicates one stream: hashes it as far as that is needed and enters it in the index.
     /// `checkForFreeze` is called while `freezing` is set, and holds the thread until that is
@@ -199,6 +201,7 @@ private:
     /// Under the dedup lock.
     void leaveKey(std::uint64_t length, Digest const& digest, char const* missing);
     void updateKey(DedupKey const& key);
+    [[nodiscard]] bool isSaved(StreamId id) const;
     [[nodiscard]] bool claimForDeletion(StreamId id, StreamNode& node);
     void endDeletion(StreamId id, StreamNode node, bool done);
 

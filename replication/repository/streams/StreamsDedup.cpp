@@ -144,7 +144,7 @@ bool Streams::requestDeleteStream(StreamId id) {
 
 bool Streams::claimForDeletion(StreamId id, StreamNode& node) {
     TracedLock open(openLock_);
-    if (open_.contains(id) || deleting_.contains(id))
+    if (open_.contains(id) || deleting_.contains(id) || isSaved(id))
         return false;
     Morva::Failures::Watch const watch;
     node = loadNode(id);
