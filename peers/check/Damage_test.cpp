@@ -110,7 +110,7 @@ protected:
             return false;
         NodeBlock const node =
             NodeBlock::readOnly(nodeFile.data() + static_cast<qint64>(field(8)) * 1024);
-        return node.type() == 1 && node.linkCount() == 1;
+        return node.type() == 1 && node.names() == 1;
     }
     /// The current node of such a file.
     static qint64 liveNode() {

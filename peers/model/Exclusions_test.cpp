@@ -188,9 +188,15 @@ private:
                         [](auto answer) { return answer != NotToBackup::eExcluded; });
     }
     ObjectPointer shown() override {
-        std::map<Object const*, ObjectPointer> done;
-        return filtered(tree_, {}, done,
-                        [](auto answer) { return answer == NotToBackup::eNothing; });
+        std::map<Object const*, ObjectPointer> done, all;
+        (void)filtered(tree_, {}, all, // for the counts alone
+                       [](auto answer) { return answer != NotToBackup::eExcluded; });
+        auto result =
+            filtered(tree_, {}, done, [](auto answer) { return answer == NotToBackup::eNothing; });
+        // A live-only name counts, though snapshots don't show it.
+        for (auto const& [object, copy] : done)
+            copy->links = all.at(object)->links;
+        return result;
     }
 
     /// What is done by an excluded name of an object is not seen by its others.
