@@ -119,6 +119,7 @@ QJsonObject replayObject(Replay::Counts const& counts, std::uint64_t position, d
             {"bytes", jsonNumber(counts.bytes)},
             {"alreadyReplicated", jsonNumber(counts.old)},
             {"failed", jsonNumber(counts.failed)},
+            {"unknownFiles", jsonNumber(counts.unknown)},
             {"sequenceNumber", jsonNumber(position)},
             {"seconds", seconds}};
 }
@@ -189,7 +190,7 @@ void replayFile(CommandLine& line, Arguments const& given) {
         throw CommandFailure(ExitCode::Failed, failure);
     Output::checkInterrupt();
     checkNumbers(counts, position);
-    if (counts.failed != 0)
+    if (counts.failed != 0 || counts.unknown != 0)
         line.code = ExitCode::SomeUnread;
 }
 

@@ -1,6 +1,5 @@
 #include "peers/morva/Replay.h"
 
-#include "base/blocks/Failures.h"
 #include "peers/morva/ExitCode.h"
 
 #include <cstring>
@@ -16,7 +15,6 @@ Replay::Replay(Root& root, Root::Source const& source, Output& output)
     : root_(root), output_(output), sink_(root.sink(source)) {}
 
 void Replay::apply(LogPointer const& log) {
-    Failures::Watch const failures;
     counts_.lastNumber = log->sequenceNumber();
     auto const outcome = sink_->takeLog(log);
     switch (outcome) {
@@ -41,13 +39,17 @@ void Replay::apply(LogPointer const& log) {
     case DataSink::Outcome::Failed:
         break;
     }
-    if (failures.any())
+    // What doesn't fit the store is one log's fault, all else the repository's.
+    auto const& why = sink_->failure();
+    if (!why.is(Status::Code::InvalidArgument) && !why.is(Status::Code::NotFound))
         throw CommandFailure(
             ExitCode::Failed,
-            QStringLiteral("the repository could not store log %1 (with -v the reason is told); it "
-                           "is as it was at its last checkpoint. Free some space, or see 'morva "
-                           "check', and repeat the command: it goes on from there")
-                .arg(log->sequenceNumber()));
+            QStringLiteral("the repository could not store log %1: %2. It is as it was at its last "
+                           "checkpoint. %3 and repeat the command: it goes on from there")
+                .arg(log->sequenceNumber())
+                .arg(why.text(), why.is(Status::Code::NoSpace)
+                                     ? QStringLiteral("Free some space")
+                                     : QStringLiteral("Run 'morva check'")));
     ++counts_.failed;
     auto const path = log->file();
     output_.unreadable({path.data(), static_cast<qsizetype>(path.size())},

@@ -3,9 +3,13 @@
 #include "replication/repository/replay/PosixReplayFixture.h"
 #include "replication/repository/replay/RepositoryExchange.h"
 #include "replication/repository/replay/RepositoryWindows.h"
+#include "replication/repository/store/Event.h"
+#include "replication/repository/store/RetireList.h"
 
 #include <QFile>
 #include <QFileInfo>
+
+#include <string>
 
 namespace Replication {
 namespace {
@@ -159,6 +163,84 @@ TEST_P(PosixState, SinkThatEndsWithoutSavingCanNotBeCommitted) {
     EXPECT_FALSE(store_->flush());
     start();
     EXPECT_TRUE(store_->flush());
+}
+
+class PosixStateRecords : public PosixReplayFixture {
+protected:
+    [[nodiscard]] QByteArray record(SavedRecords::Section section, QByteArray const& key) {
+        auto const* const body = store_->saved().records().find(section, Morva::Extent(key));
+        return body ? body->toHex() : QByteArray("none");
+    }
+};
+
+TEST_F(PosixStateRecords, HaveTheBytesOfTheirDescription) {
+    sequence_ = 0x10;
+    ASSERT_TRUE(create(5, "/etc/x"));
+    ASSERT_TRUE(open(6, "/src/d/n"));
+    time_ = 0x2000;
+    ASSERT_TRUE(named(LogType::PosixRmdir, "/src/none"));
+    ASSERT_TRUE(checkpoint());
+    using Section = SavedRecords::Section;
+    EXPECT_EQ(record(Section::Header, {}), "03000000"
+                                           "01200000"
+                                           "010101"
+                                           "00"
+                                           "00000000");
+    EXPECT_EQ(record(Section::Sink, {}), "1300000000000000"
+                                         "00000000");
+    auto const none = QByteArray(8, '\0').toHex();
+    auto const text = [](char16_t const* value) {
+        auto const bytes =
+            QByteArray(reinterpret_cast<char const*>(value),
+                       static_cast<qsizetype>(std::char_traits<char16_t>::length(value) * 2));
+        QByteArray size(4, '\0');
+        size[0] = static_cast<char>(bytes.size());
+        return (size + bytes).toHex();
+    };
+    // Number, file, link, no file, stream, its name, node, names, type, writes, state, flags, name.
+    EXPECT_EQ(record(Section::Handle, QByteArray::fromHex("05000000")),
+              "0500000000000000" + none + none + "0000000000000000" + none + "00000000" +
+                  "00000000" + none +
+                  "00000000"
+                  "00000000"
+                  "00000000" +
+                  "02000000"
+                  "00000000"
+                  "02000000"
+                  "00000000"
+                  "00000000");
+    EXPECT_EQ(record(Section::Handle, QByteArray::fromHex("06000000")),
+              "0600000000000000" + none + none + "0000000000000000" + none + "00000000" +
+                  "00000000" + none + text(u"n") + "0000" + text(u"d") + "0000" + text(u"n") +
+                  "0000" +
+                  "03000000"
+                  "00000000"
+                  "02000000"
+                  "00000040"
+                  "00000000");
+    EXPECT_EQ(record(Section::ResyncPath, QByteArray::fromHex("64002f006e00")), "");
+}
+
+TEST_F(PosixStateRecords, VersionsThatWaitForRetirementAreSentOnceBeyondTheStop) {
+    ASSERT_TRUE(create(1, "/src/a"));
+    ASSERT_TRUE(write(1, 0, "a"));
+    ASSERT_TRUE(close(1));
+    ASSERT_TRUE(create(2, "/src/b"));
+    EXPECT_EQ(store_->retired().size(), 1U);
+    restart(End::Stop);
+    EXPECT_EQ(channel_->count(EventRecord::VersionEnded), 0U);
+    EXPECT_EQ(store_->retired().size(), 1U);
+    // The one that was open is versioned as before, too.
+    ASSERT_TRUE(write(2, 0, "b"));
+    ASSERT_TRUE(close(2));
+    EXPECT_EQ(store_->retired().size(), 2U);
+    time_ += 10;
+    ASSERT_TRUE(named(LogType::PosixRmdir, "/src/none"));
+    EXPECT_EQ(channel_->count(EventRecord::VersionEnded), 2U);
+    restart(End::Stop);
+    time_ += 10;
+    ASSERT_TRUE(named(LogType::PosixRmdir, "/src/none"));
+    EXPECT_EQ(channel_->count(EventRecord::VersionEnded), 2U);
 }
 
 class WindowsState : public ReplayFixture<RepositoryWindows>,
