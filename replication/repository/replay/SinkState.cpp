@@ -51,8 +51,15 @@ Status Sink::loadState() {
         return {};
     auto taken = takeUp();
     if (failures.any())
-        return Status::failure(Status::Code::IoError, "take up saved state", store_->path());
-    return taken.is(Status::Code::Corruption) ? startAnew(taken) : taken;
+        taken = Status::failure(Status::Code::IoError, "take up saved state", store_->path());
+    if (taken.is(Status::Code::Corruption))
+        return startAnew(taken);
+    // Half of it is not to be saved: what is saved stays, for the next start.
+    if (!taken) {
+        forgetHandles();
+        saved.detach(*this, true);
+    }
+    return taken;
 }
 
 Status Sink::takeUp() {
