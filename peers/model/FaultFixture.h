@@ -345,6 +345,8 @@ public:
         } catch (CommandFailure const& failure) {
             result = failure.what();
         }
+        // First, since it holds the store.
+        replay_.reset();
         root_.reset();
         return result;
     }
