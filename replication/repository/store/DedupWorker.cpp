@@ -83,12 +83,15 @@ void DedupWorker::close() {
     if (std::exchange(returned_, true))
         return;
     for (Parked const& each : parked_)
-        if (Status const sent = streams_->dedupQueue().send(
-                Extent(each.request.encode().data(), DedupRequest::packedSize));
-            !sent)
-            // What a snapshot's file or a dedup list tells of is found again by the store.
+        // What a snapshot's file or a dedup list tells of is found again by the store in any case.
+        if (Status const sent = putBack(each.request); !sent)
             MORVA_TRACE(Always) << "Failed to put a request back into the dedup queue"
                                 << sent.text();
+}
+
+Status DedupWorker::putBack(DedupRequest const& request) {
+    auto const bytes = request.encode();
+    return streams_->dedupQueue().send(Extent(bytes.data(), DedupRequest::packedSize));
 }
 
 void DedupWorker::forgetParked() {
@@ -105,9 +108,12 @@ std::vector<DedupWorker::Parked> DedupWorker::parked() const {
 void DedupWorker::run() {
     MORVA_METHOD("DedupWorker::run");
     streams_->beginThread();
-    while (!stop_ && !streams_->stopping() && !serveQueue()) {
-        // The queue has failed: once more at the next look at the stores.
-        MORVA_TRACE(Always) << "The dedup queue has failed";
+    while (!stop_ && !streams_->stopping()) {
+        Status const served = serveQueue();
+        if (served)
+            break;
+        // Once more at the next look at the stores.
+        MORVA_TRACE(Always) << "The dedup queue has failed" << served.text();
         pollfd wait{wake_, POLLIN, 0};
         (void)::poll(&wait, 1, -1); // whatever ends it, the queue is tried again
         takeTimer();
@@ -123,43 +129,48 @@ bool DedupWorker::takeTimer() {
     return expired;
 }
 
-/// Serves the queue until a stop; false when it fails.
-bool DedupWorker::serveQueue() {
+Status DedupWorker::serveQueue() {
     PagedQueue& queue = streams_->dedupQueue();
-    if (!queue.receiver(wake_))
-        return false;
+    MORVA_TRY(queue.receiver(wake_));
     Extent entry;
     while (!stop_) {
-        Status const received = queue.receivePolled(entry);
+        Status received = queue.receivePolled(entry);
         if (received.is(Status::Code::Corruption))
             continue; // traced; what is behind the damaged requests is received next
-        if (received.is(Status::Code::Stopped) && !stop_) {
+        if (received.is(Status::Code::Stopped)) {
             // Nothing to read: it was not the timer, so the queue itself was stopped.
-            if (!takeTimer())
-                return true;
+            if (stop_ || !takeTimer())
+                return {};
             continue;
         }
-        if (received.is(Status::Code::Stopped))
-            return true;
-        if (!received)
-            return false;
-        if (Status const outcome = work(entry, {}); !outcome)
-            return outcome.is(Status::Code::Stopped);
+        MORVA_TRY(std::move(received));
+        if (Status worked = work(entry, {}); !worked)
+            return worked.is(Status::Code::Stopped) ? Status() : worked;
     }
-    return true;
+    return {};
 }
 
 Status DedupWorker::drain(SafePoint const& safePoint) {
     bool const wasRunning = running();
     stop();
     forgetParked();
+    // What a safe point fails with ends the work at hand, and that is no failure of the work.
+    Status ended;
+    SafePoint const point = [&] {
+        if (safePoint)
+            ended = safePoint();
+        return ended ? Status()
+                     : Status::failure(Status::Code::Stopped, "work off", QStringLiteral("dedup"));
+    };
     Status outcome;
     bool const good = drainQueue(*streams_, streams_->dedupQueue(), [&](Extent const& entry) {
-        outcome = work(entry, safePoint);
-        if (outcome && safePoint)
-            outcome = safePoint();
+        outcome = work(entry, point);
+        if (outcome)
+            outcome = point();
         return outcome.ok();
     });
+    if (!ended)
+        outcome = std::move(ended);
     if (!good && outcome)
         outcome =
             Status::failure(streams_->stopping() ? Status::Code::Stopped : Status::Code::IoError,

@@ -75,7 +75,9 @@ private:
     };
 
     void run();
-    [[nodiscard]] bool serveQueue();
+    /// Serves the queue until a stop, or it fails.
+    [[nodiscard]] Morva::Status serveQueue();
+    [[nodiscard]] Morva::Status putBack(DedupRequest const& request);
     /// Fails when it must stay in the queue, or the queue fails.
     [[nodiscard]] Morva::Status work(Morva::Extent const& entry, SafePoint const& safePoint);
     [[nodiscard]] Morva::Status serve(DedupRequest const& request, SafePoint const& safePoint);

@@ -175,6 +175,9 @@ std::shared_ptr<SnapshotFile> SnapshotList::Private::findOlder(Instance instance
 
 Status SnapshotList::Private::loadRequests() {
     Status const outcome = requests.read(path);
+    for (auto const& [key, reason] : SnapshotRequests::Reasons(requests.all()))
+        if (key.kind == SnapshotRequests::Kind::Retire && !find(key.instance))
+            requests.forget(key); // done, and the file was not told
     if (outcome)
         return {};
     // An unreadable file must not be replaced: the next opening can read it.
@@ -190,26 +193,37 @@ Status SnapshotList::Private::loadRequests() {
     return {};
 }
 
-void SnapshotList::Private::queueAgain(std::vector<Instance> const& dedupFiles) {
-    std::set<std::pair<std::uint32_t, Instance>> queued;
-    Status const read = store.streams().dedupQueue().forEach([&](Morva::Extent const& bytes) {
+Result<std::set<DedupRequest>> SnapshotList::Private::queuedRequests() const {
+    std::set<DedupRequest> queued;
+    Status read = store.streams().dedupQueue().forEach([&](Morva::Extent const& bytes) {
         DedupRequest request;
         if (request.decode(bytes) && request.store == store.id())
-            queued.emplace(request.type, request.instance());
+            queued.insert(request);
         return true;
     });
-    if (!read) {
-        MORVA_TRACE(Always) << "Failed to look into the dedup queue" << read.text();
+    // A request that is damaged is one that waits no more.
+    if (!read && !read.is(Status::Code::Corruption))
+        return read;
+    return queued;
+}
+
+void SnapshotList::Private::queueAgain(std::vector<Instance> const& dedupFiles) {
+    auto const queued = queuedRequests();
+    if (!queued) {
+        MORVA_TRACE(Always) << "Failed to look into the dedup queue" << queued.status().text();
         return;
     }
+    auto const waits = [&](DedupRequest::Type type, Instance instance) {
+        return queued->contains({type, store.id(), instance.value});
+    };
     for (Instance const instance : dedupFiles)
-        if (!queued.contains({DedupRequest::DedupSnapshot, instance}) &&
+        if (!waits(DedupRequest::DedupSnapshot, instance) &&
             !DedupRequests::dedupSnapshot(store.streams(), store.id(), instance))
             MORVA_TRACE(Always) << "Failed to ask for deduplication of snapshot" << instance;
     for (auto const& [key, reason] : SnapshotRequests::Reasons(requests.all())) {
         auto const file = findOlder(key.instance);
         if (key.kind != SnapshotRequests::Kind::Retire || !file ||
-            queued.contains({DedupRequest::DeleteSnapshot, key.instance}))
+            waits(DedupRequest::DeleteSnapshot, key.instance))
             continue;
         if (!file->status() || !file->retire())
             continue;
@@ -218,23 +232,23 @@ void SnapshotList::Private::queueAgain(std::vector<Instance> const& dedupFiles) 
     }
 }
 
-Status SnapshotList::Private::requestRetirement(SnapshotFile& file, bool handOver) {
+Status SnapshotList::Private::requestRetirement(SnapshotFile& file) {
     MORVA_TRY(file.status());
     // The list of requests goes first: one that its snapshot knows nothing of is void.
     MORVA_TRY(requests.add({file.instance(), SnapshotRequests::Kind::Retire}));
-    handOver ? file.setRetired() : file.setRetire();
+    file.setRetire();
     return file.writeHeader();
 }
 
 Status SnapshotList::Private::queueDeletion(SnapshotFile& file) {
-    MORVA_TRY(requestRetirement(file, true));
-    if (DedupRequests::deleteSnapshot(store.streams(), store.id(), file.instance()))
-        return {};
-    // It is asked for again at the next snapshot and the next opening.
-    file.clearRetired();
-    (void)file.writeHeader(); // the wish stands in either case
-    return Status::failure(Status::Code::IoError, "write to the dedup queue", file.path(),
-                           QStringLiteral("the queue takes no request"));
+    MORVA_TRY(requestRetirement(file));
+    // What the queue refuses is asked for again at the next snapshot and the next opening.
+    if (!DedupRequests::deleteSnapshot(store.streams(), store.id(), file.instance()))
+        return Status::failure(Status::Code::IoError, "write to the dedup queue", file.path(),
+                               QStringLiteral("the queue takes no request"));
+    file.setRetired();
+    (void)file.writeHeader(); // asked for twice, it does no harm
+    return {};
 }
 
 // --- taking snapshots

@@ -5,9 +5,11 @@
 #include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/store/Store.h"
 #include "replication/repository/streams/DedupFile.h"
+#include "replication/repository/streams/DedupRequest.h"
 
 #include <functional>
 #include <memory>
+#include <set>
 #include <vector>
 
 namespace Replication {
@@ -27,8 +29,9 @@ struct SnapshotList::Private {
     /// Under the lock: puts what is to be done, and isn't in the pool's queue, back into it.
     void queueAgain(std::vector<Instance> const& dedupFiles) MORVA_REQUIRES(lock);
     /// Under the lock: notes that a snapshot is to be retired.
-    [[nodiscard]] Morva::Status requestRetirement(SnapshotFile& file, bool handOver)
-        MORVA_REQUIRES(lock);
+    [[nodiscard]] Morva::Status requestRetirement(SnapshotFile& file) MORVA_REQUIRES(lock);
+    /// What waits in the pool's queue for this store.
+    [[nodiscard]] Morva::Result<std::set<DedupRequest>> queuedRequests() const;
     /// The same, and asks the background work for it.
     [[nodiscard]] Morva::Status queueDeletion(SnapshotFile& file) MORVA_REQUIRES(lock);
     /// Closes the current instance and opens the next. `describe` says on the new file what kind

@@ -50,6 +50,8 @@ public:
     /// Adds a request and leaves the reason of one that is there.
     [[nodiscard]] Morva::Status add(Key key);
     [[nodiscard]] Morva::Status remove(Key key);
+    /// Drops a request here alone: it is void, and the next write takes it out of the file.
+    void forget(Key key) { requests_.erase(key); }
     [[nodiscard]] bool contains(Key key) const { return requests_.contains(key); }
     [[nodiscard]] Reasons const& all() const { return requests_; }
 

@@ -58,7 +58,7 @@ Status SnapshotList::deleteSnapshot(Instance instance) {
         return {};
     TracedLock guard(p_->lock);
     if (p_->active && p_->active->instance() == instance) {
-        MORVA_TRY(p_->requestRetirement(*p_->active, false));
+        MORVA_TRY(p_->requestRetirement(*p_->active));
         return p_->store.control().update(
             [](ControlFields& fields) { fields.deleteLastInstance(true); });
     }
@@ -68,7 +68,9 @@ Status SnapshotList::deleteSnapshot(Instance instance) {
         return {};
     }
     MORVA_TRY(file->status());
-    return file->retired() ? Status() : p_->queueDeletion(*file);
+    auto const request = DedupRequest{DedupRequest::DeleteSnapshot, p_->store.id(), instance.value};
+    MORVA_TRY_LET(auto const queued, p_->queuedRequests());
+    return file->retired() && queued.contains(request) ? Status() : p_->queueDeletion(*file);
 }
 
 Status SnapshotList::deleteValidateSnapshot() {
@@ -80,7 +82,7 @@ Status SnapshotList::deleteValidateSnapshot() {
         return {};
     bool const active = p_->active->type() == SnapshotType::Validate;
     if (active)
-        MORVA_TRY(p_->requestRetirement(*p_->active, false));
+        MORVA_TRY(p_->requestRetirement(*p_->active));
     else
         MORVA_TRY(p_->queueValidations());
     return p_->store.control().update([active](ControlFields& fields) {
@@ -211,7 +213,7 @@ Status SnapshotList::retireSnapshot(Instance instance, SafePoint const& safePoin
         return {};
     }
     Status outcome = p_->retire(near, safePoint);
-    if (!outcome) {
+    if (!outcome && !outcome.is(Status::Code::Stopped)) {
         MORVA_TRACE(Always) << "Failed to retire snapshot" << instance << outcome.text();
         p_->askAgain(*near.file, outcome);
     }
@@ -260,9 +262,11 @@ Status SnapshotList::Private::retire(Neighbours const& near, SafePoint const& sa
     MORVA_TRY(near.file->remove());
     // A dedup list of this instance stays: its streams can live on in later snapshots.
     std::erase(snapshots, near.file);
-    if (Status written = requests.remove({near.file->instance(), SnapshotRequests::Kind::Retire});
-        !written)
+    SnapshotRequests::Key const key{near.file->instance(), SnapshotRequests::Kind::Retire};
+    if (Status const written = requests.remove(key); !written) {
         MORVA_TRACE(Always) << "Failed to write the requests of snapshots" << written.text();
+        requests.forget(key);
+    }
     return {};
 }
 

@@ -31,7 +31,7 @@ struct DedupRequest {
     /// False, and nothing changed, when the size isn't 24. Any type is taken.
     [[nodiscard]] bool decode(Morva::Extent const& bytes);
 
-    bool operator==(DedupRequest const&) const = default;
+    auto operator<=>(DedupRequest const&) const = default;
 };
 
 /// Requests to the deduplication of a pool, from any thread: each puts an entry into the pool's
