@@ -2,6 +2,9 @@
 //
 //   PageHit, PageMiss     pin and return a page that is in the cache, or that isn't
 //   PageWriteBack         change pages of a file four times as large as the cache, and flush
+//   ReadPage/n, WritePage/n, WritePart/n
+//                         a page, or 100 bytes of one, of a file without a journal (0), below one
+//                         whose checksums are left out (1), or as it is (2)
 //   TreeInsert/n, TreeFind/n, TreeRemove/n, TreeWalk/n
 //                         keys of 40 bytes in a tree of n, in random order
 //   QueueSendReceive      a record of 64 bytes through a queue
@@ -9,10 +12,12 @@
 //                         100,000 records of 64 bytes
 
 #include "base/blocks/Blocks.h"
+#include "base/files/Journal.h"
 #include "base/trees/BPlusTree.h"
 #include "base/trees/PagedList.h"
 #include "base/trees/PagedQueue.h"
 
+#include <QDir>
 #include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
@@ -71,6 +76,67 @@ void PageWriteBack(benchmark::State& state) {
 BENCHMARK(PageHit);
 BENCHMARK(PageMiss);
 BENCHMARK(PageWriteBack);
+
+/// A file of 16 MiB, read and written below the page cache.
+struct PagedFile {
+    static constexpr std::uint64_t pages = 4096;
+
+    explicit PagedFile(benchmark::State const& state) {
+        QString const path = directory.path() + QStringLiteral("/place");
+        bool made = QDir().mkpath(path);
+        if (state.range(0) != 0) {
+            auto opened = Journal::open(directory.path(), {path});
+            made = made && opened;
+            journal = made ? *std::move(opened) : nullptr;
+        }
+        // Side files are guarded, and have no sums themselves.
+        file = RawFile::make();
+        made = made && file->create(path + (state.range(0) == 1 ? "/pages.sums" : "/pages"),
+                                    RawFile::Mode::ReadWrite);
+        std::vector<std::uint8_t> const bytes(pages * pageSize, 7);
+        made = made && file->writeAt(0, bytes.data(), pages * pageSize) &&
+               (!journal || journal->checkpoint());
+        if (!made)
+            std::abort();
+    }
+
+    static constexpr std::uint32_t pageSize = 4096;
+    QTemporaryDir directory;
+    std::unique_ptr<Journal> journal;
+    std::unique_ptr<RawFile> file;
+};
+
+template <class Call> void eachPage(benchmark::State& state, Call call) {
+    PagedFile paged(state);
+    std::vector<std::uint8_t> bytes(PagedFile::pageSize, 9);
+    std::uint64_t page = 0;
+    bool good = true;
+    for (auto _ : state) {
+        page = (page + 1567) % PagedFile::pages;
+        good = call(*paged.file, page * PagedFile::pageSize, bytes.data()) && good;
+    }
+    if (!good)
+        state.SkipWithError("the file failed");
+    state.SetItemsProcessed(state.iterations());
+}
+void ReadPage(benchmark::State& state) {
+    eachPage(state, [](RawFile& file, std::uint64_t offset, std::uint8_t* bytes) {
+        return file.readWhole(offset, bytes, PagedFile::pageSize).ok();
+    });
+}
+void WritePage(benchmark::State& state) {
+    eachPage(state, [](RawFile& file, std::uint64_t offset, std::uint8_t* bytes) {
+        return file.writeAt(offset, bytes, PagedFile::pageSize).ok();
+    });
+}
+void WritePart(benchmark::State& state) {
+    eachPage(state, [](RawFile& file, std::uint64_t offset, std::uint8_t* bytes) {
+        return file.writeAt(offset + 1000, bytes, 100).ok();
+    });
+}
+BENCHMARK(ReadPage)->DenseRange(0, 2);
+BENCHMARK(WritePage)->DenseRange(0, 2);
+BENCHMARK(WritePart)->DenseRange(0, 2);
 
 class NumberKey final : public BPlusTree::Key {
 public:

@@ -41,11 +41,14 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     require(table->size <= static_cast<std::uint64_t>(bytes.size()), "whole records");
     auto const again = JournalTable::decode(table->encode(base), base);
     require(again && again->applied == table->applied && again->hidden == table->hidden &&
-                again->sequence == table->sequence && again->files.size() == table->files.size(),
+                again->sequence == table->sequence && again->format == table->format &&
+                again->converted == table->converted && again->files.size() == table->files.size(),
             "a table comes back");
     for (std::size_t i = 0; again && i < again->files.size(); ++i)
         require(again->files[i].name == table->files[i].name &&
                     again->files[i].length == table->files[i].length &&
+                    again->files[i].id == table->files[i].id &&
+                    again->files[i].sums == table->files[i].sums &&
                     again->files[i].runs.size() == table->files[i].runs.size(),
                 "a file comes back");
     return 0;

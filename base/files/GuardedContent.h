@@ -14,6 +14,8 @@
 
 namespace Morva {
 
+class VerifiedContent;
+
 /// What one guarded file holds: the bytes that it had at the last checkpoint, which stay as they
 /// are on the disk, and what was written since. New content of pages that hold such bytes goes to
 /// slots of the journal's pages; what is written behind them goes to the file itself.
@@ -34,6 +36,11 @@ public:
 
     /// `length` is that of the last checkpoint, 0 for a file made since.
     GuardedContent(std::shared_ptr<JournalPages> pages, std::uint64_t length);
+
+    /// What verifies its pages, if anything does.
+    [[nodiscard]] std::shared_ptr<VerifiedContent> const& verified() const { return verified_; }
+    void verified(std::shared_ptr<VerifiedContent> content) { verified_ = std::move(content); }
+    [[nodiscard]] JournalPages& pages() const { return *pages_; }
 
     /// The calls of a `RawFile`, done on `file`, which is open on the file itself.
     [[nodiscard]] Result<std::uint32_t> readAt(RawFile& file, std::uint64_t offset, void* buffer,
@@ -71,6 +78,7 @@ private:
     [[nodiscard]] Status cut(RawFile& file, std::uint64_t bytes);
 
     std::shared_ptr<JournalPages> pages_;
+    std::shared_ptr<VerifiedContent> verified_;
     mutable std::shared_mutex lock_;
     std::unordered_map<std::uint64_t, std::uint64_t> slots_; ///< by page
     std::atomic<bool> written_ = false;

@@ -1,6 +1,7 @@
 #include "base/files/GuardedFile.h"
 
 #include "base/files/Journal.h"
+#include "base/files/VerifiedContent.h"
 
 namespace Morva {
 
@@ -29,7 +30,7 @@ Status GuardedFile::open(QString const& name, Mode mode) {
     position_ = 0;
     if (!journal_->isGuarded(name))
         return {};
-    auto content = journal_->contentOf(name, *file_);
+    auto content = journal_->contentOf(name);
     if (!content) {
         (void)file_->close(); // nothing was written
         return content.status();
@@ -102,10 +103,27 @@ Status GuardedFile::sync() {
 }
 
 Result<std::unique_ptr<RawFile>> GuardedFile::threadFile(Mode mode) {
+    MORVA_TRY_LET(auto other, guardedThreadFile(mode));
+    return std::unique_ptr<RawFile>(std::move(other));
+}
+
+Result<std::unique_ptr<GuardedFile>> GuardedFile::guardedThreadFile(Mode mode) {
     MORVA_TRY_LET(auto inner, file_->threadFile(mode));
     auto other = std::make_unique<GuardedFile>(*journal_, std::move(inner));
     other->content_ = content_;
-    return std::unique_ptr<RawFile>(std::move(other));
+    return other;
+}
+
+std::unique_ptr<GuardedFile> GuardedFile::another() const {
+    return journal_->makeGuarded();
+}
+
+std::shared_ptr<VerifiedContent> GuardedFile::verified() const {
+    return content_ ? content_->verified() : nullptr;
+}
+
+std::shared_mutex& GuardedFile::noting() const {
+    return content_->pages().noting();
 }
 
 bool GuardedFile::deleteOnClose() {

@@ -4,10 +4,12 @@
 #include "base/files/RawFile.h"
 
 #include <memory>
+#include <shared_mutex>
 
 namespace Morva {
 
 class Journal;
+class VerifiedContent;
 
 /// A handle on a file while a journal is in force. A file that the journal does not guard is used
 /// as it is.
@@ -37,6 +39,15 @@ public:
     [[nodiscard]] std::uint32_t lastError() const override { return file_->lastError(); }
     [[nodiscard]] QString const& name() const override { return file_->name(); }
     [[nodiscard]] bool isOpen() const override { return file_->isOpen(); }
+
+    /// What verifies the file's pages, for the layer above; null while closed, and for a file that
+    /// isn't guarded or is itself one of checksums.
+    [[nodiscard]] std::shared_ptr<VerifiedContent> verified() const;
+    /// A closed file of the same kind.
+    [[nodiscard]] std::unique_ptr<GuardedFile> another() const;
+    [[nodiscard]] Result<std::unique_ptr<GuardedFile>> guardedThreadFile(Mode mode);
+    /// Held shared while a page and its sum are written, alone by a checkpoint. Of an open file.
+    [[nodiscard]] std::shared_mutex& noting() const;
 
 private:
     Journal*

@@ -2,7 +2,11 @@
 
 #include "base/files/GuardedFile.h"
 #include "base/files/JournalTable.h"
+#include "base/files/PageSums.h"
+#include "base/files/VerifiedContent.h"
+#include "base/files/VerifiedFile.h"
 #include "base/trace/Trace.h"
+#include "base/values/RandomNumber.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -57,10 +61,10 @@ Journal::Journal(QString directory, QStringList places) : directory_(std::move(d
         places_.append(QDir::cleanPath(place) + u'/');
 }
 
-Result<std::unique_ptr<Journal>> Journal::open(QString const& directory,
-                                               QStringList const& places) {
+Result<std::unique_ptr<Journal>> Journal::open(QString const& directory, QStringList const& places,
+                                               Format format) {
     std::unique_ptr<Journal> journal(new Journal(QDir::cleanPath(directory), places));
-    MORVA_TRY(journal->recover());
+    MORVA_TRY(journal->recover(format));
     FileSystem::layer(journal.get());
     return journal;
 }
@@ -75,7 +79,7 @@ QString Journal::base() const {
     return directoryOf(directory_);
 }
 
-Status Journal::recover() {
+Status Journal::recover(Format format) {
     QString const name = directory_ + QStringLiteral("/journal");
     JournalTable table;
     table.applied = true;
@@ -90,6 +94,7 @@ Status Journal::recover() {
             return Status::corruption("read", name, QStringLiteral("the journal is damaged"));
         }
         table = std::move(*decoded);
+        MORVA_TRY(verifyFormat(table, format, name));
         log_ = disk().make();
         logEnd_ = table.size;
         MORVA_TRY(log_->open(name, RawFile::Mode::ReadWrite));
@@ -100,9 +105,10 @@ Status Journal::recover() {
         MORVA_TRY(takeBack(table));
     }
     contents_.clear();
-    lengths_.clear();
+    known_.clear();
     for (JournalTable::File const& file : table.files)
-        lengths_.insert(file.name, file.length);
+        known_.insert(file.name, {file.length, file.id, file.sums});
+    converted_ = table.format == JournalTable::newestFormat && table.converted;
     sequence_ = table.sequence;
     MORVA_TRY(pages_->create(directory_ + QStringLiteral("/journal.pages")));
     return log_ ? Status() : putDown(table);
@@ -161,7 +167,7 @@ Status Journal::rollBack() {
     std::lock_guard const hold(lock_);
     std::unique_lock const alone(pages_->changing());
     changes_.clear();
-    return recover();
+    return recover(converted_ ? Format::Newest : Format::ToConvert);
 }
 
 // --- names
@@ -198,19 +204,18 @@ Status Journal::noteChange(Type type, QString const& name, QString const& second
     return {};
 }
 
-Result<Journal::ContentPointer> Journal::contentOf(QString const& name, RawFile const& file) {
+Result<Journal::ContentPointer> Journal::contentOf(QString const& name) {
     std::lock_guard const hold(lock_);
-    if (auto const known = contents_.constFind(name); known != contents_.cend())
-        return *known;
-    std::uint64_t length = 0;
-    if (auto const known = lengths_.constFind(name); known != lengths_.cend())
-        length = *known;
-    else {
-        MORVA_TRY_LET(length, file.length());
-        MORVA_TRY(note({Type::File, JournalTable::relativeName(name, base()), {}, {length}}));
-        lengths_.insert(name, length);
+    if (auto const open = contents_.constFind(name); open != contents_.cend())
+        return *open;
+    auto const known = known_.constFind(name);
+    if (known == known_.cend())
+        return Status::corruption("open", name, QStringLiteral("the journal doesn't know it"));
+    auto content = std::make_shared<GuardedContent>(pages_, known->length);
+    if (!PageSums::isSide(name) && (converted_ || !known->sums.isEmpty())) {
+        MORVA_TRY_LET(auto sums, PageSums::of(known->id, known->sums, name));
+        content->verified(std::make_shared<VerifiedContent>(std::move(sums)));
     }
-    auto content = std::make_shared<GuardedContent>(pages_, length);
     contents_.insert(name, content);
     return content;
 }
@@ -222,11 +227,30 @@ Result<Journal::ContentPointer> Journal::created(QString const& name) {
         MORVA_TRY(hide(name));
     MORVA_TRY(noteChange(Type::Created, name));
     auto content = std::make_shared<GuardedContent>(pages_, 0);
+    if (!PageSums::isSide(name))
+        content->verified(
+            std::make_shared<VerifiedContent>(std::make_shared<PageSums>(randomNumber())));
     contents_.insert(name, content);
     return content;
 }
 
+bool Journal::hasSide(QString const& name) const {
+    if (auto const content = contents_.value(name))
+        return content->verified() && content->verified()->sums().hasSide();
+    auto const known = known_.constFind(name);
+    return known != known_.cend() && PageSums::hasSide(known->sums);
+}
+
 Status Journal::hide(QString const& name) {
+    bool const withSide = hasSide(name);
+    MORVA_TRY(hideOne(name));
+    if (!withSide)
+        return {};
+    MORVA_TRY_LET(auto const there, disk().exists(PageSums::sideName(name)));
+    return there ? hideOne(PageSums::sideName(name)) : Status();
+}
+
+Status Journal::hideOne(QString const& name) {
     QString const hidden = QStringLiteral("%1%2%3-%4")
                                .arg(placeOf(name), hiddenPrefix)
                                .arg(sequence_)
@@ -234,13 +258,14 @@ Status Journal::hide(QString const& name) {
     MORVA_TRY(noteChange(Type::Removed, name, hidden));
     MORVA_TRY(disk().rename(name, hidden));
     contents_.remove(name);
-    lengths_.remove(name);
+    known_.remove(name);
     return {};
 }
 
 Status Journal::remove(QString const& name) {
     if (!isGuarded(name))
         return disk().remove(name);
+    std::shared_lock const noCheckpoint(pages_->noting());
     std::lock_guard const hold(lock_);
     MORVA_TRY_LET(auto const there, disk().exists(name));
     return there ? hide(name) : Status::fromErrno(ENOENT, "remove", name);
@@ -252,6 +277,7 @@ Status Journal::rename(QString const& from, QString const& to) {
     if (!isGuarded(from) || !isGuarded(to))
         return Status::failure(Status::Code::InvalidArgument, "rename", from,
                                QStringLiteral("only one of the two names is in the repository"));
+    std::shared_lock const noCheckpoint(pages_->noting());
     std::lock_guard const hold(lock_);
     MORVA_TRY_LET(auto const fromIsThere, disk().exists(from));
     if (!fromIsThere)
@@ -259,19 +285,29 @@ Status Journal::rename(QString const& from, QString const& to) {
     MORVA_TRY_LET(auto const toIsThere, disk().exists(to));
     if (toIsThere)
         MORVA_TRY(hide(to));
+    if (hasSide(from))
+        MORVA_TRY(renameOne(PageSums::sideName(from), PageSums::sideName(to)));
+    return renameOne(from, to);
+}
+
+Status Journal::renameOne(QString const& from, QString const& to) {
     MORVA_TRY(noteChange(Type::Renamed, from, to));
     MORVA_TRY(disk().rename(from, to));
     if (auto const content = contents_.take(from))
         contents_.insert(to, content);
-    if (lengths_.contains(from)) {
-        auto const length = lengths_.take(from);
-        lengths_.insert(to, length);
+    if (known_.contains(from)) {
+        auto const known = known_.take(from);
+        known_.insert(to, known);
     }
     return {};
 }
 
-std::unique_ptr<RawFile> Journal::make() {
+std::unique_ptr<GuardedFile> Journal::makeGuarded() {
     return std::make_unique<GuardedFile>(*this, disk().make());
+}
+
+std::unique_ptr<RawFile> Journal::make() {
+    return std::make_unique<VerifiedFile>(makeGuarded());
 }
 
 Result<std::optional<FileSystem::Information>> Journal::stat(QString const& name) {
@@ -286,9 +322,12 @@ Result<std::optional<FileSystem::Information>> Journal::stat(QString const& name
 
 Result<std::vector<FileSystem::Entry>> Journal::list(QString const& directory) {
     MORVA_TRY_LET(auto entries, disk().list(directory));
-    if (places_.contains(QDir::cleanPath(directory) + u'/'))
-        std::erase_if(entries,
-                      [](Entry const& entry) { return entry.name.startsWith(hiddenPrefix); });
+    QString const path = QDir::cleanPath(directory) + u'/';
+    bool const isPlace = places_.contains(path);
+    if (isGuarded(path))
+        std::erase_if(entries, [isPlace](Entry const& entry) {
+            return PageSums::isSide(entry.name) || (isPlace && entry.name.startsWith(hiddenPrefix));
+        });
     return entries;
 }
 
@@ -307,12 +346,14 @@ Status Journal::syncDirectory(QString const& path) {
 // --- checkpoints
 
 bool Journal::isChanged() const {
-    return !changes_.empty() ||
+    return changed_ || !changes_.empty() ||
            std::any_of(contents_.cbegin(), contents_.cend(),
                        [](ContentPointer const& content) { return content->isChanged(); });
 }
 
 Status Journal::checkpoint() {
+    std::unique_lock const noWriters(pages_->noting());
+    MORVA_TRY(flushSums());
     std::lock_guard const hold(lock_);
     std::unique_lock const alone(pages_->changing());
     MORVA_TRY(pages_->whole());
@@ -331,13 +372,28 @@ Status Journal::checkpoint() {
     }
     for (auto const& content : std::as_const(contents_))
         content->settle();
-    // Those that nobody has open are known by their lengths alone.
+    // Those that nobody has open are known by the table alone.
     contents_.removeIf([](auto const& item) { return item.value().use_count() == 1; });
-    lengths_.clear();
+    known_.clear();
     for (JournalTable::File const& file : table.files)
-        lengths_.insert(file.name, file.length);
+        known_.insert(file.name, {file.length, file.id, file.sums});
     changes_.clear();
+    changed_ = false;
     pages_->reset();
+    return {};
+}
+
+Status Journal::flushSums() {
+    std::vector<std::pair<QString, std::shared_ptr<VerifiedContent>>> verified;
+    {
+        std::lock_guard const hold(lock_);
+        for (auto file = contents_.cbegin(); file != contents_.cend(); ++file)
+            if (auto const& content = file.value()->verified())
+                verified.emplace_back(file.key(), content);
+    }
+    // Side files are files of this journal, whose lock they take.
+    for (auto const& [name, content] : verified)
+        MORVA_TRY(content->sums().flush(name, [this] { return makeGuarded(); }));
     return {};
 }
 
@@ -364,14 +420,20 @@ Result<JournalTable> Journal::nextTable() const {
     table.sequence = sequence_ + 1;
     table.time = static_cast<std::uint64_t>(std::time(nullptr));
     table.applied = true;
-    for (auto file = lengths_.cbegin(); file != lengths_.cend(); ++file)
+    table.converted = converted_;
+    for (auto file = known_.cbegin(); file != known_.cend(); ++file)
         if (!contents_.contains(file.key()))
-            table.files.push_back({file.key(), file.value(), {}});
+            table.files.push_back({file.key(), file->length, {}, file->id, file->sums});
     for (auto file = contents_.cbegin(); file != contents_.cend(); ++file) {
         MORVA_TRY_LET(auto const there, disk().exists(file.key()));
         if (!there)
             continue; // It could not be made.
-        table.files.push_back({file.key(), file.value()->length(), file.value()->runs()});
+        JournalTable::File entry{file.key(), file.value()->length(), file.value()->runs(), 0, {}};
+        if (auto const& verified = file.value()->verified()) {
+            entry.id = verified->sums().fileId();
+            entry.sums = verified->sums().state();
+        }
+        table.files.push_back(std::move(entry));
         table.applied = table.applied && !file.value()->isOverlaid();
     }
     for (JournalRecord const& change : changes_)

@@ -11,11 +11,14 @@
 #include <QStringList>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
 
 namespace Morva {
+
+class GuardedFile;
 
 /// Keeps all files below some directories together: whatever happens to the process or to the
 /// power, they are found again as they were, all of them, at the last checkpoint.
@@ -34,12 +37,16 @@ namespace Morva {
 /// keep.
 class Journal final : public FileSystem {
 public:
+    /// What to do with a root whose files have no checksums yet.
+    enum class Format { Newest, ToConvert };
+
     /// Opens the journal in a directory, or makes it, brings all files back to the last checkpoint
-    /// and puts itself in force. `places` are the directories to guard, which exist. Files that
-    /// the journal has never seen are taken as they are. When something could not be read or
-    /// written nothing is in force.
-    [[nodiscard]] static Result<std::unique_ptr<Journal>> open(QString const& directory,
-                                                               QStringList const& places);
+    /// and puts itself in force. `places` are the directories to guard, which exist. A file
+    /// that the journal has never seen doesn't open. A root of an older format, or of a newer one,
+    /// is refused unless it is opened `ToConvert`. When something could not be read or written
+    /// nothing is in force.
+    [[nodiscard]] static Result<std::unique_ptr<Journal>>
+    open(QString const& directory, QStringList const& places, Format format = Format::Newest);
     ~Journal() override;
     Journal(Journal const&) = delete;
     Journal& operator=(Journal const&) = delete;
@@ -52,6 +59,16 @@ public:
     /// A checkpoint was made and could not be applied. Nothing can be written any more; the next
     /// opening tries to apply it again.
     [[nodiscard]] bool isBroken() const { return pages_->isBroken(); }
+    /// The files as of the last checkpoint, without those of checksums.
+    [[nodiscard]] QStringList files() const;
+    /// Verifies the checksums of one of them, and tells of what is damaged. False when it doesn't
+    /// open at all.
+    [[nodiscard]] bool verifySums(QString const& name,
+                                  std::function<void(Status const&)> const& fault);
+    /// Gives all files of a root opened `ToConvert` their checksums, file by file, each with a
+    /// checkpoint; says what is done before each. When it ends early, another call goes on.
+    [[nodiscard]] Status convert(std::function<Status(QString const& name)> const& step);
+
     /// Bytes that the next checkpoint has to copy.
     [[nodiscard]] std::uint64_t pendingBytes() const {
         return pages_->used() * JournalPages::pageSize;
@@ -71,27 +88,41 @@ public:
 private:
     friend class GuardedFile;
     using ContentPointer = std::shared_ptr<GuardedContent>;
+    /// Of a file at the last checkpoint.
+    struct Known {
+        std::uint64_t length = 0;
+        std::uint64_t id = 0;
+        QByteArray sums;
+    };
 
     Journal(QString directory, QStringList places);
     [[nodiscard]] QString base() const;
-    [[nodiscard]] Status recover();
+    [[nodiscard]] Status recover(Format format);
+    [[nodiscard]] static Status verifyFormat(JournalTable const& table, Format format,
+                                             QString const& name);
     [[nodiscard]] Status apply(JournalTable const& table);
     [[nodiscard]] Status takeBack(JournalTable const& table);
     [[nodiscard]] Status takeBack(JournalRecord const& change);
 
     [[nodiscard]] bool isGuarded(QString const& name) const { return !placeOf(name).isEmpty(); }
     [[nodiscard]] QString placeOf(QString const& name) const;
+    [[nodiscard]] std::unique_ptr<GuardedFile> makeGuarded();
     /// The content of a file that was just opened.
-    [[nodiscard]] Result<ContentPointer> contentOf(QString const& name, RawFile const& file);
+    [[nodiscard]] Result<ContentPointer> contentOf(QString const& name);
     /// Before a file of that name is made.
     [[nodiscard]] Result<ContentPointer> created(QString const& name);
-    /// Takes a file, if it is there, out of the way until the next checkpoint.
+    /// Takes a file out of the way until the next checkpoint, and its side file.
     [[nodiscard]] Status hide(QString const& name);
+    [[nodiscard]] Status hideOne(QString const& name);
+    [[nodiscard]] Status renameOne(QString const& from, QString const& to);
+    [[nodiscard]] bool hasSide(QString const& name) const;
     [[nodiscard]] Status note(JournalRecord const& record);
     [[nodiscard]] Status noteChange(JournalRecord::Type type, QString const& name,
                                     QString const& second = {});
 
     [[nodiscard]] bool isChanged() const;
+    [[nodiscard]] Status flushSums();
+    [[nodiscard]] Status adopt(GuardedFile& file);
     [[nodiscard]] Status syncWritten();
     [[nodiscard]] Result<JournalTable> nextTable() const;
     /// From its end on the table is what holds, whatever comes.
@@ -106,8 +137,10 @@ private:
     std::uint64_t logEnd_ = 0;
     std::uint64_t sequence_ = 0;
     std::uint64_t hiddenCount_ = 0;
-    QHash<QString, std::uint64_t> lengths_; ///< at the last checkpoint, by the names of now
+    bool converted_ = true;       ///< all files have sums
+    QHash<QString, Known> known_; ///< by the names of now
     QHash<QString, ContentPointer> contents_;
+    bool changed_ = false;               ///< the table is to be written, whatever the files say
     std::vector<JournalRecord> changes_; ///< of names, since the last checkpoint
 };
 

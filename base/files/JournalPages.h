@@ -40,6 +40,10 @@ public:
     /// Held shared over each change of a guarded file, alone by a checkpoint.
     [[nodiscard]] std::shared_mutex& changing() { return changing_; }
 
+    /// Held shared over each change of a page together with its checksum, alone by a checkpoint.
+    /// Before all other locks of the journal and of what it guards.
+    [[nodiscard]] std::shared_mutex& noting() { return noting_; }
+
     /// Nothing that is guarded may be written any more: the slots belong to a checkpoint that
     /// could not be applied, and the next opening of the journal has to find them as they are.
     void breakDown() { broken_.store(true, std::memory_order_relaxed); }
@@ -54,6 +58,7 @@ private:
     std::atomic<std::uint64_t> next_ = 0;
     std::atomic<bool> broken_ = false;
     std::shared_mutex changing_;
+    std::shared_mutex noting_;
 };
 
 } // namespace Morva

@@ -20,7 +20,7 @@ namespace Morva {
 struct JournalRecord {
     enum class Type : std::uint32_t {
         Checkpoint = 1, ///< numbers: its sequence number, seconds since 1970. Opens the table
-        File = 2,       ///< name; number: its length. In the table, or met later for the first time
+        File = 2,       ///< name, sums; numbers: its length, its id
         Pages = 3,      ///< numbers: place of the file in the table, first page, first slot, count
         Hidden = 4,     ///< name of a file to remove
         End = 5,        ///< ends the table; number: 1 if its pages and hidden files are done with
@@ -29,6 +29,7 @@ struct JournalRecord {
         Removed = 8,    ///< name, and the hidden one that the file has got
         Renamed = 9,    ///< old name, new name
         TakenBack = 10, ///< the last of the three above that is not taken back is so now
+        Format = 11,    ///< numbers: format of the root, 1 if all of it is in that format
     };
     static constexpr std::uint32_t frameSize = 8;
     static constexpr std::uint32_t fixedSize = 48;

@@ -2,6 +2,8 @@
 
 #include "base/values/PosixText.h"
 
+#include <utility>
+
 namespace Morva {
 
 using Type = JournalRecord::Type;
@@ -18,8 +20,13 @@ QString JournalTable::absoluteName(QByteArray const& name, QString const& base) 
 QByteArray JournalTable::encode(QString const& base) const {
     QByteArray bytes;
     JournalRecord{Type::Checkpoint, {}, {}, {sequence, time}}.appendTo(bytes);
+    if (format > 1)
+        JournalRecord{Type::Format, {}, {}, {format, converted}}.appendTo(bytes);
     for (std::uint64_t i = 0; i < files.size(); ++i) {
-        JournalRecord{Type::File, relativeName(files[i].name, base), {}, {files[i].length}}
+        JournalRecord{Type::File,
+                      relativeName(files[i].name, base),
+                      files[i].sums,
+                      {files[i].length, files[i].id}}
             .appendTo(bytes);
         for (GuardedContent::Run const& run : files[i].runs)
             JournalRecord{Type::Pages, {}, {}, {i, run.page, run.slot, run.count}}.appendTo(bytes);
@@ -38,12 +45,23 @@ std::optional<JournalTable> JournalTable::decode(QByteArray const& bytes, QStrin
     JournalTable table;
     table.sequence = record->numbers[0];
     table.time = record->numbers[1];
-    bool ended = false;
+    table.format = 1;
+    bool ended = false, second = true;
     while ((record = JournalRecord::take(bytes, position))) {
         auto const& numbers = record->numbers;
+        bool const isSecond = std::exchange(second, false);
         switch (record->type) {
         case Type::File:
-            table.files.push_back({absoluteName(record->name, base), numbers[0], {}});
+            table.files.push_back(
+                {absoluteName(record->name, base), numbers[0], {}, numbers[1], record->second});
+            break;
+        case Type::Format:
+            if (!isSecond || numbers[0] < 2)
+                return std::nullopt;
+            table.format = numbers[0];
+            table.converted = numbers[1] != 0;
+            if (table.format > newestFormat)
+                return table;
             break;
         case Type::Pages:
             if (ended || numbers[0] >= table.files.size())

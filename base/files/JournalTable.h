@@ -21,10 +21,16 @@ struct JournalTable {
         QString name;
         std::uint64_t length = 0;
         std::vector<GuardedContent::Run> runs;
+        std::uint64_t id = 0; ///< random, stays with the file
+        QByteArray sums;      ///< state of its `PageSums`; none for a file of sums
     };
+    /// With checksums; 1 was without.
+    static constexpr std::uint64_t newestFormat = 2;
 
     std::uint64_t sequence = 0;
     std::uint64_t time = 0; ///< seconds since 1970
+    std::uint64_t format = newestFormat;
+    bool converted = true; ///< all files are in that format
     std::vector<File> files;
     QStringList hidden;   ///< to be removed
     bool applied = false; ///< the runs are in their files, the hidden files are gone
@@ -35,7 +41,8 @@ struct JournalTable {
 
     /// The records of the table; `changes` are added one by one as they come.
     [[nodiscard]] QByteArray encode(QString const& base) const;
-    /// None when the table is not whole. A torn record behind it ends the changes.
+    /// None when the table is not whole. One of a newer format has nothing but that. A torn record
+    /// behind it ends the changes.
     [[nodiscard]] static std::optional<JournalTable> decode(QByteArray const& bytes,
                                                             QString const& base);
 

@@ -151,7 +151,8 @@ private:
         RawFile* const file = opened(name);
         Bytes& bytes = now[name];
         std::uint64_t const offset = below(2) ? bytes.size() : below(bytes.size() + 5000);
-        Bytes piece(1 + below(below(3) ? 200 : 30000));
+        // Now and then so much that the file needs a side file for its sums.
+        Bytes piece(1 + below(below(3) ? 200 : below(8) ? 30000 : 400000));
         std::generate(piece.begin(), piece.end(), [this] { return std::uint8_t(random_()); });
         auto const size = static_cast<std::uint32_t>(piece.size());
         if (!file || !file->writeAt(offset, piece.data(), size))
