@@ -13,7 +13,7 @@ constexpr std::array<char const*, faultKinds> names{
     "tree-record", "stream",         "stream-count", "dedup-index", "queue",
     "control",     "node",           "lost-stream",  "pointer",     "orphan",
     "directory",   "directory-tree", "counter",      "snapshot",    "snapshot-entry",
-    "dedup-file",  "saved-state",    "data"};
+    "dedup-file",  "saved-state",    "data",         "page"};
 
 QString number(std::uint64_t value) {
     return QLocale::c().toString(qulonglong{value});

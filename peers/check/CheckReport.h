@@ -34,9 +34,10 @@ enum class FaultKind : std::uint8_t {
     SnapshotEntry,  ///< an entry of a snapshot's list
     DedupFile,      ///< a list of streams to deduplicate
     SavedState,     ///< what a source had open
-    Data            ///< contents differ from their digest, or can't be read
+    Data,           ///< contents differ from their digest, or can't be read
+    Page            ///< a page doesn't fit its checksum, or a file as a whole can't be verified
 };
-inline constexpr std::size_t faultKinds = static_cast<std::size_t>(FaultKind::Data) + 1;
+inline constexpr std::size_t faultKinds = static_cast<std::size_t>(FaultKind::Page) + 1;
 
 /// "reference-count", say.
 [[nodiscard]] QString faultName(FaultKind kind);

@@ -1,6 +1,8 @@
 #include "peers/check/Checker.h"
 
+#include "base/files/Journal.h"
 #include "base/process/FixedPath.h"
+#include "peers/check/PageCheck.h"
 #include "peers/check/PoolCheck.h"
 #include "peers/check/StoreCheck.h"
 
@@ -32,11 +34,27 @@ Result<QList<StoreId>> storesIn(QString const& path) {
     return result;
 }
 
+/// A root that was made and not used: it gets its pool when it is.
+bool isNew(RepositoryPaths const& paths, CheckOptions const& options) {
+    if (!options.journal || !options.journal->files().isEmpty())
+        return false;
+    for (QString const& path : {paths.streams, paths.streamData})
+        if (auto const files = FileSystem::inForce().names(path, FileSystem::Kind::File);
+            !files || !files->isEmpty())
+            return false;
+    auto const stores = storesIn(paths.stores);
+    return stores && stores->isEmpty();
+}
+
 } // namespace
 
 CheckReport checkRepository(RepositoryPaths const& paths, CheckOptions const& options) {
     auto const begun = std::chrono::steady_clock::now();
     CheckReport report;
+    if (isNew(paths, options))
+        return report;
+    if (options.journal)
+        checkPages(*options.journal, options, report);
     PoolCheck pool(paths, options, report);
     pool.begin();
     auto const stores = storesIn(paths.stores);

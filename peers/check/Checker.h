@@ -9,6 +9,8 @@
 
 namespace Morva {
 
+class Journal;
+
 /// Where the files of a repository lie.
 struct RepositoryPaths {
     QString streams;    ///< directory of the pool's files
@@ -20,10 +22,13 @@ struct RepositoryPaths {
 };
 
 struct CheckOptions {
-    /// Also read every data block of every stream, and verify the digests that are known.
+    /// Also read every page of "data.blocks" and every data block of every stream, and verify the
+    /// digests that are known.
     bool readData = false;
     /// Called now and then with the bytes read so far. What it throws ends the check.
     std::function<void(std::uint64_t bytesRead)> progress;
+    /// The journal in force, if there is one: all pages that it guards are verified first.
+    Journal* journal = nullptr;
 };
 
 /// Checks every record of a repository against every other: reference counts against the

@@ -19,6 +19,7 @@ void check(CommandLine& line, bool readData) {
     auto const journal = Root::openJournal();
     CheckOptions options;
     options.readData = readData;
+    options.journal = journal.get();
     options.progress = [&line](std::uint64_t bytesRead) {
         Output::checkInterrupt();
         line.output.progress(bytesRead, 0, 0);

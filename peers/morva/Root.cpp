@@ -139,14 +139,14 @@ void Root::markOpen() {
         throw CommandFailure(ExitCode::Failed, "can't write " + mark.fileName());
 }
 
-std::unique_ptr<Journal> Root::openJournal() {
+std::unique_ptr<Journal> Root::openJournal(Journal::Format format) {
     auto const directory = FixedPath::repository();
-    auto journal =
-        Journal::open(directory, {FixedPath::repositoryStores(), FixedPath::repositoryStreams(),
-                                  FixedPath::repositoryStreamData(), FixedPath::repository()});
+    auto journal = Journal::open(directory,
+                                 {FixedPath::repositoryStores(), FixedPath::repositoryStreams(),
+                                  FixedPath::repositoryStreamData(), FixedPath::repository()},
+                                 format);
     if (!journal)
-        throw CommandFailure(ExitCode::Failed,
-                             "the journal in " + directory + " can't be read or carried out");
+        throw CommandFailure(ExitCode::Failed, journal.status().text());
     return *std::move(journal);
 }
 

@@ -104,7 +104,8 @@ public:
     void finish();
 
     /// The journal of the root that `FixedPath` names, with all files at their last checkpoint.
-    [[nodiscard]] static std::unique_ptr<Journal> openJournal();
+    [[nodiscard]] static std::unique_ptr<Journal>
+    openJournal(Journal::Format format = Journal::Format::Newest);
 
 private:
     void markOpen();
