@@ -25,6 +25,7 @@ void addSnapshotCommands(CommandLine& line);   ///< snapshot, snapshots, delete-
 void addBrowseCommands(CommandLine& line);     ///< ls, cat, diff, versions, find
 void addRestoreCommand(CommandLine& line);     ///< restore
 void addCheckCommand(CommandLine& line);       ///< check
+void addUpgradeCommand(CommandLine& line);     ///< upgrade
 void addInspectCommand(CommandLine& line);     ///< inspect
 void addStatisticsCommands(CommandLine& line); ///< stats, analyze
 

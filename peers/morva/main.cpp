@@ -58,6 +58,7 @@ void addCommands(Morva::CommandLine& line) {
     addBrowseCommands(line);
     addRestoreCommand(line);
     addCheckCommand(line);
+    addUpgradeCommand(line);
     addInspectCommand(line);
     addStatisticsCommands(line);
 }
