@@ -82,7 +82,9 @@ public:
     [[nodiscard]] Tree found() {
         Tree result;
         for (QString const& place : places()) {
-            for (QString const& name : QDir(place).entryList(QDir::Files)) {
+            auto const names = FileSystem::inForce().names(place, FileSystem::Kind::File);
+            EXPECT_TRUE(names);
+            for (QString const& name : names ? *names : QStringList()) {
                 QString const path = place + u'/' + name;
                 RawFile* const file = opened(path);
                 if (!file)
