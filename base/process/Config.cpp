@@ -2,6 +2,7 @@
 
 #include "base/files/RawFile.h"
 #include "base/process/FixedPath.h"
+#include "base/values/Sha1.h"
 
 #include <QFileInfo>
 
@@ -44,6 +45,22 @@ Status replace(QString const& path, QByteArray const& text) {
     return files.syncDirectory(QFileInfo(path).absolutePath());
 }
 
+constexpr char const* sumBegin = "<!-- sha1 ";
+constexpr char const* sumEnd = " -->\n";
+
+QByteArray sumLine(QByteArrayView text) {
+    Sha1 sha;
+    sha.addData(text.data(), static_cast<std::uint32_t>(text.size()));
+    auto const& digest = sha.result();
+    return QByteArray(sumBegin) + digest.toByteArray().toHex() + sumEnd;
+}
+
+/// False when the text ends with a sum of something else.
+bool fitsItsSum(QByteArrayView text) {
+    auto const at = text.lastIndexOf(QByteArrayView(sumBegin));
+    return at < 0 || text.sliced(at) == sumLine(text.first(at));
+}
+
 QString localPath(QString const& fileName) {
     if (fileName.contains(QLatin1Char('/')))
         return fileName;
@@ -62,6 +79,10 @@ Config Config::load(QString const& path) {
         return result;
     result.absent_ = false;
     QString error = text.status().text();
+    if (text && !fitsItsSum(*text)) {
+        MORVA_TRACE(Always) << "Configuration file" << path << "is not what its sum was made of";
+        return result;
+    }
     auto list = text ? XmlList::fromXml(*text, &error) : std::nullopt;
     if (!list) {
         MORVA_TRACE(Always) << "Configuration file" << path << error;
@@ -72,9 +93,13 @@ Config Config::load(QString const& path) {
     return result;
 }
 
-bool Config::save(QString const& path, XmlList const& list) {
-    auto const text = list.toXml();
-    if (!text.isEmpty() && replace(path, text))
+bool Config::save(QString const& path, XmlList const& list, Protection protection) {
+    auto text = list.toXml();
+    if (text.isEmpty())
+        return false;
+    if (protection == Protection::Sum)
+        text += sumLine(text);
+    if (replace(path, text))
         return true;
     MORVA_TRACE(Always) << "Failed to write configuration file" << path;
     return false;

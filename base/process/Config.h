@@ -15,13 +15,17 @@ class Config : public XmlList {
 public:
     /// An empty list that is not usable.
     Config() = default;
-    /// Reads a file. One that is absent, unreadable or malformed gives an empty list that is not
-    /// usable; the latter two are traced at level Always.
+    /// Reads a file. One that is absent, unreadable, malformed or not what its sum was made of
+    /// gives an empty list that is not usable; all but the first are traced at level Always.
     [[nodiscard]] static Config load(QString const& path);
     /// Writes a list as a file, whole or not at all: a new file is written, synced and put in
     /// place of the old one. False, with a trace, on failure; then the old file is as it was, or
-    /// the new one is there and a loss of power may take it back.
-    [[nodiscard]] static bool save(QString const& path, XmlList const& list);
+    /// the new one is there and a loss of power may take it back. With `Sum` it ends with a line by
+    /// which damage is found when it is read, "<!-- sha1 HEX -->"; a file that people edit has
+    /// none.
+    enum class Protection { None, Sum };
+    [[nodiscard]] static bool save(QString const& path, XmlList const& list,
+                                   Protection protection = Protection::None);
 
     [[nodiscard]] bool usable() const { return usable_; }
     /// Whether there was no file at all.

@@ -78,6 +78,30 @@ TEST_F(ConfigFiles, AbsentMalformedAndGoodFilesAreToldApart) {
     EXPECT_FALSE(Config::load(root_.path()).usable()) << "a directory is no file";
 }
 
+TEST_F(ConfigFiles, EveryDamagedByteOfAFileWithASumIsFound) {
+    XmlList list;
+    list.set("Name", "value");
+    auto const name = path("sum.cfg");
+    ASSERT_TRUE(Config::save(name, list, Config::Protection::Sum));
+    QFile file(name);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    auto const whole = file.readAll();
+    EXPECT_EQ(Config::load(name).get("Name", QString()), "value");
+    // A damaged mark of the sum leaves a list that is whole.
+    for (qsizetype at = 0; at < whole.size(); ++at) {
+        auto damaged = whole;
+        damaged[at] = static_cast<char>(damaged[at] ^ 1);
+        write(name, damaged);
+        auto const read = Config::load(name);
+        EXPECT_TRUE(!read.usable() || read.get("Name", QString()) == "value") << at;
+    }
+    for (qsizetype size = 0; size < whole.size(); ++size) {
+        write(name, whole.first(size));
+        auto const read = Config::load(name);
+        EXPECT_TRUE(!read.usable() || read.get("Name", QString()) == "value") << size;
+    }
+}
+
 TEST_F(ConfigFiles, LocalNamesAreFoundInTheConfigurationDirectory) {
     XmlList list;
     list.set("Key", 5U);

@@ -12,10 +12,11 @@ namespace Morva {
 namespace {
 
 void check(CommandLine& line, bool readData) {
-    RootLock const lock(line.output.root, RootLock::Mode::Exclusive, line.output.wait);
+    RootLock const lock(line.output.root, RootLock::Mode::Shared, line.output.wait);
     if (!FixedPath::setRoot(line.output.root))
         throw CommandFailure(ExitCode::Failed,
                              "the \"paths.cfg\" of " + line.output.root + " can't be read");
+    ReadingFiles const files; // nothing is changed, nor is it where a recovery comes first
     auto const journal = Root::openJournal();
     CheckOptions options;
     options.readData = readData;

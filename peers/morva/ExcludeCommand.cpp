@@ -1,6 +1,7 @@
 #include "base/process/Config.h"
 #include "base/values/PosixText.h"
 #include "peers/morva/Commands.h"
+#include "peers/morva/Failure.h"
 #include "peers/morva/FedStore.h"
 #include "peers/morva/SnapshotTree.h"
 #include "replication/repository/store/ControlBlock.h"
@@ -72,16 +73,14 @@ void exclude(CommandLine& line, Arguments const& given) {
     Names const before(*store);
     auto const applied = sink->exclude(Extent(details.toBinary()));
     if (!applied)
-        throw CommandFailure(
-            ExitCode::Failed,
+        throw commandFailure(
             "not all that is stored could be brought in line with the entries, and "
-            "nothing was changed; run 'morva check': " +
-                applied.text());
+            "nothing was changed",
+            applied);
     auto const saved = sink->handleShutdown();
     sink.reset();
     if (!saved)
-        throw CommandFailure(ExitCode::Failed, "the state of the store " + source.name +
-                                                   " can't be saved: " + saved.text());
+        throw commandFailure("the state of the store " + source.name + " can't be saved", saved);
     Names const after(*store);
     store.reset();
     root.drain(false);

@@ -29,12 +29,16 @@ QString adviceOn(Status const& status) {
 }
 
 CommandFailure commandFailure(QString const& doing, Status const& status) {
+    if (status.is(Status::Code::Stopped))
+        return {ExitCode::Interrupted,
+                QStringLiteral("interrupted: what is done so far is kept, and the same command "
+                               "goes on")};
     auto text = doing;
     if (auto const what = status.text(); !what.isEmpty())
         text += QStringLiteral(": ") + what;
     if (auto const advice = adviceOn(status); !advice.isEmpty())
         text += QStringLiteral("; ") + advice;
-    return {status.is(Status::Code::Stopped) ? ExitCode::Interrupted : ExitCode::Failed, text};
+    return {ExitCode::Failed, text};
 }
 
 } // namespace Morva

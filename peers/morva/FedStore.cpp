@@ -10,18 +10,12 @@ using Replication::SourceKind;
 
 namespace {
 
-char const* kindName(SourceKind kind) {
-    return kind == SourceKind::Windows    ? "windows"
-           : kind == SourceKind::Exchange ? "exchange"
-                                          : "posix";
-}
-
 /// What was said for a new store must fit one that is there.
 void checkFits(Source const& source, FedStoreArguments const& given) {
     if (given.kind && *given.kind != source.kind)
         throw CommandFailure(ExitCode::Usage,
                              QStringLiteral("the store %1 is fed by a source of the kind %2")
-                                 .arg(source.name, QLatin1String(kindName(source.kind))));
+                                 .arg(source.name, kindName(source.kind)));
     if (given.source && argumentText(*given.source) != source.sourceRoot)
         throw CommandFailure(ExitCode::Usage, QStringLiteral("the store %1 holds %2 of its source")
                                                   .arg(source.name, source.sourceRoot));
@@ -61,9 +55,9 @@ void addNoDedupOption(CLI::App& command, FedStoreArguments& given) {
 
 void addKindOption(CLI::App& command, std::optional<SourceKind>& kind, char const* help) {
     auto const set = [&kind](std::string const& name) {
-        kind = name == "windows"    ? SourceKind::Windows
-               : name == "exchange" ? SourceKind::Exchange
-                                    : SourceKind::Posix;
+        for (auto const each : {SourceKind::Posix, SourceKind::Windows, SourceKind::Exchange})
+            if (name == kindName(each).toStdString())
+                kind = each;
     };
     command.add_option_function<std::string>("--as", set, help)
         ->check(CLI::IsMember({"posix", "windows", "exchange"}))

@@ -30,7 +30,7 @@ void inspect(CommandLine& line, Arguments const& given) {
                              words[0] == QLatin1String("list") || words[0] == QLatin1String("log"));
     std::optional<RootLock> lock;
     if (!single) {
-        lock.emplace(line.output.root, RootLock::Mode::Exclusive, line.output.wait);
+        lock.emplace(line.output.root, RootLock::Mode::Shared, line.output.wait);
         if (!FixedPath::setRoot(line.output.root))
             throw CommandFailure(ExitCode::Failed,
                                  "the \"paths.cfg\" of " + line.output.root + " can't be read");

@@ -1,6 +1,7 @@
 #include "peers/morva/Replay.h"
 
 #include "peers/morva/ExitCode.h"
+#include "peers/morva/Failure.h"
 
 #include <cstring>
 
@@ -37,25 +38,25 @@ void Replay::apply(LogPointer const& log) {
         throw CommandFailure(ExitCode::Failed, sink_->failure().text());
     case DataSink::Outcome::NoSpace:
     case DataSink::Outcome::Failed:
-        break;
+        refuse(*log);
+        return;
     }
-    // What doesn't fit the store is one log's fault, all else the repository's.
+}
+
+void Replay::refuse(Replication::LogEntry const& log) {
     auto const& why = sink_->failure();
-    if (!why.is(Status::Code::InvalidArgument) && !why.is(Status::Code::NotFound))
-        throw CommandFailure(
-            ExitCode::Failed,
-            QStringLiteral("the repository could not store log %1: %2. It is as it was at its last "
-                           "checkpoint. %3 and repeat the command: it goes on from there")
-                .arg(log->sequenceNumber())
-                .arg(why.text(), why.is(Status::Code::NoSpace)
-                                     ? QStringLiteral("Free some space")
-                                     : QStringLiteral("Run 'morva check'")));
+    auto const path = log.file();
+    auto const what = QStringLiteral("log %1 could not be applied").arg(log.sequenceNumber());
+    // What doesn't fit the store, or meets damage in it, is left out; the rest goes on.
+    if (!why.is(Status::Code::InvalidArgument) && !why.is(Status::Code::NotFound) &&
+        !why.is(Status::Code::Corruption))
+        throw commandFailure(what +
+                                 ", and the repository is as it was at its last checkpoint, from "
+                                 "which the same command goes on",
+                             why);
     ++counts_.failed;
-    auto const path = log->file();
     output_.unreadable({path.data(), static_cast<qsizetype>(path.size())},
-                       QStringLiteral("log %1 could not be applied: %2")
-                           .arg(log->sequenceNumber())
-                           .arg(QString::fromStdString(log->headerText()).trimmed()));
+                       what + ": " + why.text());
 }
 
 QString Replay::readAll(LogReadAhead& input, std::uint64_t size) {
@@ -106,8 +107,7 @@ void Replay::levelWithSource() {
 
 void Replay::end() {
     if (auto const saved = sink_->handleShutdown(); !saved)
-        throw CommandFailure(ExitCode::Failed,
-                             "how far the store has come can't be saved: " + saved.text());
+        throw commandFailure("how far the store has come can't be saved", saved);
 }
 
 } // namespace Morva

@@ -50,6 +50,7 @@ public:
     void levelWithSource();
 
 private:
+    void refuse(Replication::LogEntry const& log);
     void refuseDamaged(Replication::LogHeader const& header, std::uint64_t start);
 
     Root& root_;

@@ -7,9 +7,12 @@
 #include "replication/repository/store/Store.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <map>
 #include <optional>
+#include <sstream>
 
 namespace Morva {
 namespace {
@@ -160,6 +163,51 @@ TEST_F(Replicate, AStoreThatWasThereIsNeverMadeAnew) {
     EXPECT_EQ(stored(), "first\n");
     EXPECT_EQ(replicate(), ExitCode::Done) << message;
     EXPECT_EQ(faults(), "");
+}
+
+/// What a directory holds, by path: what it is, its bytes and its times.
+std::map<std::string, std::string> stateOf(std::string const& directory) {
+    std::map<std::string, std::string> state;
+    for (auto const& entry : std::filesystem::recursive_directory_iterator(directory)) {
+        std::ostringstream text;
+        struct stat status {};
+        EXPECT_EQ(::lstat(entry.path().c_str(), &status), 0);
+        text << status.st_mode << ' ' << status.st_size << ' ' << status.st_mtim.tv_sec << '.'
+             << status.st_mtim.tv_nsec << ' ';
+        if (entry.is_regular_file())
+            text << std::ifstream(entry.path()).rdbuf();
+        state[entry.path().string()] = text.str();
+    }
+    return state;
+}
+
+TEST_F(Replicate, ReadingCommandsChangeNothingInTheRoot) {
+    write("a/b", "text");
+    ASSERT_EQ(replicate(), ExitCode::Done) << message;
+    auto const before = stateOf(path + "/root");
+    // Several at once: a reader that is there keeps none away, only those that change.
+    RootLock const reader(QString::fromStdString(path + "/root"), RootLock::Mode::Shared, {});
+    for (std::string const command : {"ls latest -R", "cat latest:a/b", "find b", "diff 2 live",
+                                      "versions a/b", "snapshots", "stats", "check --read-data"})
+        EXPECT_EQ(run(command), ExitCode::Done) << command << ": " << message;
+    EXPECT_EQ(run("restore latest --target " + path + "/back"), ExitCode::Done) << message;
+    EXPECT_EQ(run("snapshot"), ExitCode::InUse);
+    EXPECT_EQ(stateOf(path + "/root"), before);
+}
+
+TEST_F(Replicate, DamagedSettingsAreFoundAndNeverPassForOthers) {
+    write("a", "1");
+    ASSERT_EQ(replicate(), ExitCode::Done) << message;
+    for (std::string const file : {"/root/config/sources.cfg", "/root/rules/1/replayrules.cfg"}) {
+        std::ostringstream whole;
+        whole << std::ifstream(path + file).rdbuf();
+        auto damaged = whole.str();
+        damaged[damaged.find("main")] = 'n';
+        std::ofstream(path + file) << damaged;
+        EXPECT_EQ(replicate(), ExitCode::Failed) << file;
+        std::ofstream(path + file) << whole.str();
+        EXPECT_EQ(replicate(), ExitCode::Done) << message;
+    }
 }
 
 TEST_F(Replicate, ARootThatCannotBeReadIsNotAbsent) {

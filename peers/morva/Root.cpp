@@ -13,6 +13,9 @@
 
 #include <QFile>
 
+#include <sys/statvfs.h>
+
+#include <algorithm>
 #include <utility>
 
 namespace Morva {
@@ -39,6 +42,33 @@ QString configFile(char const* name) {
 /// so many bytes.
 constexpr std::chrono::seconds checkpointInterval{5};
 constexpr std::uint64_t pendingLimit = 64 << 20;
+/// On a small volume less: the copies need room beside what they replace.
+constexpr std::uint64_t pendingShare = 32;
+constexpr std::uint64_t leastPending = 1 << 20;
+
+/// The pool's data file grows by a share of its volume, so that it leaves the space to others that
+/// it doesn't use itself.
+constexpr std::uint64_t growShare = 256;
+constexpr std::uint64_t leastGrowth = 256 << 10;
+constexpr std::uint64_t mostGrowth = 80 << 20;
+
+/// In bytes. One that the system doesn't tell the size of counts as large.
+std::uint64_t volumeSize(QString const& directory) {
+    struct statvfs volume {};
+    if (::statvfs(QFile::encodeName(directory).constData(), &volume) != 0)
+        return std::uint64_t{1} << 40;
+    return std::uint64_t{volume.f_blocks} * volume.f_frsize;
+}
+
+std::uint64_t growStep(std::uint64_t volume) {
+    return std::clamp(volume / growShare, leastGrowth, mostGrowth) & ~std::uint64_t{4095};
+}
+
+/// The journal's file as it is on the disk now; empty if it can't be read.
+QByteArray journalOnDisk() {
+    QFile file(FixedPath::repository() + "/journal");
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
 
 QString openMark() {
     return FixedPath::runtime() + "/open";
@@ -105,7 +135,7 @@ void Root::init(QString const& path) {
           FixedPath::repositoryStreams(), FixedPath::repositoryStreamData()})
         makePath(directory);
     save("repository.cfg", initialConfiguration());
-    save("sources.cfg", {});
+    SourceTable::make();
     // Rule sets name this machine, and are to stay good when the host gets another name.
     if (!Context::pinMachineName())
         throw CommandFailure(ExitCode::Failed, "can't write " + configFile("runtime.cfg"));
@@ -114,9 +144,16 @@ void Root::init(QString const& path) {
 }
 
 Root::Root(QString const& path, For purpose, std::chrono::milliseconds wait)
-    : path_(path), purpose_(purpose), lock_(path, RootLock::Mode::Exclusive, wait) {
+    : path_(path),
+      purpose_(purpose),
+      lock_(path, purpose == For::Reading ? RootLock::Mode::Shared : RootLock::Mode::Exclusive,
+            wait) {
     setRoot(path);
     markOpen();
+    if (purpose_ == For::Reading)
+        reading_.emplace();
+    if (!lock_.isHeld())
+        journalRead_ = journalOnDisk();
     journal_ = openJournal();
     sources_.load();
     findStores();
@@ -135,7 +172,7 @@ void Root::markOpen() {
             << "The last process that had %1s open did not end in order; the repository is as it "
                "was at its last checkpoint"
             << path_;
-    if (!mark.open(QIODevice::WriteOnly))
+    if (purpose_ == For::Changing && !mark.open(QIODevice::WriteOnly))
         throw CommandFailure(ExitCode::Failed, "can't write " + mark.fileName());
 }
 
@@ -146,7 +183,8 @@ std::unique_ptr<Journal> Root::openJournal(Journal::Format format) {
                                   FixedPath::repositoryStreamData(), FixedPath::repository()},
                                  format);
     if (!journal)
-        throw CommandFailure(ExitCode::Failed, journal.status().text());
+        throw commandFailure("the journal in " + directory + " can't be read or carried out",
+                             journal.status());
     return *std::move(journal);
 }
 
@@ -160,9 +198,13 @@ void Root::openPool() {
     auto const configuration = Config::load(configFile("repository.cfg"));
     if (!configuration.usable())
         throw CommandFailure(ExitCode::Failed, "can't read " + configFile("repository.cfg"));
-    streams_ = std::make_shared<Streams>(
-        FixedPath::repositoryStreams(), FixedPath::repositoryStreamData(),
-        Streams::configure(configuration.getXmlList(nullptr, "StreamsConfiguration")));
+    auto pool = Streams::configure(configuration.getXmlList(nullptr, "StreamsConfiguration"));
+    auto const volume = volumeSize(FixedPath::repositoryStreamData());
+    if (pool.dataGrowSize == 0)
+        pool.dataGrowSize = growStep(volume);
+    pendingLimit_ = std::clamp(volume / pendingShare, leastPending, pendingLimit);
+    streams_ = std::make_shared<Streams>(FixedPath::repositoryStreams(),
+                                         FixedPath::repositoryStreamData(), pool);
     if (!*streams_)
         throw CommandFailure(ExitCode::Failed, "the stream pool of " + path_ + " does not open");
     Store::configure(configuration.getXmlList(nullptr, "StoreConfiguration"), streams_, nullptr);
@@ -240,9 +282,7 @@ void Root::markForDeletion(Source const& source, bool deactivate) {
     if (marked)
         marked = store->markForDeletion();
     if (!marked)
-        throw CommandFailure(ExitCode::Failed,
-                             "the store " + source.name +
-                                 " can't be marked for deletion: " + marked.text());
+        throw commandFailure("the store " + source.name + " can't be marked for deletion", marked);
     // The mark stands when the last pointer goes, and nobody can open the store from then on.
 }
 
@@ -263,9 +303,9 @@ void Root::erase(QString const& name, bool deactivate) {
         auto const erased =
             store ? (*store)->erase([this] { return safePoint(); }) : store.status();
         if (!erased)
-            throw CommandFailure(ExitCode::Failed, "not all of the store " + name +
-                                                       " could be erased: " + erased.text() +
-                                                       "; repeat the command");
+            throw commandFailure("not all of the store " + name +
+                                     " could be erased (the same command goes on)",
+                                 erased);
     }
     auto& files = FileSystem::inForce();
     if (auto const status = files.removeIfThere(stateFile(source)); !status)
@@ -307,8 +347,7 @@ std::unique_ptr<Sink> Root::sink(Source const& source) {
     identity.ruleSet = ruleSet();
     auto sink = makeSink(source.kind, identity, ReplayId{source.id}, target, streams_);
     if (auto const started = sink->start(); !started)
-        throw CommandFailure(ExitCode::Failed,
-                             "the store " + source.name + " takes no logs: " + started.text());
+        throw commandFailure("the store " + source.name + " takes no logs", started);
     return sink;
 }
 
@@ -322,41 +361,40 @@ void Root::drain(bool dedup) {
         if (!dedup_)
             dedup_ = std::make_unique<DedupWorker>(streams_);
         if (Status const drained = dedup_->drain([this] { return safePoint(); }); !drained)
-            throw CommandFailure(ExitCode::Failed,
-                                 "the deduplication queue failed: " + drained.text());
+            throw commandFailure("the work of the deduplication queue can't be done", drained);
     }
     if (!cleanup_)
         cleanup_ = std::make_unique<CleanupWorker>(streams_);
     if (!cleanup_->drain())
-        throw CommandFailure(ExitCode::Failed, "the cleanup queue failed");
+        throw CommandFailure(ExitCode::Failed,
+                             "the work of the cleanup queue of " + FixedPath::repositoryStreams() +
+                                 " can't be done (with -v the reason is told); run 'morva check'");
 }
 
-CommandFailure Root::notWritten() const {
-    return {ExitCode::Failed, "not everything could be written to " + path_ +
-                                  "; the repository is as it was at its last checkpoint. Is "
-                                  "there space? Else run 'morva check'"};
+CommandFailure Root::notWritten(Status const& why) const {
+    return commandFailure("not everything could be written to " + path_ +
+                              ", and the repository is as it was at its last checkpoint",
+                          why);
 }
 
 CommandFailure Root::doesNotOpen(Source const& source, Status const& why) {
-    return {ExitCode::Failed,
-            "the store " + source.name + " does not open: " + why.text() + "; run 'morva check'"};
+    return commandFailure("the store " + source.name + " does not open", why);
 }
 
 Status Root::safePoint() {
-    try {
-        checkpointIfDue();
-        return {};
-    } catch (CommandFailure const& failure) {
-        return Status::failure(Status::Code::IoError, "make a checkpoint of", path_,
-                               QString::fromUtf8(failure.what()));
+    if (Output::interrupted.load(std::memory_order_relaxed)) {
+        // What is done so far stays, and the same command goes on from there.
+        MORVA_TRY(tryCheckpoint());
+        return Status::failure(Status::Code::Stopped, "work on", path_);
     }
+    return checkpointIsDue() ? tryCheckpoint() : Status();
 }
 
-void Root::flush() {
-    bool const stores = Replication::StoreTable::flushAll().ok();
-    bool const pool = streams_->flush();
-    if (!stores || !pool)
-        throw notWritten();
+Status Root::flush() {
+    Status flushed = Replication::StoreTable::flushAll();
+    if (!streams_->flush())
+        flushed.update(Status::failure(Status::Code::IoError, "flush the pool of", path_));
+    return flushed;
 }
 
 std::vector<std::uint32_t> Root::openStores() const {
@@ -366,27 +404,36 @@ std::vector<std::uint32_t> Root::openStores() const {
     return ids;
 }
 
-/// After a checkpoint, which holds these stores.
-void Root::keep(std::vector<std::uint32_t> const& stores) {
+/// After a checkpoint, which holds these stores. The file follows with `save`.
+void Root::markMade(std::vector<std::uint32_t> const& stores) {
     for (auto const id : stores)
         sources_.markMade(id);
-    sources_.save();
+}
+
+Status Root::tryCheckpoint() {
+    OperationGate::EnterAlone const alone;
+    MORVA_TRY(flush());
+    MORVA_TRY(journal_->checkpoint());
+    lastCheckpoint_ = std::chrono::steady_clock::now();
+    markMade(openStores());
+    for (auto const& store : std::as_const(open_))
+        store->saved().durable();
+    return {};
 }
 
 void Root::checkpoint() {
-    OperationGate::EnterAlone const alone;
-    flush();
-    if (!journal_->checkpoint())
-        throw notWritten();
-    lastCheckpoint_ = std::chrono::steady_clock::now();
-    keep(openStores());
-    for (auto const& store : std::as_const(open_))
-        store->saved().durable();
+    if (Status const made = tryCheckpoint(); !made)
+        throw notWritten(made);
+    sources_.save();
+}
+
+bool Root::checkpointIsDue() const {
+    return journal_->pendingBytes() > pendingLimit_ ||
+           std::chrono::steady_clock::now() - lastCheckpoint_ > checkpointInterval;
 }
 
 void Root::checkpointIfDue() {
-    if (journal_->pendingBytes() > pendingLimit ||
-        std::chrono::steady_clock::now() - lastCheckpoint_ > checkpointInterval)
+    if (checkpointIsDue())
         checkpoint();
 }
 
@@ -404,10 +451,12 @@ bool Root::close() {
 }
 
 void Root::takeBack() noexcept {
+    bool const closed = close();
     // Where it can't be done now, the next opening does it, and tells the user.
-    if (close() && journal_->rollBack())
+    if (purpose_ == For::Changing && closed && journal_->rollBack())
         QFile::remove(openMark());
     journal_.reset();
+    reading_.reset();
     sources_.takeBack();
 }
 
@@ -416,26 +465,33 @@ void Root::finish() {
         return;
     if (purpose_ == For::Reading) {
         takeBack();
+        if (!lock_.isHeld() && journalOnDisk() != journalRead_)
+            throw CommandFailure(ExitCode::InUse, "the repository at " + path_ +
+                                                      " was changed while it was read, and what "
+                                                      "was shown may be of two states: repeat the "
+                                                      "command");
         return;
     }
     dedup_.reset();
     cleanup_.reset();
-    try {
-        OperationGate::EnterAlone const alone;
-        flush();
-    } catch (...) {
-        takeBack();
-        throw;
-    }
     auto const stores = openStores();
-    (void)close(); // what is still in use has been traced, and is flushed
-    if (!journal_->checkpoint()) {
+    Status kept;
+    {
+        OperationGate::EnterAlone const alone;
+        kept = flush();
+    }
+    if (kept) {
+        (void)close(); // what is still in use has been traced, and is flushed
+        kept = journal_->checkpoint();
+    }
+    if (!kept) {
         takeBack();
-        throw notWritten();
+        throw notWritten(kept);
     }
     journal_.reset();
     QFile::remove(openMark());
-    keep(stores);
+    markMade(stores);
+    sources_.save();
 }
 
 } // namespace Morva

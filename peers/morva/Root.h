@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/files/Journal.h"
+#include "base/files/ReadingFiles.h"
 #include "peers/morva/ExitCode.h"
 #include "peers/morva/Output.h"
 #include "peers/morva/RootLock.h"
@@ -17,6 +18,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace Morva {
@@ -45,7 +47,8 @@ public:
 
     enum class For { Reading, Changing };
     /// Opens the root at its last checkpoint, and its pool; waits so long while another process has
-    /// it. See `RootLock` for what it throws. What is done for reading alone makes no checkpoint.
+    /// it. See `RootLock` for what it throws. For reading nothing on the disk is changed, also
+    /// where a recovery has to come first, and other readers don't wait: see `ReadingFiles`.
     explicit Root(QString const& path, For purpose = For::Changing,
                   std::chrono::milliseconds wait = {});
     /// The root that the command line names.
@@ -100,7 +103,8 @@ public:
     /// The same, if there is much that a crash would cost.
     void checkpointIfDue();
     /// Ends the work, makes it stay, and closes. Fails when something could not be written; then
-    /// the last checkpoint holds.
+    /// the last checkpoint holds. For reading it closes, and fails with `InUse` when no lock could
+    /// be had and the root has been changed meanwhile: then what was read may be of two states.
     void finish();
 
     /// The journal of the root that `FixedPath` names, with all files at their last checkpoint.
@@ -112,21 +116,27 @@ private:
     void findStores();
     void markForDeletion(Source const& source, bool deactivate);
     void openPool();
-    /// A checkpoint in a long work, if one is due.
+    /// Between two steps of a long work: a checkpoint if one is due, and `Stopped` after one when
+    /// the user has interrupted the command.
     [[nodiscard]] Status safePoint();
+    [[nodiscard]] Status tryCheckpoint();
+    [[nodiscard]] bool checkpointIsDue() const;
     [[nodiscard]] static CommandFailure doesNotOpen(Source const& source, Status const& why);
-    void flush();
+    [[nodiscard]] Status flush();
     [[nodiscard]] std::vector<std::uint32_t> openStores() const;
-    void keep(std::vector<std::uint32_t> const& stores);
+    void markMade(std::vector<std::uint32_t> const& stores);
     /// False when something is still in use.
     bool close();
     void takeBack() noexcept;
-    [[nodiscard]] CommandFailure notWritten() const;
+    [[nodiscard]] CommandFailure notWritten(Status const& why) const;
 
     QString path_;
     For purpose_;
     RootLock lock_;
+    std::optional<ReadingFiles> reading_;
+    QByteArray journalRead_; ///< what it was at the opening, where there is no lock
     std::unique_ptr<Journal> journal_;
+    std::uint64_t pendingLimit_ = 0; ///< bytes to copy with which a checkpoint is due
     std::chrono::steady_clock::time_point lastCheckpoint_ = std::chrono::steady_clock::now();
     SourceTable sources_;
     std::shared_ptr<Replication::Streams> streams_;

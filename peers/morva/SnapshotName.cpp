@@ -1,6 +1,6 @@
 #include "peers/morva/SnapshotName.h"
 
-#include "peers/morva/ExitCode.h"
+#include "peers/morva/Failure.h"
 #include "replication/repository/store/RetireList.h"
 #include "replication/repository/store/SnapshotList.h"
 #include "replication/repository/store/Store.h"
@@ -42,8 +42,7 @@ Instance snapshotNamed(Store& store, QString const& name) {
     auto const file = store.snapshots().find(instance);
     if (file)
         if (Status const known = file->status(); !known)
-            throw CommandFailure(ExitCode::Failed, "snapshot " + name + " can't be read: " +
-                                                       known.text() + "; run 'morva check'");
+            throw commandFailure("snapshot " + name + " can't be read", known);
     if (!file || !isVisible(*file))
         throw CommandFailure(ExitCode::Failed, "there is no snapshot " + name);
     return instance;
@@ -53,7 +52,7 @@ Instance takeSnapshot(Store& store, QString const& label) {
     auto const now = static_cast<std::uint32_t>(std::time(nullptr));
     store.retired().timeStamp(now);
     if (Status const taken = store.snapshots().userSnapshot(0, now, label); !taken)
-        throw CommandFailure(ExitCode::Failed, "the snapshot could not be taken: " + taken.text());
+        throw commandFailure("the snapshot could not be taken", taken);
     return store.currentInstance();
 }
 

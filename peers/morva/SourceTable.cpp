@@ -11,6 +11,7 @@
 #include <QDir>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace Morva {
@@ -21,13 +22,32 @@ using Replication::SourceRules;
 
 namespace {
 
+constexpr std::pair<SourceKind, char const*> kinds[] = {{SourceKind::Posix, "posix"},
+                                                        {SourceKind::Windows, "windows"},
+                                                        {SourceKind::Exchange, "exchange"}};
+
 constexpr qsizetype maximumNameBytes = 200; // it is part of the names of files and messages
 
 QString fileName() {
     return FixedPath::configuration() + "/sources.cfg";
 }
 
+/// Nothing for a word that names none.
+std::optional<SourceKind> kindNamed(QString const& name) {
+    for (auto const& [kind, text] : kinds)
+        if (name == QLatin1String(text))
+            return kind;
+    return std::nullopt;
+}
+
 } // namespace
+
+QString kindName(SourceKind kind) {
+    for (auto const& [each, text] : kinds)
+        if (each == kind)
+            return QLatin1String(text);
+    return {};
+}
 
 void SourceTable::load() {
     auto const list = Config::load(fileName());
@@ -36,6 +56,7 @@ void SourceTable::load() {
                              list.absent()
                                  ? fileName() + " isn't there: the root is not whole"
                                  : "can't read " + fileName() + " (with -v the reason is told)");
+    bool kindsMissing = false;
     for (XmlListIterator item(list, QStringLiteral("Source")); item; ++item) {
         auto const entry = item.getXmlList();
         Source source;
@@ -45,14 +66,30 @@ void SourceTable::load() {
         source.made = entry.get("Made", false);
         for (XmlListIterator suffix(entry, QStringLiteral("DedupExclude")); suffix; ++suffix)
             source.dedupExclude += suffix.getString();
-        if (source.name.isEmpty() || source.id == 0)
+        auto const kind = kindNamed(entry.get("Kind", QString()));
+        source.kind = kind.value_or(SourceKind::Posix);
+        if (source.name.isEmpty() || source.id == 0 || (!kind && entry.contains("Kind")))
             throw CommandFailure(ExitCode::Failed, fileName() + " is damaged");
+        kindsMissing = kindsMissing || !kind;
         sources_ += source;
         lastId_ = std::max(lastId_, source.id);
     }
     lastId_ = std::max(lastId_, list.get("LastId", std::uint32_t{0}));
     ruleSet_ = savedRuleSet_ = Replication::latestRuleSetId();
+    if (!sources_.isEmpty() && ruleSet_ == 0)
+        throw CommandFailure(ExitCode::Failed, "the rules of the stores are not at " +
+                                                   FixedPath::rules(1) + ", or can't be read");
+    if (kindsMissing)
+        readKinds();
+}
+
+/// Of a table that an older version wrote.
+void SourceTable::readKinds() {
     Replication::DisRules const rules(ruleSet_);
+    if (!rules.valid())
+        throw CommandFailure(ExitCode::Failed, "the rules in " + FixedPath::rules(ruleSet_) +
+                                                   " are damaged or can't be read (with -v the "
+                                                   "reason is told)");
     for (auto& source : sources_)
         source.kind = sourceKind(rules, source.id).value_or(SourceKind::Posix);
 }
@@ -142,12 +179,13 @@ void SourceTable::write() {
         entry.set("Name", source.name);
         entry.set("Root", source.sourceRoot);
         entry.set("Id", source.id);
+        entry.set("Kind", kindName(source.kind));
         entry.set("Made", source.made);
         for (auto const& suffix : source.dedupExclude)
             entry.set("DedupExclude", suffix, XmlList::SetTypeE::Add);
         all.set("Source", entry, XmlList::SetTypeE::Add);
     }
-    if (!Config::save(fileName(), all))
+    if (!Config::save(fileName(), all, Config::Protection::Sum))
         throw CommandFailure(ExitCode::Failed, "can't write " + fileName());
     savedRuleSet_ = ruleSet_;
 }

@@ -16,11 +16,14 @@ struct Source {
     QString sourceRoot; ///< absolute path on the source
     std::uint32_t id = 0;
     QStringList dedupExclude; ///< ends of names that are not deduplicated
-    Replication::SourceKind kind = Replication::SourceKind::Posix; ///< as the rules have it
+    Replication::SourceKind kind = Replication::SourceKind::Posix;
     /// A checkpoint holds the store: if its files aren't there, they are missing. Before that they
     /// are made at its first use.
     bool made = false;
 };
+
+/// "posix", "windows" or "exchange".
+[[nodiscard]] QString kindName(Replication::SourceKind kind);
 
 /// The stores by name ("config/sources.cfg"), and the rule sets that feed them ("rules/NUMBER").
 ///
@@ -31,6 +34,8 @@ struct Source {
 /// Operations that fail throw `CommandFailure`. References stay good until the next change.
 class SourceTable {
 public:
+    /// Writes the table of a new root.
+    static void make() { SourceTable().write(); }
     /// Reads the files of the root that `FixedPath` names.
     void load();
 
@@ -60,6 +65,7 @@ public:
     [[nodiscard]] static QString faultOfName(QString const& name);
 
 private:
+    void readKinds();
     void write();
     void writeRules();
 

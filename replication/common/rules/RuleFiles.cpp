@@ -135,10 +135,11 @@ bool RuleFiles::write(std::uint32_t ruleSetId) const {
         MORVA_TRACE(Always) << "Failed to make directory for rule set" << ruleSetId << directory;
         return false;
     }
-    return Config::save(directory + QStringLiteral("/policyrules.cfg"), policyRules) &&
-           Config::save(directory + QStringLiteral("/dispatcherrules.cfg"), dispatcherRules) &&
-           Config::save(directory + QStringLiteral("/forwardrules.cfg"), forwardRules) &&
-           Config::save(directory + QStringLiteral("/replayrules.cfg"), replayRules);
+    auto const save = [&](char const* name, XmlList const& list) {
+        return Config::save(directory + QLatin1String(name), list, Config::Protection::Sum);
+    };
+    return save("/policyrules.cfg", policyRules) && save("/dispatcherrules.cfg", dispatcherRules) &&
+           save("/forwardrules.cfg", forwardRules) && save("/replayrules.cfg", replayRules);
 }
 
 std::uint32_t latestRuleSetId() {
