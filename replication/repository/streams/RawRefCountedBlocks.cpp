@@ -115,16 +115,6 @@ bool RawRefCountedBlocks::open(QString const& path, std::uint64_t growSize, bool
     return scope.result(true);
 }
 
-bool RawRefCountedBlocks::unfinished(QString const& path) {
-    std::unique_ptr<RawFile> file = RawFile::make();
-    if (auto const opened = file->open(path + ".blocks", RawFile::Mode::ReadOnly); !opened)
-        return opened.is(Morva::Status::Code::NotFound);
-    std::array<std::uint8_t, controlSize> bytes{};
-    auto const count = file->readAt(0, bytes.data(), controlSize);
-    return count && (*count < controlSize ||
-                     std::ranges::all_of(bytes, [](std::uint8_t byte) { return byte == 0; }));
-}
-
 bool RawRefCountedBlocks::close() {
     TracedLock lock(lock_);
     bool const freeClosed = freeList_.close().ok();

@@ -63,8 +63,6 @@ public:
     /// Reads it from the open ".blocks". False when it can't be read or isn't sound; `control` has
     /// what was read.
     [[nodiscard]] static bool readControl(Morva::RawFile& file, Control& control);
-    /// Whether there is no ".blocks", or one that a `create` left before it was done.
-    [[nodiscard]] static bool unfinished(QString const& path);
     /// Writes what is in memory and closes; false if anything could not be written.
     bool close();
     [[nodiscard]] bool isOpen() const { return file_ != nullptr; }

@@ -168,16 +168,13 @@ TEST_F(RawBlocks, DamagedControlBlockCutsNothingOff) {
 }
 
 TEST_F(RawBlocks, MissingAndUnfinishedFilesAreTold) {
-    EXPECT_TRUE(RawRefCountedBlocks::unfinished(path));
     EXPECT_FALSE(blocks.open(path, 0, false));
     EXPECT_FALSE(QFile::exists(path + ".blocks"));
     ASSERT_TRUE(blocks.create(path, 64, 16, 64, false));
-    EXPECT_FALSE(RawRefCountedBlocks::unfinished(path));
     EXPECT_TRUE(blocks.close());
     QFile::remove(path + ".refs");
     EXPECT_FALSE(blocks.open(path, 64, false));
     EXPECT_FALSE(blocks.isOpen());
     QFile::resize(path + ".blocks", 31);
-    EXPECT_TRUE(RawRefCountedBlocks::unfinished(path));
     EXPECT_FALSE(blocks.open(path, 64, false));
 }

@@ -58,6 +58,24 @@ Streams::Streams(QString const& streamsDirectory, QString const& dataDirectory,
     valid_ = start(streamsDirectory, dataDirectory);
 }
 
+namespace {
+
+/// Whether some file of a pool is there, or can't be looked at and may be.
+bool anyOf(QString const& streamsDirectory, QString const& dataPath) {
+    QStringList names{dataPath + ".blocks", dataPath + ".free", dataPath + ".refs"};
+    for (char const* name : {"indirectdata.blocks", "indirectdata.refs", "nodes", "dedup.tree",
+                             "cleanupqueue", "dedupqueue"})
+        names << streamsDirectory + '/' + QLatin1String(name);
+    for (QString const& name : names) {
+        auto const file = RawFile::make();
+        if (!file->open(name, RawFile::Mode::ReadOnly).is(Morva::Status::Code::NotFound))
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
 bool Streams::start(QString const& streamsDirectory, QString const& dataDirectory) {
     MORVA_METHOD("start");
     auto& files = Morva::FileSystem::inForce();
@@ -65,8 +83,13 @@ bool Streams::start(QString const& streamsDirectory, QString const& dataDirector
         MORVA_TRACE(Always) << "Failed to create directory" << streamsDirectory << dataDirectory;
         return scope.result(false);
     }
-    cleanupQueue_ = std::make_shared<PagedQueue>(streamsDirectory + "/cleanupqueue", 10485760, 100);
-    dedupQueue_ = std::make_shared<PagedQueue>(streamsDirectory + "/dedupqueue", 1048576, 1000);
+    QString const dataPath = dataDirectory + "/data";
+    bool const isNew = !anyOf(streamsDirectory, dataPath);
+    auto const ifMissing = isNew ? PagedQueue::Missing::Make : PagedQueue::Missing::Fail;
+    cleanupQueue_ =
+        std::make_shared<PagedQueue>(streamsDirectory + "/cleanupqueue", 10485760, 100, ifMissing);
+    dedupQueue_ =
+        std::make_shared<PagedQueue>(streamsDirectory + "/dedupqueue", 1048576, 1000, ifMissing);
     if (!*cleanupQueue_ || !*dedupQueue_)
         return scope.result(false);
     data_ = std::make_shared<RawRefCountedBlocks>(configuration_.referenceCountCacheSize);
@@ -75,9 +98,7 @@ bool Streams::start(QString const& streamsDirectory, QString const& dataDirector
     nodes_ = std::make_unique<Blocks>(configuration_.nodeCacheSize);
     dedup_ = std::make_unique<BPlusTree>(configuration_.dedupCacheSize);
 
-    QString const dataPath = dataDirectory + "/data";
-    if (RawRefCountedBlocks::unfinished(dataPath) ? !createFiles(streamsDirectory, dataPath)
-                                                  : !openFiles(streamsDirectory, dataPath))
+    if (isNew ? !createFiles(streamsDirectory, dataPath) : !openFiles(streamsDirectory, dataPath))
         return scope.result(false);
     MORVA_TRACE(Normal) << "Instance" << instance_;
 
@@ -116,25 +137,9 @@ bool Streams::openFiles(QString const& streamsDirectory, QString const& dataPath
     return true;
 }
 
-// The data files come last: while they are not whole the pool counts as not made, and the next
-// start makes all of it again.
 bool Streams::createFiles(QString const& streamsDirectory, QString const& dataPath) {
     QString const nodesPath = streamsDirectory + "/nodes";
     RawFile::Mode const nodeMode = modeOf(configuration_.nodeRandomAccess);
-    auto const exists = Morva::FileSystem::inForce().exists(nodesPath);
-    if (!exists.ok()) {
-        MORVA_TRACE(Always) << "Failed to open stream node files";
-        return false;
-    }
-    if (*exists && nodes_->open(nodesPath, configuration_.nodeGrowSize, nodeMode)) {
-        bool const used = nodes_->blockCount() > Blocks::firstBlock() + 1;
-        (void)nodes_->close(); // it was only looked at
-        if (used) {
-            MORVA_TRACE(Always) << "There are streams, but their data files are missing"
-                                << dataPath;
-            return false;
-        }
-    }
     if (!indirect_->create(streamsDirectory + "/indirectdata", TreeParameters::blockSize,
                            dataReservedBits)) {
         MORVA_TRACE(Always) << "Failed to create stream data files";

@@ -69,8 +69,9 @@ public:
     /// The settings of a "StreamsConfiguration" list; what is missing has its default.
     [[nodiscard]] static Configuration configure(Morva::XmlList const& list);
 
-    /// Opens the pool in two directories, and makes what is missing when the data files are not
-    /// there. Test the object for success.
+    /// Opens the pool in two directories. It is made anew only where not one of its files is there:
+    /// when some are missing, or it can't be told, it stays closed and everything as it is. Test
+    /// the object for success.
     Streams(QString const& streamsDirectory, QString const& dataDirectory,
             Configuration const& configuration);
     /// Sends the deletions that a stop put off, and closes all files.
@@ -198,8 +199,9 @@ private:
     [[nodiscard]] bool joinKey(DedupKey& key, StreamNode node);
     [[nodiscard]] bool useDedup(StreamNode node, std::uint64_t length, Digest const& digest);
     /// Takes a stream of this content out of the index; `missing` is traced when it isn't there.
-    /// Under the dedup lock.
-    void leaveKey(std::uint64_t length, Digest const& digest, char const* missing);
+    /// Under the dedup lock. False, with nothing changed, when the index can't be read or changed.
+    [[nodiscard]] bool leaveKey(std::uint64_t length, Digest const& digest, char const* missing);
+    [[nodiscard]] bool leaveIndex(StreamNode node);
     void updateKey(DedupKey const& key);
     [[nodiscard]] bool isSaved(StreamId id) const;
     [[nodiscard]] bool claimForDeletion(StreamId id, StreamNode& node);

@@ -99,11 +99,17 @@ bool Streams::useDedup(StreamNode node, std::uint64_t length, Digest const& dige
     bool const wasIndexed = node.indexed();
     std::uint64_t const oldLength = node.record().length();
     Digest const oldDigest = node.digest();
+    if (wasIndexed) {
+        // Nothing is begun when the key that is to be left can't be read.
+        DedupKey old(oldLength, oldDigest);
+        if (!dedup_->find(old).ok())
+            return scope.result(false);
+    }
     if (!joinKey(key, node))
         return scope.result(false);
     // The old tree may be going already, but nobody can find its key meanwhile.
-    if (wasIndexed)
-        leaveKey(oldLength, oldDigest, "Dedup key not found");
+    if (wasIndexed && !leaveKey(oldLength, oldDigest, "Dedup key not found"))
+        streamTree_->failed();
     control_.addIndexed(length);
     node.digest(key.digest());
     node.indexed(true);
@@ -113,24 +119,27 @@ bool Streams::useDedup(StreamNode node, std::uint64_t length, Digest const& dige
     return scope.result(true);
 }
 
-void Streams::leaveKey(std::uint64_t length, Digest const& digest, char const* missing) {
+bool Streams::leaveKey(std::uint64_t length, Digest const& digest, char const* missing) {
     DedupKey key(length, digest);
-    if (auto const found = dedup_->find(key); found.ok() && *found) {
+    // A key that can't be read stays, and with it the stream: its blocks would be given to others
+    // while the key still leads there.
+    auto const found = dedup_->find(key);
+    if (!found.ok())
+        return false;
+    if (*found) {
         std::uint32_t const left = key.referenceCount() == 0 ? 0 : key.referenceCount() - 1;
         key.referenceCount(left);
-        if (left != 0) {
-            updateKey(key);
-        } else {
-            if (!dedup_->remove(key))
-                streamTree_->failed();
+        if (!(left != 0 ? dedup_->update(key) : dedup_->remove(key)))
+            return false;
+        if (left == 0)
             control_.removeUnique(length);
-        }
     } else {
         MORVA_CHECK(false, "bKeyFound");
         MORVA_TRACE(Always) << missing;
     }
     control_.removeIndexed(length);
     updateControl();
+    return true;
 }
 
 bool Streams::requestDeleteStream(StreamId id) {
@@ -173,6 +182,16 @@ void Streams::endDeletion(StreamId id, StreamNode node, bool done) {
         streamTree_->failed();
 }
 
+// Before the stream's tree goes, so that nobody joins a key whose blocks are gone.
+bool Streams::leaveIndex(StreamNode node) {
+    TracedLock lock(dedupLock_);
+    if (!leaveKey(node.record().length(), node.digest(), "Dedup Key not found"))
+        return false;
+    node.indexed(false);
+    update(node);
+    return true;
+}
+
 bool Streams::deleteStream(StreamId id, std::function<void()> const& done) {
     MORVA_METHOD("deleteStream");
     if (stopping())
@@ -182,12 +201,12 @@ bool Streams::deleteStream(StreamId id, std::function<void()> const& done) {
         OperationGate::Enter gate;
         if (!node) {
             finished = !claimForDeletion(id, node);
-            if (!finished && node.indexed()) {
-                // Before its tree goes, so that nobody joins a key whose blocks are gone.
-                TracedLock lock(dedupLock_);
-                leaveKey(node.record().length(), node.digest(), "Dedup Key not found");
-                node.indexed(false);
-                update(node);
+            if (!finished && node.indexed() && !leaveIndex(node)) {
+                endDeletion(id, node, false);
+                node = StreamNode();
+                TracedLock lock(nodesLock_);
+                deferredDeletes_.push_back(id); // the next flush asks again
+                finished = true;
             }
         }
         if (node && !finished) {

@@ -1,5 +1,6 @@
 #include "replication/repository/streams/Streams.h"
 
+#include "base/files/FaultyFiles.h"
 #include "base/messages/XmlList.h"
 #include "base/values/Sha1.h"
 #include "replication/repository/streams/DedupRequest.h"
@@ -260,8 +261,9 @@ TEST_F(StreamPool, DedupLeavesWhatItCantOrNeedNotHash) {
 
 TEST_F(StreamPool, MissingFilesNeverMakeANewPoolOfAnOldOne) {
     QString const root = pool.directory.path();
-    for (char const* name : {"/data/data.refs", "/data/data.blocks", "/streams/nodes",
-                             "/streams/indirectdata.blocks", "/streams/dedup.tree"}) {
+    for (char const* name :
+         {"/data/data.refs", "/data/data.blocks", "/data/data.free", "/streams/nodes",
+          "/streams/indirectdata.blocks", "/streams/dedup.tree", "/streams/cleanupqueue"}) {
         SCOPED_TRACE(name);
         auto stream = make(1000);
         stream.reset();
@@ -270,13 +272,70 @@ TEST_F(StreamPool, MissingFilesNeverMakeANewPoolOfAnOldOne) {
         pool.open();
         EXPECT_FALSE(static_cast<bool>(*pool.streams));
         pool.close();
-        QFile::remove(root + name);
+        EXPECT_FALSE(QFile::exists(root + name)) << "nothing is made";
         ASSERT_TRUE(QFile::rename(root + "/away", root + name));
         pool.open();
         ASSERT_TRUE(static_cast<bool>(*pool.streams));
     }
     EXPECT_EQ(audit(), "");
-    EXPECT_EQ(usage(*pool.streams)[2], 5u);
+    EXPECT_EQ(usage(*pool.streams)[2], 7u);
+}
+
+TEST_F(StreamPool, FailedReadsAtOpeningLeaveEverythingAsItIs) {
+    QString const root = pool.directory.path();
+    auto stream = make(10000);
+    StreamId const id = stream->id();
+    stream.reset();
+    pool.close();
+    auto const contents = [&root] {
+        QByteArray all;
+        for (char const* name : {"/data/data.blocks", "/data/data.free", "/streams/nodes",
+                                 "/streams/dedup.tree", "/streams/cleanupqueue"}) {
+            QFile file(root + name);
+            EXPECT_TRUE(file.open(QIODevice::ReadOnly));
+            all += file.readAll();
+        }
+        return all;
+    };
+    QByteArray const before = contents();
+    bool failed = true;
+    for (std::uint64_t n = 0; failed; ++n) {
+        SCOPED_TRACE(n);
+        Morva::FaultyFiles disk;
+        disk.failReadsAfter(n); // this one and all behind it
+        pool.open();
+        failed = disk.faults() != 0;
+        EXPECT_EQ(static_cast<bool>(*pool.streams), !failed);
+        pool.close();
+        ASSERT_EQ(contents(), before);
+    }
+    pool.open();
+    ASSERT_TRUE(static_cast<bool>(*pool.streams));
+    EXPECT_EQ(pool.streams->handle(id, false)->length(), 10000u);
+}
+
+TEST_F(StreamPool, KeyThatCannotBeReadKeepsItsStream) {
+    auto one = make(10000);
+    StreamId const id = one->id();
+    EXPECT_TRUE(dedup(id));
+    Digest const digest = info(*one).digest;
+    one->releaseReference();
+    one.reset();
+    pool.close();
+    {
+        Morva::FaultyFiles disk;
+        pool.open();
+        disk.onlyNamesEndingWith("dedup.tree");
+        disk.failReadsAfter(0);
+        EXPECT_TRUE(pool.cleanup->drain());
+        disk.heal();
+    }
+    EXPECT_TRUE(pool.streams->findDedup(10000, digest));
+    EXPECT_EQ(audit(), "");
+    EXPECT_TRUE(pool.streams->flush());
+    EXPECT_TRUE(pool.cleanup->drain());
+    EXPECT_FALSE(pool.streams->findDedup(10000, digest));
+    EXPECT_EQ(usage(*pool.streams), empty);
 }
 
 TEST_F(StreamPool, StatisticsHaveTheirKeysAndRows) {
