@@ -35,7 +35,7 @@ QString const linkStreamName = QString::fromUtf16(Replication::PosixStream::link
 QString const attributesStreamName = QString::fromUtf16(Replication::PosixStream::attributes);
 
 /// A larger stream of anything but content is damage: Linux bounds what one file can have.
-constexpr std::uint64_t maximumSmallStream = 16 * 1024 * 1024;
+constexpr std::uint64_t maximumSmallStream = PosixAttributes::maximumSize;
 
 /// The value of a look-up; ends the command when it failed.
 template <class Value> Value valueOf(Result<Value> result, QString const& what) {
@@ -170,12 +170,20 @@ void FileTree::walk(Entry const& start, QByteArray const& path, Visitor const& v
 
 namespace {
 
+/// A POSIX file has its mode in its node too. An object of a mail store has nothing there: what
+/// its streams are called is the sender's choice, and means nothing here. Directories of a mail
+/// store have no streams.
+bool isMail(FileNode const& node) {
+    return !node.isDirectory() && (node.attributes() & S_IFMT) == 0;
+}
+
 /// Whether an object has nothing of a POSIX source: it is that of a Windows machine or a mail
 /// store, or a directory that was made because a path needed it.
-bool isForeign(FileNode& node, QByteArray const& security) {
-    if (!security.isEmpty())
-        return Replication::WindowsSecurity::valid(Extent(security));
-    return node.isDirectory() || (node.attributes() & S_IFMT) == 0;
+bool isForeign(FileNode const& node, QByteArray const& security) {
+    if (isMail(node))
+        return true;
+    return security.isEmpty() ? node.isDirectory()
+                              : Replication::WindowsSecurity::valid(Extent(security));
 }
 
 } // namespace
@@ -187,7 +195,8 @@ std::optional<ObjectAttributes> FileTree::attributes(FileNode& node) {
     ObjectAttributes result;
     // Versions that ended under older programs count no names.
     result.links = node.linkCount() == 0 && node.notLinked() ? 1 : node.linkCount();
-    if (auto const security = PosixSecurity::decode(Extent(*record)))
+    auto const security = PosixSecurity::decode(Extent(*record));
+    if (security && !isMail(node))
         result.security = *security;
     else if (isForeign(node, *record)) {
         result.security.mode = node.isDirectory() ? S_IFDIR | 0755 : S_IFREG | 0644;
@@ -223,6 +232,8 @@ std::optional<QByteArray> FileTree::linkTarget(FileNode& node) {
 }
 
 std::optional<PosixAttributes> FileTree::extendedAttributes(FileNode& node) {
+    if (isMail(node))
+        return PosixAttributes();
     auto const record = readSmall(node, attributesStreamName);
     return record ? PosixAttributes::decode(Extent(*record)) : std::nullopt;
 }

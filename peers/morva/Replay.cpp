@@ -4,6 +4,7 @@
 #include "peers/morva/Failure.h"
 
 #include <cstring>
+#include <utility>
 
 namespace Morva {
 
@@ -24,6 +25,8 @@ void Replay::apply(LogPointer const& log) {
         ++counts_.logs;
         counts_.bytes += log->body().size;
         counts_.unknown = sink_->unknownHandleLogs();
+        if (std::exchange(leftOut_, sink_->leftOut()) != sink_->leftOut())
+            ++counts_.failed;
         root_.checkpointIfDue();
         return;
     case DataSink::Outcome::AlreadyReplicated:

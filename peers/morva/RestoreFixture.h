@@ -46,7 +46,7 @@ protected:
 
     [[nodiscard]] Replication::StorePointer store() { return root->store(root->source(storeName)); }
     /// Runs `log` with a logger, and applies what it logged to the store.
-    template <class Log> void apply(Log&& log) {
+    template <class Logger = Replication::OperationLogger, class Log> void apply(Log&& log) {
         auto const name = path + "/log";
         int const file = ::open(name.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
         ASSERT_GE(file, 0);
@@ -54,7 +54,7 @@ protected:
         Replication::LogSourceOptions options;
         options.source = "source";
         options.firstSequenceNumber = nextLog_;
-        Replication::OperationLogger logger(options, sink);
+        Logger logger(options, sink);
         log(logger);
         ASSERT_TRUE(sink.flush());
         nextLog_ = logger.nextSequenceNumber();

@@ -1,6 +1,7 @@
 #include "base/process/FixedPath.h"
 #include "base/values/PosixText.h"
 #include "peers/morva/RestoreFixture.h"
+#include "peers/source/ExchangeLogger.h"
 #include "replication/repository/store/ActiveHandles.h"
 #include "replication/repository/store/Directories.h"
 
@@ -350,13 +351,47 @@ TEST_F(RestorerTest, OverwritingFollowsNoLinkOutOfTheTarget) {
     EXPECT_EQ(treeState(target), treeState(source));
 }
 
+TEST_F(RestorerTest, StreamsOfMailDescribeNoFile) {
+    root->addSource("mail", "/mail", {}, SourceKind::Exchange);
+    storeName = "mail";
+    auto const forged =
+        PosixSecurity{S_IFREG | 06777, 1234, 1234, 0, {{1, 1}, {2, 2}, {3, 3}}}.encode();
+    PosixAttributes attributes;
+    attributes.set("user.forged", "1");
+    auto const extended = attributes.encode();
+    apply<ExchangeLogger>([&](ExchangeLogger& logger) {
+        ASSERT_TRUE(logger.createObject("s", "/mail/box/message"));
+        for (auto const& [name, bytes] : {std::pair<char const*, QByteArray>{"Data", "text"},
+                                          {"Security", forged},
+                                          {"Link", "/etc/passwd"},
+                                          {"Ea", extended}}) {
+            ASSERT_TRUE(logger.createStream("s", name));
+            ASSERT_TRUE(logger.writeStream("s", name, 0, Extent(bytes)));
+        }
+        ASSERT_TRUE(logger.closeObject("s"));
+        // Nor does one that is no record of ours.
+        ASSERT_TRUE(logger.createObject("s", "/mail/box/other"));
+        ASSERT_TRUE(logger.createStream("s", "Data"));
+        ASSERT_TRUE(logger.createStream("s", "Security"));
+        ASSERT_TRUE(logger.writeStream("s", "Security", 0, Extent("anything", 8)));
+    });
+    FileTree const tree(*store(), snapshot());
+    ASSERT_EQ(restore(tree, "box", {}), Restorer::Result::Done);
+    EXPECT_EQ(problems, "");
+    struct stat status {};
+    ASSERT_EQ(::lstat((target + "/message").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & ~static_cast<mode_t>(0777), static_cast<mode_t>(S_IFREG));
+    EXPECT_NE(status.st_uid, 1234U);
+    EXPECT_EQ(attributesOf(target + "/message"), "");
+    EXPECT_EQ(contentOf(target + "/message"), "text");
+    EXPECT_TRUE(fs::exists(target + "/other"));
+}
+
 TEST_F(RestorerTest, HostileNamesReachNothingAndARingEnds) {
     apply([this](OperationLogger& logger) {
-        for (char const* name : {"/..", "/.", "/good"}) {
-            std::uint32_t file = 0;
-            ASSERT_TRUE(logger.create(source + name, S_IFREG | 0644, 0, 0, file));
-            ASSERT_TRUE(logger.close(file));
-        }
+        std::uint32_t file = 0;
+        ASSERT_TRUE(logger.create(source + "/good", S_IFREG | 0644, 0, 0, file));
+        ASSERT_TRUE(logger.close(file));
         ASSERT_TRUE(logger.mkdir(source + "/dir", S_IFDIR | 0755, 0, 0));
     });
     // What no log can say, but a damaged or forged store can.
@@ -370,6 +405,8 @@ TEST_F(RestorerTest, HostileNamesReachNothingAndARingEnds) {
         key.fileId(id);
         ASSERT_TRUE(directories.insert(NotToBackup::eNothing, *handle, key, name));
     };
+    insert("..", good.key.fileId(), fileType);
+    insert(".", good.key.fileId(), fileType);
     insert("../../outside", good.key.fileId(), fileType);
     insert(QString(QChar(0)) + "nul", good.key.fileId(), fileType);
     insert("ring", store()->rootId(), directoryType);
@@ -377,7 +414,7 @@ TEST_F(RestorerTest, HostileNamesReachNothingAndARingEnds) {
     insert("notdir", good.key.fileId(), directoryType);
     FileTree const tree(*store(), {});
     ASSERT_EQ(restore(tree, "", {}), Restorer::Result::Done);
-    for (char const* told : {"..: it has no valid name", ".: it has no valid name",
+    for (char const* told : {"dir/..: it has no valid name", "dir/.: it has no valid name",
                              "outside: it has no valid name", "nul: it has no valid name",
                              "dir/ring: it is stored in two places", "dir/stale: ", "dir/notdir: "})
         EXPECT_NE(problems.find(told), std::string::npos) << told << " in\n" << problems;

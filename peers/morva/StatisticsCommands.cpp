@@ -4,6 +4,7 @@
 #include "peers/morva/Root.h"
 #include "peers/morva/SnapshotName.h"
 #include "peers/morva/SnapshotTree.h"
+#include "replication/repository/replay/UnsupportedPaths.h"
 #include "replication/repository/statistics/SnapshotAnalysis.h"
 #include "replication/repository/store/Store.h"
 
@@ -62,6 +63,10 @@ QJsonValue jsonValue(XmlListIterator const& item) {
 void printFigures(Output const& output, QString const& title, QString const& type,
                   XmlList const& list) {
     QString text = printable(title);
+    for (XmlListIterator item(list.getXmlList(nullptr, "Unsupported"), "Entry"); item; ++item)
+        text += QStringLiteral("\n  can't be stored: %1: %2")
+                    .arg(printable(item.getXmlList().getString(nullptr, "Path")),
+                         item.getXmlList().getString(nullptr, "Reason"));
     for (XmlListIterator item(list); item; ++item)
         if (item.type() != XmlList::ValueTypeE::List)
             text += QStringLiteral("\n  %1 %2")
@@ -72,6 +77,24 @@ void printFigures(Output const& output, QString const& title, QString const& typ
     output.result(text, type, object);
 }
 
+/// The paths where the store isn't what its source is.
+void addUnsupported(Output const& output, QString const& storePath, XmlList& figures) {
+    Replication::UnsupportedPaths unsupported(storePath);
+    if (auto const loaded = unsupported.load(); !loaded)
+        output.error(loaded.text());
+    figures.set("UnsupportedPaths",
+                std::uint64_t{unsupported.paths().size()} + unsupported.leftOut());
+    XmlList entries;
+    for (auto const& [path, reason] : unsupported.paths()) {
+        XmlList entry;
+        entry.set("Path", path);
+        entry.set("Reason", reason);
+        entries.set("Entry", entry, XmlList::SetTypeE::Add);
+    }
+    if (!unsupported.empty())
+        figures.set("Unsupported", entries);
+}
+
 void printStats(Output const& output, Root& root) {
     XmlList pool;
     root.pool().statistics(pool);
@@ -80,8 +103,10 @@ void printStats(Output const& output, Root& root) {
         if (!source.made)
             continue; // nothing was ever brought to it
         XmlList figures;
-        root.store(source, Root::Marked::Given)->statistics(figures);
+        auto const store = root.store(source, Root::Marked::Given);
+        store->statistics(figures);
         figures.set("SequenceNumber", root.position(source));
+        addUnsupported(output, store->path(), figures);
         printFigures(output, source.name, "store", figures);
     }
 }

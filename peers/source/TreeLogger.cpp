@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -242,8 +243,10 @@ void TreeLogger::Walk::visit(Level const& parent, Level::Entry const& entry) {
     if (path_.back() != '/')
         path_ += '/';
     path_ += name;
-    if (std::find(options_.leaveOut.begin(), options_.leaveOut.end(), path_) !=
-        options_.leaveOut.end())
+    if (path_.size() >= PATH_MAX)
+        problem(ENAMETOOLONG, "log");
+    else if (std::find(options_.leaveOut.begin(), options_.leaveOut.end(), path_) !=
+             options_.leaveOut.end())
         add(counts_.skipped);
     else if (!parent.directory)
         problem(ESTALE, "go back to directory of");

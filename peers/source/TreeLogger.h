@@ -50,10 +50,11 @@ struct TreeOptions {
 /// nothing: a directory before what is in it, a file's first name before its others.
 ///
 /// Names are taken in the order of their bytes. File systems mounted below are walked too; symbolic
-/// links are not followed. A file is logged with its size at the time it was opened; one that
-/// shrinks while it is read is cut to what was read. Writes hold at most 1 MiB and leave out holes.
-/// A file that got another size or modification time while it was read may hold parts of two
-/// states, and is a problem. What is gone when its turn comes was not there: no problem.
+/// links are not followed. What has a path of PATH_MAX bytes or more is a problem, and left out. A
+/// file is logged with its size at the time it was opened; one that shrinks while it is read is cut
+/// to what was read. Writes hold at most 1 MiB and leave out holes. A file that got another size or
+/// modification time while it was read may hold parts of two states, and is a problem. What is gone
+/// when its turn comes was not there: no problem.
 class TreeLogger {
 public:
     enum class Result {

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <climits>
 #include <fcntl.h>
 #include <filesystem>
 #include <map>
@@ -250,6 +251,25 @@ TEST_F(TreeLoggerTest, WhatIsLeftOutAndWhatStopsTheWalk) {
     OperationLogger third({}, begun);
     TreeLogger stopped({.stop = [] { return true; }}, third);
     EXPECT_EQ(stopped.run(root), TreeLogger::Result::Stopped);
+}
+
+TEST_F(TreeLoggerTest, PathsThatAreTooLongAreProblems) {
+    std::string const name(250, 'n');
+    int directory = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int levels = 0;
+    for (; levels < 20; ++levels) {
+        ASSERT_EQ(::mkdirat(directory, name.c_str(), 0700), 0);
+        int const next = ::openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ::close(directory);
+        directory = next;
+    }
+    ::close(directory);
+    EXPECT_EQ(walk(), TreeLogger::Result::Done);
+    ASSERT_EQ(problems.size(), 1U);
+    EXPECT_TRUE(problems.front().ends_with(" log " + std::to_string(ENAMETOOLONG)));
+    auto const fits = (PATH_MAX - 1 - root.size()) / (name.size() + 1);
+    // The root's two logs, and two of each directory.
+    EXPECT_EQ(sink.lines.size(), 2 + 2 * fits);
 }
 
 TEST_F(TreeLoggerTest, TreesDeeperThanTheOpenFilesAllowed) {

@@ -63,6 +63,8 @@ struct PosixSecurity {
 ///  bytes; nothing is aligned.
 class PosixAttributes {
 public:
+    /// A larger record is damage, or more than a file can have.
+    static constexpr std::uint32_t maximumSize = 16 << 20;
     using Map = std::map<QByteArray, QByteArray>;
 
     [[nodiscard]] Map const& all() const { return attributes_; }

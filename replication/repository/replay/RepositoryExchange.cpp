@@ -112,6 +112,22 @@ void RepositoryExchange::enter(std::string_view sequence, OpenObject open) {
     openObjects_.insert_or_assign(std::string(sequence), std::move(open));
 }
 
+void RepositoryExchange::openNothing(LogEntry const& log) {
+    if (log.type() != LogType::ExchangeCreateObject)
+        return;
+    OpenObject open;
+    open.object = std::make_shared<SinkHandle>(SinkHandle::Excluded);
+    enter(log.text(LogField::Sque), std::move(open));
+}
+
+QString RepositoryExchange::openPath(LogEntry const& log) {
+    auto const* const open = openObject(log);
+    if (!open || open->object->type != SinkHandle::Valid)
+        return {};
+    auto const& object = *open->object;
+    return sourceRoot() + u'/' + (object.parent + QStringList(object.name)).join(u'/');
+}
+
 bool RepositoryExchange::createObject(LogEntry const& log) {
     MORVA_METHOD("createObject");
     auto const sequence = log.text(LogField::Sque);

@@ -25,6 +25,8 @@ protected:
     void saveMore(SavedHandles& handles) override;
     [[nodiscard]] Morva::Status takeUpMore(SavedHandles& handles) override;
     [[nodiscard]] QList<QStringList> pathsOf(LogEntry const& log) override;
+    void openNothing(LogEntry const& log) override;
+    [[nodiscard]] QString openPath(LogEntry const& log) override;
 
 private:
     /// What a sequence text stands for.

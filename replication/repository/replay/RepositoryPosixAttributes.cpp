@@ -158,17 +158,31 @@ bool RepositoryPosix::changeAttributes(LogEntry const& log,
     if (!object.handle)
         return false;
     auto const& where = object.place;
-    auto const record = readWhole(*object.handle, QString::fromUtf16(PosixStream::attributes));
+    auto const name = QString::fromUtf16(PosixStream::attributes);
+    auto const tooMany = [&] {
+        leaveOut(posixText(log.file()),
+                 QStringLiteral("it has more than 16 MiB of extended attributes"));
+        return true;
+    };
+    auto const size = object.handle->activeHandle->size(name);
+    if (!worked(size.status()))
+        return false;
+    if (*size > PosixAttributes::maximumSize)
+        return tooMany();
+    auto const record = readWhole(*object.handle, name);
     auto attributes = PosixAttributes::decode(Morva::Extent(record));
-    if (!attributes) {
+    if (!attributes || static_cast<std::uint64_t>(record.size()) != *size) {
+        // What can't be read must not be replaced by the one attribute that is known.
         MORVA_TRACE(Always) << "Damaged extended attributes of" << where.path.join(u'/');
-        attributes.emplace();
+        return false;
     }
     change(*attributes);
     auto const encoded = attributes->encode();
-    return encoded == record || worked(store().paths().replaceContent(
-                                    context(log, where.path, where.opType), *object.handle,
-                                    QString::fromUtf16(PosixStream::attributes), encoded));
+    if (encoded.size() > qsizetype{PosixAttributes::maximumSize})
+        return tooMany();
+    return encoded == record ||
+           worked(store().paths().replaceContent(context(log, where.path, where.opType),
+                                                 *object.handle, name, encoded));
 }
 
 bool RepositoryPosix::opEaSetPosix(LogEntry const& log) {

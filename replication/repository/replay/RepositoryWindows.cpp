@@ -159,7 +159,7 @@ bool RepositoryWindows::translate(LogPath const& path, Target& out, QStringList&
             parts += name;
     }
     if (out.unnameable)
-        MORVA_TRACE(Always) << "Names that can't be stored in" << translated_.left(maximumPath);
+        leaveOut(posixText(path.text), QStringLiteral("a name in its path can't be stored"));
     return !out.unnameable;
 }
 

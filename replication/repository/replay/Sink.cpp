@@ -32,8 +32,11 @@ Sink::Sink(Identity identity, ReplayId replayId, StorePointer store,
     : DataSink(std::move(identity)),
       replayId_(replayId),
       store_(std::move(store)),
-      streams_(std::move(streams)) {
+      streams_(std::move(streams)),
+      unsupported_(store_->path()) {
     caseSensitive(store_->caseSensitive());
+    if (auto const loaded = unsupported_.load(); !loaded)
+        MORVA_TRACE(Always) << "Failed to load unsupported paths" << loaded.text();
 }
 
 Sink::~Sink() {
@@ -191,8 +194,12 @@ Status Sink::replay(LogPointer const& log) {
     bool done = true;
     if (log->type() == LogType::PolicyEvent)
         policyEvent(*log);
-    else if (log->type() != LogType::Header && log->type() != LogType::Message)
+    else if (log->type() != LogType::Header && log->type() != LogType::Message &&
+             !leavesOut(*log)) {
         done = replayBody(*log);
+        if (done)
+            noLongerUnsupported(*log);
+    }
     // The data path itself reports success, and what can't be read looks like what isn't there; a
     // log counts as applied only if nothing failed.
     if (failures.any())

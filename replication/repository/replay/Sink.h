@@ -3,6 +3,7 @@
 #include "base/values/PosixText.h"
 #include "replication/common/intake/DataSink.h"
 #include "replication/repository/replay/SavedHandles.h"
+#include "replication/repository/replay/UnsupportedPaths.h"
 #include "replication/repository/store/PathOperations.h"
 #include "replication/repository/store/SavedState.h"
 #include "replication/repository/store/SinkHandle.h"
@@ -46,6 +47,10 @@ public:
     [[nodiscard]] Morva::Status saveState() override;
 
     [[nodiscard]] Store& store() { return *store_; }
+    /// Where the store isn't what the source is, since a log brought what no store can hold.
+    [[nodiscard]] UnsupportedPaths const& unsupported() const { return unsupported_; }
+    /// Logs, or parts of logs, that were left out for that so far.
+    [[nodiscard]] std::uint64_t leftOut() const { return leftOut_; }
     /// The prefix of the source's paths that the store holds.
     [[nodiscard]] QString const& sourceRoot() const { return sourceRoot_; }
     /// Logs on open-file numbers of which no opening is known, so far. What they did is not in the
@@ -59,6 +64,14 @@ protected:
     }
     using SinkHandlePointer = std::shared_ptr<SinkHandle>;
 
+    /// Marks a path as unsupported and tells the user once. What was asked for is left out; no
+    /// resynchronisation is asked for, since it would bring the same again.
+    void leaveOut(QString const& path, QString const& reason);
+    /// What a log that is left out would have opened takes no logs either.
+    virtual void openNothing(LogEntry const& log);
+    /// The path of the file that a log is about through a number, as the source has it; empty when
+    /// none is open under it.
+    [[nodiscard]] virtual QString openPath(LogEntry const& log);
     /// The translation of one log's body into store operations.
     [[nodiscard]] virtual bool replayBody(LogEntry const& log) = 0;
 
@@ -150,6 +163,10 @@ private:
     void addRules(DisPolicy const& policy, DisDataOp const& operation);
     void tookClosed();
     void backup(LogEntry const& log);
+    /// Whether a log brings what no store can hold; then it has been left out.
+    [[nodiscard]] bool leavesOut(LogEntry const& log);
+    [[nodiscard]] bool isBelowRoot(QString const& path) const;
+    void noLongerUnsupported(LogEntry const& log);
 
     ReplayId replayId_;
     StorePointer store_;
@@ -164,6 +181,8 @@ private:
     QSet<std::uint32_t> versionedRules_;
     QHash<std::uint32_t, QSet<std::uint32_t>> backupPolicies_;
     QHash<std::uint32_t, QSet<std::uint32_t>> cdpPolicies_;
+    UnsupportedPaths unsupported_;
+    std::uint64_t leftOut_ = 0;
     QStringList suppressedFiles_;
     QStringList noDedupSuffixes_;
     /// What failed of the log in work for another reason than the state of the tree.

@@ -27,6 +27,7 @@ Status Sink::save(SavedState& saved) {
     if ((stateFile().flags() & StateFile::handlesFlag) == 0 &&
         !stateFile().flag(StateFile::handlesFlag, true))
         return Status::failure(Status::Code::IoError, "write state", identity().stateFile);
+    MORVA_TRY(unsupported_.save());
     return savePosition();
 }
 
