@@ -6,6 +6,7 @@
 #include "replication/common/rules/RuleFiles.h"
 #include "replication/repository/replay/Sink.h"
 #include "replication/repository/store/Outcomes.h"
+#include "replication/repository/store/RetireList.h"
 #include "replication/repository/store/SavedState.h"
 #include "replication/repository/store/StoreFixture.h"
 #include "replication/repository/streams/OperationGate.h"
@@ -86,6 +87,9 @@ protected:
         }
         EXPECT_TRUE(checkpoint());
         sink_.reset();
+        // What its handles ended by going was in memory only.
+        if (end == End::Kill)
+            store_->retired().clear();
         store_.reset();
         closePool();
         openPool();
