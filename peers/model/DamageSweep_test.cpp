@@ -2,7 +2,7 @@
 // deliver a wrong byte and say that all is well, crash or hang; what hurts a reader is found by a
 // check; and what was restored in spite of it is right.
 //
-// A run takes a third of all damages by chance. MORVA_SEED repeats a run; with MORVA_ROUNDS all are
+// A run takes a twelfth of all damages by chance. MORVA_SEED repeats a run; with MORVA_ROUNDS all are
 // done, on that many pages of each file.
 
 #include "peers/model/FaultFixture.h"
@@ -130,7 +130,7 @@ protected:
         }
     }
 
-    [[nodiscard]] bool isTaken() { return rounds() != 0 || random_() % 3 == 0; }
+    [[nodiscard]] bool isTaken() { return rounds() != 0 || random_() % 12 == 0; }
     /// Pages that hold something, in some order.
     std::vector<std::size_t> usedPages(std::string const& content) {
         std::vector<std::size_t> pages;

@@ -458,6 +458,8 @@ void Player::removeEverything() {
                      .ok(),
                  "delete snapshot");
     std::erase_if(snapshots_, [last](auto const& each) { return each.first != last; });
+    // What files held that were open at the last checkpoint goes with the next one.
+    root_->checkpoint();
     applyPool();
 }
 

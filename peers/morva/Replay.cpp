@@ -25,8 +25,10 @@ void Replay::apply(LogPointer const& log) {
         ++counts_.logs;
         counts_.bytes += log->body().size;
         counts_.unknown = sink_->unknownHandleLogs();
-        if (std::exchange(leftOut_, sink_->leftOut()) != sink_->leftOut())
+        if (std::exchange(leftOut_, sink_->leftOut()) != sink_->leftOut()) {
             ++counts_.failed;
+            ++counts_.unsupported;
+        }
         root_.checkpointIfDue();
         return;
     case DataSink::Outcome::AlreadyReplicated:

@@ -18,11 +18,12 @@ class Replay {
 public:
     struct Counts {
         std::uint64_t logs = 0;
-        std::uint64_t bytes = 0;      ///< of log bodies
-        std::uint64_t old = 0;        ///< passed over: the store has had them
-        std::uint64_t failed = 0;     ///< with those that brought what can't be stored
-        std::uint64_t unknown = 0;    ///< of those applied, on files that aren't known to be open
-        std::uint64_t lastNumber = 0; ///< of the last log that was given
+        std::uint64_t bytes = 0;       ///< of log bodies
+        std::uint64_t old = 0;         ///< passed over: the store has had them
+        std::uint64_t failed = 0;      ///< with those that brought what can't be stored
+        std::uint64_t unsupported = 0; ///< of those that failed: no store can hold what they bring
+        std::uint64_t unknown = 0;     ///< of those applied, on files that aren't known to be open
+        std::uint64_t lastNumber = 0;  ///< of the last log that was given
     };
 
     Replay(Root& root, Root::Source const& source, Output& output);
