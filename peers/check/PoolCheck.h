@@ -36,6 +36,11 @@ public:
     }
     /// Counts one reference to a stream; one that isn't there is a fault.
     void addStreamReference(Replication::StreamId id, Owner const& owner);
+    /// A saved state keeps the stream, and will free it where nothing refers to it.
+    void keepStream(Replication::StreamId id) {
+        if (hasStream(id))
+            streams_[id.value].flags |= Waiting;
+    }
     void finish();
 
     /// A copy of a stream's tree record; nothing if there is no such stream.

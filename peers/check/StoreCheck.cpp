@@ -113,6 +113,11 @@ void StoreCheck::findKept() {
     auto read = records.load();
     if (read)
         read = Replication::SavedState::keptNodes(records, kept_);
+    QSet<Replication::StreamId> streams;
+    if (read)
+        read = Replication::SavedState::keptStreams(records, streams);
+    for (auto const id : std::as_const(streams))
+        store_.pool.keepStream(id);
     if (!read)
         store_.fault(FaultKind::SavedState,
                      QStringLiteral("the source's open files can't be known: %1").arg(read.text()));

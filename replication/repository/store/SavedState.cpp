@@ -101,17 +101,21 @@ Status SavedState::keptNodes(SavedRecords const& records, QSet<NodeNumber>& node
     });
 }
 
+Status SavedState::keptStreams(SavedRecords const& records, QSet<StreamId>& streams) {
+    return records.forEach(Section::Stream, [&](Extent key, Extent) -> Status {
+        if (key.size != sizeof(std::uint64_t))
+            return damage("a stream");
+        streams.insert(StreamId{Morva::loadLittle<std::uint64_t>(key.bytes())});
+        return {};
+    });
+}
+
 Status SavedState::readRecords() {
     QSet<NodeNumber> nodes;
     MORVA_TRY(keptNodes(records_, nodes));
-    MORVA_TRY(records_.forEach(Section::Stream, [&](Extent key, Extent) -> Status {
-        if (key.size != sizeof(std::uint64_t))
-            return damage("a stream");
-        StreamId const id{Morva::loadLittle<std::uint64_t>(key.bytes())};
-        streamsKept_.insert(id);
+    MORVA_TRY(keptStreams(records_, streamsKept_));
+    for (auto const id : std::as_const(streamsKept_))
         store_.streams().saveStream(id);
-        return {};
-    }));
     std::lock_guard const guard(lock_);
     nodesKept_ = std::move(nodes);
     return {};

@@ -90,6 +90,9 @@ public:
     /// The nodes that records keep, for a checker too.
     [[nodiscard]] static Morva::Status keptNodes(SavedRecords const& records,
                                                  QSet<NodeNumber>& nodes);
+    /// The streams that records keep although nothing refers to them.
+    [[nodiscard]] static Morva::Status keptStreams(SavedRecords const& records,
+                                                   QSet<StreamId>& streams);
     /// Whether a node that nothing claims is not to be freed.
     [[nodiscard]] bool keeps(NodeNumber node) const;
 
