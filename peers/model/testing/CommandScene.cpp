@@ -75,6 +75,7 @@ Outcome runCommand(std::string const& root, std::vector<std::string> arguments) 
     CommandLine line{app, output, result.code};
     addRootCommands(line);
     addLogCommands(line);
+    addReplicateCommand(line);
     addExcludeCommand(line);
     addSnapshotCommands(line);
     addBrowseCommands(line);
@@ -209,7 +210,7 @@ void Scene::makeLog() const {
     Replication::LogFileSink sink(descriptor);
     Replication::LogSourceOptions options;
     options.source = Context::machineName().name();
-    options.firstSequenceNumber = std::uint64_t{1} << 60;
+    options.firstSequenceNumber = 1'000'000;
     Replication::OperationLogger logger(options, sink);
     auto const at = [&](char const* name) { return source() + name; };
     auto const data = bytes(10'000, 80);
