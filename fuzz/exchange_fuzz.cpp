@@ -180,8 +180,9 @@ private:
         bool const done = place_.apply(LogType::ExchangeCreateStream, [&](LogBuilder& log) {
             log.text(LogField::Sque, sequence).text(LogField::Stream, name);
         });
-        require(done == (known && (!object || *name != '\0')), "a stream is made");
-        if (object && done)
+        // A log with an empty name brings what can't be stored: it is taken, and left out.
+        require(done == known, "a stream is made");
+        if (object && *name != '\0')
             object->streams.try_emplace(text(name).toLower());
     }
     void write(char const* sequence, char const* name, std::uint32_t offset, std::uint32_t size) {
@@ -193,7 +194,7 @@ private:
             log.number(LogField::Offset, offset).bytes(LogField::Data, Extent(data));
         });
         auto const there = object && object->streams.contains(text(name).toLower());
-        require(done == (known && (!object || there)), "a write is done");
+        require(done == (known && (!object || there || *name == '\0')), "a write is done");
         if (!there || size == 0)
             return;
         auto& content = object->streams[text(name).toLower()];

@@ -13,8 +13,10 @@ using Morva::storeLittle;
 namespace {
 
 FileTime load(std::uint8_t const* at) {
-    return {static_cast<std::int64_t>(loadLittle<std::uint64_t>(at)),
-            loadLittle<std::uint32_t>(at + 8)};
+    FileTime const time{static_cast<std::int64_t>(loadLittle<std::uint64_t>(at)),
+                        loadLittle<std::uint32_t>(at + 8)};
+    // One form alone for a time that isn't known.
+    return time.known() ? time : FileTime{};
 }
 
 } // namespace
