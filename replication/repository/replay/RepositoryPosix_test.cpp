@@ -355,9 +355,9 @@ TEST_F(PosixTimes, AWordThatIsSetAloneMeansWholeSeconds) {
 
     // A log whose exact time isn't that of its word is believed by its word.
     ASSERT_TRUE(reset());
+    std::uint8_t packed[FileTimes::packedSize]; // outlives the lambda, as the log needs it
+    FileTimes{{}, {7, 7}, {8, FileTime::nanosecondsPerSecond}}.pack(packed);
     ASSERT_TRUE(done(LogType::PosixSetAttr, [&](LogBuilder& log) {
-        std::uint8_t packed[FileTimes::packedSize];
-        FileTimes{{}, {7, 7}, {8, FileTime::nanosecondsPerSecond}}.pack(packed);
         log.text(F::File, "/src/a").number(F::Flags, allTimes);
         log.number(F::ModificationTime, 1000).number(F::ChangeTime, 8);
         log.bytes(F::ExactTimes, {static_cast<void const*>(packed), sizeof packed});
