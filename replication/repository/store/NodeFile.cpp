@@ -233,8 +233,7 @@ void NodeFile::freeNode(NodePin&& node) {
         return;
     Info info(&pool_.nodeTree(), NodeBlock(block).record());
     info.truncate(0);
-    // A block that is free already stays so; the file has traced it.
-    (void)blocks_->freeBlock(block);
+    (void)blocks_->freeBlock(block); // one that is free already stays so, and is traced
 }
 
 void NodeFile::giveBack(void* block) {
